@@ -1,0 +1,111 @@
+// ProgramResult: what became of each route of the LFIB, and why.
+//
+// Everything is read back from where it ends up: the published status, the adjacencies, the
+// hardware configuration and status, and the tables of the software switch. Nothing is taken from
+// the label table that was read in, so that the result says what is, and not what was wanted. Where
+// the published status and the switch contradict each other, the switch is believed.
+//
+// A result is a view of a settled agent: it holds the keys and states of the routes and reads the
+// rest on demand. It is out of date once the agent goes on.
+//
+// Cost: 9 bytes and about a microsecond a route.
+
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/LabelAgent.h"
+
+namespace Vel::Agent {
+
+enum class ProgramState : uint8_t {
+   programmed,          ///< in hardware, with all of its vias
+   partiallyProgrammed, ///< in hardware, without the vias whose next hop is not resolved
+   unprogrammed,        ///< not in hardware
+   ignored              ///< not for MPLS forwarding
+};
+std::string_view name( ProgramState state );
+
+/// One way that a via resolved to.
+struct ResultExit {
+   std::string interface;
+   Bridging::VlanId vlan = 0;
+   MacAddr mac;
+
+   friend bool operator==( const ResultExit&, const ResultExit& ) = default;
+};
+
+/// One via of a route.
+struct ResultVia {
+   MplsLabelAction action = MplsLabelAction::none;
+   std::vector< U32 > outLabels; ///< top first
+   IpGenAddr nextHop;            ///< may be empty
+   std::string interface;        ///< where the LFIB names one
+   /// What it resolved to, empty while its next hop is not resolved. Several when the LFIB names no
+   /// interface and the next hop is a neighbour on more than one.
+   std::vector< ResultExit > exits;
+
+   bool resolved() const { return !exits.empty(); }
+};
+
+struct ResultRoute {
+   Mpls::RouteKey key;
+   ProgramState state = ProgramState::unprogrammed;
+   std::string reason; ///< for every state but programmed
+   std::optional< U64 > l3Adjacency;
+   std::optional< U64 > l2Adjacency;
+   std::vector< ResultVia > vias; ///< in the order of the LFIB's via set; none when ignored
+};
+
+struct ResultSummary {
+   std::array< size_t, 4 > byState{};
+   size_t routes = 0;
+   size_t l3Adjacencies = 0; ///< via sets that the library has taken up
+   size_t l2Adjacencies = 0; ///< in hardware
+
+   size_t of( ProgramState state ) const { return byState[static_cast< size_t >( state )]; }
+   /// Every route that is to be forwarded is in hardware with all of its vias.
+   bool complete() const {
+      return of( ProgramState::unprogrammed ) == 0 && of( ProgramState::partiallyProgrammed ) == 0;
+   }
+};
+
+class ProgramResult {
+ public:
+   /// The agent must outlive the result, and have settled.
+   explicit ProgramResult( const LabelAgent& agent );
+
+   const ResultSummary& summary() const { return summary_; }
+   size_t routes() const { return routes_.size(); }
+   /// The keys in label order; a deeper stack stands before a shorter one that it begins with.
+   Mpls::RouteKey key( size_t i ) const { return routes_[i]; }
+   ProgramState state( size_t i ) const { return states_[i]; }
+   /// The route at that place, with everything. `out` is overwritten and its memory used again.
+   void read( size_t i, ResultRoute& out ) const;
+   /// The route under that key; nothing when the LFIB has none.
+   std::optional< ResultRoute > route( Mpls::RouteKey key ) const;
+   /// The vias of a via set, as far as MPLS forwarding takes it.
+   void readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
+
+ private:
+   struct Found;
+
+   Found find( Mpls::RouteKey key ) const;
+   ProgramState stateOf( const Found& found ) const;
+   std::string_view contradiction( const Found& found ) const;
+   void readRoute( Mpls::RouteKey key, ResultRoute& out ) const;
+   std::string reasonOf( const Found& found, const ResultRoute& route ) const;
+   std::string unprogrammedReason( const Found& found, const ResultRoute& route ) const;
+   std::string faultReason( const std::string& fault, const ResultRoute& route ) const;
+
+   const LabelAgent& agent_;
+   std::vector< Mpls::RouteKey > routes_;
+   std::vector< ProgramState > states_;
+   ResultSummary summary_;
+};
+
+} // namespace Vel::Agent

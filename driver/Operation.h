@@ -1,0 +1,135 @@
+// Operation: one change of the hardware configuration, as it stood when it was written.
+//
+// The handlers that hear of the configuration only put operations into a queue; a task carries them
+// out in order, each after the service time. A million routes pass through here: an operation is
+// 32 bytes, the queue grows and shrinks in chunks, and the L2 vias of an adjacency wait in a queue
+// of their own.
+
+#pragma once
+
+#include <array>
+#include <deque>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "driver/HwTables.h"
+#include "platform/Scheduler.h"
+
+namespace Vel::Driver {
+
+enum class OperationKind : uint8_t {
+   vrfMade,
+   vrfGone,
+   mplsRouting, ///< the version says whether it is wanted
+   adjacencyWritten,
+   adjacencyRemoved,
+   routeWritten,
+   routeRemoved,
+};
+} // namespace Vel::Driver
+
+template<>
+struct Vel::EnumNames< Vel::Driver::OperationKind > {
+   using Kind = Vel::Driver::OperationKind;
+   static constexpr std::array< std::pair< Kind, std::string_view >, 7 > names{
+      { { Kind::vrfMade, "vrfMade" },
+        { Kind::vrfGone, "vrfGone" },
+        { Kind::mplsRouting, "mplsRouting" },
+        { Kind::adjacencyWritten, "adjacencyWritten" },
+        { Kind::adjacencyRemoved, "adjacencyRemoved" },
+        { Kind::routeWritten, "routeWritten" },
+        { Kind::routeRemoved, "routeRemoved" } } };
+};
+
+namespace Vel::Driver {
+
+struct Operation {
+   OperationKind kind = OperationKind::vrfMade;
+   VrfId vrfId = 0;
+   U64 version = 0;                ///< of what was written
+   Mpls::RouteKey routeKey{};      ///< of a route
+   Ptr< HwAdjacency > adjacency{}; ///< an adjacency, or that of a written route
+};
+/// "routeWritten vrf 0 routeKey 16001 adjacency 7 version 3"
+void appendText( std::string& out, const Operation& operation );
+
+/// First in, first out, in chunks: adding moves nothing, and a queue that is emptied as it is
+/// filled stays in one chunk.
+template< class T >
+class ChunkedQueue {
+   static constexpr size_t chunkSize = 1024;
+   using Chunk = std::array< T, chunkSize >;
+
+ public:
+   size_t size() const { return size_; }
+   bool empty() const { return size_ == 0; }
+   void push( T value ) {
+      if ( last_ == chunks_.size() * chunkSize ) {
+         chunks_.push_back( spare_ ? std::move( spare_ ) : std::make_unique< Chunk >() );
+      }
+      ( *chunks_[last_ / chunkSize] )[last_ % chunkSize] = std::move( value );
+      ++last_;
+      ++size_;
+   }
+   T pop() {
+      T first = std::move( ( *chunks_.front() )[first_++] );
+      if ( --size_ == 0 ) {
+         first_ = last_ = 0; // all in the one chunk that is left
+      } else if ( first_ == chunkSize ) {
+         spare_ = std::move( chunks_.front() );
+         chunks_.pop_front();
+         first_ = 0;
+         last_ -= chunkSize;
+      }
+      return first;
+   }
+
+ private:
+   std::deque< std::unique_ptr< Chunk > > chunks_;
+   std::unique_ptr< Chunk > spare_;
+   size_t size_ = 0;
+   size_t first_ = 0; // in the first chunk
+   size_t last_ = 0;  // one past the last element, counted from the first chunk's begin
+};
+
+/// Operations that wait, first in first out, and the task that comes for them.
+class OperationQueue {
+ public:
+   /// The hardware takes `serviceTimeSeconds` for each operation; 0 is no time.
+   OperationQueue( Ptr< TimerTask > task, double serviceTimeSeconds )
+      : task_( std::move( task ) ), serviceTimeSeconds_( serviceTimeSeconds ) {}
+   OperationQueue( const OperationQueue& ) = delete;
+   OperationQueue& operator=( const OperationQueue& ) = delete;
+
+   size_t size() const { return waiting_.size(); }
+   bool empty() const { return waiting_.empty(); }
+   void push( Operation operation ) {
+      if ( waiting_.empty() ) {
+         begin();
+      }
+      waiting_.push( std::move( operation ) );
+   }
+   /// Adds the writing of an adjacency, with its L2 vias as they are now.
+   void pushAdjacency( Operation operation );
+
+   /// Whether the hardware is through with the first operation.
+   bool ready() const;
+   Operation pop();
+   /// The vias of the adjacency operation that `pop` gave last; to be taken once for each.
+   Mpls::Hardware::L2ViaSet popViaSet();
+   /// Has the task run when the first operation is ready.
+   void schedule();
+
+ private:
+   double now() const { return task_->scheduler()->clock()->now(); }
+   void begin();
+
+   Ptr< TimerTask > task_;
+   double serviceTimeSeconds_;
+   double readyAt_ = 0; // of the first operation; with a service time only
+   ChunkedQueue< Operation > waiting_;
+   std::deque< Mpls::Hardware::L2ViaSet > viaSets_;
+};
+
+} // namespace Vel::Driver

@@ -1,0 +1,337 @@
+#include "driver/SoftwareSwitch.h"
+
+#include <utility>
+
+#include "platform/Trace.h"
+
+namespace Vel::Driver {
+
+using Mpls::RouteKey;
+
+namespace {
+
+TraceHandle traceHandle( "SoftwareSwitch" );
+
+// Takes back what a driver has said of a VRF, except the routes listed as unprogrammed.
+void withdraw( MplsHwVrfStatus& status ) {
+   status.routeDelAll();
+   status.unprogrammedAdjacencyDelAll();
+   status.l2AdjacencyDelAll();
+   status.mplsRoutingIs( false );
+}
+
+/// Notices that a key has left the list, whoever took it off.
+class ListReactor : public MplsHwVrfStatus::Reactor {
+ public:
+   ListReactor( const MplsHwVrfStatus* status, LabelSet< RouteKey >& listed ) : listed_( listed ) {
+      notifierIs( status );
+   }
+   void onUnprogrammedRoute( RouteKey key ) override {
+      if ( !notifier()->unprogrammedRouteHas( key ) ) {
+         listed_.erase( key );
+      }
+   }
+
+ private:
+   LabelSet< RouteKey >& listed_;
+};
+
+} // namespace
+
+struct SoftwareSwitch::Vrf : HwVrf {
+   Vrf( VrfId id, MplsHwVrfStatus* hwStatus )
+      : HwVrf( id, hwStatus ), listReactor( hwStatus, listedRoute ) {}
+
+   ListReactor listReactor;
+};
+
+class SoftwareSwitch::ConfigReactor : public MplsHwConfig::Reactor {
+ public:
+   explicit ConfigReactor( SoftwareSwitch& owner ) : owner_( owner ) {
+      notifierIs( owner.config_.get() );
+   }
+   void onVrfConfig( VrfId vrfId ) override { owner_.handleVrfConfig( vrfId ); }
+
+ private:
+   SoftwareSwitch& owner_;
+};
+
+class SoftwareSwitch::TaskReactor : public TimerTask::Reactor {
+ public:
+   explicit TaskReactor( SoftwareSwitch& owner ) : owner_( owner ) {
+      notifierIs( owner.task_.get() );
+   }
+   void onTaskRun() override { owner_.run(); }
+
+ private:
+   SoftwareSwitch& owner_;
+};
+
+// --- The owner's side.
+
+SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > hwStatus,
+                                Ptr< Scheduler > scheduler, SwitchSettings settings )
+   : config_( std::move( config ) ),
+     hwStatus_( std::move( hwStatus ) ),
+     settings_( std::move( settings ) ),
+     task_( scheduler->taskIs( "softwareSwitch", TaskPriority::normal ) ),
+     queue_( task_, settings_.serviceTimeSeconds ),
+     status_( make< SwitchStatus >( queue_, settings_.breachIsFatal ) ) {
+   taskReactor_ = std::make_unique< TaskReactor >( *this );
+   forgetEarlierDriver();
+   configReactor_ = std::make_unique< ConfigReactor >( *this );
+   for ( const auto& [vrfId, vrfConfig] : config_->vrfConfig() ) {
+      handleVrfConfig( vrfId );
+   }
+}
+
+SoftwareSwitch::~SoftwareSwitch() {
+   status_->queue_ = nullptr;
+}
+
+// Which listed keys are an earlier driver's: those of the configuration. The others are the
+// library's own.
+void SoftwareSwitch::forgetEarlierDriver() {
+   for ( const auto& [vrfId, status] : hwStatus_->vrfStatus() ) {
+      withdraw( *status );
+      const MplsHwVrfConfig* const config = config_->vrfConfig( vrfId );
+      if ( config == nullptr ) {
+         hwStatus_->vrfStatusDel( vrfId );
+         continue;
+      }
+      for ( const RouteKey key : status->unprogrammedRoute() ) {
+         if ( config->routeHas( key ) ) {
+            status->unprogrammedRouteDel( key );
+         }
+      }
+   }
+}
+
+ForwardResult SoftwareSwitch::forward( VrfId vrfId, ByteView frame ) {
+   ForwardResult result;
+   if ( const HwVrf* const there = vrf( vrfId ); there && there->mplsRouting ) {
+      result = forwardFrame( there->route, frame, settings_.macAddr );
+   } else {
+      result.drop = DropReason::routingDisabled;
+      result.text = joinText( "label forwarding is off in vrf ", vrfId );
+   }
+   ++( result.frames.empty() ? status_->framesDropped_ : status_->framesForwarded_ );
+   return result;
+}
+
+const HwVrf* SoftwareSwitch::vrf( VrfId vrfId ) const {
+   const std::unique_ptr< Vrf >* const found = vrf_.find( vrfId );
+   return found ? found->get() : nullptr;
+}
+
+const HwRoute* SoftwareSwitch::route( VrfId vrfId, RouteKey key ) const {
+   const HwVrf* const there = vrf( vrfId );
+   return there ? there->route.find( key ) : nullptr;
+}
+
+void SoftwareSwitch::capacityIs( size_t routes, size_t adjacencies ) {
+   settings_.routeCapacity = routes;
+   settings_.adjacencyCapacity = adjacencies;
+}
+
+// --- The queue.
+
+void SoftwareSwitch::handleVrfConfig( VrfId vrfId ) {
+   watch_.erase( vrfId );
+   const MplsHwVrfConfig* const config = config_->vrfConfig( vrfId );
+   if ( config == nullptr ) {
+      queue_.push( { .kind = OperationKind::vrfGone, .vrfId = vrfId } );
+      return;
+   }
+   if ( settings_.createStatusAtOnce ) {
+      makeVrf( vrfId );
+   }
+   queue_.push( { .kind = OperationKind::vrfMade, .vrfId = vrfId } );
+   watch_.emplace( vrfId, std::make_unique< ConfigWatch >( *config, queue_, status_->breachLog_ ) );
+}
+
+void SoftwareSwitch::run() {
+   while ( queue_.ready() && !task_->shouldYield() ) {
+      carryOut( queue_.pop() );
+      task_->workCountInc();
+   }
+   queue_.schedule();
+}
+
+void SoftwareSwitch::carryOut( Operation operation ) {
+   VEL_TRACE( traceHandle, 8, "carry out ", operation );
+   ++status_->operations_;
+   if ( operation.kind == OperationKind::vrfGone ) {
+      removeVrf( operation.vrfId );
+      return;
+   }
+   // Already there when the status is made at once; made again when a VRF went and came back.
+   HwVrf& vrf = makeVrf( operation.vrfId );
+   switch ( operation.kind ) {
+   case OperationKind::vrfMade:
+   case OperationKind::vrfGone:
+      break;
+   case OperationKind::mplsRouting:
+      vrf.mplsRouting = operation.version != 0;
+      vrf.status->mplsRoutingIs( vrf.mplsRouting );
+      break;
+   case OperationKind::adjacencyWritten:
+      writeAdjacency( vrf, operation );
+      break;
+   case OperationKind::adjacencyRemoved:
+      removeAdjacency( vrf, operation );
+      break;
+   case OperationKind::routeWritten:
+      writeRoute( vrf, std::move( operation ) );
+      break;
+   case OperationKind::routeRemoved:
+      removeRoute( vrf, operation.routeKey );
+      break;
+   }
+}
+
+// --- VRFs.
+
+HwVrf& SoftwareSwitch::makeVrf( VrfId vrfId ) {
+   if ( lastVrf_ && lastVrf_->vrfId == vrfId ) {
+      return *lastVrf_;
+   }
+   std::unique_ptr< Vrf >* found = vrf_.find( vrfId );
+   if ( found == nullptr ) {
+      MplsHwVrfStatus* const status = hwStatus_->vrfStatusIs( vrfId );
+      found = vrf_.emplace( vrfId, std::make_unique< Vrf >( vrfId, status ) ).first;
+   }
+   lastVrf_ = found->get();
+   return *lastVrf_;
+}
+
+void SoftwareSwitch::removeVrf( VrfId vrfId ) {
+   std::unique_ptr< Vrf >* const found = vrf_.find( vrfId );
+   if ( found == nullptr ) {
+      return;
+   }
+   lastVrf_ = nullptr;
+   HwVrf& vrf = **found;
+   status_->routes_ -= vrf.route.size();
+   status_->adjacencies_ -= vrf.adjacency.size();
+   for ( const RouteKey key : vrf.listedRoute ) {
+      vrf.status->unprogrammedRouteDel( key );
+   }
+   withdraw( *vrf.status );
+   hwStatus_->vrfStatusDel( vrfId );
+   vrf_.erase( vrfId );
+}
+
+const MplsHwVrfConfig* SoftwareSwitch::configOf( const HwVrf& vrf ) const {
+   return config_->vrfConfig( vrf.vrfId );
+}
+
+UnprogrammedReason SoftwareSwitch::planned( const Operation& operation ) const {
+   return settings_.refuse ? settings_.refuse( operation ) : UnprogrammedReason::Success;
+}
+
+// --- Adjacencies.
+
+UnprogrammedReason SoftwareSwitch::adjacencyRefusal( const Operation& operation,
+                                                     bool empty ) const {
+   if ( empty ) {
+      return UnprogrammedReason::InterfaceNotReady;
+   }
+   const size_t capacity = settings_.adjacencyCapacity;
+   if ( capacity != 0 && adjacencies() >= capacity && !operation.adjacency->inHardware() ) {
+      return UnprogrammedReason::AdjacencyFull;
+   }
+   return planned( operation );
+}
+
+void SoftwareSwitch::writeAdjacency( HwVrf& vrf, const Operation& operation ) {
+   HwAdjacency& adjacency = *operation.adjacency;
+   const Ptr< Mpls::Hardware::L2Adjacency >& l2Adjacency = adjacency.l2Adjacency();
+   const Mpls::Hardware::L2ViaSet vias = queue_.popViaSet();
+   const UnprogrammedReason reason = adjacencyRefusal( operation, vias.empty() );
+   if ( reason != UnprogrammedReason::Success ) {
+      ++status_->refused_;
+      VEL_RING( traceHandle, "refused l2 adj, reason", adjacency.index(), reason );
+      adjacency.refused( reason );
+      const MplsHwVrfConfig* const config = configOf( vrf );
+      if ( config && config->l2AdjacencyHas( l2Adjacency ) ) {
+         vrf.status->unprogrammedReasonIs( reason );
+         vrf.status->unprogrammedAdjacencyIs( l2Adjacency );
+      }
+      return;
+   }
+   const auto version = static_cast< U32 >( operation.version );
+   adjacency.programmed( vias, version );
+   status_->adjacencies_ += vrf.adjacency.insert( operation.adjacency );
+   vrf.status->unprogrammedAdjacencyDel( l2Adjacency );
+   vrf.status->l2AdjacencyIs( l2Adjacency, version );
+}
+
+void SoftwareSwitch::removeAdjacency( HwVrf& vrf, const Operation& operation ) {
+   HwAdjacency& adjacency = *operation.adjacency;
+   adjacency.removed();
+   if ( vrf.adjacency.erase( operation.adjacency ) ) {
+      --status_->adjacencies_;
+      vrf.status->l2AdjacencyDel( adjacency.l2Adjacency() );
+   }
+   vrf.status->unprogrammedAdjacencyDel( adjacency.l2Adjacency() );
+}
+
+// --- Routes.
+
+UnprogrammedReason SoftwareSwitch::routeRefusal( const HwVrf& vrf,
+                                                 const Operation& operation ) const {
+   const HwAdjacency* const adjacency = operation.adjacency.get();
+   if ( adjacency == nullptr || !adjacency->inHardware() ) {
+      return adjacency && adjacency->refusal() != UnprogrammedReason::Success
+                ? adjacency->refusal()
+                : UnprogrammedReason::InterfaceNotReady;
+   }
+   const size_t capacity = settings_.routeCapacity;
+   if ( capacity != 0 && routes() >= capacity && !vrf.route.has( operation.routeKey ) ) {
+      return UnprogrammedReason::RouteFull;
+   }
+   return planned( operation );
+}
+
+void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
+   const RouteKey key = operation.routeKey;
+   const UnprogrammedReason reason = routeRefusal( vrf, operation );
+   if ( reason != UnprogrammedReason::Success ) {
+      ++status_->refused_;
+      VEL_RING( traceHandle, "refused routeKey, reason", key, reason );
+      takeRouteOut( vrf, key );
+      const MplsHwVrfConfig* const config = configOf( vrf );
+      if ( config && config->routeHas( key ) ) {
+         vrf.status->unprogrammedReasonIs( reason );
+         vrf.listedRoute.insert( key );
+         vrf.status->unprogrammedRouteIs( key );
+      }
+      return;
+   }
+   const MplsHwRoute done{ key, operation.adjacency->l2Adjacency(), operation.version };
+   const auto [route, made] = vrf.route.emplace( key );
+   route->adjacency = std::move( operation.adjacency );
+   route->version = operation.version;
+   status_->routes_ += made;
+   if ( vrf.status->unprogrammedRouteHas( key ) ) { // by whomever: the configuration holds it
+      vrf.status->unprogrammedRouteDel( key );
+   }
+   vrf.status->routeIs( done );
+}
+
+void SoftwareSwitch::removeRoute( HwVrf& vrf, RouteKey key ) {
+   takeRouteOut( vrf, key );
+   if ( vrf.listedRoute.has( key ) ) { // else the library has taken it off already
+      vrf.status->unprogrammedRouteDel( key );
+   }
+}
+
+void SoftwareSwitch::takeRouteOut( HwVrf& vrf, RouteKey key ) {
+   if ( vrf.route.erase( key ) ) {
+      --status_->routes_;
+      vrf.status->routeDel( key );
+   }
+}
+
+} // namespace Vel::Driver

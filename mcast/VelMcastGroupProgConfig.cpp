@@ -1,0 +1,8 @@
+#include "mcast/VelMcastGroupProgConfig.h"
+
+namespace Vel {
+
+ENTITY_SOURCE( McastGroupProgInfo )
+ENTITY_SOURCE( McastGroupProgConfig )
+
+} // namespace Vel

@@ -1,0 +1,53 @@
+// The replication groups that MplsSm needs, as it describes them to the multicast group programmer.
+
+#pragma once
+
+#include <string>
+
+#include "platform/Entity.h"
+#include "platform/FecTypes.h"
+
+namespace Vel {
+
+/// One replication group: its members and their out-interfaces.
+class VEL_EXPORT McastGroupProgInfo : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< McastGroupProgInfo > {
+    public:
+      virtual void onRequestId() {}
+   };
+
+   // clang-format off
+   ENTITY( McastGroupProgInfo )
+   KEY( U16, mcastGroupId )
+   ATTRIBUTE( U32, mcastHwId )
+   COLLECTION( Hash, Fib::FecId, U64, outLif )    // a member and its hardware out-interface
+   ATTRIBUTE( U32, requestId, onRequestId )
+   ENTITY_END_IN_SOURCE
+   // clang-format on
+
+ public:
+   explicit McastGroupProgInfo( U16 groupId ) : mcastGroupId_( groupId ) {}
+   void requestIdInc( U32 delta = 1 ) { requestIdIs( requestId() + delta ); }
+};
+
+/// All replication groups. Written by MplsSm.
+class VEL_EXPORT McastGroupProgConfig : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< McastGroupProgConfig > {
+    public:
+      virtual void onMcastGroupProgInfo( U16 ) {}
+   };
+
+   // clang-format off
+   ENTITY( McastGroupProgConfig )
+   KEY( std::string, configName )
+   ENTITY_COLLECTION( Hash, U16, McastGroupProgInfo, mcastGroupProgInfo, onMcastGroupProgInfo )
+   ENTITY_END_IN_SOURCE
+   // clang-format on
+
+ public:
+   explicit McastGroupProgConfig( std::string name ) : configName_( std::move( name ) ) {}
+};
+
+} // namespace Vel

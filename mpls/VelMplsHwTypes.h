@@ -1,0 +1,162 @@
+// The hardware programming model: what the library asks of the hardware driver, and what the driver reports.
+//
+// The library writes `MplsHwConfig`: for each VRF whether label forwarding is wanted, the L2 adjacencies and the label
+// routes that point at them. The driver writes `MplsHwStatus`: what it has carried out and what it could not. Every
+// (re)programming carries a new version, so that the driver sees a change even where the content is the same, and a
+// route counts as confirmed with the version that was carried out. docs/driver-contract.md has the driver's side.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Entity.h"
+#include "platform/HwMplsStatus.h"
+
+namespace Vel {
+
+/// Why the driver, or the library itself, gave up on a route.
+enum class UnprogrammedReason : U32 {
+   Success = 0,
+   AdjacencyFull = 1,
+   RouteFull = 2,
+   InterfaceNotReady = 3,
+};
+template<>
+struct EnumNames< UnprogrammedReason > {
+   static constexpr std::array< std::pair< UnprogrammedReason, std::string_view >, 4 > names{
+      { { UnprogrammedReason::Success, "Success" },
+        { UnprogrammedReason::AdjacencyFull, "AdjacencyFull" },
+        { UnprogrammedReason::RouteFull, "RouteFull" },
+        { UnprogrammedReason::InterfaceNotReady, "InterfaceNotReady" } } };
+};
+
+/// How the vias of a FEC are to be programmed.
+enum class MplsFecProgAction : U32 {
+   unknownAction = 0,
+   programAction = 1,
+   partiallyProgramAction = 2,
+};
+template<>
+struct EnumNames< MplsFecProgAction > {
+   static constexpr std::array< std::pair< MplsFecProgAction, std::string_view >, 3 > names{
+      { { MplsFecProgAction::unknownAction, "unknownAction" },
+        { MplsFecProgAction::programAction, "programAction" },
+        { MplsFecProgAction::partiallyProgramAction, "partiallyProgramAction" } } };
+};
+
+/// A label route as the driver is to program it: key, adjacency and the version of the writing.
+struct MplsHwRoute {
+   Mpls::RouteKey routeKey;
+   Ptr< Mpls::Hardware::L2Adjacency > l2Adjacency;
+   U64 version = 0;
+
+   bool operator!() const { return *this == MplsHwRoute(); }
+   friend bool operator==( const MplsHwRoute&, const MplsHwRoute& ) = default;
+
+   /// Finds the adjacency for the text form of one; null when it knows none.
+   using AdjacencyResolver = Ptr< Mpls::Hardware::L2Adjacency > ( * )( std::string_view text, void* context );
+   /// From the text form, in which the adjacency stands as its index or None; nothing when the text is no such value
+   /// or names an adjacency that the resolver does not know.
+   VEL_EXPORT static std::optional< MplsHwRoute > parse( std::string_view text,
+                                                         AdjacencyResolver resolver, void* context );
+};
+/// "Value('Vel::MplsHwRoute', ** {...})".
+VEL_EXPORT void appendText( std::string& out, const MplsHwRoute& route );
+
+/// What the driver is to program in one VRF. Written by the library.
+class VEL_EXPORT MplsHwVrfConfig : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< MplsHwVrfConfig > {
+    public:
+      virtual void onMplsRouting() {}
+      virtual void onL2Adjacency( const Ptr< Mpls::Hardware::L2Adjacency >& ) {}
+      virtual void onRoute( Mpls::RouteKey ) {}
+   };
+
+   ENTITY( MplsHwVrfConfig )
+   KEY( VrfId, vrfId )
+   ATTRIBUTE( bool, mplsRouting, onMplsRouting )
+   COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency, onL2Adjacency )
+   VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit MplsHwVrfConfig( VrfId vrfId ) : vrfId_( vrfId ) {}
+};
+
+/// The hardware configuration. Written by the library, read by the driver; never restored from a backup copy.
+class VEL_EXPORT MplsHwConfig : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< MplsHwConfig > {
+    public:
+      virtual void onVrfConfig( VrfId ) {}
+   };
+
+   ENTITY( MplsHwConfig )
+   KEY( std::string, configName )
+   ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfConfig, vrfConfig, onVrfConfig )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit MplsHwConfig( std::string name ) : configName_( std::move( name ) ) {}
+   bool hasBackupSupport() const override { return false; }
+};
+
+/// What the driver reports of one VRF. Lines marked (sm) are written by the label state machine too.
+class VEL_EXPORT MplsHwVrfStatus : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< MplsHwVrfStatus > {
+    public:
+      virtual void onMplsRouting() {}
+      virtual void onRoute( Mpls::RouteKey ) {}
+      virtual void onUnprogrammedRoute( Mpls::RouteKey ) {}
+      virtual void onUnprogrammedAdjacency( const Ptr< Mpls::Hardware::L2Adjacency >& ) {}
+      virtual void onMcastHwIdSeq( U16 ) {}
+   };
+
+   ENTITY( MplsHwVrfStatus )
+   KEY( VrfId, vrfId )
+   ATTRIBUTE( bool, mplsRouting, onMplsRouting ) // acknowledges the configuration
+   COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency ) // the version carried out
+   VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
+   ATTRIBUTE( UnprogrammedReason, unprogrammedReason )                        // (sm)
+   SET( LabelSet, Mpls::RouteKey, unprogrammedRoute, onUnprogrammedRoute )    // (sm)
+   SET( HashSet, Ptr< Mpls::Hardware::L2Adjacency >, unprogrammedAdjacency, onUnprogrammedAdjacency )
+   COLLECTION( Hash, U16, U32, mcastHwId )                    // (sm) hardware id of a multicast group
+   COLLECTION( Hash, U16, U32, mcastHwIdSeq, onMcastHwIdSeq ) // (sm) counts the changes of it
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit MplsHwVrfStatus( VrfId vrfId ) : vrfId_( vrfId ) {}
+
+   /// Adds to a group's change counter, wrapping, and gives the new value. A missing entry is made with 0 first; only
+   /// a value that differs from the old one is heard of.
+   U32 mcastHwIdSeqInc( U16 groupId, U32 delta );
+};
+
+/// The hardware status. Written by the driver; never restored from a backup copy.
+class VEL_EXPORT MplsHwStatus : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< MplsHwStatus > {
+    public:
+      virtual void onVrfStatus( VrfId ) {}
+   };
+
+   ENTITY( MplsHwStatus )
+   KEY( std::string, statusName )
+   ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfStatus, vrfStatus, onVrfStatus )
+   ATTRIBUTE( U32, maxEcmpSize )           // for other consumers
+   ATTRIBUTE( bool, lfibCountersSupported ) // for other consumers
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit MplsHwStatus( std::string name ) : statusName_( std::move( name ) ) {}
+   bool hasBackupSupport() const override { return false; }
+};
+
+VEL_EXPORT Ptr< MplsHwConfig > mplsHwConfigFactory( std::string name );
+VEL_EXPORT Ptr< MplsHwStatus > mplsHwStatusFactory( std::string name );
+
+} // namespace Vel

@@ -1,0 +1,344 @@
+// MplsSm: L3 adjacencies. One for each via set in use; this room makes, processes and deletes them.
+
+#include "mpls/VelMplsSm.h"
+#include "mpls/VelMplsTrace.h"
+
+namespace Vel {
+
+namespace {
+
+std::string subject( const L3Adjacency& l3Adj ) { return l3Adj.fullName(); }
+
+} // namespace
+
+L3Adjacency* MplsSm::newL3Adjacency( VrfMplsState& vrfState ) {
+   const U64 index = adjacencyIndex();
+   MPLS_TRACE( 3, "create l3 adj ", index );
+   adjacencyIndexInc();
+   in_.routingHwMplsStatus->adjacencyIs( index );
+   return vrfState.l3AdjacencyMake( index );
+}
+
+// --- Classification.
+
+L3AdjLFibAdjType MplsSm::lFibAdjTypeOf( const CachedLFibMplsViaColl& vias ) {
+   L3AdjLFibAdjType type = L3AdjLFibAdjType::adjTypeRegular;
+   for ( const auto& [ index, via ] : vias.via() ) {
+      if ( DynamicTunnelIntfId::isDynamicTunnelIntfId( via.intf ) ) {
+         return L3AdjLFibAdjType::adjTypeDynamicTunnel;
+      }
+      if ( Fib::FecIdIntfId::isNexthopGroupIdIntfId( via.intf ) ) {
+         type = L3AdjLFibAdjType::adjTypeNexthopGroup;
+      }
+   }
+   return type;
+}
+
+template< class Test >
+bool MplsSm::someViaIntf( const L3Adjacency& l3Adj, const Test& test ) const {
+   const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( l3Adj.lFibViaSetKey() );
+   for ( U32 i = 0; i < viaSet.viaKeys(); ++i ) {
+      if ( test( in_.transitLfib->lfibMplsVia( viaSet.viaKey( i ) ).intf ) ) {
+         return true;
+      }
+   }
+   return false;
+}
+
+bool MplsSm::hasDynamicTunnelAdj( const L3Adjacency& l3Adj ) const {
+   return someViaIntf( l3Adj, DynamicTunnelIntfId::isDynamicTunnelIntfId );
+}
+
+bool MplsSm::hasNHGAdj( const L3Adjacency& l3Adj ) const {
+   return someViaIntf( l3Adj, Fib::FecIdIntfId::isNexthopGroupIdIntfId );
+}
+
+L3AdjLFibAdjType MplsSm::findL3AdjLFibAdjType( const L3Adjacency* l3Adj ) const {
+   if ( l3Adj == nullptr ) {
+      return L3AdjLFibAdjType::adjTypeUnknown;
+   }
+   if ( hasDynamicTunnelAdj( *l3Adj ) ) {
+      return L3AdjLFibAdjType::adjTypeDynamicTunnel;
+   }
+   return hasNHGAdj( *l3Adj ) ? L3AdjLFibAdjType::adjTypeNexthopGroup
+                              : L3AdjLFibAdjType::adjTypeRegular;
+}
+
+bool MplsSm::isAdjPendingForReview( const VrfMplsState& vrfState, U64 index ) const {
+   return vrfState.l3AdjForReviewHas( index );
+}
+
+// --- Processing.
+
+bool MplsSm::validateMplsIpL3Adj( const L3Adjacency& l3Adj, const Mpls::LfibViaSet& viaSet,
+                                  const Ptr< CachedLFibMplsViaColl >& saneVias ) const {
+   const Mpls::LfibViaSetKey key = l3Adj.lFibViaSetKey(); // a via set that is gone has none
+   if ( viaSet.null() ) {
+      MPLS_TRACE( 3, "lFib viaSet idx ", key.index(), " viaType ", key.viaType(), " deleted" );
+      return false;
+   }
+   MPLS_ASSERT( key.viaType() == Mpls::viaTypeMplsIp, "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_",
+                textOf( key ) );
+   if ( !saneVias ) {
+      MPLS_TRACE( 3, "LFib via set ", key.index(), ", type ", key.viaType(), " is not sane" );
+      return false;
+   }
+   if ( saneVias->vias() == 0 ) {
+      MPLS_TRACE( 3, "LFib via set ", key.index(), ", type ", key.viaType(), " has no vias" );
+      return false;
+   }
+   MPLS_TRACE( 7, "LFib via set ", key.index(), " via size ", saneVias->vias() );
+   return true;
+}
+
+void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
+   MPLS_TRACE( 3, "process l3 adj ", index, " vrf ", vrfState.vrfName() );
+   L3Adjacency* const l3Adj = vrfState.l3Adjacency( index );
+   MPLS_ASSERT( l3Adj, "l3Adj", textOf( index ) );
+   const Mpls::LfibViaSetKey viaSetKey = l3Adj->lFibViaSetKey();
+   MPLS_ASSERT( viaSetKey.viaType() == Mpls::viaTypeMplsIp ||
+                   viaSetKey.viaType() == Mpls::viaTypeExternalFec,
+                "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_ || "
+                "lFibViaSetKey.viaType() == Mpls::viaTypeExternalFec_",
+                textOf( viaSetKey ) );
+   const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( viaSetKey );
+   if ( l3Adj->routeKeys() == 0 && l3Adj->primaryAdjs() == 0 ) {
+      deleteL3Adj( vrfState, index );
+      return;
+   }
+   if ( programL3Adj( vrfState, *l3Adj, viaSet ) ) {
+      settleL3Adj( vrfState, *l3Adj );
+   }
+}
+
+// Programs the adjacency the way of its via set; false: nothing is to be settled, an event will bring it back.
+bool MplsSm::programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                           const Mpls::LfibViaSet& viaSet ) {
+   const Mpls::LfibViaSetKey viaSetKey = l3Adj.lFibViaSetKey();
+   if ( viaSetKey.viaType() == Mpls::viaTypeExternalFec ) {
+      return programExtFecL3Adj( vrfState, l3Adj, viaSet );
+   }
+   if ( viaSetKey.multicast() ) {
+      processMplsMulticastAdj( vrfState, l3Adj.index() );
+      return true;
+   }
+   const Ptr< CachedLFibMplsViaColl > saneVias = getSaneMplsIpLFibVias( viaSet );
+   if ( !validateMplsIpL3Adj( l3Adj, viaSet, saneVias ) ) {
+      return true; // what is programmed stays as it is
+   }
+   if ( !shouldProgramAdjWithHwConfig( viaSetKey, *saneVias ) ) {
+      return programMplsIpL3AdjAsFec( vrfState, l3Adj, viaSet, *saneVias );
+   }
+   const L3AdjLFibAdjType adjType = lFibAdjTypeOf( *saneVias );
+   if ( adjType != L3AdjLFibAdjType::adjTypeRegular ) {
+      // Next-hop groups and dynamic tunnels are FECs, which this platform does not have.
+      MPLS_TRACE( 3, "Unsupported lFib Adj ", adjType );
+      return true;
+   }
+   ProgrammableMplsFecVias vias;
+   for ( const auto& [ viaIndex, via ] : saneVias->via() ) {
+      vias.viaIs( viaIndex, via );
+   }
+   setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
+   return true;
+}
+
+// Settles whether the adjacency is programmed, programs its L2 adjacency and queues its routes.
+void MplsSm::settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   const L3::VrfName& vrf = vrfState.vrfName();
+   Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
+   MPLS_ASSERT( hwAdj, "hwAdj", subject( l3Adj ) );
+   if ( l3Adj.l2Adjacency() ) {
+      const MplsHwVrfStatus* const status = velMplsHwVrfStatus( vrf );
+      l3Adj.unprogrammedIs( status && status->unprogrammedAdjacencyHas( l3Adj.hwL2Adjacency() ) );
+      MPLS_TRACE( 3, "prog l2 adj ", l3Adj.l2Adjacency()->index(), " in vrf ", vrf );
+      progHwL2Adj( vrf, l3Adj.hwL2Adjacency() );
+   } else if ( l3Adj.extFecInfo() && hwAdj->vias() != 0 ) {
+      l3Adj.unprogrammedIs( false );
+   } else {
+      MPLS_TRACE( 3, "l3Adj ", l3Adj.index(), " not resolved" );
+      l3Adj.unprogrammedIs( true );
+   }
+   hwAdj->unprogrammedIs( l3Adj.unprogrammed() );
+   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      MPLS_TRACE( 8, "add routeKey ", routeKey, " for review" );
+      vrfState.routeKeyForReviewIs( routeKey );
+   }
+}
+
+// --- Hardware vias.
+
+void MplsSm::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                 const Mpls::LfibViaSet& viaSet,
+                                 const ProgrammableMplsFecVias& vias, L3AdjLFibAdjType adjType ) {
+   MPLS_TRACE( 3, " Set hardware info for l3Adj ", l3Adj.index() );
+   Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
+   MPLS_ASSERT( hwAdj, "hwAdj", subject( l3Adj ) );
+   hwAdj->viaDelAll();
+   hwAdj->unresolvedViasIs( 0 );
+   hwAdj->viaSetTypeIs( viaSet.key().viaSetType() );
+   MPLS_ASSERT( viaSet.key().viaType() == Mpls::viaTypeMplsIp,
+                "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_", textOf( viaSet.key() ) );
+   if ( adjType == L3AdjLFibAdjType::adjTypeRegular ) {
+      setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
+   } else {
+      for ( const auto& [ viaIndex, via ] : vias.via() ) {
+         Mpls::Hardware::AdjacencyVia hwVia = hwViaOf( via );
+         hwVia.labelStack = { singleMplsLabelFromVia( via ).value() };
+         hwAdj->viaIs( viaIndex, hwVia );
+      }
+   }
+   setHwBackupAdjStatus( vrfState, l3Adj );
+}
+
+MplsLabel MplsSm::singleMplsLabelFromVia( const Mpls::LfibMplsVia& via ) {
+   MPLS_ASSERT( via.labelStack.stackSize() == 1, "via.labelStack().stackSize() == 1", textOf( via ) );
+   return via.labelStack.label( 0 );
+}
+
+// The via as the LFIB wants it, not resolved.
+Mpls::Hardware::AdjacencyVia MplsSm::hwViaOf( const Mpls::LfibMplsVia& via ) {
+   return { via.key,        via.nextHop, via.intf,       via.labelAction,
+            via.payloadType, via.ttlMode, via.labelStack, {} };
+}
+
+void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                             const Mpls::LfibViaSet& viaSet,
+                                             const ProgrammableMplsFecVias& vias,
+                                             L3AdjLFibAdjType adjType ) {
+   Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
+   MPLS_ASSERT( hwAdj, "l3Adj", subject( l3Adj ) );
+   hwAdj->viaDelAll();
+   hwAdj->unresolvedViasIs( 0 );
+   hwAdj->viaSetTypeIs( viaSet.key().viaSetType() );
+   MPLS_TRACE( 7, "LFib via set ", viaSet.key(), " via size ", vias.vias(), "LFib adj type: ", adjType );
+   MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", vias.vias(), " adj type ", adjType );
+   MPLS_ASSERT( adjType == L3AdjLFibAdjType::adjTypeRegular,
+                "lFibAdjType == L3AdjLFibAdjType::adjTypeRegular_", subject( l3Adj ) );
+   Mpls::Hardware::L2ViaSet l2ViaSet;
+   HashSet< IpAddrIntfId > named;
+   for ( const auto& [ viaIndex, via ] : vias.via() ) {
+      MPLS_TRACE( 7, "LFib via ", via );
+      const Mpls::Hardware::L2ViaSet resolved =
+         resolveNextHop( vrfState, via, static_cast< U32 >( vias.vias() ), l3Adj );
+      MPLS_TRACE( 7, "resolved nexthops: ", resolved );
+      for ( const Mpls::Hardware::L2Via& l2Via : resolved.l2Via() ) {
+         l2ViaSet.l2ViaIs( l2Via );
+      }
+      MPLS_ASSERT( via.nextHop.af() == ipv4() || via.nextHop.af() == ipv6(),
+                   "via.nextHop().af() == ipv4() || via.nextHop().af() == ipv6()", textOf( via ) );
+      const IpAddrIntfId key{ via.nextHop, via.intf };
+      named.insert( key );
+      MplsNextHop* const nextHop = vrfState.mplsNextHopIs( key );
+      l3Adj.nextHopIs( key );
+      if ( via.intf.empty() ) {
+         nextHop->resolvedByRRIs( &l3Adj );
+      } else {
+         nextHop->resolvedByMNHIs( &l3Adj );
+      }
+   }
+   for ( const IpAddrIntfId& key : l3Adj.nextHop() ) {
+      if ( !named.has( key ) ) { // of an earlier content of the via set
+         releaseNextHop( vrfState, l3Adj, key );
+         l3Adj.nextHopDel( key );
+      }
+   }
+   if ( l2ViaSet.empty() ) {
+      unbindL3AdjFromL2Adj( vrfState, l3Adj );
+   } else {
+      bindL3AdjToL2Adj( vrfState, l3Adj, l2ViaSet );
+   }
+}
+
+// --- Binding to an L2 adjacency.
+
+void MplsSm::bindL3AdjToL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                               const Mpls::Hardware::L2ViaSet& l2ViaSet ) {
+   MplsL2Adjacency* l2Adj = nullptr;
+   Ptr< Mpls::Hardware::L2Adjacency > hwL2Adj = viaSetToHwL2Adj( l2ViaSet );
+   if ( hwL2Adj ) {
+      l2Adj = vrfState.l2Adjacency( hwL2Adj->index() );
+   } else {
+      l2Adj = newL2Adjacency( vrfState );
+      hwL2Adj = in_.routingHwMplsStatus->l2Adjacency( l2Adj->index() );
+      viaSetToHwL2AdjIs( l2ViaSet, hwL2Adj );
+   }
+   MPLS_ASSERT( l2Adj, "l2Adj", subject( l3Adj ) );
+   l2Adj->l3AdjacencyIs( &l3Adj );
+   l2Adj->l2ViaSetIs( l2ViaSet );
+   hwL2Adj->l2ViaSetIs( l2ViaSet );
+   if ( l3Adj.l2Adjacency() != l2Adj ) {
+      unbindL3AdjFromL2Adj( vrfState, l3Adj );
+   }
+   MPLS_TRACE( 7, "l3 adj ", l3Adj.index(), " -> l2 adj ", l2Adj->index() );
+   l3Adj.l2AdjacencyIs( l2Adj );
+   l3Adj.hwL2AdjacencyIs( hwL2Adj );
+   in_.routingHwMplsStatus->adjacency( l3Adj.index() )->l2AdjacencyIs( hwL2Adj );
+}
+
+// The L2 adjacency that is left behind is looked at again, and deleted when nothing uses it any more.
+void MplsSm::unbindL3AdjFromL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   MplsL2Adjacency* const l2Adj = l3Adj.l2Adjacency().get();
+   if ( l2Adj == nullptr ) {
+      return;
+   }
+   l2Adj->l3AdjacencyDel( &l3Adj );
+   MPLS_TRACE( 3, "add l2 adj ", l2Adj->index(), " for review" );
+   vrfState.l2AdjForReviewIs( l2Adj->index() );
+   l3Adj.l2AdjacencyIs( nullptr );
+   l3Adj.hwL2AdjacencyIs( nullptr );
+   in_.routingHwMplsStatus->adjacency( l3Adj.index() )->l2AdjacencyIs( nullptr );
+}
+
+// --- Deletion.
+
+void MplsSm::deleteL3Adj( VrfMplsState& vrfState, U64 index ) {
+   MPLS_TRACE( 3, "delete l3 adj ", index, " vrf ", vrfState.vrfName() );
+   const Ptr< L3Adjacency > l3Adj = vrfState.l3Adjacency( index );
+   MPLS_ASSERT( l3Adj, "l3Adj", textOf( index ) );
+   deleteBackupAdjInfoFromAdj( vrfState, *l3Adj );
+   unbindL3AdjFromL2Adj( vrfState, *l3Adj );
+   deleteL3AdjRefs( vrfState, *l3Adj );
+   l3Adj->nextHopDelAll();
+   vrfState.lFibViaSetToL3AdjDel( l3Adj->lFibViaSetKey() );
+   in_.lfibHwStatus->viaSetDel( l3Adj->lFibViaSetKey() );
+   in_.routingHwMplsStatus->adjacencyBackupStatusDel( index );
+   in_.routingHwMplsStatus->adjacencyDel( index );
+   vrfState.l3AdjForReviewDel( index ); // work sets never name the dead
+   vrfState.l3AdjacencyDel( index );
+}
+
+void MplsSm::deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   for ( const IpAddrIntfId& key : l3Adj.nextHop() ) {
+      releaseNextHop( vrfState, l3Adj, key );
+   }
+}
+
+// The adjacency no longer resolves through the next hop; the last one to leave ends the watch.
+void MplsSm::releaseNextHop( VrfMplsState& vrfState, L3Adjacency& l3Adj, const IpAddrIntfId& key ) {
+   MplsNextHop* const nextHop = vrfState.mplsNextHop( key );
+   if ( nextHop == nullptr ) {
+      return;
+   }
+   const L3::VrfName& vrf = vrfState.vrfName();
+   const IpGenAddr nh = nextHop->nextHopIp();
+   if ( nextHop->resolvedByRRDel( &l3Adj ) && nextHop->resolvedByRRs() == 0 ) {
+      MPLS_TRACE( 3, "remove watched addr ", nh );
+      if ( nh.af() == ipv4() ) {
+         in_.routeReactorConfig->removeWatchedAddr( { vrf, nh } );
+      } else {
+         MPLS_ASSERT( nh.af() == ipv6(), "nh.af() == ipv6()", textOf( nh ) );
+         in_.route6ReactorConfig->removeWatchedIp6Addr( { vrf, nh } );
+      }
+   }
+   if ( nextHop->resolvedByMNHDel( &l3Adj ) && nextHop->resolvedByMNHs() == 0 ) {
+      MPLS_TRACE( 3, "remove entry (vrf=", vrf, " nexthop=", nh, " l3Intf=", nextHop->l3Intf(),
+                  ") from proactiveArpNhSm" );
+      in_.proactiveArpNhSm->removeEntry( vrf, nh, nextHop->l3Intf() );
+   }
+   if ( nextHop->resolvedByRRs() == 0 && nextHop->resolvedByMNHs() == 0 ) {
+      vrfState.mplsNextHopDel( key );
+   }
+}
+
+} // namespace Vel

@@ -1,0 +1,300 @@
+// The records that MplsSm keeps for each VRF.
+//
+//    VrfMplsState ──owns──> route            MplsRoute         one label route
+//                           l3Adjacency      L3Adjacency       one via set
+//                           l2Adjacency      MplsL2Adjacency   one set of resolved vias
+//                           mplsNextHop      MplsNextHop       one watched next hop
+//                           extFecInfo       ExternalFecInfo   one external or requested FEC
+//
+//    MplsRoute ──> L3Adjacency ──> MplsL2Adjacency       counted pointers, towards what is shared
+//        └────────────────────────────┘ └─> ExternalFecInfo, backup L3Adjacency
+//
+// Towards what is shared, records hold counted pointers. Back-references (which routes use an adjacency, which
+// adjacencies resolve through a next hop) are keys, indices or plain pointers: they own nothing, and the operation that
+// ends a reference removes the back-reference in the same step.
+//
+// Invariants
+// 1. A route key is in `a.routeKey` exactly while the route is bound to the L3 adjacency `a`.
+// 2. `lFibViaSetToL3Adj[ a.lFibViaSetKey ] == a.index` for every live L3 adjacency.
+// 3. `a.l2Adjacency == l2` exactly when `a` is in `l2.l3Adjacency`.
+// 4. `a` is in `nh.resolvedByRR` or `nh.resolvedByMNH` only while `nh.nextHopInfo` is in `a.nextHop`.
+// 5. `b == a.backupAdj` exactly when `a.index` is in `b.primaryAdj`.
+// 6. Work sets never name the dead: an index in `l3AdjForReview`, `l2AdjForReview` or `l2AdjPendingForDelete` exists.
+
+#pragma once
+
+#include <limits>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "mpls/VelMplsHwTypes.h"
+#include "platform/Entity.h"
+#include "platform/FecTables.h"
+#include "platform/LfibTypes.h"
+#include "platform/RouteKeyGroups.h"
+
+namespace Vel {
+
+class ExternalFecInfo;
+class L3Adjacency;
+class MplsL2Adjacency;
+
+/// Key of a next hop: address and egress interface. An empty interface: found by the route resolver.
+struct IpAddrIntfId {
+   IpGenAddr ipGenAddr;
+   IntfId l3Intf;
+
+   U64 hash() const { return mixBits( ipGenAddr.hash() + l3Intf.hash() ); }
+   friend auto operator<=>( const IpAddrIntfId&, const IpAddrIntfId& ) = default;
+   /// From the text form; nothing when the text is no such value.
+   VEL_EXPORT static std::optional< IpAddrIntfId > parse( std::string_view text );
+};
+/// "Value('Vel::IpAddrIntfId', ** {...})".
+VEL_EXPORT void appendText( std::string& out, const IpAddrIntfId& key );
+
+/// The kind of via set that an L3 adjacency was built from.
+enum class L3AdjLFibAdjType : U32 {
+   adjTypeUnknown = 0,       ///< no adjacency to classify
+   adjTypeRegular = 1,       ///< vias resolved through next hops
+   adjTypeDynamicTunnel = 2, ///< at least one via leaves through a dynamic tunnel
+   adjTypeNexthopGroup = 3,  ///< at least one via leaves through a next-hop group
+};
+template<>
+struct EnumNames< L3AdjLFibAdjType > {
+   static constexpr std::array< std::pair< L3AdjLFibAdjType, std::string_view >, 4 > names{
+      { { L3AdjLFibAdjType::adjTypeUnknown, "adjTypeUnknown" },
+        { L3AdjLFibAdjType::adjTypeRegular, "adjTypeRegular" },
+        { L3AdjLFibAdjType::adjTypeDynamicTunnel, "adjTypeDynamicTunnel" },
+        { L3AdjLFibAdjType::adjTypeNexthopGroup, "adjTypeNexthopGroup" } } };
+};
+
+/// The vias that will be written into one hardware FEC, in via-index order, and how.
+class ProgrammableMplsFecVias {
+ public:
+   const std::map< Mpls::LfibViaIndexRange, Mpls::LfibMplsVia >& via() const { return via_; }
+   const Mpls::LfibMplsVia& via( Mpls::LfibViaIndexRange index ) const {
+      const auto at = via_.find( index );
+      return at == via_.end() ? nullValueOf< Mpls::LfibMplsVia >() : at->second;
+   }
+   bool viaHas( Mpls::LfibViaIndexRange index ) const { return via_.contains( index ); }
+   void viaIs( Mpls::LfibViaIndexRange index, const Mpls::LfibMplsVia& via ) { via_[ index ] = via; }
+   void viaDel( Mpls::LfibViaIndexRange index ) { via_.erase( index ); }
+   void viaDelAll() { via_.clear(); }
+   size_t vias() const { return via_.size(); }
+   MplsFecProgAction progAction() const { return progAction_; }
+   void progActionIs( MplsFecProgAction action ) { progAction_ = action; }
+   friend bool operator==( const ProgrammableMplsFecVias&, const ProgrammableMplsFecVias& ) = default;
+
+ private:
+   std::map< Mpls::LfibViaIndexRange, Mpls::LfibMplsVia > via_;
+   MplsFecProgAction progAction_ = MplsFecProgAction::unknownAction;
+};
+
+/// The sane vias of an LFIB via set, copied out of shared memory.
+class VEL_EXPORT CachedLFibMplsViaColl : public Entity {
+   ENTITY( CachedLFibMplsViaColl )
+   COLLECTION( Ordered, Mpls::LfibViaIndexRange, Mpls::LfibMplsVia, via )
+   ATTRIBUTE_DEFAULT( bool, usableAsPrimaryVias, { true } )
+   ENTITY_END_IN_SOURCE
+};
+
+/// Route keys that pop into one VRF.
+class VEL_EXPORT VrfRouteKeySet : public Entity {
+   ENTITY( VrfRouteKeySet )
+   KEY( L3::VrfName, vrfName )
+   SET( HashSet, Mpls::RouteKey, routeKeySet )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit VrfRouteKeySet( L3::VrfName vrf ) : vrfName_( std::move( vrf ) ) {}
+};
+
+/// One label route that the state machine handles.
+class VEL_EXPORT MplsRoute : public Entity {
+   IN_SLAB( MplsRoute )
+   ENTITY( MplsRoute )
+   KEY( Mpls::RouteKey, routeKey )
+   ATTRIBUTE( U32, metric )
+   ATTRIBUTE_DEFAULT( bool, unprogrammed, { true } ) // until the driver reports it, nothing is in hardware
+   ATTRIBUTE( bool, isInstalledWithMulticast )
+   ATTRIBUTE( Ptr< L3Adjacency >, l3Adj )
+   ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adj )
+   ATTRIBUTE( Ptr< ExternalFecInfo >, extFecInfo )
+   COUNTER( version ) // one for each MplsHwRoute written
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit MplsRoute( Mpls::RouteKey routeKey );
+   ~MplsRoute() override;
+};
+
+/// A next hop that some adjacency resolves through.
+class VEL_EXPORT MplsNextHop : public Entity {
+   ENTITY( MplsNextHop )
+   KEY( IpAddrIntfId, nextHopInfo )
+   DERIVED( nextHopIp )
+   DERIVED( l3Intf )
+   SET( HashSet, L3Adjacency*, resolvedByRR )  // through the route resolver: vias without an interface
+   SET( HashSet, L3Adjacency*, resolvedByMNH ) // through the proactive ARP watcher: vias with one
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit MplsNextHop( IpAddrIntfId key ) : nextHopInfo_( key ) {}
+   const IpGenAddr& nextHopIp() const { return nextHopInfo_.ipGenAddr; }
+   const IntfId& l3Intf() const { return nextHopInfo_.l3Intf; }
+};
+
+/// A set of resolved L2 vias and who uses it.
+class VEL_EXPORT MplsL2Adjacency : public Entity {
+   ENTITY( MplsL2Adjacency )
+   KEY( U64, index )
+   ATTRIBUTE( Mpls::Hardware::L2ViaSet, l2ViaSet )
+   SET( HashSet, L3Adjacency*, l3Adjacency )
+   SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   MplsL2Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links )
+       : index_( index ), routeKey_( std::move( links ) ) {}
+};
+
+/// A replication group of one multicast adjacency.
+class VEL_EXPORT MulticastGroupInfo : public Entity {
+   ENTITY( MulticastGroupInfo )
+   KEY( U16, groupId )
+   ATTRIBUTE( U32, mcastHwId )
+   SET( HashSet, Fib::FecId, fecId )
+   SET( HashSet, Fib::FecId, tearDownFec ) // to be removed once the group no longer uses them
+   ENTITY_END_IN_SOURCE
+
+ public:
+   MulticastGroupInfo( U16 groupId, U32 mcastHwId ) : groupId_( groupId ), mcastHwId_( mcastHwId ) {}
+};
+
+/// The FEC of one via of a multicast adjacency.
+class VEL_EXPORT MulticastFecInfo : public Entity {
+   ENTITY( MulticastFecInfo )
+   KEY( Fib::FecId, fecId )
+   ATTRIBUTE( U64, hwId ) // the outlif; 0 until the hardware layer answers
+   SET( HashSet, U16, dependMcastGroupId )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit MulticastFecInfo( Fib::FecId fecId ) : fecId_( fecId ) {}
+};
+
+/// One via set as it is programmed.
+class VEL_EXPORT L3Adjacency : public Entity {
+   ENTITY( L3Adjacency )
+   KEY( U64, index )
+   ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
+   ATTRIBUTE( Ptr< ExternalFecInfo >, extFecInfo )
+   ATTRIBUTE( MplsLabelAction, labelAction )
+   ATTRIBUTE( Mpls::PayloadType, payloadType )
+   ATTRIBUTE( Mpls::TtlMode, ttlMode )
+   ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adjacency )
+   SET( HashSet, IpAddrIntfId, nextHop )
+   ATTRIBUTE( Ptr< Mpls::Hardware::L2Adjacency >, hwL2Adjacency )
+   ATTRIBUTE( bool, unprogrammed )
+   SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
+   SET( HashSet, U64, primaryAdj ) // the adjacencies that this one protects
+   ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )
+   ATTRIBUTE( Ptr< MulticastGroupInfo >, multicastGroupInfo )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links );
+   ~L3Adjacency() override;
+};
+
+/// A FEC that routes or adjacencies forward into.
+class VEL_EXPORT ExternalFecInfo : public Entity {
+   ENTITY( ExternalFecInfo )
+   KEY( Fib::FecId, fecId )
+   ATTRIBUTE( U64, hwId ) // what the hardware layer granted; 0 until then
+   SET( HashSet, L3Adjacency*, dependentL3Adjacency )
+   SET( HashSet, ExternalFecInfo*, dependentPrimaryExtFecInfo ) // those that this one protects
+   ATTRIBUTE( Ptr< ExternalFecInfo >, backupExtFecInfo )
+   SET( GroupedRouteKeys, Mpls::RouteKey, dependentRouteKey )
+   ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
+   ATTRIBUTE( AdjHwState, adjState )
+   ATTRIBUTE( bool, popLabelActionRemoved )
+   ATTRIBUTE( bool, shouldRemovePopLabelAction )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   ExternalFecInfo( Fib::FecId fecId, std::shared_ptr< RouteKeyLinks > links )
+       : fecId_( fecId ), dependentRouteKey_( std::move( links ) ) {}
+};
+
+/// Everything that the state machine holds for one VRF.
+class VEL_EXPORT VrfMplsState : public Entity {
+   ENTITY( VrfMplsState )
+   KEY( L3::VrfName, vrfName )
+   ENTITY_COLLECTION( LabelIndexed, Mpls::RouteKey, MplsRoute, route )
+   ENTITY_COLLECTION( Hash, IpAddrIntfId, MplsNextHop, mplsNextHop )
+   ENTITY_COLLECTION( Hash, U64, L3Adjacency, l3Adjacency )
+   ENTITY_COLLECTION( Hash, U64, MplsL2Adjacency, l2Adjacency )
+   ENTITY_COLLECTION( Hash, Fib::FecId, ExternalFecInfo, extFecInfo )
+   COLLECTION( Hash, Mpls::LfibViaSetKey, U64, lFibViaSetToL3Adj )
+   COLLECTION( Hash, Mpls::LfibViaSetKey, Fib::FecId, lFibViaSetToFecId )
+   COLLECTION( Hash, Mpls::LfibViaKey, Fib::FecId, viaKeyToFecId )
+   SET( LabelSet, Mpls::RouteKey, routeKeyForPublish )
+   SET( LabelSet, Mpls::RouteKey, routeKeyForReview )
+   SET( HashSet, U64, l3AdjForReview )
+   SET( HashSet, U64, l2AdjForReview )
+   SET( HashSet, U64, l2AdjPendingForDelete )
+   COUNTER( numUnprogrammedRoute )
+   COUNTER( numUnprogrammedAdj )
+   ATTRIBUTE( double, lastUnprogrammedReview ) // clock time, seconds
+   COUNTER( vrfReviewCount )
+   COUNTER( routeKeyReviewed )
+   COUNTER( routeKeyPublished )
+   COUNTER( l3AdjReviewed )
+   COUNTER( l2AdjReviewed )
+   COUNTER( l2AdjDeleted )
+   COUNTER( unprogRouteRetried )
+   COUNTER( unprogAdjRetried )
+   ATTRIBUTE( double, unprogrammedRetryInterval ) // seconds
+   ENTITY_COLLECTION( Hash, Fib::FecId, MulticastFecInfo, mcastFecInfo )
+   ENTITY_COLLECTION( Hash, U16, MulticastGroupInfo, multicastGroupInfo )
+   COLLECTION( Hash, U32, U16, mcastHwIdToGroup )
+   DERIVED( needReview )
+   DERIVED( needReviewForUnprogrammedOnly )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit VrfMplsState( L3::VrfName vrf );
+   ~VrfMplsState() override;
+
+   /// Anything is queued, or some route is not in hardware.
+   bool needReview() const { return anythingQueued() || numUnprogrammedRoute_ != 0; }
+   /// Nothing is queued, but some route is not in hardware.
+   bool needReviewForUnprogrammedOnly() const {
+      return !anythingQueued() && numUnprogrammedRoute_ != 0;
+   }
+   /// Nothing is left that a VRF's state is kept for.
+   bool idle() const;
+
+   /// Records are made through these, since a record's route key set belongs to the VRF's relation.
+   L3Adjacency* l3AdjacencyMake( U64 index ) { return l3AdjacencyIs( index, routesOfL3Adj_ ); }
+   MplsL2Adjacency* l2AdjacencyMake( U64 index ) { return l2AdjacencyIs( index, routesOfL2Adj_ ); }
+   ExternalFecInfo* extFecInfoMake( Fib::FecId fecId ) {
+      return extFecInfoIs( fecId, routesOfExtFec_ );
+   }
+
+ private:
+   bool anythingQueued() const {
+      return !routeKeyForPublish_.empty() || !routeKeyForReview_.empty() ||
+             !l3AdjForReview_.empty() || !l2AdjForReview_.empty() || !l2AdjPendingForDelete_.empty();
+   }
+
+   std::shared_ptr< RouteKeyLinks > routesOfL3Adj_;
+   std::shared_ptr< RouteKeyLinks > routesOfL2Adj_;
+   std::shared_ptr< RouteKeyLinks > routesOfExtFec_;
+};
+
+} // namespace Vel

@@ -1,0 +1,387 @@
+// MplsSm: routes. From a change in the LFIB to the work sets, and from the work set to one hardware route.
+
+#include "mpls/VelMplsSm.h"
+#include "mpls/VelMplsTrace.h"
+
+namespace Vel {
+
+// --- Entry: what the LFIB announces.
+
+void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
+   const L3::VrfName& vrf = L3::VrfName::defaultVrf();
+   MPLS_TRACE_CALL( 3, " vrf ", vrf, " routeKey ", routeKey );
+   if ( !mplsRoutingEnabled( vrf ) ) {
+      MPLS_TRACE( 3, "mplsRouting disable in vrf ", vrf );
+      return;
+   }
+   const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+   if ( !lfibRoute ) {
+      if ( !mplsIpRouteKeyHas( routeKey ) ) {
+         MPLS_TRACE( 7, "Ignoring LFIB route ", routeKey );
+         return;
+      }
+      MPLS_TRACE( 3, "delete LFIB route ", routeKey );
+      mplsIpRouteKeyDel( routeKey );
+   } else if ( !routeSupported( lfibRoute ) ) {
+      dropUnsupportedRoute( vrf, routeKey );
+      return;
+   } else {
+      mplsIpRouteKeyIs( routeKey );
+      if ( ( mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmProcessingSyncMap ||
+             mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmWaitingForSyncResponses ) &&
+           staleRecoveredRouteHas( routeKey ) ) {
+         MPLS_TRACE_CALL( 3, ": ", "Remove from stale routes" );
+         staleRecoveredRouteDel( routeKey );
+      }
+      MPLS_TRACE( 3, "add/update LFIB route ", routeKey );
+      vrfStateMake( vrf ).routeIs( routeKey );
+   }
+   MPLS_TRACE( 7, "routeKey for review ", routeKey );
+   if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
+      vrfState->routeKeyForReviewIs( routeKey );
+   }
+   doMaybeScheduleReview( vrf );
+}
+
+// A route whose via set leads to what another state machine handles is none of ours (any more).
+void MplsSm::dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey ) {
+   mplsIpRouteKeyDel( routeKey );
+   VrfMplsState* const vrfState = mplsState( vrf );
+   if ( vrfState == nullptr ) {
+      return;
+   }
+   if ( vrfState->routeKeyForReviewHas( routeKey ) ) {
+      MPLS_TRACE( 3, "removing ", routeKey, " from review" );
+      MPLS_TRACE( 7, "removing routeKey from review" );
+      vrfState->routeKeyForReviewDel( routeKey );
+   }
+   if ( vrfState->route( routeKey ) ) {
+      // It was accepted before: no two state machines hold one label.
+      deleteRouteKeyAndRoute( *vrfState, routeKey );
+      vrfState->routeKeyForPublishIs( routeKey );
+      doMaybeScheduleReview( vrf );
+   }
+}
+
+void MplsSm::handleLFibRoute() {
+   MPLS_TRACE_CALL( 3, " for vrf ", L3::VrfName::defaultVrf() );
+   in_.transitLfib->lfibRouteEach(
+      [ this ]( const Mpls::LfibRoute& route ) { handleLFibRoute( route.routeKey ); } );
+}
+
+void MplsSm::handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey ) {
+   handleLFibViaSetHelper( viaSetKey, true );
+}
+
+void MplsSm::handleLFibViaSet() {
+   for ( const Mpls::LfibViaSetKey key : lfibTrackingStatus_->viaSetKeyBacklog() ) {
+      handleLFibViaSetHelper( key, false );
+   }
+   lfibTrackingStatus_->viaSetKeyBacklogDelAll();
+}
+
+void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBacklogNotification ) {
+   const L3::VrfName& vrf = L3::VrfName::defaultVrf();
+   MPLS_TRACE_CALL( 3, " vrf ", vrf, " key ", viaSetKey );
+   if ( !lfibTrackingStatus_ ) {
+      return;
+   }
+   if ( fromBacklogNotification ) {
+      lfibTrackingStatus_->viaSetKeyBacklogDel( viaSetKey );
+   }
+   if ( !mplsRoutingEnabled( vrf ) ) {
+      MPLS_TRACE( 3, "mplsRouting disabled in vrf ", vrf, "; Not processing viaSet" );
+      return;
+   }
+   if ( !mplsStateHas( vrf ) && !lfibTrackingStatus_->viaSetKeyToRouteKeySet( viaSetKey ) ) {
+      MPLS_TRACE( 7, "No mplsState for vrf, and viaSet not used by any route" );
+      return;
+   }
+   VrfMplsState& vrfState = vrfStateMake( vrf );
+   // The LFIB is read ahead of its announcements: another route may have found the via set, and made its adjacency,
+   // before this change of it is announced to those that did not.
+   const bool awaited = viaSetAwaitedDel( viaSetKey );
+   if ( vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
+      vrfState.l3AdjForReviewIs( vrfState.lFibViaSetToL3Adj( viaSetKey ) );
+   } else {
+      MPLS_TRACE( 3, "No L3Adj for viaSet. Scheduling all user Routes" );
+   }
+   if ( awaited || !vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
+      queueRoutesOfViaSet( vrfState, viaSetKey );
+   }
+   doMaybeScheduleReview( vrf );
+}
+
+// A route whose via set was not sane has lost its record; it gets another one, and with it another chance.
+void MplsSm::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey ) {
+   const RouteKeyGroup* const users = lfibTrackingStatus_->viaSetKeyToRouteKeySet( viaSetKey );
+   if ( users == nullptr ) {
+      return;
+   }
+   for ( const Mpls::RouteKey routeKey : *users ) {
+      if ( mplsIpRouteKeyHas( routeKey ) ) {
+         vrfState.routeIs( routeKey );
+      }
+      vrfState.routeKeyForReviewIs( routeKey );
+   }
+}
+
+// --- Admission.
+
+bool MplsSm::routeSupported( const Mpls::LfibRoute& route ) const {
+   MPLS_ASSERT( !!route, "!!route", name() );
+   const Mpls::LfibViaType viaType = route.viaSetKey.viaType();
+   if ( viaType == Mpls::viaTypeMplsIp || viaType == Mpls::viaTypeExternalFec ) {
+      return true;
+   }
+   MPLS_TRACE( 7, "Ignoring non mpls-ip and extFec LfibRoute ", route.routeKey );
+   return false;
+}
+
+bool MplsSm::isLFibViaSetSane( const Mpls::LfibViaSet& viaSet ) const {
+   for ( U32 i = 0; i < viaSet.viaKeys(); ++i ) {
+      if ( viaSet.viaKey( i ).viaType() != viaSet.key().viaType() ) {
+         return false;
+      }
+   }
+   return viaSet.viaKeys() != 0;
+}
+
+namespace {
+
+// The kinds of interface that a via set may not mix.
+struct IntfKindsSeen {
+   bool nexthopGroup = false;
+   bool dynamicTunnel = false;
+};
+
+// Why the via's interface does not fit, or nothing.
+std::string_view intfFault( const Mpls::LfibMplsVia& via, bool inPlaceAdjacencyUpdate,
+                            IntfKindsSeen& seen ) {
+   if ( via.intf.empty() ) {
+      if ( inPlaceAdjacencyUpdate ) {
+         return "L3 interface is not set, via is invalid";
+      }
+      if ( via.nextHop.empty() ) {
+         return "L3 interface and nexthop are not set, via is invalid";
+      }
+      return seen.nexthopGroup || seen.dynamicTunnel
+                ? "Mix of tunnel and non-tunnel via is not supported"
+                : std::string_view();
+   }
+   if ( Fib::FecIdIntfId::isNexthopGroupIdIntfId( via.intf ) ) {
+      seen.nexthopGroup = true;
+      return seen.dynamicTunnel ? "Mix of dynamic tunnel and NHG via is not supported"
+                                : std::string_view();
+   }
+   if ( DynamicTunnelIntfId::isDynamicTunnelIntfId( via.intf ) ) {
+      seen.dynamicTunnel = true;
+      return seen.nexthopGroup ? "Mix of dynamic tunnel and NHG via is not supported"
+                               : std::string_view();
+   }
+   if ( seen.nexthopGroup || seen.dynamicTunnel ) {
+      return "Mix of tunnel and non-tunnel via is not supported";
+   }
+   // Its next hop has to be resolved on the interface, which takes an address.
+   return via.nextHop.empty() ? "nexthop is not set, via is invalid" : std::string_view();
+}
+
+// In what the vias of a dynamic tunnel differ, or nothing.
+std::string dynamicTunnelFault( const CachedLFibMplsViaColl& vias ) {
+   const Mpls::LfibMplsVia* first = nullptr;
+   for ( const auto& [ index, via ] : vias.via() ) {
+      if ( first == nullptr ) {
+         first = &via;
+      }
+      if ( via.labelAction != first->labelAction ) {
+         return joinText( "Adjacencies of dynamic tunnel should have the same"
+                          "label action. The conflicting labelActions are: ",
+                          first->labelAction, " and ", via.labelAction );
+      }
+      if ( via.payloadType != first->payloadType ) {
+         return joinText( "Adjacencies of dynamic tunnel should have the same"
+                          "payloadTypes. The conflicting payloadTypes are: ",
+                          first->payloadType, " and ", via.payloadType );
+      }
+   }
+   return {};
+}
+
+} // namespace
+
+// Copies the vias out of the LFIB, up to the first that does not fit; says why it does not.
+std::string MplsSm::collectMplsIpLFibVias( const Mpls::LfibViaSet& viaSet,
+                                           CachedLFibMplsViaColl& vias ) const {
+   IntfKindsSeen seen;
+   for ( U32 i = 0; i < viaSet.viaKeys(); ++i ) {
+      const Mpls::LfibViaKey viaKey = viaSet.viaKey( i );
+      if ( viaKey.viaType() != Mpls::viaTypeMplsIp ) {
+         return joinText( "Via ", viaKey.index(), " ViaType ", viaKey.viaType(), " is not mplsIp" );
+      }
+      const Mpls::LfibMplsVia via = in_.transitLfib->lfibMplsVia( viaKey );
+      if ( via.null() ) {
+         return joinText( "LfibMplsVia index ", viaKey.index(), ", source ", viaKey.source(),
+                          " was not found" );
+      }
+      if ( via.labelStack.stackSize() > 1 ) {
+         return "Vias with more than one label is not supported";
+      }
+      if ( const std::string_view fault = intfFault( via, inPlaceAdjacencyUpdateSupported(), seen );
+           !fault.empty() ) {
+         return std::string( fault );
+      }
+      vias.viaIs( i, via );
+   }
+   if ( seen.nexthopGroup && vias.vias() > 1 ) {
+      return "Only one NHG via is supported now";
+   }
+   return seen.dynamicTunnel ? dynamicTunnelFault( vias ) : std::string();
+}
+
+Ptr< CachedLFibMplsViaColl > MplsSm::getSaneMplsIpLFibVias( const Mpls::LfibViaSet& viaSet ) const {
+   auto vias = make< CachedLFibMplsViaColl >();
+   if ( viaSet.key().viaType() == Mpls::viaTypeMplsIp ) {
+      vias->usableAsPrimaryViasIs( viaSet.usableAsPrimaryVias() );
+   }
+   if ( const std::string fault = collectMplsIpLFibVias( viaSet, *vias ); !fault.empty() ) {
+      MPLS_TRACE( 3, fault );
+      return nullptr;
+   }
+   return vias;
+}
+
+std::string MplsSm::mplsIpLFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const {
+   const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( viaSetKey );
+   if ( viaSet.null() ) {
+      return "the via set is not in the LFIB";
+   }
+   if ( !isLFibViaSetSane( viaSet ) ) {
+      return viaSet.viaKeys() == 0 ? "the via set has no vias" : "the via set mixes via types";
+   }
+   const auto vias = make< CachedLFibMplsViaColl >();
+   if ( std::string fault = collectMplsIpLFibVias( viaSet, *vias ); !fault.empty() ) {
+      return fault;
+   }
+   const L3AdjLFibAdjType adjType = lFibAdjTypeOf( *vias );
+   if ( adjType != L3AdjLFibAdjType::adjTypeRegular && !forwardingIntoExternalFecsSupported() ) {
+      return joinText( "Unsupported lFib Adj ", adjType );
+   }
+   return {};
+}
+
+// --- Processing: one route off the work set.
+
+void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
+   const L3::VrfName& vrf = vrfState.vrfName();
+   MPLS_TRACE_CALL( 3, " vrf ", vrf, " routeKey ", routeKey );
+   MPLS_TRACE( 7, "process routeKey ", routeKey );
+   vrfState.routeKeyForPublishIs( routeKey );
+   MplsRoute* const route = vrfState.route( routeKey );
+   if ( route == nullptr ) {
+      MPLS_TRACE( 3, "routeKey ", routeKey, " not in vrf ", vrf );
+      return;
+   }
+   if ( !mplsRoutingEnabled( vrf ) ) {
+      MPLS_TRACE( 3, "mplsRouting disabled in vrf ", vrf );
+      deleteRouteKeyAndRoute( vrfState, routeKey );
+      return;
+   }
+   const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+   const Mpls::LfibViaSet viaSet = !lfibRoute ? Mpls::LfibViaSet()
+                                              : in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey );
+   if ( !lfibRoute || ( !viaSet.null() && !isLFibViaSetSane( viaSet ) ) ) {
+      MPLS_TRACE( 3, "route (", routeKey, ") ", "does not exist in system LFIB or via not sane " );
+      if ( !!lfibRoute ) {
+         viaSetAwaitedIs( lfibRoute.viaSetKey );
+      }
+      deleteRouteKeyAndRoute( vrfState, routeKey );
+      return;
+   }
+   if ( viaSet.null() ) {
+      viaSetAwaitedIs( lfibRoute.viaSetKey ); // its arrival queues the route again
+      MPLS_TRACE( 3, "via set for route (", routeKey,
+                  ") does not exist in system LFIB, delay processing" );
+      return;
+   }
+   route->metricIs( lfibRoute.metric );
+   L3Adjacency& l3Adj = bindRouteToL3Adj( vrfState, *route, lfibRoute.viaSetKey );
+   writeRoute( vrfState, *route, l3Adj );
+}
+
+// Binds the route to the adjacency of its via set, which is made when there is none.
+L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
+                                       Mpls::LfibViaSetKey viaSetKey ) {
+   const Mpls::RouteKey routeKey = route.routeKey();
+   if ( L3Adjacency* const bound = route.l3Adj().get() ) {
+      if ( bound->lFibViaSetKey() == viaSetKey ) {
+         return *bound;
+      }
+      MPLS_TRACE( 3, "viaSetKey changed" );
+      MPLS_TRACE( 3, "remove routeKey ", routeKey, " from l3Adj index ", bound->index() );
+      bound->routeKeyDel( routeKey );
+      vrfState.l3AdjForReviewIs( bound->index() ); // to be programmed without the route, or deleted
+      route.l3AdjIs( nullptr );
+   }
+   L3Adjacency* l3Adj = nullptr;
+   if ( vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
+      l3Adj = vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( viaSetKey ) );
+   } else {
+      l3Adj = newL3Adjacency( vrfState );
+      MPLS_TRACE( 3, "add new adj ", l3Adj->index(), " for review" );
+      l3Adj->lFibViaSetKeyIs( viaSetKey );
+      vrfState.l3AdjForReviewIs( l3Adj->index() );
+      vrfState.lFibViaSetToL3AdjIs( viaSetKey, l3Adj->index() );
+   }
+   l3Adj->routeKeyIs( routeKey );
+   route.l3AdjIs( l3Adj );
+   MPLS_TRACE( 7, "L3 adj index ", l3Adj->index(), " routeKey ", routeKey, " adj ", viaSetKey );
+   return *l3Adj;
+}
+
+// Writes the route the way its adjacency is programmed: by its multicast group, into its FEC, or with its L2 adjacency.
+void MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
+   if ( l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
+      writeRouteWithMulticast( vrfState, route, l3Adj );
+   } else if ( l3Adj.extFecInfo() && forwardingIntoExternalFecsSupported() ) {
+      writeRouteWithFec( vrfState, route, l3Adj );
+   } else if ( l3Adj.l2Adjacency() && velMplsHwVrfConfig( vrfState.vrfName() ) ) {
+      writeRouteWithL2Adj( vrfState, route, l3Adj );
+   } else {
+      leaveRouteUnprogrammed( vrfState, route, l3Adj );
+   }
+}
+
+void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
+   const L3::VrfName& vrf = vrfState.vrfName();
+   const Mpls::RouteKey routeKey = route.routeKey();
+   MplsL2Adjacency* const l2Adj = l3Adj.l2Adjacency().get();
+   if ( route.l2Adj() != l2Adj ) {
+      clearRouteMappings( vrfState, routeKey );
+      route.l2AdjIs( l2Adj );
+      addRouteKeyToL2Adj( routeKey, *l2Adj );
+   }
+   // Before the write: a driver without delay answers within it.
+   const MplsHwVrfStatus* const status = velMplsHwVrfStatus( vrf );
+   route.unprogrammedIs( status == nullptr || status->unprogrammedRouteHas( routeKey ) ||
+                         !status->routeHas( routeKey ) );
+   route.versionInc();
+   MPLS_TRACE( 3, "prog routeKey ", routeKey, " l2 adj ", l2Adj->index(), " unprogrammed ",
+               route.unprogrammed() );
+   velMplsHwVrfConfig( vrf )->routeIs( { routeKey, l3Adj.hwL2Adjacency(), route.version() } );
+}
+
+void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
+   const Mpls::RouteKey routeKey = route.routeKey();
+   if ( isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
+      // What is in hardware stays until it is known what shall be.
+      MPLS_TRACE( 7, "not removing routeKey ", routeKey,
+                  " because adj review is pending. Add routeKey for review again" );
+      vrfState.routeKeyForReviewIs( routeKey );
+      return;
+   }
+   MPLS_TRACE( 3, "unprog routeKey ", routeKey );
+   unprogramRouteKey( vrfState, routeKey );
+   route.unprogrammedIs( true );
+}
+
+} // namespace Vel

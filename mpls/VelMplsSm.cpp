@@ -1,0 +1,199 @@
+// MplsSm: the frame, its start, and the checks that the other rooms consult.
+
+#include "mpls/VelMplsSm.h"
+
+#include "mpls/VelMplsReactors.h"
+#include "mpls/VelMplsTrace.h"
+#include "platform/FeatureToggle.h"
+
+namespace Vel {
+
+ENTITY_SOURCE( MplsSm )
+
+TraceHandle velMplsSmTrace( "VelMplsSm" );
+
+namespace {
+
+// Each is asked once and holds for the life of the process.
+constinit CachedFeatureToggle nonStopForwardingToggle( "MplsNonStopForwarding", true );
+constinit CachedFeatureToggle inPlaceAdjacencyUpdateToggle( "InPlaceMplsAdjacencyUpdate", true );
+
+constexpr TaskPriority taskPriority = TaskPriority::normal; // priority value 2
+constexpr U64 maxFecIndex = 0xFFFF'FFFF;
+constexpr double fecIndexExpirySeconds = 10.0;
+constexpr U64 minMcastGroupId = 1;
+constexpr U64 maxMcastGroupId = 65535;
+constexpr double mcastGroupIdExpirySeconds = 60.0;
+
+Ptr< NumAllocator > makeAllocator( U64 min, U64 max, double expirySeconds, const Ptr< Clock >& clock ) {
+   auto config = make< NumAllocatorConfig >( min, max );
+   config->expiryTimeIs( expirySeconds );
+   return make< NumAllocator >( config, make< NumAllocatorStatus >(), clock );
+}
+
+} // namespace
+
+Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs ) { return make< MplsSm >( std::move( inputs ) ); }
+
+MplsSm::MplsSm( MplsSmInputs inputs ) : in_( std::move( inputs ) ) {
+   MPLS_ASSERT( in_.scheduler && in_.clock, "scheduler() && clock()", name() );
+   MPLS_ASSERT( in_.mplsHwStatus && in_.velL3Status, "mplsHwStatus() && velL3Status()", name() );
+   if ( in_.entityManager ) {
+      mplsMcastAdjReq_ = in_.entityManager->root< FecIdToHwFecIdRequest >( "mplsMcastAdjReq" );
+      mplsMcastAdjResp_ = in_.entityManager->root< FecIdToHwFecIdResponse >( "mplsMcastAdjResp" );
+   }
+   vrfTask_ = in_.scheduler->taskIs( "reviewVrf", taskPriority );
+   unprogrammedRouteTask_ = in_.scheduler->taskIs( "reviewUnprogrammedRoute", taskPriority );
+   routePublishTask_ = in_.scheduler->taskIs( "publishReviewRoutes", taskPriority );
+   lfibTrackingStatus_ = make< Mpls::LfibTrackingStatus >( "MplsSm-trackingStatus" );
+   reactors_ = std::make_unique< MplsSmReactors >( *this );
+   reactors_->mplsHwVrfStatusReconcile();
+   reactors_->adjHwStatusIs();
+   handleInitialized();
+}
+
+// Reactors go first, so that nothing calls in while the records go; tasks go with their last pointer.
+MplsSm::~MplsSm() {
+   reactors_.reset();
+   lfibTrackingSm_ = nullptr;
+   unprogrammedRouteForReviewDelAll();
+   routeKeyToBePublishedDelAll();
+}
+
+// --- The start.
+
+void MplsSm::handleInitialized() {
+   MPLS_TRACE_CALL( 3 );
+   mplsSmStartupRecordIs( mplsSmStartupRecordFactory( "MplsSmStartupRecord", in_.clock ) );
+   mplsSmStartupRecord()->clearAndInitialize();
+   if ( !mplsNonStopForwardingSupported() ) {
+      MPLS_TRACE( 3, "NSF toggle disabled, or FEC forwarding not supported, normal processing" );
+      mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmNormal );
+      doInitialize();
+      return;
+   }
+   MPLS_ASSERT( in_.inputStatusSummary, "inputStatusSummary()", name() );
+   if ( in_.inputStatusSummary->status() == MplsSmInputStatus::mplsSmInputReady ) {
+      MPLS_TRACE( 3, "Input is ready, start the sync " );
+      handleInputStatusSummaryReady();
+   } else {
+      MPLS_TRACE( 3, "Input not ready yet " );
+      mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmUninitialized );
+   }
+}
+
+void MplsSm::mplsSmStartupStatusIs( MplsSmStartupStatus status ) {
+   if ( mplsSmStartupStatus_ == status ) {
+      return;
+   }
+   mplsSmStartupStatus_ = status;
+   mplsSmStartupRecord()->updateMplsSmStartupRecord( status );
+}
+
+void MplsSm::doInitialize() {
+   MPLS_TRACE_CALL( 3 );
+   MPLS_ASSERT( !initialized(), "!initialized()", name() );
+   MPLS_ASSERT( in_.clock, "clock_", name() );
+   MPLS_ASSERT( in_.proactiveArpNhSm, "proactiveArpNhSm()", name() );
+   clearOutputs();
+   MPLS_ASSERT( in_.lfibInfo && in_.transitLfib && in_.mplsRoutingInfo && in_.mplsHwConfig,
+                "lfibInfo() && transitLfib() && mplsRoutingInfo() && mplsHwConfig()", name() );
+   handleMplsRouting( mplsRoutingEnabled( L3::VrfName::defaultVrf() ) );
+   handleNexthopResolutionAllowDefaultRoute();
+   numAllocator_ = makeAllocator( 0, maxFecIndex, fecIndexExpirySeconds, in_.clock );
+   lfibTrackingSm_ = make< Mpls::LfibTrackingSm >( "MplsSm-TrackingSm", in_.transitLfib,
+                                                   lfibTrackingStatus_,
+                                                   Mpls::LfibTrackingMode::viaSets );
+   numAllocatorMcastGroupId_ = makeAllocator( minMcastGroupId, maxMcastGroupId,
+                                              mcastGroupIdExpirySeconds, in_.clock );
+   initializedIs( true );
+   handleLFibViaSet();
+   handleMplsRouteSyncMap();
+   // What was queued while nothing could be scheduled yet.
+   doMaybeScheduleReview( L3::VrfName::defaultVrf() );
+}
+
+// Clears what an earlier run may have left in the outputs.
+void MplsSm::clearOutputs() {
+   if ( in_.mplsHwConfig ) {
+      for ( const auto& [ vrfId, config ] : in_.mplsHwConfig->vrfConfig() ) {
+         config->l2AdjacencyDelAll();
+         config->routeDelAll();
+      }
+   }
+   if ( in_.routingHwMplsStatus ) {
+      in_.routingHwMplsStatus->l2AdjacencyDelAll();
+      in_.routingHwMplsStatus->adjacencyDelAll();
+      in_.routingHwMplsStatus->routeDelAll();
+      in_.routingHwMplsStatus->adjacencyBackupStatusDelAll();
+   }
+   if ( in_.lfibHwStatus ) {
+      in_.lfibHwStatus->unprogrammedRouteDelAll();
+      in_.lfibHwStatus->viaSetDelAll();
+   }
+}
+
+// --- Capabilities: constant while the inputs do not change.
+
+bool MplsSm::forwardingIntoExternalFecsSupported() const {
+   return in_.hwFecIdRequest && in_.hwFecIdResponse && in_.mplsSmHelper;
+}
+
+bool MplsSm::forwardingIntoMldpSupported() const {
+   return mplsMcastAdjReq_ && mplsMcastAdjResp_ && in_.mplsSmHelper;
+}
+
+bool MplsSm::mplsNonStopForwardingSupported() const {
+   return nonStopForwardingToggle.enabled() && forwardingIntoExternalFecsSupported();
+}
+
+bool MplsSm::inPlaceAdjacencyUpdateSupported() const {
+   return inPlaceAdjacencyUpdateToggle.enabled() && forwardingIntoExternalFecsSupported();
+}
+
+bool MplsSm::shouldProgramAdjWithHwConfig( Mpls::LfibViaSetKey viaSetKey,
+                                           const CachedLFibMplsViaColl& vias ) const {
+   MPLS_ASSERT( viaSetKey.viaType() == Mpls::viaTypeMplsIp,
+                "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_", textOf( viaSetKey ) );
+   if ( !forwardingIntoExternalFecsSupported() ) {
+      return true;
+   }
+   return lFibAdjTypeOf( vias ) == L3AdjLFibAdjType::adjTypeRegular &&
+          !inPlaceAdjacencyUpdateSupported() && viaSetKey.source() != Mpls::LfibSource::bgpLu;
+}
+
+// --- Per-VRF entities.
+
+MplsHwVrfConfig* MplsSm::velMplsHwVrfConfig( const L3::VrfName& vrf ) {
+   if ( !in_.routingHwRouteStatus->vrfStatusHas( vrf ) ) {
+      return nullptr; // the VRF has no number yet
+   }
+   return in_.mplsHwConfig->vrfConfigIs( in_.routingHwRouteStatus->vrfStatus( vrf ) );
+}
+
+const MplsHwVrfStatus* MplsSm::velMplsHwVrfStatus( const L3::VrfName& vrf ) const {
+   return const_cast< MplsSm* >( this )->velMplsHwVrfStatusNonConst( vrf );
+}
+
+MplsHwVrfStatus* MplsSm::velMplsHwVrfStatusNonConst( const L3::VrfName& vrf ) {
+   if ( !in_.routingHwRouteStatus->vrfStatusHas( vrf ) ) {
+      return nullptr;
+   }
+   return in_.mplsHwStatus->vrfStatus( in_.routingHwRouteStatus->vrfStatus( vrf ) );
+}
+
+bool MplsSm::mplsRoutingEnabled( const L3::VrfName& vrf ) const {
+   return in_.mplsRoutingInfo->mplsRouting( vrf );
+}
+
+VrfMplsState& MplsSm::vrfStateMake( const L3::VrfName& vrf ) { return *mplsStateIs( vrf ); }
+
+// A VRF's state goes with everything that names the VRF.
+void MplsSm::vrfStateDrop( const L3::VrfName& vrf ) {
+   vrfForReviewDel( vrf );
+   unprogrammedRouteForReviewDel( vrf );
+   routeKeyToBePublishedDel( vrf );
+   mplsStateDel( vrf );
+}
+
+} // namespace Vel

@@ -1,0 +1,326 @@
+// MplsSm: turns the LFIB into hardware entities. The heart of the library.
+//
+// Purpose. For every label route of the transit LFIB that forwards over MPLS, hold the hardware configuration that
+// forwards it as the LFIB says, follow what the driver makes of it, and publish the result.
+//
+//    LFIB route ──> MplsRoute ──> L3Adjacency ──> MplsL2Adjacency ──> MplsHwVrfConfig ──> driver
+//    (admission)    one a label   one a via set   one a set of        route, l2Adjacency     │
+//         ▲                            │          resolved vias                              │
+//    LFIB via set ─────────────────────┘               ▲                MplsHwVrfStatus <────┘
+//                                                next hops (ARP/ND,          │
+//                                                 route resolver)            └──> published status
+//
+// Inputs (entity: attributes)                          Outputs
+//    Mpls::LfibStatus: routes, via sets, vias             MplsHwConfig / MplsHwVrfConfig: all
+//    Mpls::RoutingInfo: mplsRouting                       MplsHwVrfStatus: unprogrammedReason, unprogrammedRoute
+//    Mpls::LfibInfo: nexthopResolutionAllowDefaultRoute   Mpls::Hardware::Status: all
+//    Routing::Hardware::RouteStatus: vrfStatus            Mpls::LfibHwStatus: all
+//    MplsHwStatus / MplsHwVrfStatus: what is programmed   RouteReactorConfig, Route6ReactorConfig: watched addresses
+//    VelL3Status: next hops, resolved addresses, names    ProactiveArpNexthopSm: entries
+//
+// How it works. A handler marks what its event touches in the work sets of `VrfMplsState` and schedules a task; it
+// does no work. Three tasks drain the sets in slices: "reviewVrf" processes L3 adjacencies, then routes, then L2
+// adjacencies, then pending deletions; "reviewUnprogrammedRoute" retries what the driver refused;
+// "publishReviewRoutes" publishes. An item leaves its set before it is handled: a yield neither loses nor repeats work.
+//
+// A normal life of route K over via set S:
+//    handleLFibRoute( K )   record made, K for review
+//    processRouteKey( K )   S has no adjacency: one is made, for review; K waits for it
+//    processL3Adj( S )      next hops watched and resolved, bound to an L2 adjacency, which is programmed; K for review
+//    processRouteKey( K )   MplsHwRoute written
+//    handleProgrammedRoute  the driver confirms; K for publishing
+//    publishRouteKey( K )   the world may know
+//
+// Yield points: before each item of a work set and after each VRF (`shouldTaskYield`).
+// Ownership: records see VelMplsRecords.h. Stopping is destruction. Threads: one.
+// Cost: a route passes a bounded number of label-indexed look-ups a stage; nothing grows with the table but the full
+// walks at the start and when routing is switched on.
+//
+// The operations fill several rooms: VelMplsSm.cpp (frame, initialization), VelMplsRoutes.cpp, VelMplsL3Adj.cpp,
+// VelMplsNextHops.cpp (next hops, L2 adjacencies), VelMplsFeedback.cpp, VelMplsReview.cpp, VelMplsPublish.cpp,
+// VelMplsFecs.cpp (the seam to
+// platforms that forward through FECs) and VelMplsStartup.cpp.
+
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "mcast/VelMcastGroupProgConfig.h"
+#include "mpls/VelMplsSmHelper.h"
+#include "mpls/VelMplsTypes.h"
+#include "platform/AttrLog.h"
+#include "platform/EntityManager.h"
+#include "platform/FecTables.h"
+#include "platform/LfibStatus.h"
+#include "platform/LfibTracking.h"
+#include "platform/NumAllocator.h"
+#include "platform/RoutingStatus.h"
+#include "platform/Scheduler.h"
+
+namespace Vel {
+
+/// What MplsSm is built from. Optional ones may be empty: they switch capabilities off.
+struct MplsSmInputs {
+   Ptr< const Mpls::LfibInfo > lfibInfo;
+   Ptr< const Mpls::RoutingInfo > mplsRoutingInfo;
+   Ptr< const Mpls::LfibStatus > transitLfib;
+   Ptr< Mpls::LfibHwStatus > lfibHwStatus;
+   Ptr< const Routing::Hardware::RouteStatus > routingHwRouteStatus;
+   Ptr< Mpls::Hardware::Status > routingHwMplsStatus;
+   Ptr< RouteReactorConfig > routeReactorConfig;
+   Ptr< Route6ReactorConfig > route6ReactorConfig;
+   Ptr< MplsHwConfig > mplsHwConfig;
+   Ptr< MplsHwStatus > mplsHwStatus;
+   Ptr< const VelL3Status > velL3Status;
+   Ptr< ProactiveArpNexthopSm > proactiveArpNhSm;
+   Ptr< EntityManager > entityManager;
+   Ptr< FecIdToHwFecIdRequest > hwFecIdRequest;         ///< optional
+   Ptr< const FecIdToHwFecIdResponse > hwFecIdResponse; ///< optional
+   Ptr< VelHelper::MplsSmHelper > mplsSmHelper;         ///< optional
+   Ptr< const VelHelper::MplsRouteSyncMap > mplsRouteSyncMap;                ///< non-stop forwarding
+   Ptr< const MplsSmInputSummary > inputStatusSummary;                       ///< non-stop forwarding
+   Ptr< const L3StartupStagePrerequisitesStatus > velL3StartupStagePrereqs; ///< non-stop forwarding
+   Ptr< const AttrLogSm > attrLogSm;                                         ///< optional
+   Ptr< McastGroupProgConfig > mcastGroupProgConfig;                         ///< multicast
+   Ptr< Clock > clock;
+   Ptr< Scheduler > scheduler;
+};
+
+class MplsSmReactors;
+
+/// The state machine of transit and IP-lookup label routes.
+class VEL_EXPORT MplsSm : public Entity {
+   // clang-format off
+   ENTITY( MplsSm )
+   ATTRIBUTE( bool, initialized )
+   DERIVED( mplsSmStartupStatus )
+   ATTRIBUTE( Ptr< MplsSmStartupRecord >, mplsSmStartupRecord )
+   ATTRIBUTE_DEFAULT( double, reviewInterval, { 0.001 } )                    // seconds
+   ATTRIBUTE_DEFAULT( double, reviewQuanta, { 0.025 } )                      // seconds
+   ATTRIBUTE_DEFAULT( double, currentReviewInterval, { 0.001 } )             // seconds, the last pull-in
+   ATTRIBUTE_DEFAULT( double, defaultUnprogrammedRetryInterval, { 10.0 } )   // seconds
+   COUNTER( reviewCount )
+   ATTRIBUTE( double, reviewEndTime )                                        // clock time, seconds
+   COUNTER( adjacencyIndex )                                                 // the next index, L3 and L2 alike
+   SET( HashSet, L3::VrfName, vrfForReview )
+   COLLECTION( Hash, L3::VrfName, Ptr< VrfMplsState >, unprogrammedRouteForReview )
+   COLLECTION( Hash, L3::VrfName, Ptr< VrfMplsState >, routeKeyToBePublished )
+   ENTITY_COLLECTION( Hash, L3::VrfName, VrfMplsState, mplsState )
+   COLLECTION( Hash, Mpls::Hardware::L2ViaSet, Ptr< Mpls::Hardware::L2Adjacency >, viaSetToHwL2Adj )
+   SET( LabelSet, Mpls::RouteKey, mplsIpRouteKey )                           // accepted from the LFIB
+   SET( HashSet, Mpls::LfibViaSetKey, viaSetAwaited )                         // missing or not sane when a route was processed
+   SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // in the sync map, not in the LFIB
+   ENTITY_END_IN_SOURCE
+   // clang-format on
+
+ public:
+   explicit MplsSm( MplsSmInputs inputs );
+   ~MplsSm() override;
+   std::string name() const override { return "mplsSm"; }
+
+   const MplsSmInputs& inputs() const { return in_; }
+   MplsSmStartupStatus mplsSmStartupStatus() const { return mplsSmStartupStatus_; }
+   void mplsSmStartupStatusIs( MplsSmStartupStatus status );
+   TimerTask* vrfTask() const { return vrfTask_.get(); }
+   TimerTask* unprogrammedRouteTask() const { return unprogrammedRouteTask_.get(); }
+   TimerTask* routePublishTask() const { return routePublishTask_.get(); }
+   Mpls::LfibTrackingStatus* lfibTrackingStatus() const { return lfibTrackingStatus_.get(); }
+   NumAllocator* numAllocator() const { return numAllocator_.get(); }
+
+   // --- Capabilities
+
+   bool forwardingIntoExternalFecsSupported() const;
+   bool forwardingIntoMldpSupported() const;
+   bool mplsNonStopForwardingSupported() const;
+   bool inPlaceAdjacencyUpdateSupported() const;
+   /// Whether the adjacency is programmed as an L2 adjacency through `MplsHwVrfConfig` rather than as a FEC.
+   bool shouldProgramAdjWithHwConfig( Mpls::LfibViaSetKey viaSetKey,
+                                      const CachedLFibMplsViaColl& vias ) const;
+
+   // --- Per-VRF entities
+
+   /// The VRF's configuration, made when absent; null while the VRF has no number.
+   MplsHwVrfConfig* velMplsHwVrfConfig( const L3::VrfName& vrf );
+   const MplsHwVrfStatus* velMplsHwVrfStatus( const L3::VrfName& vrf ) const;
+   MplsHwVrfStatus* velMplsHwVrfStatusNonConst( const L3::VrfName& vrf );
+   /// Whether label forwarding is configured in the VRF.
+   bool mplsRoutingEnabled( const L3::VrfName& vrf ) const;
+
+   // --- Frame and initialization (VelMplsSm.cpp)
+
+   void handleInitialized();
+   void doInitialize();
+
+   // --- Routes (VelMplsRoutes.cpp)
+
+   void handleLFibRoute( Mpls::RouteKey routeKey );
+   void handleLFibRoute();
+   void handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey );
+   void handleLFibViaSet();
+   void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBacklogNotification );
+   bool routeSupported( const Mpls::LfibRoute& route ) const;
+   bool isLFibViaSetSane( const Mpls::LfibViaSet& viaSet ) const;
+   Ptr< CachedLFibMplsViaColl > getSaneMplsIpLFibVias( const Mpls::LfibViaSet& viaSet ) const;
+   /// Why an MPLS-over-IP via set cannot be programmed, in words; empty when it can. For those who explain.
+   std::string mplsIpLFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const;
+   void processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+
+   // --- L3 adjacencies (VelMplsL3Adj.cpp)
+
+   L3Adjacency* newL3Adjacency( VrfMplsState& vrfState );
+   void processL3Adj( VrfMplsState& vrfState, U64 index );
+   bool validateMplsIpL3Adj( const L3Adjacency& l3Adj, const Mpls::LfibViaSet& viaSet,
+                             const Ptr< CachedLFibMplsViaColl >& saneVias ) const;
+   void setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            const Mpls::LfibViaSet& viaSet, const ProgrammableMplsFecVias& vias,
+                            L3AdjLFibAdjType adjType );
+   void setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                        const Mpls::LfibViaSet& viaSet,
+                                        const ProgrammableMplsFecVias& vias,
+                                        L3AdjLFibAdjType adjType );
+   L3AdjLFibAdjType findL3AdjLFibAdjType( const L3Adjacency* l3Adj ) const;
+   /// The same of vias that are in hand: a dynamic tunnel wins over a next-hop group.
+   static L3AdjLFibAdjType lFibAdjTypeOf( const CachedLFibMplsViaColl& vias );
+   bool hasNHGAdj( const L3Adjacency& l3Adj ) const;
+   bool hasDynamicTunnelAdj( const L3Adjacency& l3Adj ) const;
+   bool isAdjPendingForReview( const VrfMplsState& vrfState, U64 index ) const;
+   void deleteL3Adj( VrfMplsState& vrfState, U64 index );
+   void deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+
+   // --- Next hops and L2 adjacencies (VelMplsNextHops.cpp)
+
+   Mpls::Hardware::L2ViaSet resolveNextHop( VrfMplsState& vrfState, const Mpls::LfibMplsVia& via,
+                                            U32 nVias, L3Adjacency& l3Adj );
+   Mpls::Hardware::L2ViaSet resolveNextHopWithRR( VrfMplsState& vrfState,
+                                                  const Mpls::LfibMplsVia& via, U32 nVias,
+                                                  L3Adjacency& l3Adj );
+   Mpls::Hardware::L2ViaSet resolveNextHopWithMNHSM( VrfMplsState& vrfState,
+                                                     const Mpls::LfibMplsVia& via, U32 nVias,
+                                                     L3Adjacency& l3Adj );
+   void handleNexthopResolutionAllowDefaultRoute();
+   void handleNextHop( const NextHopKey& key );
+   void handleResolvedNexthop( const VrfAndIpGenAddr& vrfAddr );
+   void handleResolvedV4Nexthop( const VrfAndIpAddr& vrfAddr );
+   void handleResolvedV6Nexthop( const VrfAndIpGenAddr& vrfAddr );
+   MplsL2Adjacency* newL2Adjacency( VrfMplsState& vrfState );
+   void progHwL2Adj( const L3::VrfName& vrf, const Ptr< Mpls::Hardware::L2Adjacency >& hwL2Adj );
+   void addRouteKeyToL2Adj( Mpls::RouteKey routeKey, MplsL2Adjacency& l2Adj );
+   void deleteRouteKeyFromL2Adj( Mpls::RouteKey routeKey, MplsL2Adjacency& l2Adj );
+   void processL2Adj( VrfMplsState& vrfState, U64 index );
+   void maybeDeleteL2Adj( VrfMplsState& vrfState, U64 index );
+   void processL2AdjPendingDelete( VrfMplsState& vrfState, U64 index );
+   void doDeleteL2Adj( VrfMplsState& vrfState, U64 index );
+
+   // --- Hardware feedback (VelMplsFeedback.cpp)
+
+   void handleMplsRouting( bool enabled );
+   void handleVrfName( VrfId vrfId );
+   void handleHwRoutingEnabled( VrfId vrfId, bool routing );
+   void handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey );
+   void handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey );
+   void handleUnprogrammedAdj( MplsHwVrfStatus& status,
+                               const Ptr< Mpls::Hardware::L2Adjacency >& adjacency );
+   void unprogramRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+   void deleteRouteKeyAndRoute( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+   void clearRouteMappings( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+   void addUnprogrammedRoute( VrfMplsState& vrfState, Mpls::RouteKey routeKey,
+                              UnprogrammedReason reason );
+
+   // --- Review and retry (VelMplsReview.cpp)
+
+   void doMaybeScheduleReview( const L3::VrfName& vrf );
+   void doMaybeScheduleReviewOrDeleteVrfState( const L3::VrfName& vrf );
+   void doForceRouteReprogramming();
+   void runReviewVrfsTask();
+   void runUnprogrammedRouteReviewTask();
+   bool shouldTaskYield( const TimerTask& task ) const;
+
+   // --- Publishing (VelMplsPublish.cpp)
+
+   void runPublishRouteKeysTask();
+   void publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+
+   // --- FECs, external FECs and backups (VelMplsFecs.cpp)
+
+   void handleHwFecIdResponse( Fib::FecId fecId );
+   void handleAdjHwState( const Fib::GlobalFecId& globalFecId );
+   void setHwBackupAdjStatus( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   void deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   void deleteRouteKeyFromExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info );
+
+   // --- Multicast (VelMplsFecs.cpp)
+
+   const Ptr< const FecIdToHwFecIdRequest >& mplsMcastAdjReq() const { return mplsMcastAdjReq_; }
+   const Ptr< const FecIdToHwFecIdResponse >& mplsMcastAdjResp() const { return mplsMcastAdjResp_; }
+   void processMplsMulticastAdj( VrfMplsState& vrfState, U64 index );
+   void handleMplsMcastHwFecIdResp( Fib::FecId fecId );
+   void handleMcastId( VrfId vrfId, U16 groupId );
+
+   // --- Start-up (VelMplsStartup.cpp)
+
+   void handleInputStatusSummaryReady();
+   void handleMplsRouteSyncMap();
+   void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
+   void handleSyncDone();
+
+ private:
+   friend MplsSmReactors;
+
+   VrfMplsState& vrfStateMake( const L3::VrfName& vrf );
+   void vrfStateDrop( const L3::VrfName& vrf );
+   void clearOutputs();
+   L3Adjacency& bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
+                                  Mpls::LfibViaSetKey viaSetKey );
+   std::string collectMplsIpLFibVias( const Mpls::LfibViaSet& viaSet,
+                                      CachedLFibMplsViaColl& vias ) const;
+   void queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey );
+   void dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
+   void writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
+   void writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
+   void writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
+   void writeRouteWithMulticast( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
+   void leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
+   template< class Test >
+   bool someViaIntf( const L3Adjacency& l3Adj, const Test& test ) const;
+   bool programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj, const Mpls::LfibViaSet& viaSet );
+   bool programExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            const Mpls::LfibViaSet& viaSet );
+   bool programMplsIpL3AdjAsFec( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                 const Mpls::LfibViaSet& viaSet,
+                                 const CachedLFibMplsViaColl& saneVias );
+   void settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   static MplsLabel singleMplsLabelFromVia( const Mpls::LfibMplsVia& via );
+   static Mpls::Hardware::AdjacencyVia hwViaOf( const Mpls::LfibMplsVia& via );
+   Mpls::Hardware::L2ViaSet writeHwVia( const L3Adjacency& l3Adj, const Mpls::LfibMplsVia& via,
+                                        Mpls::Hardware::L2ViaSet l2Vias );
+   void bindL3AdjToL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                          const Mpls::Hardware::L2ViaSet& l2ViaSet );
+   void unbindL3AdjFromL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   void releaseNextHop( VrfMplsState& vrfState, L3Adjacency& l3Adj, const IpAddrIntfId& key );
+   void queueL3AdjsForReview( VrfMplsState& vrfState, const HashSet< L3Adjacency* >& l3Adjs );
+   void doReviewVrf( const L3::VrfName& vrf );
+   void doReviewUnprogrammedRoutes( VrfMplsState& vrfState );
+   void retryUnprogrammed( VrfMplsState& vrfState );
+   void doPublishRouteKeys( VrfMplsState& vrfState );
+   void queueForPublishing( VrfMplsState& vrfState );
+
+   const MplsSmInputs in_;
+   MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
+   Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;
+   Ptr< Mpls::LfibTrackingSm > lfibTrackingSm_;
+   Ptr< NumAllocator > numAllocator_;
+   Ptr< NumAllocator > numAllocatorMcastGroupId_;
+   Ptr< const FecIdToHwFecIdRequest > mplsMcastAdjReq_;
+   Ptr< const FecIdToHwFecIdResponse > mplsMcastAdjResp_;
+   Ptr< TimerTask > vrfTask_;
+   Ptr< TimerTask > unprogrammedRouteTask_;
+   Ptr< TimerTask > routePublishTask_;
+   std::unique_ptr< MplsSmReactors > reactors_;
+};
+
+/// Makes the state machine, which starts at once.
+VEL_EXPORT Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs );
+
+} // namespace Vel

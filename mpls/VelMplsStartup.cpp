@@ -1,0 +1,94 @@
+// MplsSm: the start with non-stop forwarding. Hardware goes on forwarding while the routes of the process before are
+// taken over: replayed from the sync map, requested again, answered, and dropped where the LFIB no longer holds them.
+//
+//    mplsSmUnknown ──inputs not ready──> mplsSmUninitialized ──inputs ready──┐
+//        │  └────────────────inputs ready────────────────────────────────────┤
+//        │                                                                   ▼
+//        │ no non-stop forwarding                              mplsSmProcessingSyncMap
+//        │                                                                   │ nothing queued, LFIB complete
+//        ▼                                                                   ▼
+//    mplsSmNormal <──adjSyncDone, stale routes removed── mplsSmWaitingForSyncResponses
+
+#include "mpls/VelMplsSm.h"
+#include "mpls/VelMplsTrace.h"
+
+namespace Vel {
+
+void MplsSm::handleInputStatusSummaryReady() {
+   MPLS_TRACE_CALL( 3, ": " );
+   VEL_ASSERT_TEXT( in_.inputStatusSummary->status() == MplsSmInputStatus::mplsSmInputReady,
+                    "inputStatusSummary()->status() == MplsSmInputStatus::mplsSmInputReady_",
+                    "We only ever expect this to happen once, to the ready state only.", "VelMplsSm",
+                    name() );
+   VEL_ASSERT_TEXT( mplsSmStartupStatus_ < MplsSmStartupStatus::mplsSmProcessingSyncMap,
+                    "mplsSmStartupStatus() == MplsSmStartupStatus::mplsSmUninitialized_ || "
+                    "mplsSmStartupStatus() == MplsSmStartupStatus::mplsSmUnknown_",
+                    "Unless input is ready, we should never have gone past these stages",
+                    "VelMplsSm", name() );
+   mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmProcessingSyncMap );
+   doInitialize();
+}
+
+void MplsSm::handleMplsRouteSyncMap() {
+   if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmProcessingSyncMap ) {
+      return;
+   }
+   MPLS_TRACE_CALL( 3 );
+   MPLS_ASSERT( staleRecoveredRoutes() == 0, "staleRecoveredRoutes() == 0", name() );
+   MPLS_ASSERT( in_.inputStatusSummary->status() == MplsSmInputStatus::mplsSmInputReady,
+                "inputStatusSummary()->status() == MplsSmInputStatus::mplsSmInputReady_", name() );
+   const L3::VrfName vrf = L3::VrfName::defaultVrf();
+   for ( const auto& [ routeKey, syncId ] : in_.mplsRouteSyncMap->adjSyncId() ) {
+      if ( !in_.transitLfib->lfibRoute( routeKey ) ) {
+         staleRecoveredRouteIs( routeKey ); // stays in hardware for now
+      } else {
+         handleLFibRoute( routeKey );
+      }
+   }
+   doMaybeScheduleReview( vrf );
+   maybeTransitionToWaitingForSync( vrf );
+}
+
+void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
+   if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmProcessingSyncMap ) {
+      return; // nearly always; no line of trace for each slice
+   }
+   const VrfMplsState* const vrfState = mplsState( vrf );
+   MPLS_TRACE( 3, "vrf: ", vrf, ", mplsStateExists: ", vrfState != nullptr );
+   const size_t routeKeys = vrfState ? vrfState->routeKeyForReviews() : 0;
+   const size_t l3Adjs = vrfState ? vrfState->l3AdjForReviews() : 0;
+   const bool quiesced = in_.transitLfib->ready();
+   if ( routeKeys != 0 || l3Adjs != 0 || !quiesced ) {
+      MPLS_TRACE( 3, "Not moving to waitingForSync stage - mplsSmStartupStatus: ",
+                  mplsSmStartupStatus_, ", routeKeyForReviews(): ", routeKeys,
+                  ", vrfMplsState->l3AdjForReviews(): ", l3Adjs, ", inputLfibQuiesced: ", quiesced );
+      return;
+   }
+   MPLS_TRACE( 3, "No route or L3Adj for review, moving to waitingForSync stage" );
+   mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmWaitingForSyncResponses );
+   in_.hwFecIdRequest->syncRequestsReadyIs( true );
+}
+
+void MplsSm::handleSyncDone() {
+   MPLS_TRACE_CALL( 3, ": " );
+   const bool done = in_.velL3StartupStagePrereqs->adjSyncDone();
+   if ( !done || mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmWaitingForSyncResponses ) {
+      MPLS_TRACE( 3, "adjSyncDone transitioned to ", done, ", mplsSmStartupStatus is ",
+                  mplsSmStartupStatus_, ", NOT transitioning to normal stage for VelMplsSm" );
+      return;
+   }
+   const L3::VrfName vrf = L3::VrfName::defaultVrf();
+   for ( const Mpls::RouteKey routeKey : staleRecoveredRoute() ) {
+      // The configuration of this process never held it: what is in hardware goes by the helper.
+      if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
+         unprogramRouteKey( *vrfState, routeKey );
+      }
+      in_.mplsSmHelper->deleteRoute( vrf, routeKey );
+   }
+   staleRecoveredRouteDelAll();
+   in_.hwFecIdRequest->adjSyncIdMapDelAll();
+   mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmNormal );
+   MPLS_TRACE( 3, "Transitioned to normal stage" );
+}
+
+} // namespace Vel

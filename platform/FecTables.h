@@ -1,0 +1,125 @@
+// FECs and the tables that request and answer hardware FEC ids.
+
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/Entity.h"
+#include "platform/L3Status.h"
+#include "platform/LfibTypes.h"
+
+namespace Fib {
+
+/// One way out of a FEC. An interface that stands for another FEC makes it hierarchical.
+struct FecVia {
+   Vel::IpGenAddr nextHop;
+   IntfId intf;
+   Vel::MplsLabelAction labelAction = Vel::MplsLabelAction::none;
+   Mpls::LabelStack labelStack;
+   Mpls::PayloadType payloadType = Mpls::PayloadType::undefined; ///< with a pop
+   Mpls::TtlMode ttlMode = Mpls::TtlMode::undefined;             ///< with a pop
+   bool drop = false;                                            ///< frames end here
+   friend bool operator==( const FecVia&, const FecVia& ) = default;
+};
+VEL_EXPORT void appendText( std::string& out, const FecVia& via );
+
+/// A FEC: its vias in via-index order, and the FEC that protects it, if any. Empty without vias.
+struct Fec {
+   FecId fecId;
+   std::vector< FecVia > via;
+   FecId backupFecId;
+   bool empty() const { return via.empty(); }
+   friend bool operator==( const Fec&, const Fec& ) = default;
+};
+VEL_EXPORT void appendText( std::string& out, const Fec& fec );
+
+} // namespace Fib
+
+namespace Fib6 {
+
+/// The IPv6 form has the same fields and a table of its own.
+struct Fec : Fib::Fec {
+   friend bool operator==( const Fec&, const Fec& ) = default;
+};
+
+} // namespace Fib6
+
+namespace Vel {
+
+/// Identifies an adjacency across a restart. Opaque; 0 is none.
+using AdjSyncId = U64;
+
+/// Asks for a hardware FEC id.
+struct HwFecIdRequest {
+   Fib::FecId fecId;
+   L3::VrfName vrfName;
+   friend bool operator==( const HwFecIdRequest&, const HwFecIdRequest& ) = default;
+};
+inline void appendText( std::string& out, const HwFecIdRequest& request ) {
+   out += joinText( request.fecId, " ", request.vrfName );
+}
+
+/// A hardware FEC id as granted. 0 is none.
+struct HwFecId {
+   U64 hwId = 0;
+   friend bool operator==( const HwFecId&, const HwFecId& ) = default;
+};
+inline void appendText( std::string& out, const HwFecId& id ) { appendText( out, id.hwId ); }
+
+/// An entry of the map from FEC to the adjacency sync id of the process before.
+struct AdjSyncIdEntry {
+   Fib::FecId fecId;
+   AdjSyncId syncId = 0;
+   friend bool operator==( const AdjSyncIdEntry&, const AdjSyncIdEntry& ) = default;
+};
+inline void appendText( std::string& out, const AdjSyncIdEntry& entry ) {
+   appendText( out, entry.syncId );
+}
+
+/// Requests to the hardware layer. Written by the label state machines.
+class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< FecIdToHwFecIdRequest > {
+    public:
+      virtual void onFec( Fib::FecId ) {}
+      virtual void onFec6( Fib::FecId ) {}
+      virtual void onHwFecIdRequest( Fib::FecId ) {}
+      virtual void onSyncRequestsReady() {}
+   };
+
+   ENTITY( FecIdToHwFecIdRequest )
+   KEY( std::string, requestName )
+   VALUES( Hash, Fib::FecId, Fib::Fec, fecId, fec, onFec )
+   VALUES( Hash, Fib::FecId, Fib6::Fec, fecId, fec6, onFec6 )
+   VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
+   VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
+   ATTRIBUTE( bool, syncRequestsReady, onSyncRequestsReady )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit FecIdToHwFecIdRequest( std::string name ) : requestName_( std::move( name ) ) {}
+};
+
+/// Answers of the hardware layer.
+class VEL_EXPORT FecIdToHwFecIdResponse : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< FecIdToHwFecIdResponse > {
+    public:
+      virtual void onHwFecId( Fib::FecId ) {}
+      virtual void onL2IntfId( Fib::FecId ) {}
+      virtual void onHwFecIdControl() {}
+   };
+
+   ENTITY( FecIdToHwFecIdResponse )
+   KEY( std::string, responseName )
+   COLLECTION( Hash, Fib::FecId, HwFecId, hwFecId, onHwFecId )
+   COLLECTION( Hash, Fib::FecId, IntfId, l2IntfId, onL2IntfId )
+   ATTRIBUTE( bool, hwFecIdControl, onHwFecIdControl )
+   ENTITY_END_IN_SOURCE
+
+ public:
+   explicit FecIdToHwFecIdResponse( std::string name ) : responseName_( std::move( name ) ) {}
+};
+
+} // namespace Vel

@@ -1,0 +1,256 @@
+// A label state machine with everything around it, for tests: the LFIB on the heap, an L3 layer that answers from a
+// table, the software switch, and a clock that moves when told.
+
+#pragma once
+
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "driver/SoftwareSwitch.h"
+#include "mpls/VelMplsSm.h"
+#include "platform/LfibRegion.h"
+
+namespace Vel::Test {
+
+inline IpGenAddr ip( std::string_view text ) { return *IpGenAddr::parse( text ); }
+inline Mpls::RouteKey key( U32 label ) { return Mpls::RouteKey( label ); }
+inline Mpls::LfibViaSetKey viaSetKey( U32 index,
+                                      Mpls::LfibViaType type = Mpls::viaTypeMplsIp ) {
+   return { Mpls::LfibSource::ldp, type, index };
+}
+inline Mpls::LfibViaKey viaKey( U32 index, Mpls::LfibViaType type = Mpls::viaTypeMplsIp ) {
+   return { Mpls::LfibSource::ldp, type, index };
+}
+inline Mpls::LfibMplsVia swapVia( U32 index, std::string_view nextHop, U32 intf, U32 outLabel ) {
+   Mpls::LfibMplsVia via;
+   via.key = viaKey( index );
+   via.nextHop = nextHop.empty() ? IpGenAddr() : ip( nextHop );
+   via.intf = intf == 0 ? IntfId() : IntfId::ordinary( intf );
+   via.labelAction = MplsLabelAction::swap;
+   via.labelStack = { outLabel };
+   return via;
+}
+
+/// The L3 layer: answers watches from a table of neighbours.
+class L3Layer {
+ public:
+   explicit L3Layer( VelL3Status& status )
+      : status_( &status ), arp( make< ProactiveArpNexthopSm >( "arp" ) ),
+        rr( make< RouteReactorConfig >( "rr" ) ), rr6( make< Route6ReactorConfig >( "rr6" ) ),
+        arpReactor_( *this ), rrReactor_( *this ), rr6Reactor_( *this ) {
+      arpReactor_.notifierIs( arp.get() );
+      rrReactor_.notifierIs( rr.get() );
+      rr6Reactor_.notifierIs( rr6.get() );
+   }
+   /// The neighbour becomes resolved.
+   void neighborIs( std::string_view address, U32 intf, U64 mac ) {
+      const NextHopKey neighbor{ IntfId::ordinary( intf ), ip( address ) };
+      table_[neighbor] = { 0, neighbor.intf, MacAddr( mac ), true };
+      publish( neighbor );
+   }
+   void neighborDel( std::string_view address, U32 intf ) {
+      const NextHopKey neighbor{ IntfId::ordinary( intf ), ip( address ) };
+      table_.erase( neighbor );
+      publish( neighbor );
+   }
+   bool resolved( const NextHopKey& neighbor ) const { return table_.contains( neighbor ); }
+   NextHopInfo info( const NextHopKey& neighbor ) const {
+      const auto at = table_.find( neighbor );
+      return at == table_.end() ? NextHopInfo() : at->second;
+   }
+   /// All neighbours of that address, on whatever interface: what the route resolver finds.
+   std::vector< NextHopInfo > infosOf( const IpGenAddr& address ) const {
+      std::vector< NextHopInfo > found;
+      for ( const auto& [neighbor, info] : table_ ) {
+         if ( neighbor.addr == address ) {
+            found.push_back( info );
+         }
+      }
+      return found;
+   }
+
+ private:
+   void publish( const NextHopKey& neighbor ) {
+      if ( arp->entryHas( { L3::VrfName::defaultVrf(), neighbor.addr, neighbor.intf } ) ) {
+         status_->nextHopInfoIs( neighbor, info( neighbor ) );
+      }
+      publishWatched( neighbor.addr );
+   }
+   void publishWatched( const IpGenAddr& address ) {
+      const L3::VrfName vrf = L3::VrfName::defaultVrf();
+      const bool v4 = address.af() == ipv4();
+      const bool watched = v4 ? rr->watchedAddrHas( { vrf, address } )
+                              : rr6->watchedIp6AddrHas( { vrf, address } );
+      ResolvedAddr resolved;
+      if ( watched ) {
+         resolved.prefix = { address, static_cast< uint8_t >( v4 ? 32 : 128 ) };
+         for ( const NextHopInfo& info : infosOf( address ) ) {
+            resolved.nexthop.push_back( { address, info.l2Intf, ResolvedNexthop::Type::attached, info } );
+         }
+      }
+      if ( v4 ) {
+         watched ? status_->resolvedAddrIs( { vrf, address }, resolved )
+                 : void( status_->resolvedAddrDel( { vrf, address } ) );
+      } else {
+         watched ? status_->resolvedIp6AddrIs( { vrf, address }, resolved )
+                 : void( status_->resolvedIp6AddrDel( { vrf, address } ) );
+      }
+   }
+
+   struct ArpReactor : ProactiveArpNexthopSm::Reactor {
+      explicit ArpReactor( L3Layer& layer ) : layer_( layer ) {}
+      void onEntry( ProactiveArpEntry entry ) override {
+         const NextHopKey neighbor{ entry.intf, entry.addr };
+         if ( notifier()->entryHas( entry ) ) {
+            layer_.status_->nextHopInfoIs( neighbor, layer_.info( neighbor ) );
+         } else {
+            layer_.status_->nextHopInfoDel( neighbor );
+         }
+      }
+      L3Layer& layer_;
+   };
+   struct RrReactor : RouteReactorConfig::Reactor {
+      explicit RrReactor( L3Layer& layer ) : layer_( layer ) {}
+      void onWatchedAddr( VrfAndIpAddr key ) override { layer_.publishWatched( key.ipAddr ); }
+      L3Layer& layer_;
+   };
+   struct Rr6Reactor : Route6ReactorConfig::Reactor {
+      explicit Rr6Reactor( L3Layer& layer ) : layer_( layer ) {}
+      void onWatchedIp6Addr( VrfAndIpGenAddr key ) override {
+         layer_.publishWatched( key.ipGenAddr );
+      }
+      L3Layer& layer_;
+   };
+
+   Ptr< VelL3Status > status_;
+   std::map< NextHopKey, NextHopInfo > table_;
+
+ public:
+   const Ptr< ProactiveArpNexthopSm > arp;
+   const Ptr< RouteReactorConfig > rr;
+   const Ptr< Route6ReactorConfig > rr6;
+
+ private:
+   ArpReactor arpReactor_;
+   RrReactor rrReactor_;
+   Rr6Reactor rr6Reactor_;
+};
+
+struct RigSettings {
+   Mpls::LfibCapacities capacities{};
+   Driver::SwitchSettings hardware{};
+   bool withHardware = true; ///< else the test plays the driver
+   bool vrfHasNumber = true;
+   bool mplsRouting = true;
+   bool start = true; ///< make the state machine at once
+};
+
+class LabelRig {
+ public:
+   explicit LabelRig( RigSettings settings = {} )
+      : memory( Mpls::LfibWriter::bytesNeeded( settings.capacities ) ),
+        writer( memory, settings.capacities ) {
+      l3Status->adjHwStatusIs( make< AdjHwStatus >() );
+      if ( settings.vrfHasNumber ) {
+         vrfNumberIs();
+      }
+      routingInfo->mplsRoutingIs( vrf, settings.mplsRouting );
+      if ( settings.withHardware ) {
+         hardware = std::make_unique< Driver::SoftwareSwitch >( hwConfig, hwStatus, scheduler,
+                                                                settings.hardware );
+      }
+      if ( settings.start ) {
+         start();
+      }
+   }
+   ~LabelRig() { sm = nullptr; }
+
+   MplsSmInputs inputs() {
+      return { lfibInfo, routingInfo, lfib,        lfibHwStatus, routeStatus,   hwMplsStatus,
+               l3.rr,    l3.rr6,      hwConfig,    hwStatus,     l3Status,      l3.arp,
+               entities, nullptr,     nullptr,     nullptr,      nullptr,       nullptr,
+               nullptr,  attrLog,     nullptr,     clock,        scheduler };
+   }
+   void start() { sm = MplsSmIs( inputs() ); }
+   void vrfNumberIs() {
+      routeStatus->vrfStatusIs( vrf, vrfId );
+      l3Status->vrfNameIs( vrfId, vrf );
+   }
+
+   // --- The LFIB
+
+   void viaSetIs( U32 index, const std::vector< Mpls::LfibMplsVia >& vias ) {
+      Mpls::LfibViaSet viaSet( viaSetKey( index ) );
+      for ( const Mpls::LfibMplsVia& via : vias ) {
+         writer.mplsViaIs( via );
+         viaSet.viaKeyAdd( via.key );
+      }
+      writer.viaSetIs( viaSet );
+   }
+   void routeIs( U32 label, U32 viaSet ) { routeIs( key( label ), viaSetKey( viaSet ) ); }
+   void routeIs( Mpls::RouteKey routeKey, Mpls::LfibViaSetKey viaSet ) {
+      writer.routeIs( { routeKey, viaSet, 0 } );
+   }
+   void routeDel( U32 label ) { writer.routeDel( key( label ) ); }
+
+   // --- Time
+
+   /// Announces what the LFIB holds, and runs nothing.
+   void poll() {
+      do {
+         lfib->poll( 1U << 20 );
+      } while ( lfib->pollPending() );
+   }
+   /// Announces, and runs everything that is due up to `seconds` from now, but no retry that lies further off.
+   void settle( double seconds = 1.0 ) {
+      const double until = clock->now() + seconds;
+      poll();
+      runUntilIdle( *scheduler, *clock, until, 1U << 20 );
+   }
+
+   // --- What came of it
+
+   VrfMplsState* state() { return sm->mplsState( vrf ); }
+   MplsRoute* route( U32 label ) { return state() ? state()->route( key( label ) ) : nullptr; }
+   L3Adjacency* l3Adj( U32 viaSet ) {
+      return state() && state()->lFibViaSetToL3AdjHas( viaSetKey( viaSet ) )
+                ? state()->l3Adjacency( state()->lFibViaSetToL3Adj( viaSetKey( viaSet ) ) )
+                : nullptr;
+   }
+   MplsHwVrfConfig* config() { return hwConfig->vrfConfig( vrfId ); }
+   MplsHwVrfStatus* status() { return hwStatus->vrfStatusIs( vrfId ); }
+   /// The published code, or nothing.
+   std::optional< Mpls::RouteStatusCode > published( U32 label ) {
+      if ( !lfibHwStatus->unprogrammedRouteHas( key( label ) ) ) {
+         return std::nullopt;
+      }
+      return lfibHwStatus->unprogrammedRoute( key( label ) ).statusCode;
+   }
+
+   const L3::VrfName vrf = L3::VrfName::defaultVrf();
+   static constexpr VrfId vrfId = 7;
+
+   std::vector< std::byte > memory;
+   Mpls::LfibWriter writer;
+   Ptr< ManualClock > clock = make< ManualClock >( 100.0 );
+   Ptr< Scheduler > scheduler = make< Scheduler >( Ptr< Clock >( clock ) );
+   Ptr< Mpls::LfibStatus > lfib =
+      make< Mpls::LfibStatus >( "transitLfib", std::span< const std::byte >( memory ) );
+   Ptr< Mpls::LfibInfo > lfibInfo = make< Mpls::LfibInfo >( "lfibInfo" );
+   Ptr< Mpls::RoutingInfo > routingInfo = make< Mpls::RoutingInfo >( "routingInfo" );
+   Ptr< Mpls::LfibHwStatus > lfibHwStatus = make< Mpls::LfibHwStatus >( "lfibHwStatus" );
+   Ptr< Routing::Hardware::RouteStatus > routeStatus =
+      make< Routing::Hardware::RouteStatus >( "routeStatus" );
+   Ptr< Mpls::Hardware::Status > hwMplsStatus = make< Mpls::Hardware::Status >( "hwMplsStatus" );
+   Ptr< MplsHwConfig > hwConfig = mplsHwConfigFactory( "mplsHwConfig" );
+   Ptr< MplsHwStatus > hwStatus = mplsHwStatusFactory( "mplsHwStatus" );
+   Ptr< VelL3Status > l3Status = make< VelL3Status >( "velL3Status" );
+   Ptr< EntityManager > entities = make< EntityManager >();
+   Ptr< AttrLogSm > attrLog = make< AttrLogSm >();
+   L3Layer l3{ *l3Status };
+   std::unique_ptr< Driver::SoftwareSwitch > hardware;
+   Ptr< MplsSm > sm;
+};
+
+} // namespace Vel::Test

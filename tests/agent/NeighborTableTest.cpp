@@ -1,0 +1,118 @@
+// The neighbour importer: which neighbours count as resolved, and what bad tables are told.
+
+#include "agent/NeighborTable.h"
+
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Vel::Agent {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+std::string errorText( const NeighborTable& table ) {
+   std::string out;
+   for ( const ImportError& error : table.errors ) {
+      out += error.text() + "\n";
+   }
+   return out;
+}
+
+TEST( NeighborTable, readsTheNeighborsOfTheExample ) {
+   const NeighborTable table = loadNeighborTable( std::string( VELMPLS_SOURCE_DIR ) +
+                                                  "/examples/abilene-denver-neighbors.json" );
+   EXPECT_EQ( errorText( table ), "" );
+   ASSERT_THAT( table.neighbors, SizeIs( 3 ) );
+   EXPECT_EQ(
+      table.neighbors[0],
+      ( Neighbor{ "10.3.6.6", "to-kansas-city", { 2, 0, 0x0A, 3, 6, 6 }, true, "REACHABLE", 0 } ) );
+}
+
+TEST( NeighborTable, resolvedNeedsAMacAddressAndAStateThatUsesIt ) {
+   struct Case {
+      std::string fields;
+      bool resolved;
+   };
+   const std::string mac = R"(,"lladdr":"02:00:00:00:00:0A")";
+   const std::vector< Case > cases{
+      { mac + R"(,"state":["STALE"])", true },
+      { mac + R"(,"router":null,"extern_learn":null,"used":3,"state":["NOARP"])", true },
+      { mac, true },
+      { mac + R"(,"state":["PERMANENT"],"vlan":4094)", true },
+      { mac + R"(,"state":["FAILED"])", false },
+      { mac + R"(,"state":["STALE","INCOMPLETE"])", false },
+      { R"(,"state":["REACHABLE"])", false },
+      { R"(,"state":["FAILED"])", false },
+   };
+   for ( const Case& c : cases ) {
+      SCOPED_TRACE( c.fields );
+      const NeighborTable table =
+         parseNeighborTable( R"([{"dst":"FE80::01","dev":"eth0")" + c.fields + "}]", "t" );
+      EXPECT_EQ( errorText( table ), "" );
+      ASSERT_THAT( table.neighbors, SizeIs( 1 ) );
+      EXPECT_EQ( table.neighbors[0].resolved, c.resolved );
+      EXPECT_EQ( table.neighbors[0].address, "fe80::1" );
+      EXPECT_EQ( table.neighbors[0].vlan, c.fields.ends_with( "4094" ) ? 4094 : 0 );
+   }
+}
+
+TEST( NeighborTable, theKernelsFixedMappingsAreNoNeighbors ) {
+   const NeighborTable table = parseNeighborTable(
+      R"([{"dst":"ff02::2","dev":"eth0","lladdr":"33:33:00:00:00:02","state":["NOARP"]},
+          {"dst":"127.0.0.1","dev":"lo","lladdr":"00:00:00:00:00:00","state":["NOARP"]}])",
+      "t" );
+   EXPECT_EQ( errorText( table ), "" );
+   EXPECT_THAT( table.neighbors, IsEmpty() );
+}
+
+TEST( NeighborTable, tellsWhatIsWrongWithABadTable ) {
+   struct Case {
+      std::string text;
+      std::string complaint;
+   };
+   const auto withMac = []( const std::string& mac ) {
+      return R"([{"dst":"10.0.0.1","dev":"a","lladdr":")" + mac + "\"}]";
+   };
+   const std::vector< Case > cases{
+      { "", "t: the file is empty" },
+      { "{}", "t: not a neighbour table" },
+      { "[{", "t:1:3: the file ends in the middle" },
+      { "[7]", "neighbour 1: the neighbour is 7, not an object" },
+      { R"([{"dev":"a"}])", "t:1:2: neighbour 1: the field \"dst\" is missing" },
+      { R"([{"dst":"10.0.0.1"}])", "the field \"dev\" is missing" },
+      { R"([{"dst":"10.0.0","dev":"a"}])", "\"10.0.0\" is not an IPv4 or IPv6 address" },
+      { R"([{"dst":"224.0.0.1","dev":"a"}])", "is a multicast address" },
+      { R"([{"dst":"10.0.0.1","dev":"a/b"}])", "has a slash" },
+      { R"([{"dst":"10.0.0.1","dev":"a","vlan":4095}])", "beyond its largest value 4094" },
+      { R"([{"dst":"10.0.0.1","dev":"a","state":"FAILED"}])", "not a list" },
+      { R"([{"dst":"10.0.0.1","dev":"a","state":[1]}])", "the field \"state\" has 1 in it" },
+      { withMac( "02:00:00:00:00" ), "is not an Ethernet MAC address" },
+      { withMac( "02:00:00:00:00:0g" ), "is not an Ethernet MAC address" },
+      { withMac( "02:00:00:00-00:01" ), "is not an Ethernet MAC address" },
+      { withMac( "00:00:00:00:00:00" ), "all zero" },
+      { withMac( "01:00:5e:00:00:01" ), "is a multicast address" },
+   };
+   for ( const Case& c : cases ) {
+      SCOPED_TRACE( c.text );
+      const NeighborTable table = parseNeighborTable( c.text, "t" );
+      EXPECT_THAT( errorText( table ), HasSubstr( c.complaint ) );
+      EXPECT_EQ( table.errors.size(), 1U ) << errorText( table );
+      EXPECT_THAT( table.neighbors, IsEmpty() );
+   }
+}
+
+TEST( NeighborTable, oneEntryForAnAddressOnAnInterface ) {
+   const NeighborTable table = parseNeighborTable(
+      R"([{"dst":"fe80::1","dev":"a"},{"dst":"fe80::1","dev":"b"},{"dst":"fe80:0::1","dev":"a"}])",
+      "t" );
+   EXPECT_EQ( errorText( table ), "t:1:58: neighbour 3: a second entry for fe80::1 on a\n" );
+   EXPECT_THAT( table.neighbors, SizeIs( 2 ) );
+}
+
+} // namespace
+} // namespace Vel::Agent

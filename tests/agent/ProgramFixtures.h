@@ -1,0 +1,90 @@
+// Tables in the native format, and an agent that has taken them.
+
+#pragma once
+
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "agent/LabelAgent.h"
+#include "agent/ProgramResult.h"
+#include "agent/ResultPrinter.h"
+
+namespace VelTest {
+
+using namespace Vel;
+using namespace Vel::Agent;
+using Mpls::RouteKey;
+
+inline std::string examplePath( const std::string& name ) {
+   return std::string( VELMPLS_SOURCE_DIR ) + "/examples/abilene-denver-" + name + ".json";
+}
+
+/// A swap in the native format.
+inline std::string swapVia( uint32_t outLabel, const std::string& nextHop,
+                            const std::string& interface = "" ) {
+   return joinText( R"({"action":"swap","outLabels":[)", outLabel, R"(],"nextHop":")", nextHop,
+                    interface.empty() ? "\"" : R"(","interface":")" + interface + "\"", "}" );
+}
+/// A route in the native format.
+inline std::string routeOf( uint32_t label, const std::string& vias ) {
+   return joinText( R"({"label":)", label, R"(,"vias":[)", vias, "]}" );
+}
+inline LabelTable tableOf( const std::string& routes ) {
+   LabelTable table =
+      parseLabelTable( R"({"velmplsLabelTable":1,"routes":[)" + routes + "]}", "t" );
+   for ( const ImportError& error : table.errors ) {
+      ADD_FAILURE() << error.text();
+   }
+   return table;
+}
+inline Neighbor neighborOf( const std::string& address, const std::string& interface,
+                            uint8_t lastOfMac, uint16_t vlan = 0 ) {
+   return { address, interface, { 2, 0, 0, 0, 0, lastOfMac }, true, "REACHABLE", vlan };
+}
+
+/// An agent with neighbours, to which tables are applied one after the other.
+struct Programmed {
+   explicit Programmed( const std::vector< LabelTable >& tables,
+                        const std::vector< Neighbor >& neighbors = {},
+                        LabelAgentSettings settings = {} ) {
+      LfibPlan plan;
+      for ( const LabelTable& table : tables ) {
+         plan.add( table );
+      }
+      settings.hardware.breachIsFatal = true;
+      agent = std::make_unique< LabelAgent >( std::move( plan ), settings );
+      for ( const Neighbor& neighbor : neighbors ) {
+         agent->l3().neighborIs( neighbor );
+      }
+   }
+   void apply( size_t table ) {
+      EXPECT_EQ( agent->apply( table ), std::nullopt );
+      settle();
+   }
+   void settle() const { EXPECT_EQ( agent->settle(), std::nullopt ); }
+   /// "state: reason", or the state alone.
+   std::string stateOf( uint32_t label ) const {
+      const auto route = ProgramResult( *agent ).route( RouteKey( label ) );
+      return !route ? "absent"
+                    : joinText( name( route->state ), route->reason.empty() ? "" : ": ",
+                                route->reason );
+   }
+   /// Versions of the routes that the hardware was asked for.
+   std::map< uint32_t, U64 > versions() const {
+      std::map< uint32_t, U64 > out;
+      for ( const auto& [key, route] : agent->hwConfig()->route() ) {
+         out[key.topLabel().value()] = route.version;
+      }
+      return out;
+   }
+
+   std::unique_ptr< LabelAgent > agent;
+};
+
+} // namespace VelTest

@@ -1,0 +1,24 @@
+// A user's program: an entity type of its own that the library prints.
+
+#include "platform/Entity.h"
+
+#include <cstdio>
+#include <string>
+
+class Port : public Vel::Entity {
+   ENTITY( Port )
+   KEY( int, number )
+   ATTRIBUTE( bool, up )
+   ENTITY_END
+ public:
+   explicit Port( int number ) : number_( number ) {}
+};
+
+int main() {
+   const Vel::Ptr< Port > port( new Port( 7 ) );
+   port->upIs( true );
+   const std::string text = Vel::printText( *port );
+   std::printf( "%s\n", text.c_str() );
+   return text.find( "up" ) != std::string::npos && text.find( "true" ) != std::string::npos ? 0
+                                                                                             : 1;
+}
