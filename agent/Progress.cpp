@@ -18,8 +18,8 @@ constexpr size_t barCells = 24;
 
 Progress::Progress( bool wanted ) : on_( wanted && isatty( STDERR_FILENO ) != 0 ) {}
 
-Progress::~Progress() {
-   if ( shown_ ) {
+void Progress::hide() {
+   if ( std::exchange( shown_, false ) ) {
       std::fputs( "\r\033[K", stderr );
    }
 }

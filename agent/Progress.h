@@ -17,12 +17,14 @@ class Progress {
    explicit Progress( bool wanted );
    Progress( const Progress& ) = delete;
    Progress& operator=( const Progress& ) = delete;
-   ~Progress();
+   ~Progress() { hide(); }
 
    /// What is done now, such as "reading table.json".
    void stage( std::string what );
    /// How much of the stage is left. The most that was ever left counts as all of it.
    void left( size_t work );
+   /// Wipes the line out, so that something else can be written.
+   void hide();
 
  private:
    void show();

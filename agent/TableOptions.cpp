@@ -65,7 +65,9 @@ namespace {
 
 // Lists what is wrong with a file; false when the file is of no use.
 bool sound( const std::vector< ImportError >& errors, bool anythingLeft,
-            const TableOptions& options, LoadedTables& loaded, std::ostream& complaints ) {
+            const TableOptions& options, LoadedTables& loaded, Progress& progress,
+            std::ostream& complaints ) {
+   progress.hide();
    for ( const ImportError& error : errors ) {
       complaints << error.text() << '\n';
    }
@@ -84,7 +86,7 @@ LoadedTables loadTables( const TableOptions& options, Progress& progress,
    for ( const std::string& file : options.lfibFiles ) {
       progress.stage( "reading " + inputName( file ) );
       const LabelTable table = loadLabelTable( file, labelTableFormat( options.lfibFormat ) );
-      if ( !sound( table.errors, !table.routes.empty(), options, loaded, complaints ) ) {
+      if ( !sound( table.errors, !table.routes.empty(), options, loaded, progress, complaints ) ) {
          loaded.usable = false;
       }
       if ( loaded.usable ) {
@@ -95,7 +97,7 @@ LoadedTables loadTables( const TableOptions& options, Progress& progress,
       progress.stage( "reading " + inputName( options.neighborFile ) );
       loaded.neighbors = loadNeighborTable( options.neighborFile );
       if ( !sound( loaded.neighbors.errors, !loaded.neighbors.neighbors.empty(), options, loaded,
-                   complaints ) ) {
+                   progress, complaints ) ) {
          loaded.usable = false;
       }
    }

@@ -29,8 +29,8 @@ constexpr uint16_t etherTypeMpls = 0x8847; ///< RFC 5332 section 3: downstream-a
 
 /// The header of a frame, tag included.
 struct EthernetHeader {
-   MacAddr destination;
-   MacAddr source;
+   MacAddr destination{};
+   MacAddr source{};
    Bridging::VlanId vlanId = 0; ///< 0: untagged, or tagged for priority only
    uint16_t etherType = 0;      ///< of what follows the tag
    size_t size = 0;             ///< bytes read

@@ -51,6 +51,7 @@ struct Operation {
    Mpls::RouteKey routeKey{};      ///< of a route
    Ptr< HwAdjacency > adjacency{}; ///< an adjacency, or that of a written route
 };
+static_assert( sizeof( Operation ) == 32, "a million of them may wait" );
 /// "routeWritten vrf 0 routeKey 16001 adjacency 7 version 3"
 void appendText( std::string& out, const Operation& operation );
 

@@ -1,8 +1,8 @@
 // MplsSm: where adjacencies are programmed as FECs.
 //
-// What stands here is the seam: a platform with FECs is recognised, and what would have to be programmed as a FEC, an
-// external FEC or a replication group stays unprogrammed and says so. On a platform without FECs none of it is reached
-// but the releases, which have nothing to release.
+// What stands here is the seam: a platform with FECs is recognised, and what would have to be
+// programmed as a FEC, an external FEC or a replication group stays unprogrammed and says so. On a
+// platform without FECs none of it is reached but the releases, which have nothing to release.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
@@ -26,7 +26,8 @@ bool MplsSm::programMplsIpL3AdjAsFec( VrfMplsState&, L3Adjacency& l3Adj, const M
    return true;
 }
 
-bool MplsSm::programExtFecL3Adj( VrfMplsState&, L3Adjacency& l3Adj, const Mpls::LfibViaSet& viaSet ) {
+bool MplsSm::programExtFecL3Adj( VrfMplsState&, L3Adjacency& l3Adj,
+                                 const Mpls::LfibViaSet& viaSet ) {
    if ( !forwardingIntoExternalFecsSupported() ) {
       MPLS_TRACE( 3, "External FEC not supported on this platform; skipping l3 adj" );
       return false;
@@ -43,7 +44,8 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
    leaveRouteUnprogrammed( vrfState, route, l3Adj );
 }
 
-void MplsSm::writeRouteWithMulticast( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
+void MplsSm::writeRouteWithMulticast( VrfMplsState& vrfState, MplsRoute& route,
+                                      L3Adjacency& l3Adj ) {
    leaveRouteUnprogrammed( vrfState, route, l3Adj );
 }
 
@@ -65,7 +67,8 @@ void MplsSm::handleMcastId( VrfId vrfId, U16 groupId ) {
    const L3::VrfName& vrfName = in_.velL3Status->vrfName( vrfId );
    MPLS_ASSERT( vrfName == L3::VrfName::defaultVrf(), "vrfName == L3::VrfName::defaultVrf()",
                 vrfName.text() );
-   MPLS_TRACE( 3, mplsStateHas( vrfName ) ? "no multicast group " : "no vrf state for group ", groupId );
+   MPLS_TRACE( 3, mplsStateHas( vrfName ) ? "no multicast group " : "no vrf state for group ",
+               groupId );
 }
 
 void MplsSm::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {

@@ -1,4 +1,5 @@
-// MplsSm: hardware feedback. What the driver reports, label forwarding switched on and off, and how a route leaves.
+// MplsSm: hardware feedback. What the driver reports, label forwarding switched on and off, and how
+// a route leaves.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
@@ -13,9 +14,10 @@ SystemLogHandle resourceFull( {
    .severity = 3,
    .minIntervalSeconds = 1.0,
    .format = "Hardware resources are insufficient to program all MPLS routes",
-   .explanation = "The switch is unable to program all routes due to insufficient hardware resources. "
-                  "When the switch is unable to program routes due to insufficient hardware "
-                  "resources, it may drop certain packets. ",
+   .explanation =
+      "The switch is unable to program all routes due to insufficient hardware resources. "
+      "When the switch is unable to program routes due to insufficient hardware "
+      "resources, it may drop certain packets. ",
    .recommendedAction =
       "To solve this issue, reconfigure the network to reduce the size of the routing table or the "
       "number of MPLS routes. When the hardware resources is available, the switch automatically "
@@ -56,8 +58,9 @@ void MplsSm::handleMplsRouting( bool enabled ) {
          config->mplsRoutingIs( true );
       }
       if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
-         // Changes of via sets went unheard while routing was off; what was not deleted meanwhile may be out of date.
-         for ( const auto& [ index, l3Adj ] : vrfState->l3Adjacency() ) {
+         // Changes of via sets went unheard while routing was off; what was not deleted meanwhile
+         // may be out of date.
+         for ( const auto& [index, l3Adj] : vrfState->l3Adjacency() ) {
             vrfState->l3AdjForReviewIs( index );
          }
       }
@@ -67,7 +70,7 @@ void MplsSm::handleMplsRouting( bool enabled ) {
    mplsIpRouteKeyDelAll();
    if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
       // The review deletes each; the hardware is told when nothing is pending any more.
-      for ( const auto& [ key, route ] : vrfState->route() ) {
+      for ( const auto& [key, route] : vrfState->route() ) {
          vrfState->routeKeyForReviewIs( key );
       }
       doMaybeScheduleReview( vrf );
@@ -100,11 +103,9 @@ void MplsSm::handleVrfName( VrfId vrfId ) {
       MPLS_TRACE( 3, " Vrf: ", vrf, " is not default. skip." );
       return;
    }
-   // The configuration could not be written while the VRF had no number.
-   if ( MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf );
+   if ( const MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf );
         config && initialized() && mplsRoutingEnabled( vrf ) && !config->mplsRouting() ) {
-      MPLS_TRACE( 3, "mplsRouting enabled in vrf ", vrf );
-      config->mplsRoutingIs( true );
+      handleMplsRouting( true ); // nothing could be written while the VRF had no number
    }
    const MplsHwVrfStatus* const status = in_.mplsHwStatus->vrfStatus( vrfId );
    if ( status && status->mplsRouting() ) {
@@ -174,7 +175,8 @@ void MplsSm::handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey ro
    MPLS_ASSERT( !( preUnprogrammed == 0 && !unprogrammed ),
                 "! (preUnprogrammed == 0 && delta == -1 )", textOf( routeKey ) );
    if ( preUnprogrammed == 0 ) {
-      if ( reason == UnprogrammedReason::AdjacencyFull || reason == UnprogrammedReason::RouteFull ) {
+      if ( reason == UnprogrammedReason::AdjacencyFull ||
+           reason == UnprogrammedReason::RouteFull ) {
          logIfAllowed( resourceFull );
          resourceFullLogged = true;
       }

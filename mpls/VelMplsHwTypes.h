@@ -1,9 +1,11 @@
-// The hardware programming model: what the library asks of the hardware driver, and what the driver reports.
+// The hardware programming model: what the library asks of the hardware driver, and what the driver
+// reports.
 //
-// The library writes `MplsHwConfig`: for each VRF whether label forwarding is wanted, the L2 adjacencies and the label
-// routes that point at them. The driver writes `MplsHwStatus`: what it has carried out and what it could not. Every
-// (re)programming carries a new version, so that the driver sees a change even where the content is the same, and a
-// route counts as confirmed with the version that was carried out. docs/driver-contract.md has the driver's side.
+// The library writes `MplsHwConfig`: for each VRF whether label forwarding is wanted, the L2
+// adjacencies and the label routes that point at them. The driver writes `MplsHwStatus`: what it
+// has carried out and what it could not. Every (re)programming carries a new version, so that the
+// driver sees a change even where the content is the same, and a route counts as confirmed with the
+// version that was carried out. docs/driver-contract.md has the driver's side.
 
 #pragma once
 
@@ -56,11 +58,12 @@ struct MplsHwRoute {
    friend bool operator==( const MplsHwRoute&, const MplsHwRoute& ) = default;
 
    /// Finds the adjacency for the text form of one; null when it knows none.
-   using AdjacencyResolver = Ptr< Mpls::Hardware::L2Adjacency > ( * )( std::string_view text, void* context );
-   /// From the text form, in which the adjacency stands as its index or None; nothing when the text is no such value
-   /// or names an adjacency that the resolver does not know.
-   VEL_EXPORT static std::optional< MplsHwRoute > parse( std::string_view text,
-                                                         AdjacencyResolver resolver, void* context );
+   using AdjacencyResolver = Ptr< Mpls::Hardware::L2Adjacency > ( * )( std::string_view text,
+                                                                       void* context );
+   /// From the text form, in which the adjacency stands as its index or None; nothing when the text
+   /// is no such value or names an adjacency that the resolver does not know.
+   VEL_EXPORT static std::optional< MplsHwRoute >
+   parse( std::string_view text, AdjacencyResolver resolver, void* context );
 };
 /// "Value('Vel::MplsHwRoute', ** {...})".
 VEL_EXPORT void appendText( std::string& out, const MplsHwRoute& route );
@@ -75,18 +78,21 @@ class VEL_EXPORT MplsHwVrfConfig : public WatchedEntity {
       virtual void onRoute( Mpls::RouteKey ) {}
    };
 
+   // clang-format off
    ENTITY( MplsHwVrfConfig )
    KEY( VrfId, vrfId )
    ATTRIBUTE( bool, mplsRouting, onMplsRouting )
    COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency, onL2Adjacency )
    VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit MplsHwVrfConfig( VrfId vrfId ) : vrfId_( vrfId ) {}
 };
 
-/// The hardware configuration. Written by the library, read by the driver; never restored from a backup copy.
+/// The hardware configuration. Written by the library, read by the driver; never restored from a
+/// backup copy.
 class VEL_EXPORT MplsHwConfig : public WatchedEntity {
  public:
    class Reactor : public ReactorOf< MplsHwConfig > {
@@ -94,17 +100,20 @@ class VEL_EXPORT MplsHwConfig : public WatchedEntity {
       virtual void onVrfConfig( VrfId ) {}
    };
 
+   // clang-format off
    ENTITY( MplsHwConfig )
    KEY( std::string, configName )
    ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfConfig, vrfConfig, onVrfConfig )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit MplsHwConfig( std::string name ) : configName_( std::move( name ) ) {}
    bool hasBackupSupport() const override { return false; }
 };
 
-/// What the driver reports of one VRF. Lines marked (sm) are written by the label state machine too.
+/// What the driver reports of one VRF. Lines marked (sm) are written by the label state machine
+/// too.
 class VEL_EXPORT MplsHwVrfStatus : public WatchedEntity {
  public:
    class Reactor : public ReactorOf< MplsHwVrfStatus > {
@@ -116,6 +125,7 @@ class VEL_EXPORT MplsHwVrfStatus : public WatchedEntity {
       virtual void onMcastHwIdSeq( U16 ) {}
    };
 
+   // clang-format off
    ENTITY( MplsHwVrfStatus )
    KEY( VrfId, vrfId )
    ATTRIBUTE( bool, mplsRouting, onMplsRouting ) // acknowledges the configuration
@@ -127,12 +137,13 @@ class VEL_EXPORT MplsHwVrfStatus : public WatchedEntity {
    COLLECTION( Hash, U16, U32, mcastHwId )                    // (sm) hardware id of a multicast group
    COLLECTION( Hash, U16, U32, mcastHwIdSeq, onMcastHwIdSeq ) // (sm) counts the changes of it
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit MplsHwVrfStatus( VrfId vrfId ) : vrfId_( vrfId ) {}
 
-   /// Adds to a group's change counter, wrapping, and gives the new value. A missing entry is made with 0 first; only
-   /// a value that differs from the old one is heard of.
+   /// Adds to a group's change counter, wrapping, and gives the new value. A missing entry is made
+   /// with 0 first; only a value that differs from the old one is heard of.
    U32 mcastHwIdSeqInc( U16 groupId, U32 delta );
 };
 
@@ -144,12 +155,14 @@ class VEL_EXPORT MplsHwStatus : public WatchedEntity {
       virtual void onVrfStatus( VrfId ) {}
    };
 
+   // clang-format off
    ENTITY( MplsHwStatus )
    KEY( std::string, statusName )
    ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfStatus, vrfStatus, onVrfStatus )
    ATTRIBUTE( U32, maxEcmpSize )           // for other consumers
    ATTRIBUTE( bool, lfibCountersSupported ) // for other consumers
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit MplsHwStatus( std::string name ) : statusName_( std::move( name ) ) {}

@@ -7,7 +7,9 @@ namespace Vel {
 
 namespace {
 
-std::string subject( const L3Adjacency& l3Adj ) { return l3Adj.fullName(); }
+std::string subject( const L3Adjacency& l3Adj ) {
+   return l3Adj.fullName();
+}
 
 } // namespace
 
@@ -23,7 +25,7 @@ L3Adjacency* MplsSm::newL3Adjacency( VrfMplsState& vrfState ) {
 
 L3AdjLFibAdjType MplsSm::lFibAdjTypeOf( const CachedLFibMplsViaColl& vias ) {
    L3AdjLFibAdjType type = L3AdjLFibAdjType::adjTypeRegular;
-   for ( const auto& [ index, via ] : vias.via() ) {
+   for ( const auto& [index, via] : vias.via() ) {
       if ( DynamicTunnelIntfId::isDynamicTunnelIntfId( via.intf ) ) {
          return L3AdjLFibAdjType::adjTypeDynamicTunnel;
       }
@@ -77,8 +79,8 @@ bool MplsSm::validateMplsIpL3Adj( const L3Adjacency& l3Adj, const Mpls::LfibViaS
       MPLS_TRACE( 3, "lFib viaSet idx ", key.index(), " viaType ", key.viaType(), " deleted" );
       return false;
    }
-   MPLS_ASSERT( key.viaType() == Mpls::viaTypeMplsIp, "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_",
-                textOf( key ) );
+   MPLS_ASSERT( key.viaType() == Mpls::viaTypeMplsIp,
+                "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_", textOf( key ) );
    if ( !saneVias ) {
       MPLS_TRACE( 3, "LFib via set ", key.index(), ", type ", key.viaType(), " is not sane" );
       return false;
@@ -111,7 +113,8 @@ void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    }
 }
 
-// Programs the adjacency the way of its via set; false: nothing is to be settled, an event will bring it back.
+// Programs the adjacency the way of its via set; false: nothing is to be settled, an event will
+// bring it back.
 bool MplsSm::programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                            const Mpls::LfibViaSet& viaSet ) {
    const Mpls::LfibViaSetKey viaSetKey = l3Adj.lFibViaSetKey();
@@ -136,7 +139,7 @@ bool MplsSm::programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
       return true;
    }
    ProgrammableMplsFecVias vias;
-   for ( const auto& [ viaIndex, via ] : saneVias->via() ) {
+   for ( const auto& [viaIndex, via] : saneVias->via() ) {
       vias.viaIs( viaIndex, via );
    }
    setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
@@ -182,7 +185,7 @@ void MplsSm::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    if ( adjType == L3AdjLFibAdjType::adjTypeRegular ) {
       setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
    } else {
-      for ( const auto& [ viaIndex, via ] : vias.via() ) {
+      for ( const auto& [viaIndex, via] : vias.via() ) {
          Mpls::Hardware::AdjacencyVia hwVia = hwViaOf( via );
          hwVia.labelStack = { singleMplsLabelFromVia( via ).value() };
          hwAdj->viaIs( viaIndex, hwVia );
@@ -192,13 +195,14 @@ void MplsSm::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
 }
 
 MplsLabel MplsSm::singleMplsLabelFromVia( const Mpls::LfibMplsVia& via ) {
-   MPLS_ASSERT( via.labelStack.stackSize() == 1, "via.labelStack().stackSize() == 1", textOf( via ) );
+   MPLS_ASSERT( via.labelStack.stackSize() == 1, "via.labelStack().stackSize() == 1",
+                textOf( via ) );
    return via.labelStack.label( 0 );
 }
 
 // The via as the LFIB wants it, not resolved.
 Mpls::Hardware::AdjacencyVia MplsSm::hwViaOf( const Mpls::LfibMplsVia& via ) {
-   return { via.key,        via.nextHop, via.intf,       via.labelAction,
+   return { via.key,         via.nextHop, via.intf,       via.labelAction,
             via.payloadType, via.ttlMode, via.labelStack, {} };
 }
 
@@ -211,13 +215,15 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
    hwAdj->viaDelAll();
    hwAdj->unresolvedViasIs( 0 );
    hwAdj->viaSetTypeIs( viaSet.key().viaSetType() );
-   MPLS_TRACE( 7, "LFib via set ", viaSet.key(), " via size ", vias.vias(), "LFib adj type: ", adjType );
-   MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", vias.vias(), " adj type ", adjType );
+   MPLS_TRACE( 7, "LFib via set ", viaSet.key(), " via size ", vias.vias(),
+               "LFib adj type: ", adjType );
+   MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", vias.vias(), " adj type ",
+               adjType );
    MPLS_ASSERT( adjType == L3AdjLFibAdjType::adjTypeRegular,
                 "lFibAdjType == L3AdjLFibAdjType::adjTypeRegular_", subject( l3Adj ) );
    Mpls::Hardware::L2ViaSet l2ViaSet;
    HashSet< IpAddrIntfId > named;
-   for ( const auto& [ viaIndex, via ] : vias.via() ) {
+   for ( const auto& [viaIndex, via] : vias.via() ) {
       MPLS_TRACE( 7, "LFib via ", via );
       const Mpls::Hardware::L2ViaSet resolved =
          resolveNextHop( vrfState, via, static_cast< U32 >( vias.vias() ), l3Adj );
@@ -276,7 +282,8 @@ void MplsSm::bindL3AdjToL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    in_.routingHwMplsStatus->adjacency( l3Adj.index() )->l2AdjacencyIs( hwL2Adj );
 }
 
-// The L2 adjacency that is left behind is looked at again, and deleted when nothing uses it any more.
+// The L2 adjacency that is left behind is looked at again, and deleted when nothing uses it any
+// more.
 void MplsSm::unbindL3AdjFromL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
    MplsL2Adjacency* const l2Adj = l3Adj.l2Adjacency().get();
    if ( l2Adj == nullptr ) {

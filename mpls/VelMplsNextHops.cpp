@@ -1,4 +1,5 @@
-// MplsSm: next hops and L2 adjacencies. What the vias resolve to, and one adjacency for each distinct result.
+// MplsSm: next hops and L2 adjacencies. What the vias resolve to, and one adjacency for each
+// distinct result.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
@@ -55,7 +56,8 @@ Mpls::Hardware::L2ViaSet MplsSm::resolveNextHopWithRR( VrfMplsState& vrfState,
          }
          const Mpls::Hardware::L2Via l2Via = l2ViaOf( via, found.arp );
          MPLS_TRACE( 7, " hw l2 via ", l2Via );
-         MPLS_TRACE( 8, "hw l2 via vlan ", l2Via.vlanId, " intf ", l2Via.intf, " mac ", l2Via.macAddr );
+         MPLS_TRACE( 8, "hw l2 via vlan ", l2Via.vlanId, " intf ", l2Via.intf, " mac ",
+                     l2Via.macAddr );
          l2Vias.l2ViaIs( l2Via );
       }
    }
@@ -100,8 +102,8 @@ Mpls::Hardware::L2ViaSet MplsSm::writeHwVia( const L3Adjacency& l3Adj, const Mpl
 
 void MplsSm::handleNexthopResolutionAllowDefaultRoute() {
    MPLS_TRACE_CALL( 3 );
-   for ( const auto& [ vrf, vrfState ] : mplsState() ) {
-      for ( const auto& [ key, nextHop ] : vrfState->mplsNextHop() ) {
+   for ( const auto& [vrf, vrfState] : mplsState() ) {
+      for ( const auto& [key, nextHop] : vrfState->mplsNextHop() ) {
          queueL3AdjsForReview( *vrfState, nextHop->resolvedByRR() );
       }
       doMaybeScheduleReview( vrf );
@@ -110,7 +112,7 @@ void MplsSm::handleNexthopResolutionAllowDefaultRoute() {
 
 void MplsSm::handleNextHop( const NextHopKey& key ) {
    MPLS_TRACE( 3, "handle nexthopkey intf: ", key.intf, " addr ", key.addr );
-   for ( const auto& [ vrf, vrfState ] : mplsState() ) {
+   for ( const auto& [vrf, vrfState] : mplsState() ) {
       if ( const MplsNextHop* const nextHop = vrfState->mplsNextHop( { key.addr, key.intf } ) ) {
          queueL3AdjsForReview( *vrfState, nextHop->resolvedByMNH() );
          doMaybeScheduleReview( vrf );
@@ -128,7 +130,8 @@ void MplsSm::handleResolvedNexthop( const VrfAndIpGenAddr& vrfAddr ) {
       MPLS_TRACE( 3, "no state for vrf ", vrfAddr.vrfName );
       return;
    }
-   if ( const MplsNextHop* const nextHop = vrfState->mplsNextHop( { vrfAddr.ipGenAddr, IntfId() } ) ) {
+   if ( const MplsNextHop* const nextHop =
+           vrfState->mplsNextHop( { vrfAddr.ipGenAddr, IntfId() } ) ) {
       queueL3AdjsForReview( *vrfState, nextHop->resolvedByRR() );
       doMaybeScheduleReview( vrfAddr.vrfName );
    }
@@ -189,7 +192,8 @@ void MplsSm::processL2Adj( VrfMplsState& vrfState, U64 index ) {
       return;
    }
    MPLS_TRACE( 3, "delete l2 adj ", index );
-   // Nothing binds to it any more. An L2 adjacency that waits to be deleted may have a successor with the same vias.
+   // Nothing binds to it any more. An L2 adjacency that waits to be deleted may have a successor
+   // with the same vias.
    const auto& mapped = viaSetToHwL2Adj( l2Adj->l2ViaSet() );
    if ( mapped && mapped->index() == index ) {
       viaSetToHwL2AdjDel( l2Adj->l2ViaSet() );

@@ -1,4 +1,5 @@
-// MplsSm: publishing. What other agents may know of a route, written when no review is pending for it.
+// MplsSm: publishing. What other agents may know of a route, written when no review is pending for
+// it.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
@@ -61,11 +62,12 @@ void MplsSm::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    MPLS_ASSERT( hwAdj, "hwAdj", l3Adj->fullName() );
    in_.routingHwMplsStatus->routeIs(
       { routeKey, hwAdj, route->extFecInfo() ? route->extFecInfo()->fecId() : Fib::FecId() } );
-   // A programmed route forwards over the vias that resolve; a FEC resolves for itself and counts none here.
-   const Mpls::RouteStatusCode code =
-      route->unprogrammed()      ? Mpls::RouteStatusCode::notProgrammed
-      : hwAdj->unresolvedVias() ? Mpls::RouteStatusCode::partiallyProgrammed
-                                : Mpls::RouteStatusCode::programmed;
+   // A programmed route forwards over the vias that resolve; a FEC resolves for itself and counts
+   // none here.
+   const Mpls::RouteStatusCode code = route->unprogrammed() ? Mpls::RouteStatusCode::notProgrammed
+                                      : hwAdj->unresolvedVias()
+                                         ? Mpls::RouteStatusCode::partiallyProgrammed
+                                         : Mpls::RouteStatusCode::programmed;
    in_.lfibHwStatus->unprogrammedRouteIs( { routeKey, code } );
 }
 

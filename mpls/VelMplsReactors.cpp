@@ -81,7 +81,9 @@ class MplsSmReactors::MplsHwVrfStatusReactor : public MplsHwVrfStatus::Reactor {
    void onMplsRouting() override {
       sm_.handleHwRoutingEnabled( notifier()->vrfId(), notifier()->mplsRouting() );
    }
-   void onMcastHwIdSeq( U16 groupId ) override { sm_.handleMcastId( notifier()->vrfId(), groupId ); }
+   void onMcastHwIdSeq( U16 groupId ) override {
+      sm_.handleMcastId( notifier()->vrfId(), groupId );
+   }
 
  private:
    MplsSm& sm_;
@@ -132,7 +134,8 @@ class MplsSmReactors::InputStatusSummaryReactor : public MplsSmInputSummary::Rea
  public:
    explicit InputStatusSummaryReactor( MplsSm& sm ) : sm_( sm ) {}
    void onStatus() override {
-      // "Not ready" before "ready" is an ordinary start; only a start with non-stop forwarding waits for it.
+      // "Not ready" before "ready" is an ordinary start; only a start with non-stop forwarding
+      // waits for it.
       if ( sm_.mplsNonStopForwardingSupported() &&
            notifier()->status() == MplsSmInputStatus::mplsSmInputReady ) {
          sm_.handleInputStatusSummaryReady();
@@ -144,7 +147,7 @@ class MplsSmReactors::InputStatusSummaryReactor : public MplsSmInputSummary::Rea
 };
 
 class MplsSmReactors::VelL3StartupStagePrereqsReactor
-    : public L3StartupStagePrerequisitesStatus::Reactor {
+   : public L3StartupStagePrerequisitesStatus::Reactor {
  public:
    explicit VelL3StartupStagePrereqsReactor( MplsSm& sm ) : sm_( sm ) {}
    void onAdjSyncDone() override { sm_.handleSyncDone(); }
@@ -153,7 +156,8 @@ class MplsSmReactors::VelL3StartupStagePrereqsReactor
    MplsSm& sm_;
 };
 
-/// VrfTaskReactor, UnprogrammedRouteTaskReactor and RoutePublishTaskReactor: a task's run calls its run function.
+/// VrfTaskReactor, UnprogrammedRouteTaskReactor and RoutePublishTaskReactor: a task's run calls its
+/// run function.
 class MplsSmReactors::TaskReactor : public TimerTask::Reactor {
  public:
    TaskReactor( MplsSm& sm, void ( MplsSm::*run )() ) : sm_( sm ), run_( run ) {}
@@ -193,7 +197,8 @@ MplsSmReactors::MplsSmReactors( MplsSm& sm ) : sm_( sm ) {
    bind< InputStatusSummaryReactor >( in.inputStatusSummary );
    bind< VelL3StartupStagePrereqsReactor >( in.velL3StartupStagePrereqs );
    bind< TaskReactor >( Ptr( sm.vrfTask() ), &MplsSm::runReviewVrfsTask );
-   bind< TaskReactor >( Ptr( sm.unprogrammedRouteTask() ), &MplsSm::runUnprogrammedRouteReviewTask );
+   bind< TaskReactor >( Ptr( sm.unprogrammedRouteTask() ),
+                        &MplsSm::runUnprogrammedRouteReviewTask );
    bind< TaskReactor >( Ptr( sm.routePublishTask() ), &MplsSm::runPublishRouteKeysTask );
    bind< ClockReactor >( in.clock );
 }
@@ -210,14 +215,16 @@ void MplsSmReactors::mplsHwVrfStatusIs( MplsHwVrfStatus* status ) {
    mplsHwVrfStatus_.emplace( vrfId, std::make_unique< MplsHwVrfStatusReactor >( sm_, status ) );
 }
 
-void MplsSmReactors::mplsHwVrfStatusDel( VrfId vrfId ) { mplsHwVrfStatus_.erase( vrfId ); }
+void MplsSmReactors::mplsHwVrfStatusDel( VrfId vrfId ) {
+   mplsHwVrfStatus_.erase( vrfId );
+}
 
 void MplsSmReactors::mplsHwVrfStatusReconcile() {
    const auto& statuses = sm_.inputs().mplsHwStatus->vrfStatus();
-   for ( const auto& [ vrfId, status ] : statuses ) {
+   for ( const auto& [vrfId, status] : statuses ) {
       mplsHwVrfStatusIs( status.get() );
    }
-   for ( const auto& [ vrfId, reactor ] : mplsHwVrfStatus_ ) {
+   for ( const auto& [vrfId, reactor] : mplsHwVrfStatus_ ) {
       if ( !statuses.has( vrfId ) ) {
          mplsHwVrfStatusDel( vrfId );
       }

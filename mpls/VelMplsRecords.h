@@ -9,17 +9,20 @@
 //    MplsRoute ──> L3Adjacency ──> MplsL2Adjacency       counted pointers, towards what is shared
 //        └────────────────────────────┘ └─> ExternalFecInfo, backup L3Adjacency
 //
-// Towards what is shared, records hold counted pointers. Back-references (which routes use an adjacency, which
-// adjacencies resolve through a next hop) are keys, indices or plain pointers: they own nothing, and the operation that
-// ends a reference removes the back-reference in the same step.
+// Towards what is shared, records hold counted pointers. Back-references (which routes use an
+// adjacency, which adjacencies resolve through a next hop) are keys, indices or plain pointers:
+// they own nothing, and the operation that ends a reference removes the back-reference in the same
+// step.
 //
 // Invariants
 // 1. A route key is in `a.routeKey` exactly while the route is bound to the L3 adjacency `a`.
 // 2. `lFibViaSetToL3Adj[ a.lFibViaSetKey ] == a.index` for every live L3 adjacency.
 // 3. `a.l2Adjacency == l2` exactly when `a` is in `l2.l3Adjacency`.
-// 4. `a` is in `nh.resolvedByRR` or `nh.resolvedByMNH` only while `nh.nextHopInfo` is in `a.nextHop`.
+// 4. `a` is in `nh.resolvedByRR` or `nh.resolvedByMNH` only while `nh.nextHopInfo` is in
+// `a.nextHop`.
 // 5. `b == a.backupAdj` exactly when `a.index` is in `b.primaryAdj`.
-// 6. Work sets never name the dead: an index in `l3AdjForReview`, `l2AdjForReview` or `l2AdjPendingForDelete` exists.
+// 6. Work sets never name the dead: an index in `l3AdjForReview`, `l2AdjForReview` or
+// `l2AdjPendingForDelete` exists.
 
 #pragma once
 
@@ -42,7 +45,8 @@ class ExternalFecInfo;
 class L3Adjacency;
 class MplsL2Adjacency;
 
-/// Key of a next hop: address and egress interface. An empty interface: found by the route resolver.
+/// Key of a next hop: address and egress interface. An empty interface: found by the route
+/// resolver.
 struct IpAddrIntfId {
    IpGenAddr ipGenAddr;
    IntfId l3Intf;
@@ -80,13 +84,14 @@ class ProgrammableMplsFecVias {
       return at == via_.end() ? nullValueOf< Mpls::LfibMplsVia >() : at->second;
    }
    bool viaHas( Mpls::LfibViaIndexRange index ) const { return via_.contains( index ); }
-   void viaIs( Mpls::LfibViaIndexRange index, const Mpls::LfibMplsVia& via ) { via_[ index ] = via; }
+   void viaIs( Mpls::LfibViaIndexRange index, const Mpls::LfibMplsVia& via ) { via_[index] = via; }
    void viaDel( Mpls::LfibViaIndexRange index ) { via_.erase( index ); }
    void viaDelAll() { via_.clear(); }
    size_t vias() const { return via_.size(); }
    MplsFecProgAction progAction() const { return progAction_; }
    void progActionIs( MplsFecProgAction action ) { progAction_ = action; }
-   friend bool operator==( const ProgrammableMplsFecVias&, const ProgrammableMplsFecVias& ) = default;
+   friend bool operator==( const ProgrammableMplsFecVias&,
+                           const ProgrammableMplsFecVias& ) = default;
 
  private:
    std::map< Mpls::LfibViaIndexRange, Mpls::LfibMplsVia > via_;
@@ -95,18 +100,22 @@ class ProgrammableMplsFecVias {
 
 /// The sane vias of an LFIB via set, copied out of shared memory.
 class VEL_EXPORT CachedLFibMplsViaColl : public Entity {
+   // clang-format off
    ENTITY( CachedLFibMplsViaColl )
    COLLECTION( Ordered, Mpls::LfibViaIndexRange, Mpls::LfibMplsVia, via )
    ATTRIBUTE_DEFAULT( bool, usableAsPrimaryVias, { true } )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 };
 
 /// Route keys that pop into one VRF.
 class VEL_EXPORT VrfRouteKeySet : public Entity {
+   // clang-format off
    ENTITY( VrfRouteKeySet )
    KEY( L3::VrfName, vrfName )
    SET( HashSet, Mpls::RouteKey, routeKeySet )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit VrfRouteKeySet( L3::VrfName vrf ) : vrfName_( std::move( vrf ) ) {}
@@ -114,6 +123,7 @@ class VEL_EXPORT VrfRouteKeySet : public Entity {
 
 /// One label route that the state machine handles.
 class VEL_EXPORT MplsRoute : public Entity {
+   // clang-format off
    IN_SLAB( MplsRoute )
    ENTITY( MplsRoute )
    KEY( Mpls::RouteKey, routeKey )
@@ -125,6 +135,7 @@ class VEL_EXPORT MplsRoute : public Entity {
    ATTRIBUTE( Ptr< ExternalFecInfo >, extFecInfo )
    COUNTER( version ) // one for each MplsHwRoute written
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit MplsRoute( Mpls::RouteKey routeKey );
@@ -133,6 +144,7 @@ class VEL_EXPORT MplsRoute : public Entity {
 
 /// A next hop that some adjacency resolves through.
 class VEL_EXPORT MplsNextHop : public Entity {
+   // clang-format off
    ENTITY( MplsNextHop )
    KEY( IpAddrIntfId, nextHopInfo )
    DERIVED( nextHopIp )
@@ -140,6 +152,7 @@ class VEL_EXPORT MplsNextHop : public Entity {
    SET( HashSet, L3Adjacency*, resolvedByRR )  // through the route resolver: vias without an interface
    SET( HashSet, L3Adjacency*, resolvedByMNH ) // through the proactive ARP watcher: vias with one
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit MplsNextHop( IpAddrIntfId key ) : nextHopInfo_( key ) {}
@@ -149,38 +162,45 @@ class VEL_EXPORT MplsNextHop : public Entity {
 
 /// A set of resolved L2 vias and who uses it.
 class VEL_EXPORT MplsL2Adjacency : public Entity {
+   // clang-format off
    ENTITY( MplsL2Adjacency )
    KEY( U64, index )
    ATTRIBUTE( Mpls::Hardware::L2ViaSet, l2ViaSet )
    SET( HashSet, L3Adjacency*, l3Adjacency )
    SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    MplsL2Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links )
-       : index_( index ), routeKey_( std::move( links ) ) {}
+      : index_( index ), routeKey_( std::move( links ) ) {}
 };
 
 /// A replication group of one multicast adjacency.
 class VEL_EXPORT MulticastGroupInfo : public Entity {
+   // clang-format off
    ENTITY( MulticastGroupInfo )
    KEY( U16, groupId )
    ATTRIBUTE( U32, mcastHwId )
    SET( HashSet, Fib::FecId, fecId )
    SET( HashSet, Fib::FecId, tearDownFec ) // to be removed once the group no longer uses them
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
-   MulticastGroupInfo( U16 groupId, U32 mcastHwId ) : groupId_( groupId ), mcastHwId_( mcastHwId ) {}
+   MulticastGroupInfo( U16 groupId, U32 mcastHwId )
+      : groupId_( groupId ), mcastHwId_( mcastHwId ) {}
 };
 
 /// The FEC of one via of a multicast adjacency.
 class VEL_EXPORT MulticastFecInfo : public Entity {
+   // clang-format off
    ENTITY( MulticastFecInfo )
    KEY( Fib::FecId, fecId )
    ATTRIBUTE( U64, hwId ) // the outlif; 0 until the hardware layer answers
    SET( HashSet, U16, dependMcastGroupId )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit MulticastFecInfo( Fib::FecId fecId ) : fecId_( fecId ) {}
@@ -188,6 +208,7 @@ class VEL_EXPORT MulticastFecInfo : public Entity {
 
 /// One via set as it is programmed.
 class VEL_EXPORT L3Adjacency : public Entity {
+   // clang-format off
    ENTITY( L3Adjacency )
    KEY( U64, index )
    ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
@@ -204,6 +225,7 @@ class VEL_EXPORT L3Adjacency : public Entity {
    ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )
    ATTRIBUTE( Ptr< MulticastGroupInfo >, multicastGroupInfo )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links );
@@ -212,6 +234,7 @@ class VEL_EXPORT L3Adjacency : public Entity {
 
 /// A FEC that routes or adjacencies forward into.
 class VEL_EXPORT ExternalFecInfo : public Entity {
+   // clang-format off
    ENTITY( ExternalFecInfo )
    KEY( Fib::FecId, fecId )
    ATTRIBUTE( U64, hwId ) // what the hardware layer granted; 0 until then
@@ -224,14 +247,16 @@ class VEL_EXPORT ExternalFecInfo : public Entity {
    ATTRIBUTE( bool, popLabelActionRemoved )
    ATTRIBUTE( bool, shouldRemovePopLabelAction )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    ExternalFecInfo( Fib::FecId fecId, std::shared_ptr< RouteKeyLinks > links )
-       : fecId_( fecId ), dependentRouteKey_( std::move( links ) ) {}
+      : fecId_( fecId ), dependentRouteKey_( std::move( links ) ) {}
 };
 
 /// Everything that the state machine holds for one VRF.
 class VEL_EXPORT VrfMplsState : public Entity {
+   // clang-format off
    ENTITY( VrfMplsState )
    KEY( L3::VrfName, vrfName )
    ENTITY_COLLECTION( LabelIndexed, Mpls::RouteKey, MplsRoute, route )
@@ -265,6 +290,7 @@ class VEL_EXPORT VrfMplsState : public Entity {
    DERIVED( needReview )
    DERIVED( needReviewForUnprogrammedOnly )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit VrfMplsState( L3::VrfName vrf );
@@ -289,7 +315,8 @@ class VEL_EXPORT VrfMplsState : public Entity {
  private:
    bool anythingQueued() const {
       return !routeKeyForPublish_.empty() || !routeKeyForReview_.empty() ||
-             !l3AdjForReview_.empty() || !l2AdjForReview_.empty() || !l2AdjPendingForDelete_.empty();
+             !l3AdjForReview_.empty() || !l2AdjForReview_.empty() ||
+             !l2AdjPendingForDelete_.empty();
    }
 
    std::shared_ptr< RouteKeyLinks > routesOfL3Adj_;

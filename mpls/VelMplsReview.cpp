@@ -1,15 +1,15 @@
 // MplsSm: review and retry. Three cooperative tasks drain the work sets in slices.
 //
-// Scheduling. `doMaybeScheduleReview` is the one entry: whoever queues work calls it. The VRF then waits in
-// `vrfForReview` for "reviewVrf", and in `unprogrammedRouteForReview` for "reviewUnprogrammedRoute" while routes are
-// not in hardware.
+// Scheduling. `doMaybeScheduleReview` is the one entry: whoever queues work calls it. The VRF then
+// waits in `vrfForReview` for "reviewVrf", and in `unprogrammedRouteForReview` for
+// "reviewUnprogrammedRoute" while routes are not in hardware.
 //
 //    queued, anything           ──> both, after reviewInterval
 //    only unprogrammed routes   ──> the second, after the VRF's retry interval
 //
-// Retry interval of a VRF: 0 until the first retry, then `defaultUnprogrammedRetryInterval`; cut to `reviewInterval`
-// when the driver reports that something found room. The first unprogrammed route after a clean period starts the
-// interval instead of being retried at once.
+// Retry interval of a VRF: 0 until the first retry, then `defaultUnprogrammedRetryInterval`; cut to
+// `reviewInterval` when the driver reports that something found room. The first unprogrammed route
+// after a clean period starts the interval instead of being retried at once.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
@@ -83,8 +83,8 @@ void MplsSm::doMaybeScheduleReviewOrDeleteVrfState( const L3::VrfName& vrf ) {
 
 void MplsSm::doForceRouteReprogramming() {
    MPLS_TRACE_CALL( 3 );
-   for ( const auto& [ vrf, vrfState ] : mplsState() ) {
-      for ( const auto& [ routeKey, route ] : vrfState->route() ) {
+   for ( const auto& [vrf, vrfState] : mplsState() ) {
+      for ( const auto& [routeKey, route] : vrfState->route() ) {
          vrfState->routeKeyForReviewIs( routeKey, true );
       }
       doMaybeScheduleReview( vrf );
@@ -130,8 +130,8 @@ void MplsSm::doReviewVrf( const L3::VrfName& vrf ) {
       return;
    }
    vrfState->vrfReviewCountInc();
-   // In this order: a route is looked at after the adjacency that it points at, and L2 adjacencies are deleted last,
-   // when no route of this slice can take a new reference to them.
+   // In this order: a route is looked at after the adjacency that it points at, and L2 adjacencies
+   // are deleted last, when no route of this slice can take a new reference to them.
    MPLS_TRACE( 2, "review l3 adj in vrf ", vrf );
    for ( auto pass = vrfState->l3AdjForReviewWork().workPass();
          vrfState->l3AdjForReviews() != 0 && !shouldTaskYield( *vrfTask_ ) && pass.next(); ) {
@@ -159,7 +159,8 @@ void MplsSm::doReviewVrf( const L3::VrfName& vrf ) {
    }
    MPLS_TRACE( 2, "review l2 adj pending for deletion in vrf ", vrf );
    for ( auto pass = vrfState->l2AdjPendingForDeleteWork().workPass();
-         vrfState->l2AdjPendingForDeletes() != 0 && !shouldTaskYield( *vrfTask_ ) && pass.next(); ) {
+         vrfState->l2AdjPendingForDeletes() != 0 && !shouldTaskYield( *vrfTask_ ) &&
+         pass.next(); ) {
       processL2AdjPendingDelete( *vrfState, pass.key() );
    }
    queueForPublishing( *vrfState );
@@ -209,7 +210,8 @@ void MplsSm::doReviewUnprogrammedRoutes( VrfMplsState& vrfState ) {
       MPLS_TRACE( 2, "schedule review for unprogrammed routes" );
       return;
    }
-   MPLS_TRACE( 2, "Set unprogrammedRetryInterval to default: ", defaultUnprogrammedRetryInterval() );
+   MPLS_TRACE( 2,
+               "Set unprogrammedRetryInterval to default: ", defaultUnprogrammedRetryInterval() );
    vrfState.unprogrammedRetryIntervalIs( defaultUnprogrammedRetryInterval() );
    MPLS_TRACE( 2, "review unprogrammed routes ", vrfState.numUnprogrammedRoute() );
    vrfState.lastUnprogrammedReviewIs( now );
@@ -225,7 +227,8 @@ void MplsSm::retryUnprogrammed( VrfMplsState& vrfState ) {
       return;
    }
    for ( auto pass = status->unprogrammedAdjacencyWork().workPass();
-         status->unprogrammedAdjacencys() != 0 && !shouldTaskYield( *unprogrammedRouteTask_ ) && pass.next(); ) {
+         status->unprogrammedAdjacencys() != 0 && !shouldTaskYield( *unprogrammedRouteTask_ ) &&
+         pass.next(); ) {
       const Ptr< Mpls::Hardware::L2Adjacency > adjacency = pass.key();
       MPLS_RING( "retry unprogrammed adj ", adjacency->index() );
       if ( config->l2AdjacencyHas( adjacency ) ) {
@@ -234,7 +237,8 @@ void MplsSm::retryUnprogrammed( VrfMplsState& vrfState ) {
       vrfState.unprogAdjRetriedInc();
    }
    for ( auto pass = status->unprogrammedRouteWork().workPass();
-         status->unprogrammedRoutes() != 0 && !shouldTaskYield( *unprogrammedRouteTask_ ) && pass.next(); ) {
+         status->unprogrammedRoutes() != 0 && !shouldTaskYield( *unprogrammedRouteTask_ ) &&
+         pass.next(); ) {
       const Mpls::RouteKey routeKey = pass.key();
       MPLS_RING( "retry unprogrammed routeKey ", routeKey );
       processRouteKey( vrfState, routeKey );

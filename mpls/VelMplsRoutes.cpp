@@ -1,4 +1,5 @@
-// MplsSm: routes. From a change in the LFIB to the work sets, and from the work set to one hardware route.
+// MplsSm: routes. From a change in the LFIB to the work sets, and from the work set to one hardware
+// route.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
@@ -66,7 +67,7 @@ void MplsSm::dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeK
 void MplsSm::handleLFibRoute() {
    MPLS_TRACE_CALL( 3, " for vrf ", L3::VrfName::defaultVrf() );
    in_.transitLfib->lfibRouteEach(
-      [ this ]( const Mpls::LfibRoute& route ) { handleLFibRoute( route.routeKey ); } );
+      [this]( const Mpls::LfibRoute& route ) { handleLFibRoute( route.routeKey ); } );
 }
 
 void MplsSm::handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey ) {
@@ -98,8 +99,8 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
       return;
    }
    VrfMplsState& vrfState = vrfStateMake( vrf );
-   // The LFIB is read ahead of its announcements: another route may have found the via set, and made its adjacency,
-   // before this change of it is announced to those that did not.
+   // The LFIB is read ahead of its announcements: another route may have found the via set, and
+   // made its adjacency, before this change of it is announced to those that did not.
    const bool awaited = viaSetAwaitedDel( viaSetKey );
    if ( vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       vrfState.l3AdjForReviewIs( vrfState.lFibViaSetToL3Adj( viaSetKey ) );
@@ -112,7 +113,8 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    doMaybeScheduleReview( vrf );
 }
 
-// A route whose via set was not sane has lost its record; it gets another one, and with it another chance.
+// A route whose via set was not sane has lost its record; it gets another one, and with it another
+// chance.
 void MplsSm::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey ) {
    const RouteKeyGroup* const users = lfibTrackingStatus_->viaSetKeyToRouteKeySet( viaSetKey );
    if ( users == nullptr ) {
@@ -162,12 +164,8 @@ std::string_view intfFault( const Mpls::LfibMplsVia& via, bool inPlaceAdjacencyU
       if ( inPlaceAdjacencyUpdate ) {
          return "L3 interface is not set, via is invalid";
       }
-      if ( via.nextHop.empty() ) {
-         return "L3 interface and nexthop are not set, via is invalid";
-      }
-      return seen.nexthopGroup || seen.dynamicTunnel
-                ? "Mix of tunnel and non-tunnel via is not supported"
-                : std::string_view();
+      return via.nextHop.empty() ? "L3 interface and nexthop are not set, via is invalid"
+                                 : std::string_view(); // the route resolver finds the interface
    }
    if ( Fib::FecIdIntfId::isNexthopGroupIdIntfId( via.intf ) ) {
       seen.nexthopGroup = true;
@@ -189,7 +187,7 @@ std::string_view intfFault( const Mpls::LfibMplsVia& via, bool inPlaceAdjacencyU
 // In what the vias of a dynamic tunnel differ, or nothing.
 std::string dynamicTunnelFault( const CachedLFibMplsViaColl& vias ) {
    const Mpls::LfibMplsVia* first = nullptr;
-   for ( const auto& [ index, via ] : vias.via() ) {
+   for ( const auto& [index, via] : vias.via() ) {
       if ( first == nullptr ) {
          first = &via;
       }
@@ -287,8 +285,8 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       return;
    }
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
-   const Mpls::LfibViaSet viaSet = !lfibRoute ? Mpls::LfibViaSet()
-                                              : in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey );
+   const Mpls::LfibViaSet viaSet =
+      !lfibRoute ? Mpls::LfibViaSet() : in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey );
    if ( !lfibRoute || ( !viaSet.null() && !isLFibViaSetSane( viaSet ) ) ) {
       MPLS_TRACE( 3, "route (", routeKey, ") ", "does not exist in system LFIB or via not sane " );
       if ( !!lfibRoute ) {
@@ -338,7 +336,8 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
    return *l3Adj;
 }
 
-// Writes the route the way its adjacency is programmed: by its multicast group, into its FEC, or with its L2 adjacency.
+// Writes the route the way its adjacency is programmed: by its multicast group, into its FEC, or
+// with its L2 adjacency.
 void MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
    if ( l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
       writeRouteWithMulticast( vrfState, route, l3Adj );
@@ -370,7 +369,8 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
    velMplsHwVrfConfig( vrf )->routeIs( { routeKey, l3Adj.hwL2Adjacency(), route.version() } );
 }
 
-void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
+void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
+                                     L3Adjacency& l3Adj ) {
    const Mpls::RouteKey routeKey = route.routeKey();
    if ( isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
       // What is in hardware stays until it is known what shall be.

@@ -25,7 +25,8 @@ constexpr U64 minMcastGroupId = 1;
 constexpr U64 maxMcastGroupId = 65535;
 constexpr double mcastGroupIdExpirySeconds = 60.0;
 
-Ptr< NumAllocator > makeAllocator( U64 min, U64 max, double expirySeconds, const Ptr< Clock >& clock ) {
+Ptr< NumAllocator > makeAllocator( U64 min, U64 max, double expirySeconds,
+                                   const Ptr< Clock >& clock ) {
    auto config = make< NumAllocatorConfig >( min, max );
    config->expiryTimeIs( expirySeconds );
    return make< NumAllocator >( config, make< NumAllocatorStatus >(), clock );
@@ -33,7 +34,9 @@ Ptr< NumAllocator > makeAllocator( U64 min, U64 max, double expirySeconds, const
 
 } // namespace
 
-Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs ) { return make< MplsSm >( std::move( inputs ) ); }
+Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs ) {
+   return make< MplsSm >( std::move( inputs ) );
+}
 
 MplsSm::MplsSm( MplsSmInputs inputs ) : in_( std::move( inputs ) ) {
    MPLS_ASSERT( in_.scheduler && in_.clock, "scheduler() && clock()", name() );
@@ -52,7 +55,8 @@ MplsSm::MplsSm( MplsSmInputs inputs ) : in_( std::move( inputs ) ) {
    handleInitialized();
 }
 
-// Reactors go first, so that nothing calls in while the records go; tasks go with their last pointer.
+// Reactors go first, so that nothing calls in while the records go; tasks go with their last
+// pointer.
 MplsSm::~MplsSm() {
    reactors_.reset();
    lfibTrackingSm_ = nullptr;
@@ -101,11 +105,10 @@ void MplsSm::doInitialize() {
    handleMplsRouting( mplsRoutingEnabled( L3::VrfName::defaultVrf() ) );
    handleNexthopResolutionAllowDefaultRoute();
    numAllocator_ = makeAllocator( 0, maxFecIndex, fecIndexExpirySeconds, in_.clock );
-   lfibTrackingSm_ = make< Mpls::LfibTrackingSm >( "MplsSm-TrackingSm", in_.transitLfib,
-                                                   lfibTrackingStatus_,
-                                                   Mpls::LfibTrackingMode::viaSets );
-   numAllocatorMcastGroupId_ = makeAllocator( minMcastGroupId, maxMcastGroupId,
-                                              mcastGroupIdExpirySeconds, in_.clock );
+   lfibTrackingSm_ = make< Mpls::LfibTrackingSm >(
+      "MplsSm-TrackingSm", in_.transitLfib, lfibTrackingStatus_, Mpls::LfibTrackingMode::viaSets );
+   numAllocatorMcastGroupId_ =
+      makeAllocator( minMcastGroupId, maxMcastGroupId, mcastGroupIdExpirySeconds, in_.clock );
    initializedIs( true );
    handleLFibViaSet();
    handleMplsRouteSyncMap();
@@ -116,9 +119,9 @@ void MplsSm::doInitialize() {
 // Clears what an earlier run may have left in the outputs.
 void MplsSm::clearOutputs() {
    if ( in_.mplsHwConfig ) {
-      for ( const auto& [ vrfId, config ] : in_.mplsHwConfig->vrfConfig() ) {
+      for ( const auto& [vrfId, config] : in_.mplsHwConfig->vrfConfig() ) {
+         config->routeDelAll(); // before what they point at
          config->l2AdjacencyDelAll();
-         config->routeDelAll();
       }
    }
    if ( in_.routingHwMplsStatus ) {
@@ -186,7 +189,9 @@ bool MplsSm::mplsRoutingEnabled( const L3::VrfName& vrf ) const {
    return in_.mplsRoutingInfo->mplsRouting( vrf );
 }
 
-VrfMplsState& MplsSm::vrfStateMake( const L3::VrfName& vrf ) { return *mplsStateIs( vrf ); }
+VrfMplsState& MplsSm::vrfStateMake( const L3::VrfName& vrf ) {
+   return *mplsStateIs( vrf );
+}
 
 // A VRF's state goes with everything that names the VRF.
 void MplsSm::vrfStateDrop( const L3::VrfName& vrf ) {

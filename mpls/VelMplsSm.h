@@ -1,7 +1,8 @@
 // MplsSm: turns the LFIB into hardware entities. The heart of the library.
 //
-// Purpose. For every label route of the transit LFIB that forwards over MPLS, hold the hardware configuration that
-// forwards it as the LFIB says, follow what the driver makes of it, and publish the result.
+// Purpose. For every label route of the transit LFIB that forwards over MPLS, hold the hardware
+// configuration that forwards it as the LFIB says, follow what the driver makes of it, and publish
+// the result.
 //
 //    LFIB route ──> MplsRoute ──> L3Adjacency ──> MplsL2Adjacency ──> MplsHwVrfConfig ──> driver
 //    (admission)    one a label   one a via set   one a set of        route, l2Adjacency     │
@@ -12,34 +13,34 @@
 //
 // Inputs (entity: attributes)                          Outputs
 //    Mpls::LfibStatus: routes, via sets, vias             MplsHwConfig / MplsHwVrfConfig: all
-//    Mpls::RoutingInfo: mplsRouting                       MplsHwVrfStatus: unprogrammedReason, unprogrammedRoute
-//    Mpls::LfibInfo: nexthopResolutionAllowDefaultRoute   Mpls::Hardware::Status: all
-//    Routing::Hardware::RouteStatus: vrfStatus            Mpls::LfibHwStatus: all
-//    MplsHwStatus / MplsHwVrfStatus: what is programmed   RouteReactorConfig, Route6ReactorConfig: watched addresses
-//    VelL3Status: next hops, resolved addresses, names    ProactiveArpNexthopSm: entries
+//    Mpls::RoutingInfo: mplsRouting                       MplsHwVrfStatus: unprogrammedReason,
+//    unprogrammedRoute Mpls::LfibInfo: nexthopResolutionAllowDefaultRoute   Mpls::Hardware::Status:
+//    all Routing::Hardware::RouteStatus: vrfStatus            Mpls::LfibHwStatus: all MplsHwStatus
+//    / MplsHwVrfStatus: what is programmed   RouteReactorConfig, Route6ReactorConfig: watched
+//    addresses VelL3Status: next hops, resolved addresses, names    ProactiveArpNexthopSm: entries
 //
-// How it works. A handler marks what its event touches in the work sets of `VrfMplsState` and schedules a task; it
-// does no work. Three tasks drain the sets in slices: "reviewVrf" processes L3 adjacencies, then routes, then L2
-// adjacencies, then pending deletions; "reviewUnprogrammedRoute" retries what the driver refused;
-// "publishReviewRoutes" publishes. An item leaves its set before it is handled: a yield neither loses nor repeats work.
+// How it works. A handler marks what its event touches in the work sets of `VrfMplsState` and
+// schedules a task; it does no work. Three tasks drain the sets in slices: "reviewVrf" processes L3
+// adjacencies, then routes, then L2 adjacencies, then pending deletions; "reviewUnprogrammedRoute"
+// retries what the driver refused; "publishReviewRoutes" publishes. An item leaves its set before
+// it is handled: a yield neither loses nor repeats work.
 //
 // A normal life of route K over via set S:
 //    handleLFibRoute( K )   record made, K for review
 //    processRouteKey( K )   S has no adjacency: one is made, for review; K waits for it
-//    processL3Adj( S )      next hops watched and resolved, bound to an L2 adjacency, which is programmed; K for review
-//    processRouteKey( K )   MplsHwRoute written
-//    handleProgrammedRoute  the driver confirms; K for publishing
-//    publishRouteKey( K )   the world may know
+//    processL3Adj( S )      next hops watched and resolved, bound to an L2 adjacency, which is
+//    programmed; K for review processRouteKey( K )   MplsHwRoute written handleProgrammedRoute  the
+//    driver confirms; K for publishing publishRouteKey( K )   the world may know
 //
 // Yield points: before each item of a work set and after each VRF (`shouldTaskYield`).
 // Ownership: records see VelMplsRecords.h. Stopping is destruction. Threads: one.
-// Cost: a route passes a bounded number of label-indexed look-ups a stage; nothing grows with the table but the full
-// walks at the start and when routing is switched on.
+// Cost: a route passes a bounded number of label-indexed look-ups a stage; nothing grows with the
+// table but the full walks at the start and when routing is switched on.
 //
-// The operations fill several rooms: VelMplsSm.cpp (frame, initialization), VelMplsRoutes.cpp, VelMplsL3Adj.cpp,
-// VelMplsNextHops.cpp (next hops, L2 adjacencies), VelMplsFeedback.cpp, VelMplsReview.cpp, VelMplsPublish.cpp,
-// VelMplsFecs.cpp (the seam to
-// platforms that forward through FECs) and VelMplsStartup.cpp.
+// The operations fill several rooms: VelMplsSm.cpp (frame, initialization), VelMplsRoutes.cpp,
+// VelMplsL3Adj.cpp, VelMplsNextHops.cpp (next hops, L2 adjacencies), VelMplsFeedback.cpp,
+// VelMplsReview.cpp, VelMplsPublish.cpp, VelMplsFecs.cpp (the seam to platforms that forward
+// through FECs) and VelMplsStartup.cpp.
 
 #pragma once
 
@@ -76,14 +77,14 @@ struct MplsSmInputs {
    Ptr< const VelL3Status > velL3Status;
    Ptr< ProactiveArpNexthopSm > proactiveArpNhSm;
    Ptr< EntityManager > entityManager;
-   Ptr< FecIdToHwFecIdRequest > hwFecIdRequest;         ///< optional
-   Ptr< const FecIdToHwFecIdResponse > hwFecIdResponse; ///< optional
-   Ptr< VelHelper::MplsSmHelper > mplsSmHelper;         ///< optional
-   Ptr< const VelHelper::MplsRouteSyncMap > mplsRouteSyncMap;                ///< non-stop forwarding
-   Ptr< const MplsSmInputSummary > inputStatusSummary;                       ///< non-stop forwarding
+   Ptr< FecIdToHwFecIdRequest > hwFecIdRequest;                             ///< optional
+   Ptr< const FecIdToHwFecIdResponse > hwFecIdResponse;                     ///< optional
+   Ptr< VelHelper::MplsSmHelper > mplsSmHelper;                             ///< optional
+   Ptr< const VelHelper::MplsRouteSyncMap > mplsRouteSyncMap;               ///< non-stop forwarding
+   Ptr< const MplsSmInputSummary > inputStatusSummary;                      ///< non-stop forwarding
    Ptr< const L3StartupStagePrerequisitesStatus > velL3StartupStagePrereqs; ///< non-stop forwarding
-   Ptr< const AttrLogSm > attrLogSm;                                         ///< optional
-   Ptr< McastGroupProgConfig > mcastGroupProgConfig;                         ///< multicast
+   Ptr< const AttrLogSm > attrLogSm;                                        ///< optional
+   Ptr< McastGroupProgConfig > mcastGroupProgConfig;                        ///< multicast
    Ptr< Clock > clock;
    Ptr< Scheduler > scheduler;
 };
@@ -135,7 +136,8 @@ class VEL_EXPORT MplsSm : public Entity {
    bool forwardingIntoMldpSupported() const;
    bool mplsNonStopForwardingSupported() const;
    bool inPlaceAdjacencyUpdateSupported() const;
-   /// Whether the adjacency is programmed as an L2 adjacency through `MplsHwVrfConfig` rather than as a FEC.
+   /// Whether the adjacency is programmed as an L2 adjacency through `MplsHwVrfConfig` rather than
+   /// as a FEC.
    bool shouldProgramAdjWithHwConfig( Mpls::LfibViaSetKey viaSetKey,
                                       const CachedLFibMplsViaColl& vias ) const;
 
@@ -163,7 +165,8 @@ class VEL_EXPORT MplsSm : public Entity {
    bool routeSupported( const Mpls::LfibRoute& route ) const;
    bool isLFibViaSetSane( const Mpls::LfibViaSet& viaSet ) const;
    Ptr< CachedLFibMplsViaColl > getSaneMplsIpLFibVias( const Mpls::LfibViaSet& viaSet ) const;
-   /// Why an MPLS-over-IP via set cannot be programmed, in words; empty when it can. For those who explain.
+   /// Why an MPLS-over-IP via set cannot be programmed, in words; empty when it can. For those who
+   /// explain.
    std::string mplsIpLFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const;
    void processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
 

@@ -28,9 +28,12 @@ void MplsSmStartupRecord::updateMplsSmStartupRecord( MplsSmStartupStatus newStag
    lastStageTimeIs( now );
 }
 
-Ptr< MplsSmInputSummary > mplsSmInputSummaryFactory() { return make< MplsSmInputSummary >(); }
+Ptr< MplsSmInputSummary > mplsSmInputSummaryFactory() {
+   return make< MplsSmInputSummary >();
+}
 
-Ptr< MplsSmStartupRecord > mplsSmStartupRecordFactory( std::string name, Ptr< const Clock > clock ) {
+Ptr< MplsSmStartupRecord > mplsSmStartupRecordFactory( std::string name,
+                                                       Ptr< const Clock > clock ) {
    return make< MplsSmStartupRecord >( std::move( name ), std::move( clock ) );
 }
 
@@ -67,6 +70,8 @@ void MplsRouteSyncMap::readyIs( bool ready ) {
    notify< Reactor >( []( Reactor& reactor ) { reactor.onReady(); } );
 }
 
-Ptr< MplsRouteSyncMap > mplsRouteSyncMapFactory() { return Vel::make< MplsRouteSyncMap >(); }
+Ptr< MplsRouteSyncMap > mplsRouteSyncMapFactory() {
+   return Vel::make< MplsRouteSyncMap >();
+}
 
 } // namespace VelHelper

@@ -1,4 +1,5 @@
-// Small entities around MplsSm: what the platform supplies beside entities, and the start-up's records.
+// Small entities around MplsSm: what the platform supplies beside entities, and the start-up's
+// records.
 
 #pragma once
 
@@ -13,8 +14,8 @@ namespace Vel {
 /// The stages of a start. They only move forward.
 enum class MplsSmStartupStatus : U32 {
    mplsSmUnknown = 0,
-   mplsSmUninitialized = 1,          ///< waiting for the inputs
-   mplsSmProcessingSyncMap = 2,      ///< replaying the routes that survived a restart
+   mplsSmUninitialized = 1,           ///< waiting for the inputs
+   mplsSmProcessingSyncMap = 2,       ///< replaying the routes that survived a restart
    mplsSmWaitingForSyncResponses = 3, ///< the hardware layer matches what was requested
    mplsSmNormal = 4,
 };
@@ -73,10 +74,11 @@ class VEL_EXPORT MplsSmStartupRecord : public WatchedEntity {
 
  public:
    MplsSmStartupRecord( std::string name, Ptr< const Clock > clock )
-       : recordName_( std::move( name ) ), clock_( std::move( clock ) ) {}
+      : recordName_( std::move( name ) ), clock_( std::move( clock ) ) {}
    /// Empties the record and starts it afresh, now.
    void clearAndInitialize();
-   /// Notes that a stage begins. A stage that is not later than the last one is traced and not recorded.
+   /// Notes that a stage begins. A stage that is not later than the last one is traced and not
+   /// recorded.
    void updateMplsSmStartupRecord( MplsSmStartupStatus newStage );
 
  private:
@@ -95,7 +97,8 @@ using Vel::Ptr;
 using Vel::U32;
 using Vel::U64;
 
-/// The routes that were programmed before a restart, each with its adjacency sync id. Written by the hardware layer.
+/// The routes that were programmed before a restart, each with its adjacency sync id. Written by
+/// the hardware layer.
 ///
 /// Once `ready` is true the map does not change and `ready` stays; both are asserted.
 class VEL_EXPORT MplsRouteSyncMap : public Vel::WatchedEntity {
@@ -130,7 +133,8 @@ class VEL_EXPORT MplsRouteSyncMap : public Vel::WatchedEntity {
 };
 Ptr< MplsRouteSyncMap > VEL_EXPORT mplsRouteSyncMapFactory();
 
-/// What the platform supplies to label forwarding that is not an entity write. A driver derives from it.
+/// What the platform supplies to label forwarding that is not an entity write. A driver derives
+/// from it.
 class VEL_EXPORT MplsSmHelper : public Vel::Entity {
  public:
    /// The hardware id that stands for no multicast group.
@@ -139,7 +143,8 @@ class VEL_EXPORT MplsSmHelper : public Vel::Entity {
    virtual U32 mcastFeatureFlag() const = 0;
    /// The most members that a replication group can have.
    virtual U32 maxReplicationSize() const = 0;
-   /// Points a route at a hardware FEC. The label action is `pop` where the FEC does not pop itself.
+   /// Points a route at a hardware FEC. The label action is `pop` where the FEC does not pop
+   /// itself.
    virtual Vel::UnprogrammedReason createOrUpdateRoute( const L3::VrfName& vrf, Mpls::RouteKey key,
                                                         U64 hwFecId, Vel::MplsLabelAction action,
                                                         Mpls::PayloadType payloadType,

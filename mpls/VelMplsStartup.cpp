@@ -1,12 +1,13 @@
-// MplsSm: the start with non-stop forwarding. Hardware goes on forwarding while the routes of the process before are
-// taken over: replayed from the sync map, requested again, answered, and dropped where the LFIB no longer holds them.
+// MplsSm: the start with non-stop forwarding. Hardware goes on forwarding while the routes of the
+// process before are taken over: replayed from the sync map, requested again, answered, and dropped
+// where the LFIB no longer holds them.
 //
 //    mplsSmUnknown ──inputs not ready──> mplsSmUninitialized ──inputs ready──┐
 //        │  └────────────────inputs ready────────────────────────────────────┤
 //        │                                                                   ▼
 //        │ no non-stop forwarding                              mplsSmProcessingSyncMap
-//        │                                                                   │ nothing queued, LFIB complete
-//        ▼                                                                   ▼
+//        │                                                                   │ nothing queued, LFIB
+//        complete ▼                                                                   ▼
 //    mplsSmNormal <──adjSyncDone, stale routes removed── mplsSmWaitingForSyncResponses
 
 #include "mpls/VelMplsSm.h"
@@ -18,8 +19,8 @@ void MplsSm::handleInputStatusSummaryReady() {
    MPLS_TRACE_CALL( 3, ": " );
    VEL_ASSERT_TEXT( in_.inputStatusSummary->status() == MplsSmInputStatus::mplsSmInputReady,
                     "inputStatusSummary()->status() == MplsSmInputStatus::mplsSmInputReady_",
-                    "We only ever expect this to happen once, to the ready state only.", "VelMplsSm",
-                    name() );
+                    "We only ever expect this to happen once, to the ready state only.",
+                    "VelMplsSm", name() );
    VEL_ASSERT_TEXT( mplsSmStartupStatus_ < MplsSmStartupStatus::mplsSmProcessingSyncMap,
                     "mplsSmStartupStatus() == MplsSmStartupStatus::mplsSmUninitialized_ || "
                     "mplsSmStartupStatus() == MplsSmStartupStatus::mplsSmUnknown_",
@@ -38,7 +39,7 @@ void MplsSm::handleMplsRouteSyncMap() {
    MPLS_ASSERT( in_.inputStatusSummary->status() == MplsSmInputStatus::mplsSmInputReady,
                 "inputStatusSummary()->status() == MplsSmInputStatus::mplsSmInputReady_", name() );
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
-   for ( const auto& [ routeKey, syncId ] : in_.mplsRouteSyncMap->adjSyncId() ) {
+   for ( const auto& [routeKey, syncId] : in_.mplsRouteSyncMap->adjSyncId() ) {
       if ( !in_.transitLfib->lfibRoute( routeKey ) ) {
          staleRecoveredRouteIs( routeKey ); // stays in hardware for now
       } else {
@@ -59,9 +60,10 @@ void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
    const size_t l3Adjs = vrfState ? vrfState->l3AdjForReviews() : 0;
    const bool quiesced = in_.transitLfib->ready();
    if ( routeKeys != 0 || l3Adjs != 0 || !quiesced ) {
-      MPLS_TRACE( 3, "Not moving to waitingForSync stage - mplsSmStartupStatus: ",
-                  mplsSmStartupStatus_, ", routeKeyForReviews(): ", routeKeys,
-                  ", vrfMplsState->l3AdjForReviews(): ", l3Adjs, ", inputLfibQuiesced: ", quiesced );
+      MPLS_TRACE(
+         3, "Not moving to waitingForSync stage - mplsSmStartupStatus: ", mplsSmStartupStatus_,
+         ", routeKeyForReviews(): ", routeKeys, ", vrfMplsState->l3AdjForReviews(): ", l3Adjs,
+         ", inputLfibQuiesced: ", quiesced );
       return;
    }
    MPLS_TRACE( 3, "No route or L3Adj for review, moving to waitingForSync stage" );

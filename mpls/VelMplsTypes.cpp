@@ -28,7 +28,7 @@ std::optional< std::string_view > takeUntil( std::string_view& text, std::string
 
 std::optional< U64 > number( std::string_view text ) {
    U64 value = 0;
-   const auto [ end, error ] = std::from_chars( text.data(), text.data() + text.size(), value );
+   const auto [end, error] = std::from_chars( text.data(), text.data() + text.size(), value );
    if ( error != std::errc() || end != text.data() + text.size() ) {
       return std::nullopt;
    }
@@ -40,10 +40,10 @@ std::optional< U64 > number( std::string_view text ) {
 // --- Values.
 
 void appendText( std::string& out, const MplsHwRoute& route ) {
-   out += joinText( "Value('Vel::MplsHwRoute', ** {'routeKey': ", route.routeKey,
-                    ", 'l2Adjacency': ",
-                    route.l2Adjacency ? textOf( route.l2Adjacency->index() ) : "None",
-                    ", 'version': ", route.version, "})" );
+   out += joinText(
+      "Value('Vel::MplsHwRoute', ** {'routeKey': ", route.routeKey,
+      ", 'l2Adjacency': ", route.l2Adjacency ? textOf( route.l2Adjacency->index() ) : "None",
+      ", 'version': ", route.version, "})" );
 }
 
 std::optional< MplsHwRoute > MplsHwRoute::parse( std::string_view text, AdjacencyResolver resolver,
@@ -73,8 +73,8 @@ std::optional< MplsHwRoute > MplsHwRoute::parse( std::string_view text, Adjacenc
 }
 
 void appendText( std::string& out, const IpAddrIntfId& key ) {
-   out += joinText( "Value('Vel::IpAddrIntfId', ** {'ipGenAddr': ", key.ipGenAddr, ", 'l3Intf': ",
-                    key.l3Intf, "})" );
+   out += joinText( "Value('Vel::IpAddrIntfId', ** {'ipGenAddr': ", key.ipGenAddr,
+                    ", 'l3Intf': ", key.l3Intf, "})" );
 }
 
 std::optional< IpAddrIntfId > IpAddrIntfId::parse( std::string_view text ) {
@@ -128,7 +128,7 @@ Ptr< MplsHwStatus > mplsHwStatusFactory( std::string name ) {
 }
 
 U32 MplsHwVrfStatus::mcastHwIdSeqInc( U16 groupId, U32 delta ) {
-   const auto [ slot, made ] = mcastHwIdSeq_.emplace( groupId, U32{ 0 } );
+   const auto [slot, made] = mcastHwIdSeq_.emplace( groupId, U32{ 0 } );
    const U32 value = *slot + delta;
    mcastHwIdSeqIs( groupId, value );
    return value;
@@ -138,13 +138,14 @@ MplsRoute::MplsRoute( Mpls::RouteKey routeKey ) : routeKey_( routeKey ) {}
 MplsRoute::~MplsRoute() = default;
 
 L3Adjacency::L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links )
-    : index_( index ), routeKey_( std::move( links ) ) {}
+   : index_( index ), routeKey_( std::move( links ) ) {}
 L3Adjacency::~L3Adjacency() = default;
 
 VrfMplsState::VrfMplsState( L3::VrfName vrf )
-    : vrfName_( std::move( vrf ) ), routesOfL3Adj_( std::make_shared< RouteKeyLinks >() ),
-      routesOfL2Adj_( std::make_shared< RouteKeyLinks >() ),
-      routesOfExtFec_( std::make_shared< RouteKeyLinks >() ) {}
+   : vrfName_( std::move( vrf ) ),
+     routesOfL3Adj_( std::make_shared< RouteKeyLinks >() ),
+     routesOfL2Adj_( std::make_shared< RouteKeyLinks >() ),
+     routesOfExtFec_( std::make_shared< RouteKeyLinks >() ) {}
 VrfMplsState::~VrfMplsState() = default;
 
 bool VrfMplsState::idle() const {

@@ -1,11 +1,12 @@
 // Assertions: for broken invariants, and on in every build.
 //
-// An assertion names the condition that failed, who noticed it (the state machine or the platform) and about which
-// object. Before the process ends, the always-on trace ring is dumped, since what led to the failure is in it. An
-// embedder may replace the handler (to write a core file elsewhere, or to throw in a test); a handler that returns
-// is followed by std::abort.
+// An assertion names the condition that failed, who noticed it (the state machine or the platform)
+// and about which object. Before the process ends, the always-on trace ring is dumped, since what
+// led to the failure is in it. An embedder may replace the handler (to write a core file elsewhere,
+// or to throw in a test); a handler that returns is followed by std::abort.
 //
-// What the network, the LFIB or the hardware can do wrong is not an assertion: it is handled, counted and visible.
+// What the network, the LFIB or the hardware can do wrong is not an assertion: it is handled,
+// counted and visible.
 
 #pragma once
 
@@ -31,8 +32,8 @@ struct AssertionFailure {
 
 using AssertionHandler = void ( * )( const AssertionFailure& );
 
-/// Replaces what happens on a failed assertion; returns the handler that was there. Null restores the default, which
-/// writes the failure and the trace ring to standard error.
+/// Replaces what happens on a failed assertion; returns the handler that was there. Null restores
+/// the default, which writes the failure and the trace ring to standard error.
 VEL_EXPORT AssertionHandler assertionHandlerIs( AssertionHandler handler );
 
 /// Runs the handler and ends the process.
@@ -40,7 +41,8 @@ VEL_EXPORT AssertionHandler assertionHandlerIs( AssertionHandler handler );
 
 } // namespace Vel
 
-/// Fails with the fixed text of the condition. `component` and `subject` are evaluated only on failure.
+/// Fails with the fixed text of the condition. `component` and `subject` are evaluated only on
+/// failure.
 #define VEL_ASSERT_TEXT( condition, text, message, component, subject )                            \
    do {                                                                                            \
       if ( !( condition ) ) [[unlikely]] {                                                         \

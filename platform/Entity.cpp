@@ -5,7 +5,9 @@
 
 namespace Vel {
 
-ReactorBase::~ReactorBase() { notifierBind( nullptr ); }
+ReactorBase::~ReactorBase() {
+   notifierBind( nullptr );
+}
 
 void ReactorBase::notifierBind( const Entity* notifier ) {
    if ( notifier_ == notifier ) {
@@ -53,7 +55,9 @@ std::string_view Entity::parentAttrName() const {
    return parent_ ? parent_->attributeName( parentAttribute_ ) : std::string_view();
 }
 
-WatchedEntity::~WatchedEntity() { delete hub_; }
+WatchedEntity::~WatchedEntity() {
+   delete hub_;
+}
 
 ReactorHub* WatchedEntity::reactorHub() const {
    if ( hub_ == nullptr ) {

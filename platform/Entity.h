@@ -1,25 +1,28 @@
 // Entities: everything that is watched or shared.
 //
-// What an entity is. A reference-counted object whose attributes are declared one a line; the accessor family follows
-// from the line. For an attribute `foo`:
+// What an entity is. A reference-counted object whose attributes are declared one a line; the
+// accessor family follows from the line. For an attribute `foo`:
 //
 //    foo()            its value                                fooIs( value )      writes it
-//    foo( key )       a collection's element (null if absent)  fooIs( key, value ) writes or makes an element
-//    foo()            a collection, to walk over               fooDel( key )       removes an element
-//    fooHas( key )    membership                               fooDelAll()         removes all, one after the other
-//    foos()           the count                                fooInc( delta )     counts up (counters)
+//    foo( key )       a collection's element (null if absent)  fooIs( key, value ) writes or makes
+//    an element foo()            a collection, to walk over               fooDel( key ) removes an
+//    element fooHas( key )    membership                               fooDelAll()         removes
+//    all, one after the other foos()           the count                                fooInc(
+//    delta )     counts up (counters)
 //
-// Who hears of it. An entity declares a nested `Reactor` with one virtual handler for each thing that can be heard of
-// it. Notification is synchronous, once for each real change, in the order in which the reactors were bound: two
-// changes are two notifications. Writing the present value notifies nobody. A handler may bind, unbind or destroy
-// reactors (itself included) and write the same entity; a reactor bound during a notification hears the next one.
+// Who hears of it. An entity declares a nested `Reactor` with one virtual handler for each thing
+// that can be heard of it. Notification is synchronous, once for each real change, in the order in
+// which the reactors were bound: two changes are two notifications. Writing the present value
+// notifies nobody. A handler may bind, unbind or destroy reactors (itself included) and write the
+// same entity; a reactor bound during a notification hears the next one.
 //
-// Identity. `name`, `fullName`, `parent`, `parentAttrName` cost nothing until asked for: an entity stores its parent
-// and the number of the attribute that holds it, and texts are composed on demand. A record of a route carries no
-// string.
+// Identity. `name`, `fullName`, `parent`, `parentAttrName` cost nothing until asked for: an entity
+// stores its parent and the number of the attribute that holds it, and texts are composed on
+// demand. A record of a route carries no string.
 //
-// Introspection. The same declaration enumerates the attributes by name; see Introspection.h. Each declaration stands
-// on a line of its own between ENTITY and ENTITY_END, since the line is what numbers it.
+// Introspection. The same declaration enumerates the attributes by name; see Introspection.h. Each
+// declaration stands on a line of its own between ENTITY and ENTITY_END, since the line is what
+// numbers it.
 //
 // Threads: one. Counts and notifications are not synchronised.
 
@@ -81,7 +84,7 @@ class VEL_EXPORT ReactorHub {
       const Running running( *this );
       const size_t count = reactors_.size();
       for ( size_t i = 0; i < count; ++i ) {
-         if ( ReactorBase* const reactor = reactors_[ i ] ) {
+         if ( ReactorBase* const reactor = reactors_[i] ) {
             call( static_cast< R& >( *reactor ) );
          }
       }
@@ -155,8 +158,8 @@ class VEL_EXPORT Entity {
    Entity() = default;
    virtual ~Entity();
 
-   /// Keeps the entity through an operation that may release the last reference to it. Keeps nothing in its
-   /// constructor and destructor, where no reference counts.
+   /// Keeps the entity through an operation that may release the last reference to it. Keeps
+   /// nothing in its constructor and destructor, where no reference counts.
    Ptr< const Entity > kept() const { return references_ != 0 ? this : nullptr; }
 
  private:
@@ -194,7 +197,7 @@ struct AttributeLine {};
 /// Enumerates the declarations between two lines.
 template< int First, class E, class Visitor, int... Offset >
 void visitLines( const E& entity, Visitor& visitor, std::integer_sequence< int, Offset... > ) {
-   const auto visitOne = [ & ]< int Line >( AttributeLine< Line > line ) {
+   const auto visitOne = [&]< int Line >( AttributeLine< Line > line ) {
       if constexpr ( requires { entity.visitLine_( line, visitor ); } ) {
          entity.visitLine_( line, visitor );
       }
@@ -206,7 +209,7 @@ void visitLines( const E& entity, Visitor& visitor, std::integer_sequence< int, 
 template< int First, class E, int... Offset >
 std::string_view nameOfLine( uint16_t number, std::integer_sequence< int, Offset... > ) {
    std::string_view found;
-   const auto tryOne = [ & ]< int Line >( AttributeLine< Line > line ) {
+   const auto tryOne = [&]< int Line >( AttributeLine< Line > line ) {
       if constexpr ( requires { E::lineName_( line ); } ) {
          if ( Line - First == number ) {
             found = E::lineName_( line );
@@ -223,7 +226,7 @@ void visitCollection( AttributeVisitor& visitor, std::string_view name, const C&
    if ( !visitor.collectionBegin( name, collection.size() ) ) {
       return;
    }
-   for ( const auto& [ key, value ] : collection ) {
+   for ( const auto& [key, value] : collection ) {
       if ( !visitor.wantsMore() ) {
          break;
       }
@@ -249,7 +252,7 @@ void visitChildren( AttributeVisitor& visitor, std::string_view name, const C& c
    if ( !visitor.collectionBegin( name, collection.size() ) ) {
       return;
    }
-   for ( const auto& [ key, entity ] : collection ) {
+   for ( const auto& [key, entity] : collection ) {
       if ( !visitor.wantsMore() ) {
          break;
       }
@@ -277,7 +280,7 @@ class OwnedEntities : public C {
 
  private:
    void orphan() {
-      for ( const auto& [ key, entity ] : *this ) {
+      for ( const auto& [key, entity] : *this ) {
          entity->parentDel();
       }
    }

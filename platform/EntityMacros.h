@@ -12,11 +12,13 @@
 //       explicit MplsHwVrfStatus( VrfId vrfId ) : vrfId_( vrfId ) {}
 //    };
 //
-// The last argument, where there is one, is the handler of the nested `Reactor` that hears of a change; a collection's
-// handler is given the key. A class that names handlers derives from WatchedEntity and declares `Reactor` first.
+// The last argument, where there is one, is the handler of the nested `Reactor` that hears of a
+// change; a collection's handler is given the key. A class that names handlers derives from
+// WatchedEntity and declares `Reactor` first.
 
 #pragma once
 
+// clang-format off
 #define ENTITY( Name )                                                                             \
  public:                                                                                           \
    using Self_ = Name;                                                                             \
@@ -121,6 +123,7 @@
 
 /// A value that follows from the others: the class defines `foo()`, the line makes it readable from outside.
 #define DERIVED( foo )                                                                             \
+ public:                                                                                           \
    void visitLine_( ::Vel::AttributeLine< __LINE__ >, ::Vel::AttributeVisitor& visitor ) const {   \
       visitor.attribute( #foo, ::Vel::attributeValue( foo() ) );                                   \
    }                                                                                               \
@@ -213,3 +216,4 @@
    VEL_VISIT_( foo, ::Vel::visitChildren )                                                         \
  private:                                                                                          \
    ::Vel::OwnedEntities< ::Vel::Shape< Key_, ::Vel::Ptr< Type > > > foo##_;
+// clang-format on

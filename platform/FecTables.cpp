@@ -7,7 +7,8 @@ void appendText( std::string& out, const FecVia& via ) {
       out += "drop";
       return;
    }
-   out += Vel::joinText( via.labelAction, " ", via.labelStack, " via ", via.nextHop, " intf ", via.intf );
+   out += Vel::joinText( via.labelAction, " ", via.labelStack, " via ", via.nextHop, " intf ",
+                         via.intf );
 }
 
 void appendText( std::string& out, const Fec& fec ) {

@@ -65,7 +65,9 @@ struct HwFecId {
    U64 hwId = 0;
    friend bool operator==( const HwFecId&, const HwFecId& ) = default;
 };
-inline void appendText( std::string& out, const HwFecId& id ) { appendText( out, id.hwId ); }
+inline void appendText( std::string& out, const HwFecId& id ) {
+   appendText( out, id.hwId );
+}
 
 /// An entry of the map from FEC to the adjacency sync id of the process before.
 struct AdjSyncIdEntry {
@@ -88,6 +90,7 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
       virtual void onSyncRequestsReady() {}
    };
 
+   // clang-format off
    ENTITY( FecIdToHwFecIdRequest )
    KEY( std::string, requestName )
    VALUES( Hash, Fib::FecId, Fib::Fec, fecId, fec, onFec )
@@ -96,6 +99,7 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
    VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
    ATTRIBUTE( bool, syncRequestsReady, onSyncRequestsReady )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit FecIdToHwFecIdRequest( std::string name ) : requestName_( std::move( name ) ) {}
@@ -111,12 +115,14 @@ class VEL_EXPORT FecIdToHwFecIdResponse : public WatchedEntity {
       virtual void onHwFecIdControl() {}
    };
 
+   // clang-format off
    ENTITY( FecIdToHwFecIdResponse )
    KEY( std::string, responseName )
    COLLECTION( Hash, Fib::FecId, HwFecId, hwFecId, onHwFecId )
    COLLECTION( Hash, Fib::FecId, IntfId, l2IntfId, onL2IntfId )
    ATTRIBUTE( bool, hwFecIdControl, onHwFecIdControl )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit FecIdToHwFecIdResponse( std::string name ) : responseName_( std::move( name ) ) {}

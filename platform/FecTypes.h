@@ -18,13 +18,17 @@ using Vel::U64;
 enum class AdjType : uint8_t {
    none = 0,
    nexthopGroupAdj = 3,
-   mplsV4Adj = 10,     ///< FEC of an IPv4 label via set
-   mplsV6Adj = 11,     ///< FEC of an IPv6 label via set
-   pwDecapAdj = 15,    ///< decap connector of a pseudowire
+   mplsV4Adj = 10,       ///< FEC of an IPv4 label via set
+   mplsV6Adj = 11,       ///< FEC of an IPv6 label via set
+   pwDecapAdj = 15,      ///< decap connector of a pseudowire
    mplsMcastViaAdj = 22, ///< FEC of a single via
 };
-constexpr U32 adjTypeMax() { return 24; }
-constexpr int adjTypePos() { return 56; }
+constexpr U32 adjTypeMax() {
+   return 24;
+}
+constexpr int adjTypePos() {
+   return 56;
+}
 
 /// 64-bit FEC identifier: adjacency type in the top 8 bits, index in the low 56. 0 means none.
 class FecId {
@@ -73,7 +77,9 @@ class FecId {
    U64 value_ = 0;
    friend struct FecIdIntfId;
 };
-inline void appendText( std::string& out, FecId fecId ) { Vel::appendText( out, fecId.value() ); }
+inline void appendText( std::string& out, FecId fecId ) {
+   Vel::appendText( out, fecId.value() );
+}
 
 /// Interfaces whose payload is a FEC id.
 struct FecIdIntfId {

@@ -1,18 +1,19 @@
 // Hash: the collection for everything that is not the whole label table.
 //
-// Elements live in chunks that grow geometrically, linked in insertion order; an open-addressing index of 32-bit
-// positions finds them. There is no node per element and no allocation on look-up, nothing moves when an element is
-// added, and up to eight elements need no index at all.
+// Elements live in chunks that grow geometrically, linked in insertion order; an open-addressing
+// index of 32-bit positions finds them. There is no node per element and no allocation on look-up,
+// nothing moves when an element is added, and up to eight elements need no index at all.
 //
-// Iteration survives mutation. A pass visits the elements that were there when it began and are still there when it
-// reaches them; an element that is added, or removed and added again, while the pass runs waits for the next one.
-// Erasing any element is allowed, the current one included.
+// Iteration survives mutation. A pass visits the elements that were there when it began and are
+// still there when it reaches them; an element that is added, or removed and added again, while the
+// pass runs waits for the next one. Erasing any element is allowed, the current one included.
 //
-// Growth is incremental: the old index is emptied a few buckets at a time while the new one fills, so that no single
-// insertion pays for all elements. The elements that the next insertion moves are fetched ahead.
+// Growth is incremental: the old index is emptied a few buckets at a time while the new one fills,
+// so that no single insertion pays for all elements. The elements that the next insertion moves are
+// fetched ahead.
 //
-// Cost: look-up one probe sequence; erase the same plus one step for each pass that is under way; about
-// sizeof( key ) + sizeof( value ) + 14 bytes an element.
+// Cost: look-up one probe sequence; erase the same plus one step for each pass that is under way;
+// about sizeof( key ) + sizeof( value ) + 14 bytes an element.
 
 #pragma once
 
@@ -98,8 +99,8 @@ class HashCore {
    bool empty() const { return size_ == 0; }
    bool has( const K& key ) const { return positionOf( key ) != none; }
 
-   /// Makes room for `count` elements, so that reaching that number does not grow the index. Costs a
-   /// walk over the elements that are there.
+   /// Makes room for `count` elements, so that reaching that number does not grow the index. Costs
+   /// a walk over the elements that are there.
    void reserve( size_t count ) {
       if ( count > indexFrom && count > buckets_ - buckets_ / 4 ) {
          old_.reset();
@@ -120,7 +121,8 @@ class HashCore {
       for ( Pass* pass = passes_; pass; pass = pass->link_ ) {
          pass->next_ = none;
       }
-      // The end of an element may write this collection: it is empty and whole before the first one ends.
+      // The end of an element may write this collection: it is empty and whole before the first one
+      // ends.
       const std::vector< Node* > chunks = std::exchange( chunks_, {} );
       uint32_t at = head_;
       index_.reset();
@@ -134,7 +136,7 @@ class HashCore {
          std::destroy_at( &gone );
       }
       for ( size_t i = 0; i < chunks.size(); ++i ) {
-         std::allocator< Node >().deallocate( chunks[ i ], size_t{ firstChunk } << i );
+         std::allocator< Node >().deallocate( chunks[i], size_t{ firstChunk } << i );
       }
    }
 
@@ -142,8 +144,10 @@ class HashCore {
    class Pass {
     public:
       explicit Pass( const HashCore& owner )
-          : owner_( const_cast< HashCore& >( owner ) ), next_( owner.head_ ), last_( owner.tail_ ),
-            link_( owner_.passes_ ) {
+         : owner_( const_cast< HashCore& >( owner ) ),
+           next_( owner.head_ ),
+           last_( owner.tail_ ),
+           link_( owner_.passes_ ) {
          owner_.passes_ = this;
       }
       Pass( const Pass& ) = delete;
@@ -211,7 +215,7 @@ class HashCore {
    static Node& nodeIn( const std::vector< Node* >& chunks, uint32_t position ) {
       const uint32_t shifted = position + firstChunk;
       const auto chunk = static_cast< uint32_t >( std::bit_width( shifted ) ) - 3;
-      return chunks[ chunk ][ shifted - ( firstChunk << chunk ) ];
+      return chunks[chunk][shifted - ( firstChunk << chunk )];
    }
 
    uint32_t takePosition() {
@@ -223,7 +227,8 @@ class HashCore {
       const uint32_t position = used_++;
       const uint32_t shifted = position + firstChunk;
       if ( static_cast< size_t >( std::bit_width( shifted ) ) - 3 == chunks_.size() ) {
-         chunks_.push_back( std::allocator< Node >().allocate( size_t{ firstChunk } << chunks_.size() ) );
+         chunks_.push_back(
+            std::allocator< Node >().allocate( size_t{ firstChunk } << chunks_.size() ) );
       }
       return position;
    }
@@ -243,8 +248,8 @@ class HashCore {
       }
       ( gone.previous == none ? head_ : node( gone.previous ).next ) = gone.next;
       ( gone.next == none ? tail_ : node( gone.next ).previous ) = gone.previous;
-      // Key or value may hold the last reference to something whose end writes this collection again: they are moved
-      // out and released when the collection is whole.
+      // Key or value may hold the last reference to something whose end writes this collection
+      // again: they are moved out and released when the collection is whole.
       [[maybe_unused]] K lastKey = std::move( gone.key );
       [[maybe_unused]] V lastValue = std::move( gone.value );
       std::destroy_at( &gone );
@@ -253,10 +258,11 @@ class HashCore {
       --size_;
    }
 
-   // --- The index. A bucket is 0 when it is empty. Else its low bits, as many as number the buckets, hold a position
-   // plus one, and the bits above them a tag: bits of the key's hash, so that a look-up seldom reads an element that
-   // is not the one. Positions fit, since there are always more buckets than positions in use. A bucket of the old
-   // index that was emptied holds a tag alone.
+   // --- The index. A bucket is 0 when it is empty. Else its low bits, as many as number the
+   // buckets, hold a position plus one, and the bits above them a tag: bits of the key's hash, so
+   // that a look-up seldom reads an element that is not the one. Positions fit, since there are
+   // always more buckets than positions in use. A bucket of the old index that was emptied holds a
+   // tag alone.
 
    static uint32_t bucketsFor( size_t count ) {
       return static_cast< uint32_t >( std::bit_ceil( count + count / 2 + 2 ) );
@@ -267,14 +273,17 @@ class HashCore {
    static uint32_t tagOf( uint64_t hash, uint32_t buckets ) {
       return static_cast< uint32_t >( hash >> 32 ) & ~( buckets - 1 );
    }
-   static bool holds( uint32_t bucket, uint32_t buckets ) { return ( bucket & ( buckets - 1 ) ) != 0; }
+   static bool holds( uint32_t bucket, uint32_t buckets ) {
+      return ( bucket & ( buckets - 1 ) ) != 0;
+   }
    static uint32_t positionIn( uint32_t bucket, uint32_t buckets ) {
       return ( bucket & ( buckets - 1 ) ) - 1;
    }
    static uint32_t emptied( uint32_t buckets ) { return ~( buckets - 1 ); }
    using Index = std::unique_ptr< uint32_t[], decltype( &std::free ) >;
    static Index makeIndex( uint32_t buckets ) {
-      // Zeroed lazily by the system where it is large: growth must not cost a walk over a fresh index.
+      // Zeroed lazily by the system where it is large: growth must not cost a walk over a fresh
+      // index.
       void* const memory = std::calloc( buckets, sizeof( uint32_t ) );
       if ( memory == nullptr ) {
          throw std::bad_alloc();
@@ -294,11 +303,11 @@ class HashCore {
       const uint64_t hash = hashOf( key );
       const uint32_t found = bucketOf( key, hash, index_.get(), buckets_ );
       if ( found != none ) {
-         return positionIn( index_[ found ], buckets_ );
+         return positionIn( index_[found], buckets_ );
       }
       if ( old_ ) [[unlikely]] {
          const uint32_t foundOld = bucketOf( key, hash, old_.get(), oldBuckets_ );
-         return foundOld == none ? none : positionIn( old_[ foundOld ], oldBuckets_ );
+         return foundOld == none ? none : positionIn( old_[foundOld], oldBuckets_ );
       }
       return none;
    }
@@ -306,7 +315,7 @@ class HashCore {
    uint32_t bucketOf( const K& key, uint64_t hash, const uint32_t* index, uint32_t buckets ) const {
       const uint32_t tag = tagOf( hash, buckets );
       uint32_t at = homeOf( hash, buckets );
-      for ( uint32_t bucket = index[ at ]; bucket != 0; bucket = index[ at ] ) {
+      for ( uint32_t bucket = index[at]; bucket != 0; bucket = index[at] ) {
          if ( ( bucket & ~( buckets - 1 ) ) == tag && holds( bucket, buckets ) &&
               node( positionIn( bucket, buckets ) ).key == key ) {
             return at;
@@ -319,10 +328,10 @@ class HashCore {
    void place( uint32_t position ) {
       const uint64_t hash = hashOf( node( position ).key );
       uint32_t at = homeOf( hash, buckets_ );
-      while ( index_[ at ] != 0 ) {
+      while ( index_[at] != 0 ) {
          at = ( at + 1 ) & ( buckets_ - 1 );
       }
-      index_[ at ] = tagOf( hash, buckets_ ) | ( position + 1 );
+      index_[at] = tagOf( hash, buckets_ ) | ( position + 1 );
    }
 
    void unplace( uint32_t position ) {
@@ -332,20 +341,20 @@ class HashCore {
       if ( hole == none ) {
          const uint32_t inOld = bucketOf( key, hash, old_.get(), oldBuckets_ );
          VEL_ASSERT( inOld != none );
-         old_[ inOld ] = emptied( oldBuckets_ );
+         old_[inOld] = emptied( oldBuckets_ );
          return;
       }
       // Closes the gap: whatever would no longer be reached from its home bucket moves up.
-      for ( uint32_t at = ( hole + 1 ) & ( buckets_ - 1 ); index_[ at ] != 0;
+      for ( uint32_t at = ( hole + 1 ) & ( buckets_ - 1 ); index_[at] != 0;
             at = ( at + 1 ) & ( buckets_ - 1 ) ) {
-         const K& other = node( positionIn( index_[ at ], buckets_ ) ).key;
+         const K& other = node( positionIn( index_[at], buckets_ ) ).key;
          const uint32_t home = homeOf( hashOf( other ), buckets_ );
          if ( ( ( at - home ) & ( buckets_ - 1 ) ) >= ( ( at - hole ) & ( buckets_ - 1 ) ) ) {
-            index_[ hole ] = index_[ at ];
+            index_[hole] = index_[at];
             hole = at;
          }
       }
-      index_[ hole ] = 0;
+      index_[hole] = 0;
    }
 
    void growIfFull() {
@@ -367,9 +376,9 @@ class HashCore {
          return;
       }
       for ( uint32_t i = 0; i < migratedPerChange && migrated_ < oldBuckets_; ++i, ++migrated_ ) {
-         if ( holds( old_[ migrated_ ], oldBuckets_ ) ) {
-            place( positionIn( old_[ migrated_ ], oldBuckets_ ) );
-            old_[ migrated_ ] = emptied( oldBuckets_ );
+         if ( holds( old_[migrated_], oldBuckets_ ) ) {
+            place( positionIn( old_[migrated_], oldBuckets_ ) );
+            old_[migrated_] = emptied( oldBuckets_ );
          }
       }
       if ( migrated_ == oldBuckets_ ) {
@@ -377,7 +386,7 @@ class HashCore {
          return;
       }
       for ( uint32_t i = 0; i < migratedPerChange && migrated_ + i < oldBuckets_; ++i ) {
-         if ( const uint32_t bucket = old_[ migrated_ + i ]; holds( bucket, oldBuckets_ ) ) {
+         if ( const uint32_t bucket = old_[migrated_ + i]; holds( bucket, oldBuckets_ ) ) {
             __builtin_prefetch( &node( positionIn( bucket, oldBuckets_ ) ) );
          }
       }
@@ -432,7 +441,7 @@ class Hash : public HashCore< K, V > {
    }
    /// Writes; true when that changed anything.
    bool set( const K& key, const V& value ) {
-      const auto [ slot, made ] = this->emplace( key, value );
+      const auto [slot, made] = this->emplace( key, value );
       if ( made ) {
          return true;
       }

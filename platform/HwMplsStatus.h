@@ -1,7 +1,9 @@
-// The hardware MPLS status and the LFIB's hardware status: what other agents read of programmed label forwarding.
+// The hardware MPLS status and the LFIB's hardware status: what other agents read of programmed
+// label forwarding.
 //
-// `Mpls::Hardware::Status` holds the adjacencies and the published routes; `Mpls::LfibHwStatus` says for each published
-// route whether it made it into hardware. `Mpls::Hardware::L2Adjacency` is also what the driver is given to program.
+// `Mpls::Hardware::Status` holds the adjacencies and the published routes; `Mpls::LfibHwStatus`
+// says for each published route whether it made it into hardware. `Mpls::Hardware::L2Adjacency` is
+// also what the driver is given to program.
 
 #pragma once
 
@@ -18,8 +20,8 @@ namespace Mpls {
 
 namespace Hardware {
 
-/// One resolved way out: where the frame goes, and what happens to its label on the way. Two vias that differ only in
-/// the outgoing label are two vias.
+/// One resolved way out: where the frame goes, and what happens to its label on the way. Two vias
+/// that differ only in the outgoing label are two vias.
 struct L2Via {
    Bridging::VlanId vlanId = 0; ///< 0: untagged
    IntfId intf;                 ///< the L2 interface
@@ -52,10 +54,12 @@ VEL_EXPORT void appendText( std::string& out, const L2ViaSet& viaSet );
 
 /// What both kinds of hardware adjacency have.
 class VEL_EXPORT AdjacencyBase : public Vel::Entity {
+   // clang-format off
    ENTITY( AdjacencyBase )
    KEY( U64, index )
    ATTRIBUTE( bool, unprogrammed )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  protected:
    explicit AdjacencyBase( U64 index ) : index_( index ) {}
@@ -63,9 +67,11 @@ class VEL_EXPORT AdjacencyBase : public Vel::Entity {
 
 /// An L2 adjacency: one L2 via set, programmed once and shared by all that resolve to it.
 class VEL_EXPORT L2Adjacency : public AdjacencyBase {
+   // clang-format off
    ENTITY( L2Adjacency )
    ATTRIBUTE( L2ViaSet, l2ViaSet )
    ENTITY_END_OVER( AdjacencyBase )
+   // clang-format on
 
  public:
    explicit L2Adjacency( U64 index ) : AdjacencyBase( index ) {}
@@ -88,12 +94,14 @@ VEL_EXPORT void appendText( std::string& out, const AdjacencyVia& via );
 
 /// An adjacency: the vias of one via set, in via-index order.
 class VEL_EXPORT Adjacency : public AdjacencyBase {
+   // clang-format off
    ENTITY( Adjacency )
    ATTRIBUTE( LfibViaSetType, viaSetType )
    COLLECTION( Ordered, LfibViaIndexRange, AdjacencyVia, via )
    ATTRIBUTE( U32, unresolvedVias ) // of those above, whose next hop is not resolved
    ATTRIBUTE( Vel::Ptr< L2Adjacency >, l2Adjacency )
    ENTITY_END_OVER( AdjacencyBase )
+   // clang-format on
 
  public:
    explicit Adjacency( U64 index ) : AdjacencyBase( index ) {}
@@ -126,6 +134,7 @@ class VEL_EXPORT Status : public Vel::WatchedEntity {
       virtual void onL2Adjacency( U64 ) {}
    };
 
+   // clang-format off
    ENTITY( Status )
    KEY( std::string, statusName )
    ENTITY_COLLECTION( Hash, U64, L2Adjacency, l2Adjacency, onL2Adjacency )
@@ -133,6 +142,7 @@ class VEL_EXPORT Status : public Vel::WatchedEntity {
    VALUES( LabelIndexed, RouteKey, Route, routeKey, route, onRoute )
    VALUES( Hash, U64, AdjacencyBackupStatus, index, adjacencyBackupStatus )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit Status( std::string name ) : statusName_( std::move( name ) ) {}
@@ -165,7 +175,8 @@ struct LfibHwViaSet {
 };
 VEL_EXPORT void appendText( std::string& out, const LfibHwViaSet& viaSet );
 
-/// The LFIB's hardware status. A published route is always present; its code tells whether it is in hardware.
+/// The LFIB's hardware status. A published route is always present; its code tells whether it is in
+/// hardware.
 class VEL_EXPORT LfibHwStatus : public Vel::WatchedEntity {
  public:
    class Reactor : public Vel::ReactorOf< LfibHwStatus > {
@@ -174,11 +185,13 @@ class VEL_EXPORT LfibHwStatus : public Vel::WatchedEntity {
       virtual void onViaSet( LfibViaSetKey ) {}
    };
 
+   // clang-format off
    ENTITY( LfibHwStatus )
    KEY( std::string, statusName )
    VALUES( LabelIndexed, RouteKey, RouteInfo, routeKey, unprogrammedRoute, onUnprogrammedRoute )
    VALUES( Hash, LfibViaSetKey, LfibHwViaSet, viaSetKey, viaSet, onViaSet )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit LfibHwStatus( std::string name ) : statusName_( std::move( name ) ) {}

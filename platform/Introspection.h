@@ -1,7 +1,8 @@
 // Introspection: what an entity's declaration lets anybody ask of it.
 //
-// An entity enumerates its attributes by name to a visitor. On that one mechanism stand the printers (text and JSON),
-// the walk by path ("mplsHwConfig/vrfConfig/0") and comparing trees. Nothing here is on the path of a route.
+// An entity enumerates its attributes by name to a visitor. On that one mechanism stand the
+// printers (text and JSON), the walk by path ("mplsHwConfig/vrfConfig/0") and comparing trees.
+// Nothing here is on the path of a route.
 
 #pragma once
 
@@ -47,8 +48,7 @@ AttributeValue attributeValue( const Ptr< T >& entity ) {
    return entity ? entity->name() : std::string( "none" );
 }
 template< class T >
-   requires std::is_base_of_v< Entity, T >
-AttributeValue attributeValue( T* const& entity ) {
+requires std::is_base_of_v< Entity, T > AttributeValue attributeValue( T* const& entity ) {
    return entity ? entity->name() : std::string( "none" );
 }
 

@@ -18,8 +18,8 @@ using Groups = std::array< uint16_t, v6Groups >;
 
 std::optional< U32 > v4Parse( std::string_view text ) {
    U32 address = 0;
-   for ( int part = 0; part < 4; ++part ) {
-      const size_t dot = part < 3 ? text.find( '.' ) : text.size();
+   for ( int i = 0; i < 4; ++i ) {
+      const size_t dot = i < 3 ? text.find( '.' ) : text.size();
       if ( dot == std::string_view::npos ) {
          return std::nullopt;
       }
@@ -28,7 +28,7 @@ std::optional< U32 > v4Parse( std::string_view text ) {
          return std::nullopt;
       }
       address = address << 8 | static_cast< U32 >( *byte );
-      text.remove_prefix( part < 3 ? dot + 1 : dot );
+      text.remove_prefix( i < 3 ? dot + 1 : dot );
    }
    return address;
 }
@@ -364,7 +364,8 @@ namespace L3 {
 
 namespace {
 
-// The texts of all names that were ever made; there are tens. Never destroyed: names may outlive static destruction.
+// The texts of all names that were ever made; there are tens. Never destroyed: names may outlive
+// static destruction.
 const std::string* intern( std::string_view name ) {
    static std::mutex& mutex = *new std::mutex;
    static std::set< std::string, std::less<> >& texts = *new std::set< std::string, std::less<> >;

@@ -22,8 +22,12 @@ using U64 = uint64_t;
 using VrfId = U32;
 
 enum class AddressFamily : uint8_t { unspecified = 0, ipv4 = 4, ipv6 = 6 };
-constexpr AddressFamily ipv4() { return AddressFamily::ipv4; }
-constexpr AddressFamily ipv6() { return AddressFamily::ipv6; }
+constexpr AddressFamily ipv4() {
+   return AddressFamily::ipv4;
+}
+constexpr AddressFamily ipv6() {
+   return AddressFamily::ipv6;
+}
 
 template<>
 struct EnumNames< AddressFamily > {
@@ -33,7 +37,8 @@ struct EnumNames< AddressFamily > {
         { AddressFamily::ipv6, "ipv6" } } };
 };
 
-/// An IPv4 or IPv6 address, or none (the default). Trivially copyable, since it also lives in shared memory.
+/// An IPv4 or IPv6 address, or none (the default). Trivially copyable, since it also lives in
+/// shared memory.
 class IpGenAddr {
  public:
    constexpr IpGenAddr() = default;
@@ -47,7 +52,8 @@ class IpGenAddr {
    }
    /// From the 16 bytes of an IPv6 address, in network order.
    VEL_EXPORT static IpGenAddr fromV6( const std::array< uint8_t, 16 >& bytes );
-   /// From text: dotted quad (RFC 791) or the forms of RFC 4291 section 2.2; nothing when it is neither.
+   /// From text: dotted quad (RFC 791) or the forms of RFC 4291 section 2.2; nothing when it is
+   /// neither.
    VEL_EXPORT static std::optional< IpGenAddr > parse( std::string_view text );
 
    constexpr AddressFamily af() const { return af_; }
@@ -79,7 +85,9 @@ class IpGenAddr {
    U64 low_ = 0;
    AddressFamily af_ = AddressFamily::unspecified;
 };
-inline void appendText( std::string& out, const IpGenAddr& address ) { out += address.text(); }
+inline void appendText( std::string& out, const IpGenAddr& address ) {
+   out += address.text();
+}
 
 /// A network prefix; only what next-hop resolution asks of one.
 struct IpGenPrefix {
@@ -113,11 +121,14 @@ class MacAddr {
  private:
    U64 value_ = 0;
 };
-inline void appendText( std::string& out, const MacAddr& mac ) { out += mac.text(); }
+inline void appendText( std::string& out, const MacAddr& mac ) {
+   out += mac.text();
+}
 
-/// An L3 interface. Beside ordinary interfaces there are the ones that stand for something to forward into: a
-/// next-hop group or another FEC (the FEC's adjacency type and index are part of the value), a dynamic tunnel, a
-/// pseudowire. The kind is in the top 8 bits; the value 0 is the empty interface.
+/// An L3 interface. Beside ordinary interfaces there are the ones that stand for something to
+/// forward into: a next-hop group or another FEC (the FEC's adjacency type and index are part of
+/// the value), a dynamic tunnel, a pseudowire. The kind is in the top 8 bits; the value 0 is the
+/// empty interface.
 class IntfId {
  public:
    enum class Kind : uint8_t {
@@ -132,7 +143,7 @@ class IntfId {
 
    constexpr IntfId() = default;
    constexpr IntfId( Kind kind, U64 payload )
-       : value_( static_cast< U64 >( kind ) << kindShift | ( payload & payloadMask ) ) {}
+      : value_( static_cast< U64 >( kind ) << kindShift | ( payload & payloadMask ) ) {}
    static constexpr IntfId ordinary( U32 number ) { return { Kind::ordinary, number }; }
    static constexpr IntfId fromValue( U64 value ) {
       IntfId made;
@@ -203,8 +214,9 @@ namespace L3 {
 
 /// Name of a VRF. All label forwarding lives in `defaultVrf()`.
 ///
-/// One word: equal names share one text, which stays for the life of the process, so that names compare and hash as
-/// pointers on the path of every route. Making one from text takes a lock and a look-up.
+/// One word: equal names share one text, which stays for the life of the process, so that names
+/// compare and hash as pointers on the path of every route. Making one from text takes a lock and a
+/// look-up.
 class VrfName {
  public:
    VrfName() = default;
@@ -219,6 +231,8 @@ class VrfName {
  private:
    const std::string* text_ = nullptr; // null for the empty name
 };
-inline void appendText( std::string& out, const VrfName& vrf ) { out += vrf.text(); }
+inline void appendText( std::string& out, const VrfName& vrf ) {
+   out += vrf.text();
+}
 
 } // namespace L3

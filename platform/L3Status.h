@@ -1,9 +1,10 @@
-// The L3 layer as label forwarding sees it: which next hops it is asked to watch, and what they resolve to.
+// The L3 layer as label forwarding sees it: which next hops it is asked to watch, and what they
+// resolve to.
 //
-// Two services resolve next hops. The proactive ARP watcher takes (VRF, address, interface) entries and answers in
-// `VelL3Status::nextHopInfo`. The route resolver takes watched addresses and answers in `resolvedAddr` (IPv4) and
-// `resolvedIp6Addr` (IPv6). Requests and answers are both entities: whoever runs the services reacts to the first and
-// writes the second.
+// Two services resolve next hops. The proactive ARP watcher takes (VRF, address, interface) entries
+// and answers in `VelL3Status::nextHopInfo`. The route resolver takes watched addresses and answers
+// in `resolvedAddr` (IPv4) and `resolvedIp6Addr` (IPv6). Requests and answers are both entities:
+// whoever runs the services reacts to the first and writes the second.
 
 #pragma once
 
@@ -123,9 +124,11 @@ class VEL_EXPORT AdjHwStatus : public WatchedEntity {
       virtual void onAdjHwState( Fib::GlobalFecId ) {}
    };
 
+   // clang-format off
    ENTITY( AdjHwStatus )
    COLLECTION( Hash, Fib::GlobalFecId, AdjHwState, adjHwState, onAdjHwState )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 };
 
 /// The L3 layer's status.
@@ -140,6 +143,7 @@ class VEL_EXPORT VelL3Status : public WatchedEntity {
       virtual void onVrfName( VrfId ) {}
    };
 
+   // clang-format off
    ENTITY( VelL3Status )
    KEY( std::string, statusName )
    ATTRIBUTE( Ptr< AdjHwStatus >, adjHwStatus, onAdjHwStatus )
@@ -148,6 +152,7 @@ class VEL_EXPORT VelL3Status : public WatchedEntity {
    COLLECTION( Hash, VrfAndIpGenAddr, ResolvedAddr, resolvedIp6Addr, onResolvedIp6Addr )
    COLLECTION( Hash, VrfId, L3::VrfName, vrfName, onVrfName )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit VelL3Status( std::string name ) : statusName_( std::move( name ) ) {}
@@ -173,10 +178,12 @@ class VEL_EXPORT ProactiveArpNexthopSm : public WatchedEntity {
       virtual void onEntry( ProactiveArpEntry ) {}
    };
 
+   // clang-format off
    ENTITY( ProactiveArpNexthopSm )
    KEY( std::string, smName )
    SET( HashSet, ProactiveArpEntry, entry, onEntry )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit ProactiveArpNexthopSm( std::string name ) : smName_( std::move( name ) ) {}
@@ -196,10 +203,12 @@ class VEL_EXPORT RouteReactorConfig : public WatchedEntity {
       virtual void onWatchedAddr( VrfAndIpAddr ) {}
    };
 
+   // clang-format off
    ENTITY( RouteReactorConfig )
    KEY( std::string, configName )
    SET( HashSet, VrfAndIpAddr, watchedAddr, onWatchedAddr )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit RouteReactorConfig( std::string name ) : configName_( std::move( name ) ) {}
@@ -215,10 +224,12 @@ class VEL_EXPORT Route6ReactorConfig : public WatchedEntity {
       virtual void onWatchedIp6Addr( VrfAndIpGenAddr ) {}
    };
 
+   // clang-format off
    ENTITY( Route6ReactorConfig )
    KEY( std::string, configName )
    SET( HashSet, VrfAndIpGenAddr, watchedIp6Addr, onWatchedIp6Addr )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit Route6ReactorConfig( std::string name ) : configName_( std::move( name ) ) {}
@@ -234,9 +245,11 @@ class VEL_EXPORT L3StartupStagePrerequisitesStatus : public WatchedEntity {
       virtual void onAdjSyncDone() {}
    };
 
+   // clang-format off
    ENTITY( L3StartupStagePrerequisitesStatus )
    ATTRIBUTE( bool, adjSyncDone, onAdjSyncDone )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 };
 
 } // namespace Vel

@@ -1,19 +1,21 @@
 // Label-indexed collections: for what the whole label table passes through.
 //
-// A key of a single label is its own index. Values live in pages of 64 slots with one occupancy word, found by the top
-// label without a hash; a set is the occupancy words alone, one bit a label. A summary word says which of 64 pages hold
-// anything, so that a walk skips 64 empty labels, or 4,096, at a time. Keys of more than one label are rare and go to a
-// hash collection beside the pages.
+// A key of a single label is its own index. Values live in pages of 64 slots with one occupancy
+// word, found by the top label without a hash; a set is the occupancy words alone, one bit a label.
+// A summary word says which of 64 pages hold anything, so that a walk skips 64 empty labels, or
+// 4,096, at a time. Keys of more than one label are rare and go to a hash collection beside the
+// pages.
 //
-// Adding moves nothing and rehashes nothing; the order of a walk is by label and repeats from run to run. Iteration
-// survives mutation: no element is visited twice in a pass, erasing and inserting are allowed. An element that is
-// added ahead of the walk is visited, one that is added behind it waits for the next pass.
+// Adding moves nothing and rehashes nothing; the order of a walk is by label and repeats from run
+// to run. Iteration survives mutation: no element is visited twice in a pass, erasing and inserting
+// are allowed. An element that is added ahead of the walk is visited, one that is added behind it
+// waits for the next pass.
 //
-// A work pass goes once around, from where the last one stopped: low labels cannot starve high ones when slices end
-// early.
+// A work pass goes once around, from where the last one stopped: low labels cannot starve high ones
+// when slices end early.
 //
-// Cost: 8 bytes for each 64 labels of the space once the first element is there (128 KiB), then a page for each 64
-// neighbouring labels in use.
+// Cost: 8 bytes for each 64 labels of the space once the first element is there (128 KiB), then a
+// page for each 64 neighbouring labels in use.
 
 #pragma once
 
@@ -37,20 +39,20 @@ class LabelBits {
    static constexpr uint32_t pages = labels / 64;
    static constexpr uint32_t end = labels;
 
-   uint64_t word( uint32_t page ) const { return data_ ? data_->words[ page ] : 0; }
+   uint64_t word( uint32_t page ) const { return data_ ? data_->words[page] : 0; }
    bool test( uint32_t label ) const { return word( label / 64 ) >> ( label % 64 ) & 1; }
    /// True when the bit was not set.
    bool set( uint32_t label ) {
       if ( !data_ ) [[unlikely]] {
          data_ = std::make_unique< Data >();
       }
-      uint64_t& word = data_->words[ label / 64 ];
+      uint64_t& word = data_->words[label / 64];
       const uint64_t bit = uint64_t{ 1 } << ( label % 64 );
       if ( word & bit ) {
          return false;
       }
       word |= bit;
-      data_->summary[ label / 4096 ] |= uint64_t{ 1 } << ( label / 64 % 64 );
+      data_->summary[label / 4096] |= uint64_t{ 1 } << ( label / 64 % 64 );
       return true;
    }
    /// True when the bit was set.
@@ -58,10 +60,10 @@ class LabelBits {
       if ( !test( label ) ) {
          return false;
       }
-      uint64_t& word = data_->words[ label / 64 ];
+      uint64_t& word = data_->words[label / 64];
       word &= ~( uint64_t{ 1 } << ( label % 64 ) );
       if ( word == 0 ) {
-         data_->summary[ label / 4096 ] &= ~( uint64_t{ 1 } << ( label / 64 % 64 ) );
+         data_->summary[label / 4096] &= ~( uint64_t{ 1 } << ( label / 64 % 64 ) );
       }
       return true;
    }
@@ -71,22 +73,22 @@ class LabelBits {
          return end;
       }
       const uint32_t page = from / 64;
-      if ( const uint64_t rest = data_->words[ page ] >> ( from % 64 ); rest != 0 ) {
+      if ( const uint64_t rest = data_->words[page] >> ( from % 64 ); rest != 0 ) {
          return from + static_cast< uint32_t >( std::countr_zero( rest ) );
       }
       uint32_t group = ( page + 1 ) / 64;
       if ( group == summaries ) {
          return end;
       }
-      uint64_t rest = data_->summary[ group ] & ~uint64_t{ 0 } << ( ( page + 1 ) % 64 );
+      uint64_t rest = data_->summary[group] & ~uint64_t{ 0 } << ( ( page + 1 ) % 64 );
       while ( rest == 0 ) {
          if ( ++group == summaries ) {
             return end;
          }
-         rest = data_->summary[ group ];
+         rest = data_->summary[group];
       }
       const uint32_t found = group * 64 + static_cast< uint32_t >( std::countr_zero( rest ) );
-      return found * 64 + static_cast< uint32_t >( std::countr_zero( data_->words[ found ] ) );
+      return found * 64 + static_cast< uint32_t >( std::countr_zero( data_->words[found] ) );
    }
    void clear() { data_.reset(); }
 
@@ -101,14 +103,16 @@ class LabelBits {
 
 /// The walk that both label-indexed shapes share. `Owner` has `bits_`, `deep_` and `cursor_`.
 ///
-/// A plain pass goes over the labels from 0 and then over the deeper keys. A work pass starts at the cursor, goes on to
-/// the deeper keys and comes back to the labels below the cursor.
+/// A plain pass goes over the labels from 0 and then over the deeper keys. A work pass starts at
+/// the cursor, goes on to the deeper keys and comes back to the labels below the cursor.
 template< class Owner >
 class LabelPass {
  public:
    LabelPass( const Owner& owner, bool work )
-       : owner_( const_cast< Owner& >( owner ) ), work_( work ), start_( work ? owner.cursor_ : 0 ),
-         at_( start_ ) {}
+      : owner_( const_cast< Owner& >( owner ) ),
+        work_( work ),
+        start_( work ? owner.cursor_ : 0 ),
+        at_( start_ ) {}
    LabelPass( const LabelPass& ) = delete;
    LabelPass& operator=( const LabelPass& ) = delete;
 
@@ -167,14 +171,16 @@ class LabelPass {
    std::optional< typename Owner::DeepPass > deep_;
 };
 
-/// A collection of values by route key. `K` is always Mpls::RouteKey; it stands here so that all shapes declare alike.
+/// A collection of values by route key. `K` is always Mpls::RouteKey; it stands here so that all
+/// shapes declare alike.
 template< class K, class V >
 class LabelIndexed {
    static_assert( std::is_same_v< K, Mpls::RouteKey > );
    struct Page {
       alignas( V ) std::array< std::byte, 64 * sizeof( V ) > storage;
       V* slot( uint32_t label ) {
-         return reinterpret_cast< V* >( storage.data() ) + label % 64; // constructed where the bit is set
+         return reinterpret_cast< V* >( storage.data() ) +
+                label % 64; // constructed where the bit is set
       }
    };
 
@@ -208,7 +214,7 @@ class LabelIndexed {
          return const_cast< V* >( deep_.find( key ) );
       }
       const uint32_t label = key.topLabel().value();
-      return bits_.test( label ) ? ( *directory_ )[ label / 64 ]->slot( label ) : nullptr;
+      return bits_.test( label ) ? ( *directory_ )[label / 64]->slot( label ) : nullptr;
    }
    const V& lookup( Key key ) const {
       const V* const found = find( key );
@@ -223,12 +229,12 @@ class LabelIndexed {
       }
       const uint32_t label = key.topLabel().value();
       if ( bits_.test( label ) ) {
-         return { ( *directory_ )[ label / 64 ]->slot( label ), false };
+         return { ( *directory_ )[label / 64]->slot( label ), false };
       }
       if ( !directory_ ) [[unlikely]] {
          directory_ = std::make_unique< Directory >();
       }
-      std::unique_ptr< Page >& page = ( *directory_ )[ label / 64 ];
+      std::unique_ptr< Page >& page = ( *directory_ )[label / 64];
       if ( !page ) {
          page.reset( new Page ); // not value-initialised: slots are made one by one
       }
@@ -238,7 +244,7 @@ class LabelIndexed {
       return { made, true };
    }
    bool set( Key key, const V& value ) {
-      const auto [ slot, made ] = emplace( key, value );
+      const auto [slot, made] = emplace( key, value );
       if ( made ) {
          return true;
       }
@@ -257,7 +263,7 @@ class LabelIndexed {
          return false;
       }
       --size_;
-      std::unique_ptr< Page >& page = ( *directory_ )[ label / 64 ];
+      std::unique_ptr< Page >& page = ( *directory_ )[label / 64];
       // Released when the collection is whole again, since its end may write this collection.
       [[maybe_unused]] V last = std::move( *page->slot( label ) );
       std::destroy_at( page->slot( label ) );
@@ -272,8 +278,9 @@ class LabelIndexed {
       const std::unique_ptr< Directory > directory = std::move( directory_ );
       size_ = 0;
       deep_.clear();
-      for ( uint32_t label = bits.next( 0 ); label != LabelBits::end; label = bits.next( label + 1 ) ) {
-         std::destroy_at( ( *directory )[ label / 64 ]->slot( label ) );
+      for ( uint32_t label = bits.next( 0 ); label != LabelBits::end;
+            label = bits.next( label + 1 ) ) {
+         std::destroy_at( ( *directory )[label / 64]->slot( label ) );
       }
    }
 

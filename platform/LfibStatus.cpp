@@ -15,17 +15,6 @@ LfibStatus::LfibStatus( std::string name, std::span< const std::byte > region )
    reader_.attach( region_ );
 }
 
-void LfibStatus::visitCounts( Vel::AttributeVisitor& visitor ) const {
-   visitor.attribute( "attached", attached() );
-   visitor.attribute( "refusedReason", refusedReason() );
-   visitor.attribute( "lfibRoutes", Vel::attributeValue( lfibRoutes() ) );
-   visitor.attribute( "lfibViaSets", Vel::attributeValue( lfibViaSets() ) );
-   visitor.attribute( "lfibVias", Vel::attributeValue( lfibVias() ) );
-   visitor.attribute( "ringPosition", Vel::attributeValue( ringPosition() ) );
-   visitor.attribute( "ringLag", Vel::attributeValue( ringLag() ) );
-   visitor.attribute( "resyncing", stage_ != Stage::done );
-}
-
 bool LfibStatus::pollPending() const {
    return attached() && ( !started_ || stage_ != Stage::done || reader_.stale() || ringLag() != 0 );
 }

@@ -64,7 +64,15 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
    // clang-format off
    ENTITY( LfibStatus )
    KEY( std::string, statusName )
- public: void visitLine_( Vel::AttributeLine< __LINE__ >, Vel::AttributeVisitor& v ) const { visitCounts( v ); }
+ public:
+   DERIVED( attached )
+   DERIVED( refusedReason )
+   DERIVED( lfibRoutes )
+   DERIVED( lfibViaSets )
+   DERIVED( lfibVias )
+   DERIVED( ringPosition )
+   DERIVED( ringLag )
+   DERIVED( pollPending )
    ATTRIBUTE( bool, ready, onReady )
    COUNTER( corruptions )
    COUNTER( resyncs )
@@ -178,7 +186,6 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
       }
       return via;
    }
-   void visitCounts( Vel::AttributeVisitor& visitor ) const;
    bool fillBatch();
    void announce( const LfibChange& change );
    void announceRoute( RouteKey key, bool present );

@@ -130,7 +130,7 @@ void LfibTrackingSm::viasOfViaSetIs( LfibViaSetKey key, const LfibViaSet& viaSet
    if ( vias.empty() ) {
       viasOfViaSet_.erase( key );
    } else {
-      viasOfViaSet_.set( key, std::move( vias ) );
+      *viasOfViaSet_.emplace( key ).first = std::move( vias );
    }
 }
 

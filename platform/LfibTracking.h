@@ -46,7 +46,9 @@ class VEL_EXPORT LfibTrackingStatus : public Vel::WatchedEntity {
    KEY( std::string, statusName )
    SET( LabelSet, Mpls::RouteKey, routeKeyBacklog, onRouteKeyBacklog )
    SET( HashSet, Mpls::LfibViaSetKey, viaSetKeyBacklog, onViaSetKeyBacklog )
- public: void visitLine_( Vel::AttributeLine< __LINE__ >, Vel::AttributeVisitor& v ) const { visitGroups( v ); }
+ public:
+   // NOLINTNEXTLINE(readability-identifier-naming): the name that a declaration line gives
+   void visitLine_( Vel::AttributeLine< __LINE__ >, Vel::AttributeVisitor& v ) const { visitGroups( v ); }
    ENTITY_END
    // clang-format on
 

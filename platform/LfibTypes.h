@@ -1,7 +1,8 @@
 // Values of the label forwarding information base (LFIB): routes, via sets and vias.
 //
-// They are what a publisher writes into shared memory and an agent reads, so all are trivially copyable and hold no
-// pointers. Keys are words: a via set key and a via key fit one 64-bit word each, and hash and compare as integers.
+// They are what a publisher writes into shared memory and an agent reads, so all are trivially
+// copyable and hold no pointers. Keys are words: a via set key and a via key fit one 64-bit word
+// each, and hash and compare as integers.
 
 #pragma once
 
@@ -23,7 +24,8 @@ namespace Mpls {
 using Vel::IntfId;
 using Vel::IpGenAddr;
 
-/// What a via leads to. `MplsSm` handles 1 and 10; the others belong to decapsulation and pseudowires.
+/// What a via leads to. `MplsSm` handles 1 and 10; the others belong to decapsulation and
+/// pseudowires.
 enum class LfibViaType : uint8_t {
    viaTypeUnknown = 0,
    viaTypeMplsIp = 1,
@@ -61,7 +63,8 @@ class LfibViaIndexRange {
    static constexpr size_t size = 128;
 
    constexpr LfibViaIndexRange() = default;
-   LfibViaIndexRange( U32 value ) : value_( static_cast< uint8_t >( value ) ) { // NOLINT: a checked number
+   LfibViaIndexRange( U32 value )
+      : value_( static_cast< uint8_t >( value ) ) { // NOLINT: a checked number
       if ( value > max ) {
          throw std::range_error( "LfibViaIndexRange::value < LfibViaIndexRange::min or > "
                                  "LfibViaIndexRange::max not allowed" );
@@ -69,7 +72,8 @@ class LfibViaIndexRange {
    }
    constexpr U32 value() const { return value_; }
    constexpr U64 hash() const { return Vel::mixBits( value_ ); }
-   friend constexpr auto operator<=>( const LfibViaIndexRange&, const LfibViaIndexRange& ) = default;
+   friend constexpr auto operator<=>( const LfibViaIndexRange&,
+                                      const LfibViaIndexRange& ) = default;
 
  private:
    uint8_t value_ = 0;
@@ -78,21 +82,25 @@ inline void appendText( std::string& out, LfibViaIndexRange index ) {
    Vel::appendText( out, index.value() );
 }
 
-/// Key of a via set: source, via type, via set type and index in one word. The default is the empty key.
+/// Key of a via set: source, via type, via set type and index in one word. The default is the empty
+/// key.
 class LfibViaSetKey {
  public:
    constexpr LfibViaSetKey() = default;
    constexpr LfibViaSetKey( LfibSource source, LfibViaType viaType, U32 index,
                             LfibViaSetType setType = LfibViaSetType::unicast )
-       : word_( U64{ 1 } << 63 | static_cast< U64 >( source ) << 48 |
-                static_cast< U64 >( viaType ) << 40 | static_cast< U64 >( setType ) << 32 | index ) {}
+      : word_( U64{ 1 } << 63 | static_cast< U64 >( source ) << 48 |
+               static_cast< U64 >( viaType ) << 40 | static_cast< U64 >( setType ) << 32 | index ) {
+   }
    static constexpr LfibViaSetKey fromWord( U64 word ) {
       LfibViaSetKey made;
       made.word_ = word;
       return made;
    }
    constexpr LfibSource source() const { return static_cast< LfibSource >( word_ >> 48 & 0xFF ); }
-   constexpr LfibViaType viaType() const { return static_cast< LfibViaType >( word_ >> 40 & 0xFF ); }
+   constexpr LfibViaType viaType() const {
+      return static_cast< LfibViaType >( word_ >> 40 & 0xFF );
+   }
    constexpr LfibViaSetType viaSetType() const {
       return static_cast< LfibViaSetType >( word_ >> 32 & 0xFF );
    }
@@ -113,15 +121,17 @@ class LfibViaKey {
  public:
    constexpr LfibViaKey() = default;
    constexpr LfibViaKey( LfibSource source, LfibViaType viaType, U32 index )
-       : word_( U64{ 1 } << 63 | static_cast< U64 >( source ) << 48 |
-                static_cast< U64 >( viaType ) << 40 | index ) {}
+      : word_( U64{ 1 } << 63 | static_cast< U64 >( source ) << 48 |
+               static_cast< U64 >( viaType ) << 40 | index ) {}
    static constexpr LfibViaKey fromWord( U64 word ) {
       LfibViaKey made;
       made.word_ = word;
       return made;
    }
    constexpr LfibSource source() const { return static_cast< LfibSource >( word_ >> 48 & 0xFF ); }
-   constexpr LfibViaType viaType() const { return static_cast< LfibViaType >( word_ >> 40 & 0xFF ); }
+   constexpr LfibViaType viaType() const {
+      return static_cast< LfibViaType >( word_ >> 40 & 0xFF );
+   }
    constexpr U32 index() const { return static_cast< U32 >( word_ ); }
    constexpr bool empty() const { return word_ == 0; }
    constexpr U64 word() const { return word_; }
@@ -145,10 +155,12 @@ struct LfibRoute {
 
 /// A via set: up to 128 via references, shared by every route that forwards alike.
 ///
-/// Copying copies only the references in use: look-ups return it by value on the path of every route.
+/// Copying copies only the references in use: look-ups return it by value on the path of every
+/// route.
 class LfibViaSet {
  public:
-   LfibViaSet() {} // NOLINT(modernize-use-equals-default): the reference array stays uninitialised on purpose
+   LfibViaSet() {
+   } // NOLINT(modernize-use-equals-default): the reference array stays uninitialised on purpose
    explicit LfibViaSet( LfibViaSetKey key ) : key_( key ) {}
    LfibViaSet( const LfibViaSet& other ) { *this = other; }
    LfibViaSet& operator=( const LfibViaSet& other ) {
@@ -170,12 +182,12 @@ class LfibViaSet {
 
    size_t viaKeys() const { return count_; }
    LfibViaKey viaKey( LfibViaIndexRange index ) const {
-      return index.value() < count_ ? viaKeys_[ index.value() ] : LfibViaKey();
+      return index.value() < count_ ? viaKeys_[index.value()] : LfibViaKey();
    }
    /// Appends a reference. A 129th raises the range error of `LfibViaIndexRange`.
    void viaKeyAdd( LfibViaKey key ) {
       const LfibViaIndexRange index( count_ );
-      viaKeys_[ index.value() ] = key;
+      viaKeys_[index.value()] = key;
       ++count_;
    }
 
@@ -193,7 +205,8 @@ class LfibViaSet {
    std::array< LfibViaKey, LfibViaIndexRange::size > viaKeys_;
 };
 
-/// An MPLS-over-IP via: label operation, next hop and interface (either of the latter may be empty).
+/// An MPLS-over-IP via: label operation, next hop and interface (either of the latter may be
+/// empty).
 struct LfibMplsVia {
    LfibViaKey key;
    IpGenAddr nextHop;

@@ -37,7 +37,9 @@ class MplsLabel {
  private:
    U32 value_ = nullValue;
 };
-inline void appendText( std::string& out, MplsLabel label ) { appendText( out, label.value() ); }
+inline void appendText( std::string& out, MplsLabel label ) {
+   appendText( out, label.value() );
+}
 
 /// What a via does to the incoming label.
 enum class MplsLabelAction : uint8_t {
@@ -86,33 +88,36 @@ class LabelStack {
       if ( size_ == maxLabels ) {
          return false;
       }
-      labels_[ size_++ ] = label;
+      labels_[size_++] = label;
       return true;
    }
    constexpr size_t stackSize() const { return size_; }
    /// The label at depth `i`, 0 being the top.
    constexpr MplsLabel label( size_t i ) const {
-      return i < size_ ? MplsLabel( labels_[ i ] ) : MplsLabel();
+      return i < size_ ? MplsLabel( labels_[i] ) : MplsLabel();
    }
    friend constexpr auto operator<=>( const LabelStack&, const LabelStack& ) = default;
    constexpr U64 hash() const {
       U64 mixed = size_;
       for ( size_t i = 0; i < size_; ++i ) {
-         mixed = Vel::mixBits( mixed + labels_[ i ] );
+         mixed = Vel::mixBits( mixed + labels_[i] );
       }
       return mixed;
    }
 
  private:
-   std::array< U32, maxLabels > labels_{}; // unused entries stay 0, so that comparing all is comparing
+   std::array< U32, maxLabels >
+      labels_{}; // unused entries stay 0, so that comparing all is comparing
    U32 size_ = 0;
 };
 VEL_EXPORT void appendText( std::string& out, const LabelStack& stack );
 
-/// Key of one label route: the incoming label stack, top label first, up to three labels, in one word.
+/// Key of one label route: the incoming label stack, top label first, up to three labels, in one
+/// word.
 ///
-/// The top label holds the most significant bits, so that the order of the words is the order of labels. An absent
-/// label is the null label 0x100000, which sorts a single label behind the deeper stacks that begin with it.
+/// The top label holds the most significant bits, so that the order of the words is the order of
+/// labels. An absent label is the null label 0x100000, which sorts a single label behind the deeper
+/// stacks that begin with it.
 class RouteKey {
  public:
    static constexpr size_t maxLabels = 3;
@@ -121,14 +126,16 @@ class RouteKey {
    constexpr explicit RouteKey( MplsLabel top ) : word_( single( top.value() ) ) {}
    constexpr explicit RouteKey( U32 top ) : word_( single( top ) ) {}
    constexpr RouteKey( MplsLabel top, MplsLabel second, MplsLabel third = MplsLabel() )
-       : word_( U64{ top.value() } << 2 * bits | U64{ second.value() } << bits | third.value() ) {}
+      : word_( U64{ top.value() } << 2 * bits | U64{ second.value() } << bits | third.value() ) {}
    static constexpr RouteKey fromWord( U64 word ) {
       RouteKey made;
       made.word_ = word;
       return made;
    }
 
-   constexpr MplsLabel topLabel() const { return MplsLabel( static_cast< U32 >( word_ >> 2 * bits ) ); }
+   constexpr MplsLabel topLabel() const {
+      return MplsLabel( static_cast< U32 >( word_ >> 2 * bits ) );
+   }
    constexpr MplsLabel label( size_t depth ) const {
       return depth < maxLabels
                 ? MplsLabel( static_cast< U32 >( word_ >> ( 2 - depth ) * bits ) & labelMask )

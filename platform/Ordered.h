@@ -1,7 +1,7 @@
 // Ordered collections: where order is part of the meaning.
 //
-// The same interface as the other shapes, in key order. A pass goes by key: erasing and inserting are allowed while it
-// runs, nothing is visited twice, and an element added ahead of it is visited.
+// The same interface as the other shapes, in key order. A pass goes by key: erasing and inserting
+// are allowed while it runs, nothing is visited twice, and an element added ahead of it is visited.
 
 #pragma once
 
@@ -46,7 +46,9 @@ class OrderedCore {
    };
 
    friend bool operator==( const OrderedCore& a, const OrderedCore& b ) { return a.map_ == b.map_; }
-   friend auto operator<=>( const OrderedCore& a, const OrderedCore& b ) { return a.map_ <=> b.map_; }
+   friend auto operator<=>( const OrderedCore& a, const OrderedCore& b ) {
+      return a.map_ <=> b.map_;
+   }
 
  protected:
    std::map< K, V > map_;
@@ -77,7 +79,7 @@ class Ordered : public OrderedCore< K, V > {
       return found ? *found : nullValueOf< V >();
    }
    bool set( const K& key, const V& value ) {
-      const auto [ at, made ] = this->map_.try_emplace( key, value );
+      const auto [at, made] = this->map_.try_emplace( key, value );
       if ( made ) {
          return true;
       }

@@ -1,7 +1,8 @@
 // Ptr: shared ownership of an entity by an intrusive count.
 //
-// The count is not atomic: an agent's entities live on one thread. A Ptr is one word, copying it is one increment of
-// memory that the entity's user touches anyway, and a raw pointer can be turned back into a Ptr at any time.
+// The count is not atomic: an agent's entities live on one thread. A Ptr is one word, copying it is
+// one increment of memory that the entity's user touches anyway, and a raw pointer can be turned
+// back into a Ptr at any time.
 
 #pragma once
 
@@ -18,13 +19,14 @@ template< class T >
 class Ptr {
  public:
    constexpr Ptr() = default;
-   constexpr Ptr( std::nullptr_t ) {} // NOLINT(google-explicit-constructor): an empty pointer is a value
+   constexpr Ptr( std::nullptr_t ) {
+   } // NOLINT(google-explicit-constructor): an empty pointer is a value
    Ptr( T* object ) : object_( object ) { acquire(); } // NOLINT: entities carry their own count
    Ptr( const Ptr& other ) : object_( other.object_ ) { acquire(); }
    Ptr( Ptr&& other ) noexcept : object_( std::exchange( other.object_, nullptr ) ) {}
    template< class U >
-      requires std::is_convertible_v< U*, T* >
-   Ptr( const Ptr< U >& other ) : object_( other.get() ) { // NOLINT: as with raw pointers
+   requires std::is_convertible_v< U*, T* > Ptr( const Ptr< U >& other )
+      : object_( other.get() ) { // NOLINT: as with raw pointers
       acquire();
    }
    ~Ptr() { release(); }

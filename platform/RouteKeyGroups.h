@@ -1,12 +1,14 @@
 // Route key groups: a partition of route keys.
 //
-// Every route uses one L3 adjacency, one L2 adjacency, one via set: a relation from a million keys to some thousand
-// groups, of which both directions are asked. One link of 16 bytes a key carries both: the group that the key is in,
-// and its neighbours in that group. Links are found by label, so that moving a key from one group to another costs a
-// few label-indexed accesses and no hash, and a group is walked by following its links.
+// Every route uses one L3 adjacency, one L2 adjacency, one via set: a relation from a million keys
+// to some thousand groups, of which both directions are asked. One link of 16 bytes a key carries
+// both: the group that the key is in, and its neighbours in that group. Links are found by label,
+// so that moving a key from one group to another costs a few label-indexed accesses and no hash,
+// and a group is walked by following its links.
 //
-// Invariants: a key is in at most one group of the same links; inserting one that is in another group is an assertion.
-// Iteration survives mutation with the rules of Hash: what is added while a pass runs waits for the next one.
+// Invariants: a key is in at most one group of the same links; inserting one that is in another
+// group is an assertion. Iteration survives mutation with the rules of Hash: what is added while a
+// pass runs waits for the next one.
 
 #pragma once
 
@@ -53,13 +55,13 @@ class RouteKeyLinks {
          return labels_.find( key );
       }
       const Id* const slot = deepIds_.find( key );
-      return slot ? &deep_[ *slot - firstDeep ].link : nullptr;
+      return slot ? &deep_[*slot - firstDeep].link : nullptr;
    }
    Link& at( Id id ) {
-      return id < firstDeep ? *labels_.find( Mpls::RouteKey( id ) ) : deep_[ id - firstDeep ].link;
+      return id < firstDeep ? *labels_.find( Mpls::RouteKey( id ) ) : deep_[id - firstDeep].link;
    }
    Mpls::RouteKey keyOf( Id id ) const {
-      return id < firstDeep ? Mpls::RouteKey( id ) : deep_[ id - firstDeep ].key;
+      return id < firstDeep ? Mpls::RouteKey( id ) : deep_[id - firstDeep].key;
    }
    Id idOf( Mpls::RouteKey key ) const {
       return key.singleLabel() ? key.topLabel().value() : deepIds_.lookup( key );
@@ -75,7 +77,7 @@ class RouteKeyLinks {
          deep_.push_back( { key, link } );
       } else {
          freeDeep_ = at( id ).next;
-         deep_[ id - firstDeep ] = { key, link };
+         deep_[id - firstDeep] = { key, link };
       }
       deepIds_.set( key, id );
       return id;
@@ -104,7 +106,8 @@ class RouteKeyGroup {
  public:
    using Key = Mpls::RouteKey;
 
-   explicit RouteKeyGroup( std::shared_ptr< RouteKeyLinks > links ) : links_( std::move( links ) ) {}
+   explicit RouteKeyGroup( std::shared_ptr< RouteKeyLinks > links )
+      : links_( std::move( links ) ) {}
    RouteKeyGroup( const RouteKeyGroup& ) = delete;
    RouteKeyGroup& operator=( const RouteKeyGroup& ) = delete;
    ~RouteKeyGroup() { clear(); }
@@ -158,8 +161,10 @@ class RouteKeyGroup {
    class Pass {
     public:
       explicit Pass( const RouteKeyGroup& owner )
-          : owner_( const_cast< RouteKeyGroup& >( owner ) ), next_( owner.head_ ),
-            last_( owner.tail_ ), link_( owner.passes_ ) {
+         : owner_( const_cast< RouteKeyGroup& >( owner ) ),
+           next_( owner.head_ ),
+           last_( owner.tail_ ),
+           link_( owner.passes_ ) {
          owner_.passes_ = this;
       }
       Pass( const Pass& ) = delete;
@@ -204,7 +209,8 @@ class RouteKeyGroup {
    size_t size_ = 0;
 };
 
-/// The group as a shape of set, for an entity's declaration. The entity's constructor gives it the links.
+/// The group as a shape of set, for an entity's declaration. The entity's constructor gives it the
+/// links.
 template< class K >
 using GroupedRouteKeys = RouteKeyGroup;
 

@@ -17,10 +17,12 @@ class VEL_EXPORT LfibInfo : public Vel::WatchedEntity {
       virtual void onNexthopResolutionAllowDefaultRoute() {}
    };
 
+   // clang-format off
    ENTITY( LfibInfo )
    KEY( std::string, infoName )
    ATTRIBUTE( bool, nexthopResolutionAllowDefaultRoute, onNexthopResolutionAllowDefaultRoute )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit LfibInfo( std::string name ) : infoName_( std::move( name ) ) {}
@@ -34,10 +36,12 @@ class VEL_EXPORT RoutingInfo : public Vel::WatchedEntity {
       virtual void onMplsRouting( L3::VrfName ) {}
    };
 
+   // clang-format off
    ENTITY( RoutingInfo )
    KEY( std::string, infoName )
    COLLECTION( Hash, L3::VrfName, bool, mplsRouting, onMplsRouting )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit RoutingInfo( std::string name ) : infoName_( std::move( name ) ) {}
@@ -55,10 +59,12 @@ class VEL_EXPORT RouteStatus : public Vel::WatchedEntity {
       virtual void onVrfStatus( L3::VrfName ) {}
    };
 
+   // clang-format off
    ENTITY( RouteStatus )
    KEY( std::string, statusName )
    COLLECTION( Hash, L3::VrfName, Vel::VrfId, vrfStatus, onVrfStatus )
    ENTITY_END_IN_SOURCE
+   // clang-format on
 
  public:
    explicit RouteStatus( std::string name ) : statusName_( std::move( name ) ) {}

@@ -28,8 +28,8 @@ struct SlabPool::Chunk {
 };
 
 SlabPool::SlabPool( size_t recordSize )
-    : recordSize_( ( std::max( recordSize, sizeof( void* ) ) + recordAlignment - 1 ) /
-                   recordAlignment * recordAlignment ) {
+   : recordSize_( ( std::max( recordSize, sizeof( void* ) ) + recordAlignment - 1 ) /
+                  recordAlignment * recordAlignment ) {
    VEL_ASSERT( recordSize_ <= chunkSize / 8 );
 }
 
@@ -47,7 +47,8 @@ void SlabPool::grow() {
       throw std::bad_alloc();
    }
    chunks_ = new ( memory ) Chunk{ this, chunks_ };
-   constexpr size_t header = ( sizeof( Chunk ) + recordAlignment - 1 ) / recordAlignment * recordAlignment;
+   constexpr size_t header =
+      ( sizeof( Chunk ) + recordAlignment - 1 ) / recordAlignment * recordAlignment;
    fresh_ = static_cast< std::byte* >( memory ) + header;
    freshEnd_ = static_cast< std::byte* >( memory ) + chunkSize;
 }

@@ -1,9 +1,10 @@
 // Slabs: storage for records of one size, of which there may be a million.
 //
-// A record from the general allocator costs 60 ns and 16 bytes of overhead; from a slab 35 ns and none. A pool belongs
-// to one type and one thread, takes chunks of 64 KiB and never moves a record. It ends when its thread has ended and
-// its last record is gone, so that records may outlive static destruction. Under the address sanitizer every record
-// comes from the general allocator, whose quarantine finds a use after release.
+// A record from the general allocator costs 60 ns and 16 bytes of overhead; from a slab 35 ns and
+// none. A pool belongs to one type and one thread, takes chunks of 64 KiB and never moves a record.
+// It ends when its thread has ended and its last record is gone, so that records may outlive static
+// destruction. Under the address sanitizer every record comes from the general allocator, whose
+// quarantine finds a use after release.
 
 #pragma once
 
@@ -54,16 +55,17 @@ SlabPool& slabOf() {
 
 } // namespace Vel
 
-/// Takes the entity type `Name` from a slab. A derived type of another size goes to the general allocator.
+/// Takes the entity type `Name` from a slab. A derived type of another size goes to the general
+/// allocator.
 #define IN_SLAB( Name )                                                                            \
  public:                                                                                           \
-   static void* operator new( std::size_t size ) {                                                \
+   static void* operator new( std::size_t size ) {                                                 \
       return size == sizeof( Name ) ? ::Vel::slabOf< Name >().allocate() : ::operator new( size ); \
    }                                                                                               \
-   static void operator delete( void* record, std::size_t size ) {                                \
-      if ( size == sizeof( Name ) ) {                                                             \
-         ::Vel::SlabPool::release( record );                                                      \
+   static void operator delete( void* record, std::size_t size ) {                                 \
+      if ( size == sizeof( Name ) ) {                                                              \
+         ::Vel::SlabPool::release( record );                                                       \
       } else {                                                                                     \
-         ::operator delete( record );                                                             \
+         ::operator delete( record );                                                              \
       }                                                                                            \
    }

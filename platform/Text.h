@@ -1,7 +1,8 @@
-// Text forms of values: one customisation point, `appendText( out, value )`, found by argument-dependent look-up.
+// Text forms of values: one customisation point, `appendText( out, value )`, found by
+// argument-dependent look-up.
 //
-// Traces, introspection, assertions and error messages all print through it. Formatting happens only when somebody
-// wants to read, so clarity beats speed here.
+// Traces, introspection, assertions and error messages all print through it. Formatting happens
+// only when somebody wants to read, so clarity beats speed here.
 
 #pragma once
 
@@ -17,18 +18,20 @@
 
 namespace Vel {
 
-/// Names of an enumeration's values. Specialise with `static constexpr std::array< std::pair< E, std::string_view >, N >
-/// names`; `stringValue`, `enumParse` and `appendText` follow.
+/// Names of an enumeration's values. Specialise with `static constexpr std::array< std::pair< E,
+/// std::string_view >, N > names`; `stringValue`, `enumParse` and `appendText` follow.
 template< class E >
 struct EnumNames;
 
 template< class E >
-concept NamedEnum = std::is_enum_v< E > && requires { EnumNames< E >::names; };
+concept NamedEnum = std::is_enum_v< E > && requires {
+   EnumNames< E >::names;
+};
 
 /// The name of the value; "unknown" for a number that has none.
 template< NamedEnum E >
 constexpr std::string_view stringValue( E value ) {
-   for ( const auto& [ candidate, name ] : EnumNames< E >::names ) {
+   for ( const auto& [candidate, name] : EnumNames< E >::names ) {
       if ( candidate == value ) {
          return name;
       }
@@ -39,7 +42,7 @@ constexpr std::string_view stringValue( E value ) {
 /// The value with that exact name, or nothing.
 template< NamedEnum E >
 constexpr std::optional< E > enumParse( std::string_view text ) {
-   for ( const auto& [ candidate, name ] : EnumNames< E >::names ) {
+   for ( const auto& [candidate, name] : EnumNames< E >::names ) {
       if ( name == text ) {
          return candidate;
       }
@@ -47,17 +50,24 @@ constexpr std::optional< E > enumParse( std::string_view text ) {
    return std::nullopt;
 }
 
-inline void appendText( std::string& out, std::string_view value ) { out.append( value ); }
-inline void appendText( std::string& out, const char* value ) { out.append( value ); }
-inline void appendText( std::string& out, const std::string& value ) { out.append( value ); }
-template< std::same_as< bool > B > // not for what merely converts to a truth value, such as a pointer
-void appendText( std::string& out, B value ) {
+inline void appendText( std::string& out, std::string_view value ) {
+   out.append( value );
+}
+inline void appendText( std::string& out, const char* value ) {
+   out.append( value );
+}
+inline void appendText( std::string& out, const std::string& value ) {
+   out.append( value );
+}
+template< std::same_as< bool > B > // not for what merely converts to a truth value, such as a
+                                   // pointer
+                                   void appendText( std::string& out, B value ) {
    out.append( value ? "true" : "false" );
 }
 
 template< class T >
-   requires( std::integral< T > && !std::same_as< T, bool > && !std::same_as< T, char > )
-void appendText( std::string& out, T value ) {
+requires( std::integral< T > && !std::same_as< T, bool > &&
+          !std::same_as< T, char > ) void appendText( std::string& out, T value ) {
    std::array< char, 24 > digits; // enough for a sign and 20 digits
    const auto end = std::to_chars( digits.data(), digits.data() + digits.size(), value );
    out.append( digits.data(), end.ptr );

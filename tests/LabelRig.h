@@ -1,5 +1,5 @@
-// A label state machine with everything around it, for tests: the LFIB on the heap, an L3 layer that answers from a
-// table, the software switch, and a clock that moves when told.
+// A label state machine with everything around it, for tests: the LFIB on the heap, an L3 layer
+// that answers from a table, the software switch, and a clock that moves when told.
 
 #pragma once
 
@@ -13,10 +13,13 @@
 
 namespace Vel::Test {
 
-inline IpGenAddr ip( std::string_view text ) { return *IpGenAddr::parse( text ); }
-inline Mpls::RouteKey key( U32 label ) { return Mpls::RouteKey( label ); }
-inline Mpls::LfibViaSetKey viaSetKey( U32 index,
-                                      Mpls::LfibViaType type = Mpls::viaTypeMplsIp ) {
+inline IpGenAddr ip( std::string_view text ) {
+   return *IpGenAddr::parse( text );
+}
+inline Mpls::RouteKey key( U32 label ) {
+   return Mpls::RouteKey( label );
+}
+inline Mpls::LfibViaSetKey viaSetKey( U32 index, Mpls::LfibViaType type = Mpls::viaTypeMplsIp ) {
    return { Mpls::LfibSource::ldp, type, index };
 }
 inline Mpls::LfibViaKey viaKey( U32 index, Mpls::LfibViaType type = Mpls::viaTypeMplsIp ) {
@@ -36,9 +39,13 @@ inline Mpls::LfibMplsVia swapVia( U32 index, std::string_view nextHop, U32 intf,
 class L3Layer {
  public:
    explicit L3Layer( VelL3Status& status )
-      : status_( &status ), arp( make< ProactiveArpNexthopSm >( "arp" ) ),
-        rr( make< RouteReactorConfig >( "rr" ) ), rr6( make< Route6ReactorConfig >( "rr6" ) ),
-        arpReactor_( *this ), rrReactor_( *this ), rr6Reactor_( *this ) {
+      : status_( &status ),
+        arp( make< ProactiveArpNexthopSm >( "arp" ) ),
+        rr( make< RouteReactorConfig >( "rr" ) ),
+        rr6( make< Route6ReactorConfig >( "rr6" ) ),
+        arpReactor_( *this ),
+        rrReactor_( *this ),
+        rr6Reactor_( *this ) {
       arpReactor_.notifierIs( arp.get() );
       rrReactor_.notifierIs( rr.get() );
       rr6Reactor_.notifierIs( rr6.get() );
@@ -80,13 +87,14 @@ class L3Layer {
    void publishWatched( const IpGenAddr& address ) {
       const L3::VrfName vrf = L3::VrfName::defaultVrf();
       const bool v4 = address.af() == ipv4();
-      const bool watched = v4 ? rr->watchedAddrHas( { vrf, address } )
-                              : rr6->watchedIp6AddrHas( { vrf, address } );
+      const bool watched =
+         v4 ? rr->watchedAddrHas( { vrf, address } ) : rr6->watchedIp6AddrHas( { vrf, address } );
       ResolvedAddr resolved;
       if ( watched ) {
          resolved.prefix = { address, static_cast< uint8_t >( v4 ? 32 : 128 ) };
          for ( const NextHopInfo& info : infosOf( address ) ) {
-            resolved.nexthop.push_back( { address, info.l2Intf, ResolvedNexthop::Type::attached, info } );
+            resolved.nexthop.push_back(
+               { address, info.l2Intf, ResolvedNexthop::Type::attached, info } );
          }
       }
       if ( v4 ) {
@@ -167,10 +175,10 @@ class LabelRig {
    ~LabelRig() { sm = nullptr; }
 
    MplsSmInputs inputs() {
-      return { lfibInfo, routingInfo, lfib,        lfibHwStatus, routeStatus,   hwMplsStatus,
-               l3.rr,    l3.rr6,      hwConfig,    hwStatus,     l3Status,      l3.arp,
-               entities, nullptr,     nullptr,     nullptr,      nullptr,       nullptr,
-               nullptr,  attrLog,     nullptr,     clock,        scheduler };
+      return { lfibInfo, routingInfo, lfib,     lfibHwStatus, routeStatus, hwMplsStatus,
+               l3.rr,    l3.rr6,      hwConfig, hwStatus,     l3Status,    l3.arp,
+               entities, nullptr,     nullptr,  nullptr,      nullptr,     nullptr,
+               nullptr,  attrLog,     nullptr,  clock,        scheduler };
    }
    void start() { sm = MplsSmIs( inputs() ); }
    void vrfNumberIs() {
@@ -202,7 +210,8 @@ class LabelRig {
          lfib->poll( 1U << 20 );
       } while ( lfib->pollPending() );
    }
-   /// Announces, and runs everything that is due up to `seconds` from now, but no retry that lies further off.
+   /// Announces, and runs everything that is due up to `seconds` from now, but no retry that lies
+   /// further off.
    void settle( double seconds = 1.0 ) {
       const double until = clock->now() + seconds;
       poll();

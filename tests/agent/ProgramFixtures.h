@@ -31,13 +31,20 @@ inline std::string swapVia( uint32_t outLabel, const std::string& nextHop,
    return joinText( R"({"action":"swap","outLabels":[)", outLabel, R"(],"nextHop":")", nextHop,
                     interface.empty() ? "\"" : R"(","interface":")" + interface + "\"", "}" );
 }
-/// A route in the native format.
-inline std::string routeOf( uint32_t label, const std::string& vias ) {
-   return joinText( R"({"label":)", label, R"(,"vias":[)", vias, "]}" );
+inline std::string joined( const std::vector< std::string >& parts ) {
+   std::string out;
+   for ( const std::string& part : parts ) {
+      out += ( out.empty() ? "" : "," ) + part;
+   }
+   return out;
 }
-inline LabelTable tableOf( const std::string& routes ) {
+inline std::string routeOf( uint32_t label, const std::vector< std::string >& vias ) {
+   return joinText( R"({"label":)", label, R"(,"vias":[)", joined( vias ), "]}" );
+}
+/// A table of routes in the native format.
+inline LabelTable tableOf( const std::vector< std::string >& routes ) {
    LabelTable table =
-      parseLabelTable( R"({"velmplsLabelTable":1,"routes":[)" + routes + "]}", "t" );
+      parseLabelTable( R"({"velmplsLabelTable":1,"routes":[)" + joined( routes ) + "]}", "t" );
    for ( const ImportError& error : table.errors ) {
       ADD_FAILURE() << error.text();
    }

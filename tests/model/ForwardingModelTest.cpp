@@ -1,8 +1,10 @@
-// Random LFIB, next-hop and scheduling events; then what the software switch holds must equal what a naive function of
-// the inputs says, the records must keep their invariants, and a frame with each label must leave as the LFIB says.
+// Random LFIB, next-hop and scheduling events; then what the software switch holds must equal what
+// a naive function of the inputs says, the records must keep their invariants, and a frame with
+// each label must leave as the LFIB says.
 //
-// The naive function knows no history. What the state machine keeps deliberately (a via set that stops being usable
-// leaves its adjacency as it was) is therefore not asked of the routes concerned, until the via set is usable again.
+// The naive function knows no history. What the state machine keeps deliberately (a via set that
+// stops being usable leaves its adjacency as it was) is therefore not asked of the routes
+// concerned, until the via set is usable again.
 
 #include <gtest/gtest.h>
 
@@ -51,7 +53,8 @@ struct WantedViaSet {
 
 class Model {
  public:
-   explicit Model( U64 seed ) : random_( seed ), wanted_( viaSets ), routes_( labels ), up_( nextHops ) {
+   explicit Model( U64 seed )
+      : random_( seed ), wanted_( viaSets ), routes_( labels ), up_( nextHops ) {
       if ( below( 2 ) ) {
          rig.scheduler->maxQueriesPerRunIs( 1 + below( 20 ) );
       }
@@ -62,15 +65,29 @@ class Model {
       switch ( below( 12 ) ) {
       case 0:
       case 1:
-      case 2: changeRoute(); break;
+      case 2:
+         changeRoute();
+         break;
       case 3:
-      case 4: changeViaSet(); break;
+      case 4:
+         changeViaSet();
+         break;
       case 5:
-      case 6: changeNeighbor( below( nextHops ), below( 3 ) != 0 ); break;
-      case 7: changeNeighborMac( below( nextHops ) ); break;
-      case 8: rig.poll(); break;
-      case 9: rig.lfib->poll( 1 + below( 5 ) ); break;
-      case 10: runALittle(); break;
+      case 6:
+         changeNeighbor( below( nextHops ), below( 3 ) != 0 );
+         break;
+      case 7:
+         changeNeighborMac( below( nextHops ) );
+         break;
+      case 8:
+         rig.poll();
+         break;
+      case 9:
+         rig.lfib->poll( 1 + below( 5 ) );
+         break;
+      case 10:
+         runALittle();
+         break;
       case 11:
          if ( below( 10 ) == 0 ) {
             routing_ = !routing_;
@@ -133,7 +150,8 @@ class Model {
          rig.routeIs( key( firstLabel + i ), viaSetKey( 1, Mpls::viaTypeVlan ) );
          return;
       }
-      // A route that has been programmed keeps what it has while its new via set is missing or unusable.
+      // A route that has been programmed keeps what it has while its new via set is missing or
+      // unusable.
       if ( maybeProgrammed_[i] && !wanted_[viaSet].usable() ) {
          return;
       }
@@ -183,8 +201,9 @@ class Model {
 
    Mpls::LfibMplsVia viaOf( U32 viaSet, U32 v ) const {
       const WantedVia& want = wanted_[viaSet].vias[v];
-      Mpls::LfibMplsVia via = swapVia( viaSet * viasPerSet + v + 1, addressOf( want.nextHop ),
-                                       want.byResolver ? 0 : intfOf( want.nextHop ), want.outLabel );
+      Mpls::LfibMplsVia via =
+         swapVia( viaSet * viasPerSet + v + 1, addressOf( want.nextHop ),
+                  want.byResolver ? 0 : intfOf( want.nextHop ), want.outLabel );
       if ( want.pop ) {
          via.labelAction = MplsLabelAction::pop;
          via.labelStack = {};
@@ -244,7 +263,8 @@ class Model {
 
    void checkLabel( U32 i ) {
       SCOPED_TRACE( "label " + std::to_string( firstLabel + i ) );
-      const Driver::HwRoute* const held = rig.hardware->route( LabelRig::vrfId, key( firstLabel + i ) );
+      const Driver::HwRoute* const held =
+         rig.hardware->route( LabelRig::vrfId, key( firstLabel + i ) );
       const auto published = rig.published( firstLabel + i );
       const bool accepted = routing_ && routes_[i] && *routes_[i] < viaSets;
       if ( !accepted || ( wanted_[*routes_[i]].there && !wanted_[*routes_[i]].sane() ) ) {
@@ -257,7 +277,8 @@ class Model {
       if ( want.tainted() ) {
          return;
       }
-      const std::set< WayOut > ways = want.usable() ? waysOutOf( *routes_[i] ) : std::set< WayOut >();
+      const std::set< WayOut > ways =
+         want.usable() ? waysOutOf( *routes_[i] ) : std::set< WayOut >();
       if ( ways.empty() ) {
          EXPECT_EQ( held, nullptr );
          if ( want.there ) {
@@ -283,7 +304,8 @@ class Model {
       for ( int shift = 24; shift >= 0; shift -= 8 ) {
          frame.push_back( static_cast< uint8_t >( entry >> shift ) );
       }
-      frame.insert( frame.end(), { 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2 } );
+      frame.insert( frame.end(),
+                    { 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2 } );
       const Driver::ForwardResult result = rig.hardware->forward( LabelRig::vrfId, frame );
       ASSERT_EQ( result.frames.size(), 1U ) << result.text;
       const Driver::OutgoingFrame& out = result.frames[0];
@@ -294,8 +316,9 @@ class Model {
       for ( size_t byte = 0; byte < 6; ++byte ) {
          mac = mac << 8 | out.bytes[byte];
       }
-      const WayOut way = popped ? WayOut( out.intf, MacAddr( mac ), MplsLabelAction::pop, {} )
-                                : WayOut( out.intf, MacAddr( mac ), MplsLabelAction::swap, { outLabel } );
+      const WayOut way =
+         popped ? WayOut( out.intf, MacAddr( mac ), MplsLabelAction::pop, {} )
+                : WayOut( out.intf, MacAddr( mac ), MplsLabelAction::swap, { outLabel } );
       EXPECT_TRUE( ways.contains( way ) ) << "left with label " << outLabel;
    }
 

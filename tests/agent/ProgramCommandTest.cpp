@@ -1,0 +1,147 @@
+// The program as people run it: options, exit status, what goes to which stream.
+
+#include "tests/agent/ProgramFixtures.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+
+namespace VelTest {
+namespace {
+
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class CommandTest : public testing::Test {
+ protected:
+   CommandTest() { std::filesystem::create_directory( folder_ ); }
+   ~CommandTest() override { std::filesystem::remove_all( folder_ ); }
+
+   struct Ran {
+      int status = -1;
+      std::string out;
+      std::string err;
+   };
+   /// Runs the program with the arguments as a shell reads them.
+   Ran run( const std::string& arguments, const std::string& input = "" ) const {
+      const std::string command =
+         joinText( "'", VELMPLS_PROGRAM, "' ", arguments, " < ", file( "in", input ), " > ",
+                   folder_, "/out 2> ", folder_, "/err" );
+      const int status = std::system( command.c_str() ); // NOLINT: a shell is what people use
+      std::string fault;
+      return { WIFEXITED( status ) ? WEXITSTATUS( status ) : -1,
+               readFile( folder_ + "/out", fault ).value_or( "" ),
+               readFile( folder_ + "/err", fault ).value_or( "" ) };
+   }
+   std::string file( const std::string& name, const std::string& text ) const {
+      std::ofstream( folder_ + "/" + name ) << text;
+      return folder_ + "/" + name;
+   }
+
+   const std::string folder_ =
+      testing::TempDir() + "velmpls-command-test-" + std::to_string( getpid() );
+   const std::string labels = " --lfib " + examplePath( "labels" );
+   const std::string linkDown = " --lfib " + examplePath( "labels-link-down" );
+   const std::string neighbors = " --neighbors " + examplePath( "neighbors" );
+};
+
+TEST_F( CommandTest, BadInputAndUsageEndWithTwoAndSayWhy ) {
+   const std::string cut = file( "cut.json", R"({"16001":{"inLabel":16001,)" );
+   const std::string bad = file( "bad.json", R"([{"dst":"16"},{"dst":"16001","dev":"a"}])" );
+   const std::string huge( 2 * 9217, '0' );
+   const std::string forward = "forward" + labels + " --frame ";
+   const std::vector< std::pair< std::string, std::string > > cases{
+      { "", "subcommand" },
+      { "fly", "subcommand" },
+      { "program", "--lfib" },
+      { "program --lfib", "--lfib" },
+      { "program --fast" + labels, "--fast" },
+      { "program --lfib " + folder_ + "/none.json", "none.json: cannot be opened" },
+      { "program --lfib " + folder_, "directory" },
+      { "program --lfib " + cut, "cut off" },
+      { "program --keep-going --lfib " + cut, "cut off" },
+      { "program --lfib - --lfib -", "standard input: the file is empty" },
+      { "program" + labels + " --lfib " + bad, "bad.json:1:2: " },
+      { "program --lfib-format native" + labels, "velmplsLabelTable" },
+      { "program --lfib-format cisco" + labels, "\"cisco\" is not a format" },
+      { "program --format xml" + labels, "\"xml\" is not a form" },
+      { "program --trace VelMplsSm" + labels, "--trace: " },
+      { "program --trace VelMplsSn/3" + labels, "no handle \"VelMplsSn\"; there are" },
+      { "program --neighbors " + cut + labels, "cut.json" },
+      { "forward" + labels, "--frame" },
+      { forward + "0203 --frame 'g0'", "--frame 2: character 1 is not a hexadecimal digit" },
+      { forward + "02:0", "--frame 1: an odd number of hexadecimal digits (3)" },
+      { forward + "' : '", "--frame 1: no bytes" },
+      { forward + huge, "longer than 9216 bytes" } };
+   for ( const auto& [arguments, complaint] : cases ) {
+      const Ran ran = run( arguments );
+      EXPECT_EQ( ran.status, 2 ) << arguments;
+      EXPECT_THAT( ran.out, IsEmpty() ) << arguments;
+      EXPECT_THAT( ran.err, HasSubstr( complaint ) ) << arguments;
+   }
+}
+
+TEST_F( CommandTest, StatusSaysWhetherEveryRouteIsProgrammed ) {
+   const Ran whole = run( "program" + labels + linkDown + neighbors );
+   EXPECT_EQ( whole.status, 0 );
+   EXPECT_THAT( whole.err, IsEmpty() );
+   EXPECT_THAT( whole.out, EndsWith( "10 routes: 10 programmed, 0 partially programmed, "
+                                     "0 unprogrammed, 0 ignored; 10 L3 adjacencies, "
+                                     "10 L2 adjacencies\n" ) );
+   const Ran part = run( "program --quiet" + labels );
+   EXPECT_EQ( part.status, 3 );
+   EXPECT_THAT( part.out + part.err, IsEmpty() );
+   std::string fault;
+   const Ran piped = run( "program --format json --lfib -" + neighbors,
+                          *readFile( examplePath( "labels-iproute2" ), fault ) );
+   EXPECT_EQ( piped.status, 0 );
+   EXPECT_THAT( piped.out, StartsWith( R"({"summary":{"routes":10,"programmed":10,)" ) );
+   const Ran full = run( "program" + labels + neighbors + " > /dev/full 2> /dev/null #" );
+   EXPECT_EQ( full.status, 2 );
+   EXPECT_THAT( run( "program --quiet --trace 'VelMplsSm/7'" + labels ).err,
+                HasSubstr( "VelMplsSm/7 process routeKey 16001" ) );
+   EXPECT_THAT( run( "--version" ).out, StartsWith( "velmpls " ) );
+   EXPECT_THAT( run( "program --help" ).out, HasSubstr( "Example:\n" ) );
+}
+
+TEST_F( CommandTest, KeepGoingTakesWhatIsSound ) {
+   const std::string labelFile =
+      file( "t.json", R"([{"dst":"100","dev":"a"},{"dst":"200","to":"16","dev":"a",)"
+                      R"("via":{"family":"inet","host":"10.0.0.1"}},{"dst":"4"}])" );
+   const std::string neighborFile = file(
+      "n.json", R"([{"dst":"10.0.0.1","dev":"a","lladdr":"02:00:00:00:00:01"},{"dst":"x"}])" );
+   const std::string table = "program --lfib " + labelFile + " --neighbors " + neighborFile;
+   const Ran strict = run( table );
+   EXPECT_EQ( strict.status, 2 );
+   EXPECT_THAT( strict.out, IsEmpty() );
+   EXPECT_THAT( strict.err, HasSubstr( "nothing was applied" ) );
+   const Ran lenient = run( table + " --keep-going" );
+   EXPECT_EQ( lenient.status, 3 );
+   EXPECT_THAT( lenient.out, HasSubstr( "\n200    programmed" ) );
+   EXPECT_THAT( lenient.err, HasSubstr( "t.json:1:" ) );
+   EXPECT_THAT( lenient.err, HasSubstr( "n.json:1:" ) );
+   EXPECT_THAT( lenient.err, EndsWith( "the above was left out\n" ) );
+}
+
+TEST_F( CommandTest, FramesLeaveTheOtherWayWhenTheLinkIsDown ) {
+   const std::string frames = " --frame '020000000001 020000000002 88:47 03E81140 "
+                              "450000140000000040fd61e80a0001020a000304' --frame 0102";
+   const std::string rest = "020000000001884703e8113f450000140000000040fd61e80a0001020a000304\n"
+                            "drop: frame too short for an Ethernet header\n";
+   const Ran before = run( "forward" + labels + neighbors + frames );
+   EXPECT_EQ( before.out, "to-kansas-city 02000a030606" + rest );
+   EXPECT_EQ( before.status, 0 );
+   const Ran after = run( "forward" + labels + linkDown + neighbors + frames );
+   EXPECT_EQ( after.out, "to-sunnyvale 02000a030a0a" + rest );
+   EXPECT_EQ( after.status, 0 );
+}
+
+} // namespace
+} // namespace VelTest
