@@ -6,7 +6,8 @@
 // uses any more. So nothing ever names what is not there, and a route whose vias did not change is
 // not touched.
 //
-// Cost: about half a microsecond for a route that changes, 20 ns for one that does not.
+// Cost: about 60 ns for a route that changes; 3 microseconds, most of them for touching fresh
+// memory, when it brings a via set of its own.
 
 #pragma once
 

@@ -8,7 +8,7 @@
 // A result is a view of a settled agent: it holds the keys and states of the routes and reads the
 // rest on demand. It is out of date once the agent goes on.
 //
-// Cost: 9 bytes and about a microsecond a route.
+// Cost: 9 bytes and 0.2 microseconds a route; reading one in full takes one or two.
 
 #pragma once
 

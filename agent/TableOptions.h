@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>

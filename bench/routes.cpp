@@ -5,7 +5,7 @@
 //    the first notification to the
 //                         last route that the software switch has confirmed and the library has
 //                         published
-//    BM_routeTableFloor   the same number of writes of the same sizes into bare arrays by label
+//    BM_...Floor          the same number of writes of the same sizes into bare arrays by label
 //
 // BM_routeTable prints the ratio to the floor measured in the same run, and the library's bytes a
 // route (published and hardware entities included; what the switch's own tables and the LFIB take
@@ -215,6 +215,14 @@ void BM_singleRoute( benchmark::State& state ) {
    }
 }
 BENCHMARK( BM_singleRoute )->Unit( benchmark::kMicrosecond );
+
+/// The writes that one route leaves behind, alone.
+void BM_singleRouteFloor( benchmark::State& state ) {
+   for ( auto _ : state ) {
+      state.SetIterationTime( floorSeconds( 1 ) );
+   }
+}
+BENCHMARK( BM_singleRouteFloor )->UseManualTime()->Unit( benchmark::kMicrosecond );
 
 } // namespace
 } // namespace Vel

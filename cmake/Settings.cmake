@@ -24,6 +24,10 @@ if(CCACHE_PROGRAM AND NOT DEFINED CMAKE_CXX_COMPILER_LAUNCHER)
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+   # g++ 12 sees overlapping copies in optimised std::string concatenation where there are none.
+   add_compile_options(-Wno-restrict)
+endif()
 
 if(VELMPLS_SANITIZE)
    add_compile_options(-fsanitize=${VELMPLS_SANITIZE} -fno-sanitize-recover=all

@@ -128,7 +128,10 @@ class VEL_EXPORT MplsSm : public Entity {
    TimerTask* unprogrammedRouteTask() const { return unprogrammedRouteTask_.get(); }
    TimerTask* routePublishTask() const { return routePublishTask_.get(); }
    Mpls::LfibTrackingStatus* lfibTrackingStatus() const { return lfibTrackingStatus_.get(); }
+   Mpls::LfibTrackingSm* lfibTrackingSm() const { return lfibTrackingSm_.get(); }
+   /// Of FEC indices; its config and status hang on it, as with the next.
    NumAllocator* numAllocator() const { return numAllocator_.get(); }
+   NumAllocator* numAllocatorMcastGroupId() const { return numAllocatorMcastGroupId_.get(); }
 
    // --- Capabilities
 

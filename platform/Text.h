@@ -61,7 +61,7 @@ inline void appendText( std::string& out, const std::string& value ) {
 }
 template< std::same_as< bool > B > // not for what merely converts to a truth value, such as a
                                    // pointer
-                                   void appendText( std::string& out, B value ) {
+void appendText( std::string& out, B value ) {
    out.append( value ? "true" : "false" );
 }
 

@@ -70,7 +70,7 @@ TEST_F( CommandTest, BadInputAndUsageEndWithTwoAndSayWhy ) {
       { "program --lfib - --lfib -", "standard input: the file is empty" },
       { "program" + labels + " --lfib " + bad, "bad.json:1:2: " },
       { "program --lfib-format native" + labels, "velmplsLabelTable" },
-      { "program --lfib-format cisco" + labels, "\"cisco\" is not a format" },
+      { "program --lfib-format csv" + labels, "\"csv\" is not a format" },
       { "program --format xml" + labels, "\"xml\" is not a form" },
       { "program --trace VelMplsSm" + labels, "--trace: " },
       { "program --trace VelMplsSn/3" + labels, "no handle \"VelMplsSn\"; there are" },
