@@ -136,6 +136,13 @@ bool MplsSm::programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    if ( adjType != L3AdjLFibAdjType::adjTypeRegular ) {
       // Next-hop groups and dynamic tunnels are FECs, which this platform does not have.
       MPLS_TRACE( 3, "Unsupported lFib Adj ", adjType );
+      // What was programmed of an earlier content is not what the via set says now.
+      unbindL3AdjFromL2Adj( vrfState, l3Adj );
+      deleteL3AdjRefs( vrfState, l3Adj );
+      l3Adj.nextHopDelAll();
+      Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
+      hwAdj->viaDelAll();
+      hwAdj->unresolvedViasIs( 0 );
       return true;
    }
    ProgrammableMplsFecVias vias;

@@ -14,6 +14,9 @@ void MplsSm::runPublishRouteKeysTask() {
       const Ptr< VrfMplsState > vrfState = pass.value();
       MPLS_TRACE( 2, "Publishing Routes for vrf: ", vrf );
       routeKeyToBePublishedDel( vrf );
+      if ( mplsState( vrf ) != vrfState.get() ) {
+         continue; // deleted since
+      }
       doPublishRouteKeys( *vrfState );
       doMaybeScheduleReviewOrDeleteVrfState( vrf );
       ++vrfs;
@@ -21,7 +24,7 @@ void MplsSm::runPublishRouteKeysTask() {
    }
    routePublishTask_->workCountInc( vrfs );
    if ( stopped ) {
-      routePublishTask_->runNow();
+      runAgainAtOnce( *routePublishTask_ );
    }
 }
 

@@ -28,6 +28,21 @@ class MplsSmReactors::MplsRoutingInfoReactor : public Mpls::RoutingInfo::Reactor
    MplsSm& sm_;
 };
 
+/// The VRF's number may come after its name.
+class MplsSmReactors::RouteStatusReactor : public Routing::Hardware::RouteStatus::Reactor {
+ public:
+   explicit RouteStatusReactor( MplsSm& sm ) : sm_( sm ) {}
+   void onVrfStatus( L3::VrfName vrf ) override {
+      if ( vrf == L3::VrfName::defaultVrf() && sm_.initialized() && sm_.mplsRoutingEnabled( vrf ) &&
+           notifier()->vrfStatusHas( vrf ) ) {
+         sm_.handleMplsRouting( true );
+      }
+   }
+
+ private:
+   MplsSm& sm_;
+};
+
 class MplsSmReactors::TransitLfibReactor : public Mpls::LfibStatus::Reactor {
  public:
    explicit TransitLfibReactor( MplsSm& sm ) : sm_( sm ) {}
@@ -189,6 +204,7 @@ MplsSmReactors::MplsSmReactors( MplsSm& sm ) : sm_( sm ) {
    bind< LfibInfoReactor >( in.lfibInfo );
    bind< MplsRoutingInfoReactor >( in.mplsRoutingInfo );
    bind< TransitLfibReactor >( in.transitLfib );
+   bind< RouteStatusReactor >( in.routingHwRouteStatus );
    bind< LfibTrackingStatusReactor >( Ptr( sm.lfibTrackingStatus() ) );
    bind< MplsHwStatusReactor >( in.mplsHwStatus, *this );
    bind< VelL3StatusReactor >( in.velL3Status, *this );

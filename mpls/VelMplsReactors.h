@@ -27,6 +27,7 @@ class MplsSmReactors {
    class LfibInfoReactor;
    class MplsRoutingInfoReactor;
    class TransitLfibReactor;
+   class RouteStatusReactor;
    class LfibTrackingStatusReactor;
    class MplsHwStatusReactor;
    class MplsHwVrfStatusReactor;

@@ -51,7 +51,7 @@ void MplsSm::doMaybeScheduleReview( const L3::VrfName& vrf ) {
       if ( expiryBefore > unprogrammedRouteTask_->expiry() ) {
          currentReviewIntervalIs( delay );
       }
-      MPLS_RING( "doMaybeScheduleReview The reviewInterval is ", delay );
+      MPLS_RING( "doMaybeScheduleReview The reviewInterval is (us) ", delay * 1e6 );
    }
 }
 
@@ -91,11 +91,27 @@ void MplsSm::doForceRouteReprogramming() {
    }
 }
 
+namespace {
+
+bool attrLogClogged( const MplsSmInputs& inputs ) {
+   return inputs.attrLogSm && inputs.attrLogSm->isAttrLogOutClogged();
+}
+
+} // namespace
+
 bool MplsSm::shouldTaskYield( const TimerTask& task ) const {
    if ( in_.scheduler->runningTask() != &task || task.shouldYield() ) {
       return true;
    }
-   return in_.attrLogSm && in_.attrLogSm->isAttrLogOutClogged();
+   return attrLogClogged( in_ );
+}
+
+// A run that was cut short goes on at once. While the log is clogged it would only be cut short
+// again: the delayed run that whoever was put back has scheduled will do.
+void MplsSm::runAgainAtOnce( TimerTask& task ) const {
+   if ( !attrLogClogged( in_ ) ) {
+      task.runNow();
+   }
 }
 
 // --- "reviewVrf".
@@ -116,7 +132,7 @@ void MplsSm::runReviewVrfsTask() {
    }
    vrfTask_->workCountInc( vrfs );
    if ( stopped ) {
-      vrfTask_->runNow();
+      runAgainAtOnce( *vrfTask_ );
    }
 }
 
@@ -183,6 +199,9 @@ void MplsSm::runUnprogrammedRouteReviewTask() {
       const L3::VrfName vrf = pass.key();
       const Ptr< VrfMplsState > vrfState = pass.value();
       unprogrammedRouteForReviewDel( vrf );
+      if ( mplsState( vrf ) != vrfState.get() ) {
+         continue; // deleted since
+      }
       doReviewUnprogrammedRoutes( *vrfState );
       doMaybeScheduleReviewOrDeleteVrfState( vrf );
       ++vrfs;
@@ -190,7 +209,7 @@ void MplsSm::runUnprogrammedRouteReviewTask() {
    }
    unprogrammedRouteTask_->workCountInc( vrfs );
    if ( stopped ) {
-      unprogrammedRouteTask_->runNow();
+      runAgainAtOnce( *unprogrammedRouteTask_ );
    }
 }
 
@@ -221,9 +240,9 @@ void MplsSm::doReviewUnprogrammedRoutes( VrfMplsState& vrfState ) {
 
 // Writes again what the driver has listed: adjacencies first, since routes need them.
 void MplsSm::retryUnprogrammed( VrfMplsState& vrfState ) {
-   MplsHwVrfStatus* const status = velMplsHwVrfStatusNonConst( vrfState.vrfName() );
+   const Ptr< MplsHwVrfStatus > status = velMplsHwVrfStatusNonConst( vrfState.vrfName() );
    const MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrfState.vrfName() );
-   if ( status == nullptr || config == nullptr ) {
+   if ( !status || config == nullptr ) {
       return;
    }
    for ( auto pass = status->unprogrammedAdjacencyWork().workPass();

@@ -71,10 +71,12 @@ void MplsSm::handleLFibRoute() {
 }
 
 void MplsSm::handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey ) {
+   MPLS_TRACE_CALL( 3, " vrf ", L3::VrfName::defaultVrf(), " key ", viaSetKey );
    handleLFibViaSetHelper( viaSetKey, true );
 }
 
 void MplsSm::handleLFibViaSet() {
+   MPLS_TRACE_CALL( 3, " vrf ", L3::VrfName::defaultVrf() );
    for ( const Mpls::LfibViaSetKey key : lfibTrackingStatus_->viaSetKeyBacklog() ) {
       handleLFibViaSetHelper( key, false );
    }
@@ -285,6 +287,12 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       return;
    }
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+   if ( !!lfibRoute && !routeSupported( lfibRoute ) ) {
+      // Another state machine's by now; the announcement is still to come.
+      mplsIpRouteKeyDel( routeKey );
+      deleteRouteKeyAndRoute( vrfState, routeKey );
+      return;
+   }
    const Mpls::LfibViaSet viaSet =
       !lfibRoute ? Mpls::LfibViaSet() : in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey );
    if ( !lfibRoute || ( !viaSet.null() && !isLFibViaSetSane( viaSet ) ) ) {
@@ -299,6 +307,10 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       viaSetAwaitedIs( lfibRoute.viaSetKey ); // its arrival queues the route again
       MPLS_TRACE( 3, "via set for route (", routeKey,
                   ") does not exist in system LFIB, delay processing" );
+      if ( L3Adjacency* const bound = route->l3Adj().get();
+           bound && route->l2Adj() && bound->l2Adjacency() != route->l2Adj() ) {
+         writeRoute( vrfState, *route, *bound ); // it waits on what it has, where that has moved to
+      }
       return;
    }
    route->metricIs( lfibRoute.metric );
@@ -332,7 +344,7 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
    }
    l3Adj->routeKeyIs( routeKey );
    route.l3AdjIs( l3Adj );
-   MPLS_TRACE( 7, "L3 adj index ", l3Adj->index(), " routeKey ", routeKey, " adj ", viaSetKey );
+   MPLS_TRACE( 7, "L3 adj index ", l3Adj->index(), " routeKey ", routeKey, " adj " );
    return *l3Adj;
 }
 
@@ -363,10 +375,14 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
    const MplsHwVrfStatus* const status = velMplsHwVrfStatus( vrf );
    route.unprogrammedIs( status == nullptr || status->unprogrammedRouteHas( routeKey ) ||
                          !status->routeHas( routeKey ) );
+   MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf );
+   if ( !config->l2AdjacencyHas( l3Adj.hwL2Adjacency() ) ) {
+      progHwL2Adj( vrf, l3Adj.hwL2Adjacency() ); // the VRF had no number when it was bound
+   }
    route.versionInc();
    MPLS_TRACE( 3, "prog routeKey ", routeKey, " l2 adj ", l2Adj->index(), " unprogrammed ",
                route.unprogrammed() );
-   velMplsHwVrfConfig( vrf )->routeIs( { routeKey, l3Adj.hwL2Adjacency(), route.version() } );
+   config->routeIs( { routeKey, l3Adj.hwL2Adjacency(), route.version() } );
 }
 
 void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,

@@ -49,6 +49,11 @@ MplsSm::MplsSm( MplsSmInputs inputs ) : in_( std::move( inputs ) ) {
    unprogrammedRouteTask_ = in_.scheduler->taskIs( "reviewUnprogrammedRoute", taskPriority );
    routePublishTask_ = in_.scheduler->taskIs( "publishReviewRoutes", taskPriority );
    lfibTrackingStatus_ = make< Mpls::LfibTrackingStatus >( "MplsSm-trackingStatus" );
+   // What was listed for an earlier run was counted there. Nobody hears of it yet.
+   for ( const auto& [vrfId, status] : in_.mplsHwStatus->vrfStatus() ) {
+      status->unprogrammedRouteDelAll();
+      status->unprogrammedReasonIs( UnprogrammedReason::Success );
+   }
    reactors_ = std::make_unique< MplsSmReactors >( *this );
    reactors_->mplsHwVrfStatusReconcile();
    reactors_->adjHwStatusIs();

@@ -311,6 +311,7 @@ class VEL_EXPORT MplsSm : public Entity {
    void retryUnprogrammed( VrfMplsState& vrfState );
    void doPublishRouteKeys( VrfMplsState& vrfState );
    void queueForPublishing( VrfMplsState& vrfState );
+   void runAgainAtOnce( TimerTask& task ) const;
 
    const MplsSmInputs in_;
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;

@@ -228,6 +228,16 @@ TEST_F( Adjacency, thatStopsBeingSaneStaysAsItWas ) {
    EXPECT_EQ( rig.hardware->routes(), 1U );
 }
 
+TEST_F( Adjacency, thatBecomesATunnelLeavesHardware ) {
+   over( 1, { swapVia( 1, "10.0.0.1", 1, 5 ) } );
+   rig.viaSetIs(
+      1, { with( swapVia( 1, "10.0.0.1", 1, 5 ), IntfId( IntfId::Kind::dynamicTunnel, 1 ) ) } );
+   rig.settle();
+   EXPECT_EQ( rig.hardware->routes() + rig.hardware->adjacencies(), 0U );
+   EXPECT_EQ( rig.published( 101 ), Mpls::RouteStatusCode::notProgrammed );
+   EXPECT_EQ( rig.l3.arp->entrys(), 0U );
+}
+
 TEST_F( Adjacency, isClassifiedByItsVias ) {
    EXPECT_EQ( rig.sm->findL3AdjLFibAdjType( nullptr ), L3AdjLFibAdjType::adjTypeUnknown );
    L3Adjacency* const l3Adj = over( 1, { swapVia( 1, "10.0.0.1", 1, 5 ) } );

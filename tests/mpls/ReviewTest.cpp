@@ -69,7 +69,8 @@ TEST( Review, stopsWhileTheAttributeLogIsClogged ) {
    rig.attrLog->isAttrLogOutCloggedIs( true );
    addRoutes( rig, 3 );
    rig.poll();
-   runUntilIdle( *rig.scheduler, *rig.clock, rig.clock->now() + 0.1, 50 );
+   // It looks again once in each review interval, and time goes on.
+   EXPECT_LE( runUntilIdle( *rig.scheduler, *rig.clock, rig.clock->now() + 0.1, 100'000 ), 250U );
    EXPECT_EQ( rig.hardware->routes(), 0U );
    rig.attrLog->isAttrLogOutCloggedIs( false );
    rig.settle();
@@ -138,6 +139,19 @@ TEST_F( Retry, succeedsSoonAfterRoomAppears ) {
    EXPECT_EQ( rig.published( 19 ), Mpls::RouteStatusCode::programmed );
    EXPECT_EQ( logged, ( std::vector< std::string >{ "ROUTING_MPLS_RESOURCE_FULL",
                                                     "ROUTING_MPLS_RESOURCE_NORMAL" } ) );
+}
+
+// A state machine that follows another one over the same entities does not count what it has not
+// heard of.
+TEST_F( Retry, goesOnInTheNextStateMachine ) {
+   rig.sm = nullptr;
+   rig.start();
+   rig.settle();
+   EXPECT_EQ( rig.state()->numUnprogrammedRoute(), 2U );
+   rig.hardware->capacityIs( 0, 0 );
+   rig.settle( 11 );
+   EXPECT_EQ( rig.hardware->routes(), 4U );
+   EXPECT_EQ( rig.state()->numUnprogrammedRoute(), 0U );
 }
 
 TEST_F( Retry, ofADeletedRouteEnds ) {

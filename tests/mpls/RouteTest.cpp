@@ -61,6 +61,34 @@ TEST_F( Route, thatBecomesUnsupportedLeavesHardware ) {
    EXPECT_EQ( rig.state(), nullptr ); // nothing is left, the VRF's state neither
 }
 
+// The route is processed again before the LFIB has announced what became of it.
+TEST_F( Route, thatBecomesUnsupportedUnannouncedMakesNoAdjacency ) {
+   rig.routeIs( 16, 1 );
+   rig.settle();
+   Mpls::LfibViaSet lookup( viaSetKey( 1, Mpls::viaTypeIpLookup ) );
+   lookup.viaKeyAdd( viaKey( 1, Mpls::viaTypeIpLookup ) );
+   rig.writer.viaSetIs( lookup );
+   rig.routeIs( key( 16 ), lookup.key() );
+   rig.sm->doForceRouteReprogramming();
+   runUntilIdle( *rig.scheduler, *rig.clock, rig.clock->now() + 1, 1000 );
+   EXPECT_EQ( rig.hardware->routes(), 0U );
+   rig.settle();
+   EXPECT_EQ( rig.state(), nullptr );
+}
+
+TEST_F( Route, whoseNewViaSetIsMissingFollowsTheOldOne ) {
+   rig.routeIs( 16, 1 );
+   rig.settle();
+   rig.routeIs( 16, 3 );
+   rig.settle();
+   rig.viaSetIs( 1, { swapVia( 1, "10.0.0.2", 2, 101 ) } );
+   rig.settle();
+   EXPECT_EQ( rig.hardware->adjacencies(), 1U ); // what the old content left is gone
+   EXPECT_FALSE( rig.state()->needReview() );
+   EXPECT_EQ( rig.hardware->route( LabelRig::vrfId, key( 16 ) )->adjacency->l2Via()[0].intf,
+              IntfId::ordinary( 2 ) );
+}
+
 TEST_F( Route, queuedAndThenUnsupportedIsTakenOffTheQueue ) {
    rig.routeIs( 16, 1 );
    rig.poll();
