@@ -51,14 +51,16 @@ void MplsSm::dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeK
    if ( vrfState == nullptr ) {
       return;
    }
-   if ( vrfState->routeKeyForReviewHas( routeKey ) ) {
+   const bool queued = vrfState->routeKeyForReviewDel( routeKey );
+   if ( queued ) {
       MPLS_TRACE( 3, "removing ", routeKey, " from review" );
       MPLS_TRACE( 7, "removing routeKey from review" );
-      vrfState->routeKeyForReviewDel( routeKey );
    }
-   if ( vrfState->route( routeKey ) ) {
-      // It was accepted before: no two state machines hold one label.
+   const bool accepted = vrfState->routeHas( routeKey );
+   if ( accepted ) { // before: no two state machines hold one label
       deleteRouteKeyAndRoute( *vrfState, routeKey );
+   }
+   if ( queued || accepted ) { // what was published of it was withheld while it was queued
       vrfState->routeKeyForPublishIs( routeKey );
       doMaybeScheduleReview( vrf );
    }
