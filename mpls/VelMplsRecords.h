@@ -118,7 +118,7 @@ class VEL_EXPORT VrfRouteKeySet : public Entity {
    // clang-format on
 
  public:
-   explicit VrfRouteKeySet( L3::VrfName vrf ) : vrfName_( std::move( vrf ) ) {}
+   explicit VrfRouteKeySet( L3::VrfName vrf ) : vrfName_( vrf ) {}
 };
 
 /// One label route that the state machine handles.

@@ -248,7 +248,8 @@ void MplsSm::retryUnprogrammed( VrfMplsState& vrfState ) {
    for ( auto pass = status->unprogrammedAdjacencyWork().workPass();
          status->unprogrammedAdjacencys() != 0 && !shouldTaskYield( *unprogrammedRouteTask_ ) &&
          pass.next(); ) {
-      const Ptr< Mpls::Hardware::L2Adjacency > adjacency = pass.key();
+      // A copy: the driver may take it off the list while it is written again.
+      const Ptr< Mpls::Hardware::L2Adjacency > adjacency( pass.key().get() );
       MPLS_RING( "retry unprogrammed adj ", adjacency->index() );
       if ( config->l2AdjacencyHas( adjacency ) ) {
          progHwL2Adj( vrfState.vrfName(), adjacency );

@@ -328,6 +328,6 @@ class VEL_EXPORT MplsSm : public Entity {
 };
 
 /// Makes the state machine, which starts at once.
-VEL_EXPORT Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs );
+VEL_EXPORT Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs ); // NOLINT(readability-identifier-naming)
 
 } // namespace Vel

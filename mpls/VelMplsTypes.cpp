@@ -142,7 +142,7 @@ L3Adjacency::L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links )
 L3Adjacency::~L3Adjacency() = default;
 
 VrfMplsState::VrfMplsState( L3::VrfName vrf )
-   : vrfName_( std::move( vrf ) ),
+   : vrfName_( vrf ),
      routesOfL3Adj_( std::make_shared< RouteKeyLinks >() ),
      routesOfL2Adj_( std::make_shared< RouteKeyLinks >() ),
      routesOfExtFec_( std::make_shared< RouteKeyLinks >() ) {}

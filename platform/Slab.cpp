@@ -77,6 +77,7 @@ void SlabPool::release( void* record ) {
    ::operator delete( record );
 #else
    const auto address = reinterpret_cast< uintptr_t >( record );
+   // NOLINTNEXTLINE(performance-no-int-to-ptr): the chunk is where its alignment says
    SlabPool* const pool = reinterpret_cast< Chunk* >( address & ~( chunkSize - 1 ) )->pool;
    *static_cast< void** >( record ) = pool->free_;
    pool->free_ = record;

@@ -31,7 +31,7 @@ TEST( Start, findsWhatTheLfibHeldBefore ) {
 TEST( Start, clearsWhatAnEarlierRunLeft ) {
    LabelRig rig( { .withHardware = false, .start = false } );
    MplsHwVrfConfig* const config = rig.hwConfig->vrfConfigIs( LabelRig::vrfId );
-   const auto left = make< Mpls::Hardware::L2Adjacency >( 99 );
+   const auto left = make< Mpls::Hardware::L2Adjacency >( U64{ 99 } );
    config->l2AdjacencyIs( left, 1 );
    config->routeIs( { key( 16 ), left, 1 } );
    rig.lfibHwStatus->unprogrammedRouteIs( { key( 16 ), Mpls::RouteStatusCode::programmed } );
@@ -166,7 +166,7 @@ TEST_F( Retry, ofADeletedRouteEnds ) {
 TEST( Feedback, ofRoutesAndAdjacenciesUnknownChangesNothing ) {
    LabelRig rig( { .withHardware = false } );
    MplsHwVrfStatus* const status = rig.status();
-   const auto stranger = make< Mpls::Hardware::L2Adjacency >( 77 );
+   const auto stranger = make< Mpls::Hardware::L2Adjacency >( U64{ 77 } );
    status->routeIs( { key( 16 ), stranger, 1 } );
    status->unprogrammedRouteIs( key( 16 ) );
    status->unprogrammedAdjacencyIs( stranger );

@@ -8,7 +8,7 @@ namespace Vel {
 namespace {
 
 TEST( MplsHwRoute, isNullOnlyWhenAllOfItIs ) {
-   const auto adjacency = make< Mpls::Hardware::L2Adjacency >( 5 );
+   const auto adjacency = make< Mpls::Hardware::L2Adjacency >( U64{ 5 } );
    EXPECT_TRUE( !MplsHwRoute() );
    for ( const MplsHwRoute& route :
          { MplsHwRoute{ Mpls::RouteKey( 16 ), {}, 0 }, MplsHwRoute{ {}, adjacency, 0 },
@@ -18,7 +18,7 @@ TEST( MplsHwRoute, isNullOnlyWhenAllOfItIs ) {
 }
 
 TEST( MplsHwRoute, parsesItsTextForm ) {
-   auto adjacency = make< Mpls::Hardware::L2Adjacency >( 5 );
+   auto adjacency = make< Mpls::Hardware::L2Adjacency >( U64{ 5 } );
    const auto resolver = []( std::string_view text, void* context ) {
       auto* const known = static_cast< Ptr< Mpls::Hardware::L2Adjacency >* >( context );
       return text == "5" ? *known : Ptr< Mpls::Hardware::L2Adjacency >();
@@ -53,7 +53,7 @@ TEST( MplsHwVrfStatus, countsMulticastChangesAndIsHeardOnlyOfRealOnes ) {
       void onMcastHwIdSeq( U16 ) override { ++heard; }
       int heard = 0;
    } reactor;
-   const auto status = make< MplsHwVrfStatus >( 0 );
+   const auto status = make< MplsHwVrfStatus >( VrfId{ 0 } );
    reactor.notifierIs( status.get() );
    EXPECT_EQ( status->mcastHwIdSeqInc( 4, 0 ), 0U );
    EXPECT_TRUE( status->mcastHwIdSeqHas( 4 ) );
@@ -68,9 +68,10 @@ TEST( MplsHwVrfConfig, isHeardOfARouteOnlyWhenItChanges ) {
       void onRoute( Mpls::RouteKey ) override { ++heard; }
       int heard = 0;
    } reactor;
-   const auto config = make< MplsHwVrfConfig >( 0 );
+   const auto config = make< MplsHwVrfConfig >( VrfId{ 0 } );
    reactor.notifierIs( config.get() );
-   const MplsHwRoute route{ Mpls::RouteKey( 16 ), make< Mpls::Hardware::L2Adjacency >( 5 ), 1 };
+   const MplsHwRoute route{ Mpls::RouteKey( 16 ), make< Mpls::Hardware::L2Adjacency >( U64{ 5 } ),
+                            1 };
    config->routeIs( route );
    config->routeIs( route );
    config->routeIs( { route.routeKey, route.l2Adjacency, 2 } );
