@@ -7,8 +7,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "agent/AgentRun.h"
 #include "agent/Progress.h"
-#include "agent/TableOptions.h"
 
 namespace Vel::Agent {
 
@@ -17,7 +17,7 @@ namespace {
 constexpr size_t maxFrameBytes = 9216; // a jumbo frame
 
 struct ForwardOptions {
-   TableOptions tables;
+   RunOptions run;
    std::vector< std::string > frames;
 };
 
@@ -96,20 +96,12 @@ int runForward( const ForwardOptions& options ) {
          return ExitStatus::badInput;
       }
    }
-   if ( const auto fault = traceOn( options.tables.trace ) ) {
-      std::cerr << *fault << '\n';
-      return ExitStatus::badInput;
-   }
    Progress progress( false );
-   LoadedTables loaded = loadTables( options.tables, progress, std::cerr );
-   if ( !loaded.usable ) {
+   const AgentRun run( options.run, progress );
+   if ( !run.usable() ) {
       return ExitStatus::badInput;
    }
-   LabelAgent agent( std::move( loaded.plan ) );
-   if ( const auto fault = applyTables( agent, loaded.neighbors, options.tables, progress ) ) {
-      std::cerr << "velmpls: " << *fault << '\n';
-      return ExitStatus::incomplete;
-   }
+   LabelAgent& agent = run.agent();
    for ( const Driver::Bytes& frame : frames ) {
       std::cout << linesOf( agent.hardware().forward( LabelAgent::vrfId, frame ),
                             agent.interfaces() );
@@ -119,7 +111,8 @@ int runForward( const ForwardOptions& options ) {
       std::cerr << "velmpls: the result could not be written\n";
       return ExitStatus::badInput;
    }
-   return loaded.leftOut ? ExitStatus::incomplete : ExitStatus::done;
+   run.complain();
+   return run.incomplete() ? ExitStatus::incomplete : ExitStatus::done;
 }
 
 } // namespace
@@ -129,7 +122,7 @@ void addForwardCommand( CLI::App& app, CommandRun& run ) {
       app.add_subcommand( "forward", "Program label tables into a software switch and send frames "
                                      "through it" );
    const auto options = std::make_shared< ForwardOptions >();
-   addTableOptions( *command, options->tables );
+   addRunOptions( *command, options->run );
    command
       ->add_option( "--frame", options->frames,
                     "An Ethernet frame as hexadecimal digits; blanks and colons may stand between "

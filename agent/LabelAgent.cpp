@@ -11,6 +11,7 @@ namespace {
 constexpr size_t sliceItems = 8192;
 // A retry that is due sooner is work: something has found room. The regular one is 10 s away.
 constexpr double soonSeconds = 1.0;
+constexpr double atRest = -1; // no time to wait for
 
 /// Makes a root and mounts it under its name.
 template< class T >
@@ -43,6 +44,7 @@ LabelAgent::LabelAgent( LfibPlan plan, LabelAgentSettings settings )
    entityManager_->rootIs( "softwareSwitch", switch_->status() );
    mplsSm_ = MplsSmIs( std::move( inputs ) );
    entityManager_->rootIs( "mplsSm", mplsSm_ );
+   entityManager_->rootIs( "mplsSmCounters", mplsSm_->counters() );
    startFault_ = settle(); // label forwarding is on in hardware before the first table comes
 }
 
@@ -132,25 +134,42 @@ bool LabelAgent::workLeft() const {
 }
 
 LabelAgent::Fault LabelAgent::settle() {
+   return work( [this] { return workLeft() ? scheduler_->nextExpiry() : atRest; } );
+}
+
+LabelAgent::Fault LabelAgent::runFor( double seconds ) {
+   if ( Fault fault = settle() ) {
+      return fault;
+   }
+   const double end = clock_->now() + seconds;
+   Fault fault = work(
+      [this, end] { return scheduler_->nextExpiry() <= end ? scheduler_->nextExpiry() : atRest; } );
+   if ( !fault ) {
+      clock_->nowIs( end );
+   }
+   return fault;
+}
+
+// Does what is due and moves the clock to what `next` says, until that is `atRest`.
+template< class Next >
+LabelAgent::Fault LabelAgent::work( const Next& next ) {
    for ( size_t run = 0; run < settings_.maxRuns; ++run ) {
       lfib_->poll( sliceItems );
       if ( settings_.onProgress ) {
          settings_.onProgress( pendingWork() );
       }
-      if ( scheduler_->runOne() ) {
+      if ( scheduler_->runOne() || lfib_->pollPending() ) {
          continue;
       }
-      if ( !workLeft() ) {
+      const double until = next();
+      if ( until == atRest ) {
          return std::nullopt;
       }
-      if ( lfib_->pollPending() ) {
-         continue;
-      }
-      if ( scheduler_->nextExpiry() == neverExpires ) {
+      if ( until == neverExpires ) {
          return joinText( "the agent is stuck with ", pendingWork(),
                           " items of work that no task is going to take up" );
       }
-      clock_->nowIs( scheduler_->nextExpiry() );
+      clock_->nowIs( until );
    }
    return joinText( "the agent has not come to rest after ", settings_.maxRuns,
                     " runs of its tasks; ", pendingWork(), " items of work are left" );

@@ -62,6 +62,9 @@ class LabelAgent {
    /// Works until nothing is left to do. Routes that the hardware refuses are tried again by the
    /// library every few seconds for ever; waiting for that is not work.
    [[nodiscard]] Fault settle();
+   /// Settles, and then lets time pass: what falls due within `seconds` is done, and the clock
+   /// stands that much later.
+   [[nodiscard]] Fault runFor( double seconds );
    /// What is queued anywhere between the LFIB and the hardware.
    size_t pendingWork() const;
 
@@ -73,6 +76,7 @@ class LabelAgent {
    L3Service& l3() { return *l3_; }
    Driver::SoftwareSwitch& hardware() { return *switch_; }
    const Driver::SoftwareSwitch& hardware() const { return *switch_; }
+   const Ptr< ManualClock >& clock() const { return clock_; }
    EntityManager& entityManager() const { return *entityManager_; }
    const MplsSm& mplsSm() const { return *mplsSm_; }
    const Mpls::LfibStatus& lfib() const { return *lfib_; }
@@ -91,6 +95,8 @@ class LabelAgent {
  private:
    MplsSmInputs makeEntities();
    bool workLeft() const;
+   template< class Next >
+   Fault work( const Next& next );
 
    LabelAgentSettings settings_;
    LfibPlan plan_;

@@ -2,23 +2,26 @@
 
 #include "agent/Commands.h"
 
+#include <fstream>
 #include <iostream>
 #include <memory>
 
 #include <CLI/CLI.hpp>
 
+#include "agent/AgentRun.h"
+#include "agent/Metrics.h"
 #include "agent/ProgramResult.h"
 #include "agent/Progress.h"
 #include "agent/ResultPrinter.h"
-#include "agent/TableOptions.h"
 
 namespace Vel::Agent {
 
 namespace {
 
 struct ProgramOptions {
-   TableOptions tables;
+   RunOptions run;
    std::string format = "text";
+   std::string metricsFile; // empty: none
    bool quiet = false;
 };
 
@@ -30,43 +33,39 @@ bool printResult( const ProgramResult& result, const ProgramOptions& options ) {
                                    : printText( std::cout, result, TextStyle::ofStandardOutput() );
 }
 
+bool writeMetrics( const LabelAgent& agent, const ProgramResult& result, const std::string& file ) {
+   if ( file.empty() ) {
+      return true;
+   }
+   if ( file == "-" ) {
+      return printMetrics( std::cout, agent, result );
+   }
+   std::ofstream out( file );
+   return printMetrics( out, agent, result );
+}
+
 int runProgram( const ProgramOptions& options ) {
-   if ( const auto fault = traceOn( options.tables.trace ) ) {
-      std::cerr << *fault << '\n';
+   auto progress =
+      std::make_unique< Progress >( !options.quiet && options.run.tables.trace.empty() );
+   const AgentRun run( options.run, *progress );
+   if ( !run.usable() ) {
       return ExitStatus::badInput;
    }
-   auto progress = std::make_unique< Progress >( !options.quiet && options.tables.trace.empty() );
-   LoadedTables loaded = loadTables( options.tables, *progress, std::cerr );
-   if ( !loaded.usable ) {
-      return ExitStatus::badInput;
-   }
-   LabelAgentSettings settings;
-   settings.onProgress = [&progress]( size_t left ) {
-      if ( progress ) {
-         progress->left( left );
-      }
-   };
-   LabelAgent agent( std::move( loaded.plan ), settings );
-   const LabelAgent::Fault fault =
-      applyTables( agent, loaded.neighbors, options.tables, *progress );
    progress->stage( "reading back" );
-   const ProgramResult result( agent );
-   progress.reset();
+   const ProgramResult result( run.agent() );
+   progress->hide();
    const bool printed = printResult( result, options );
-   if ( fault ) {
-      std::cerr << "velmpls: " << *fault << '\n';
-   }
-   const std::vector< std::string >& breaches = agent.hardware().breaches();
-   if ( !breaches.empty() ) {
-      std::cerr << "velmpls: " << breaches.size()
-                << " times the hardware was written to wrongly: " << breaches.front() << '\n';
-   }
+   run.complain();
    if ( !printed ) {
       std::cerr << "velmpls: the result could not be written\n";
       return ExitStatus::badInput;
    }
+   if ( !writeMetrics( run.agent(), result, options.metricsFile ) ) {
+      std::cerr << "velmpls: " << options.metricsFile << ": the metrics could not be written\n";
+      return ExitStatus::badInput;
+   }
    const bool complete =
-      result.summary().complete() && !loaded.leftOut && !fault && breaches.empty();
+      result.summary().complete() && !run.incomplete() && run.agent().hardware().breaches().empty();
    return complete ? ExitStatus::done : ExitStatus::incomplete;
 }
 
@@ -77,7 +76,7 @@ void addProgramCommand( CLI::App& app, CommandRun& run ) {
       app.add_subcommand( "program", "Program label tables into a software switch, and show for "
                                      "each label what the hardware holds and why not" );
    const auto options = std::make_shared< ProgramOptions >();
-   addTableOptions( *command, options->tables );
+   addRunOptions( *command, options->run );
    command
       ->add_option( "--format", options->format,
                     "Form of the result: text (when not given) or json" )
@@ -87,6 +86,11 @@ void addProgramCommand( CLI::App& app, CommandRun& run ) {
                    ? std::string()
                    : "\"" + form + "\" is not a form of the result; there are text and json";
       } );
+   command
+      ->add_option( "--metrics", options->metricsFile,
+                    "Write what was counted to the file, in the text form of Prometheus; - for "
+                    "standard output" )
+      ->type_name( "FILE" );
    command->add_flag( "--quiet", options->quiet,
                       "No result and no progress, only the exit status" );
    command->footer( "Exit status: 0 every route is programmed (ignored ones aside), 2 bad input or "

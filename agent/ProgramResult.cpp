@@ -260,17 +260,15 @@ std::string ProgramResult::unprogrammedReason( const Found& found,
          return reason;
       }
    }
-   if ( const MplsHwVrfStatus* const status = agent_.hwStatus() ) {
-      const UnprogrammedReason reason = status->unprogrammedReason();
+   // The hardware's own words: the VRF's status has one reason for all that it refuses.
+   if ( const Driver::SwitchVrfStatus* const refused =
+           agent_.hardware().status()->vrf( LabelAgent::vrfId ) ) {
       Mpls::Hardware::L2Adjacency* const l2Adj = found.l2Adjacency();
-      if ( l2Adj && status->unprogrammedAdjacencyHas( l2Adj ) ) {
-         // The VRF has one reason, the last one: what it says of routes is not about this.
-         return refusedReason( reason == UnprogrammedReason::RouteFull ? UnprogrammedReason::Success
-                                                                       : reason,
-                               "its adjacency" );
+      if ( l2Adj && refused->refusedAdjacencyHas( l2Adj->index() ) ) {
+         return refusedReason( refused->refusedAdjacency( l2Adj->index() ), "its adjacency" );
       }
-      if ( status->unprogrammedRouteHas( route.key ) ) {
-         return refusedReason( reason, "the route" );
+      if ( refused->refusedRouteHas( route.key ) ) {
+         return refusedReason( refused->refusedRoute( route.key ), "the route" );
       }
    }
    return "not confirmed by hardware yet";

@@ -80,6 +80,7 @@ class ProgramResult {
    explicit ProgramResult( const LabelAgent& agent );
 
    const ResultSummary& summary() const { return summary_; }
+   const MplsSmCounters& counters() const { return *agent_.mplsSm().counters(); }
    size_t routes() const { return routes_.size(); }
    /// The keys in label order; a deeper stack stands before a shorter one that it begins with.
    Mpls::RouteKey key( size_t i ) const { return routes_[i]; }

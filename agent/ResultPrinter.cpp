@@ -11,6 +11,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "agent/Metrics.h"
+
 namespace Vel::Agent {
 
 namespace {
@@ -141,7 +143,13 @@ bool printJson( std::ostream& out, const ProgramResult& result ) {
       text += joinText( ",\"", name( state ), "\":", sum.of( state ) );
    }
    text += joinText( ",\"l3Adjacencies\":", sum.l3Adjacencies,
-                     ",\"l2Adjacencies\":", sum.l2Adjacencies, "},\n\"routes\":[" );
+                     ",\"l2Adjacencies\":", sum.l2Adjacencies, "},\n\"counters\":{" );
+   std::string_view comma;
+   for ( const CounterName& counter : counterNames() ) {
+      text += joinText( comma, "\"", counter.name, "\":", ( result.counters().*counter.value )() );
+      comma = ",";
+   }
+   text += "},\n\"routes\":[";
    ResultRoute route;
    for ( size_t i = 0; i < result.routes() && out.good(); ++i ) {
       result.read( i, route );

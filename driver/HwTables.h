@@ -72,17 +72,33 @@ struct HwRoute {
 
 using HwRouteTable = LabelIndexed< Mpls::RouteKey, HwRoute >;
 
+/// What the hardware of one VRF refuses now, each with its own reason. `MplsHwVrfStatus` has one
+/// reason for all of them, the last.
+class SwitchVrfStatus : public Entity {
+   // clang-format off
+   ENTITY( SwitchVrfStatus )
+   KEY( VrfId, vrfId )
+   COLLECTION( LabelIndexed, Mpls::RouteKey, UnprogrammedReason, refusedRoute )
+   COLLECTION( Hash, U64, UnprogrammedReason, refusedAdjacency ) // by the index of the L2 adjacency
+   ENTITY_END
+   // clang-format on
+
+ public:
+   explicit SwitchVrfStatus( VrfId vrfId ) : vrfId_( vrfId ) {}
+};
+
 /// The hardware of one VRF. Written by the software switch alone.
 struct HwVrf {
-   HwVrf( VrfId id, MplsHwVrfStatus* hwStatus ) : vrfId( id ), status( hwStatus ) {}
+   HwVrf( VrfId id, MplsHwVrfStatus* hwStatus, SwitchVrfStatus* refusals )
+      : vrfId( id ), refused( refusals ), status( hwStatus ) {}
 
    VrfId vrfId;
    bool mplsRouting = false;
    HwRouteTable route;
    HashSet< Ptr< HwAdjacency > > adjacency; ///< those in hardware
-   /// Route keys that the driver has put into `unprogrammedRoute` and that are still there. The
-   /// library puts keys there too; those are not the driver's to take off.
-   LabelSet< Mpls::RouteKey > listedRoute;
+   /// What the driver has put into `unprogrammedRoute` and `unprogrammedAdjacency` and is still
+   /// there. The library puts keys there too; those are not the driver's to take off.
+   Ptr< SwitchVrfStatus > refused;
    Ptr< MplsHwVrfStatus > status;
 };
 

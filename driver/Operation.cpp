@@ -1,5 +1,7 @@
 #include "driver/Operation.h"
 
+#include <algorithm>
+
 namespace Vel::Driver {
 
 void appendText( std::string& out, const Operation& operation ) {
@@ -24,16 +26,26 @@ void OperationQueue::begin() {
       readyAt_ = now() + serviceTimeSeconds_;
    }
    if ( !task_->running() ) {
-      task_->runAfter( serviceTimeSeconds_ );
+      task_->runAfter( waitSeconds() );
    }
 }
 
+// Until the hardware is through with the first operation.
+double OperationQueue::waitSeconds() const {
+   const double ready = serviceTimeSeconds_ > 0 ? readyAt_ : 0;
+   const double due = lateness_ ? dueAt_.front() : 0;
+   return ready > 0 || due > 0 ? std::max( 0.0, std::max( ready, due ) - now() ) : 0;
+}
+
 bool OperationQueue::ready() const {
-   return !waiting_.empty() && ( serviceTimeSeconds_ <= 0 || readyAt_ <= now() );
+   return !waiting_.empty() && waitSeconds() <= 0;
 }
 
 Operation OperationQueue::pop() {
-   readyAt_ += serviceTimeSeconds_; // of the next one, which has waited
+   if ( lateness_ ) {
+      dueAt_.pop();
+   }
+   readyAt_ = std::max( readyAt_, now() - serviceTimeSeconds_ ) + serviceTimeSeconds_;
    return waiting_.pop();
 }
 
@@ -45,7 +57,7 @@ Mpls::Hardware::L2ViaSet OperationQueue::popViaSet() {
 
 void OperationQueue::schedule() {
    if ( !waiting_.empty() ) {
-      task_->runAfter( serviceTimeSeconds_ > 0 ? readyAt_ - now() : 0 );
+      task_->runAfter( waitSeconds() );
    }
 }
 

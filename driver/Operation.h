@@ -9,6 +9,7 @@
 
 #include <array>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -73,6 +74,7 @@ class ChunkedQueue {
       ++last_;
       ++size_;
    }
+   const T& front() const { return ( *chunks_.front() )[first_]; }
    T pop() {
       T first = std::move( ( *chunks_.front() )[first_++] );
       if ( --size_ == 0 ) {
@@ -97,6 +99,9 @@ class ChunkedQueue {
 /// Operations that wait, first in first out, and the task that comes for them.
 class OperationQueue {
  public:
+   /// How much later than the service time asks the hardware is through with what is written now.
+   using Lateness = std::function< double( double now ) >;
+
    /// The hardware takes `serviceTimeSeconds` for each operation; 0 is no time.
    OperationQueue( Ptr< TimerTask > task, double serviceTimeSeconds )
       : task_( std::move( task ) ), serviceTimeSeconds_( serviceTimeSeconds ) {}
@@ -106,11 +111,17 @@ class OperationQueue {
    size_t size() const { return waiting_.size(); }
    bool empty() const { return waiting_.empty(); }
    void push( Operation operation ) {
-      if ( waiting_.empty() ) {
+      if ( lateness_ ) {
+         dueAt_.push( now() + lateness_( now() ) );
+      }
+      const bool first = waiting_.empty();
+      waiting_.push( std::move( operation ) );
+      if ( first ) {
          begin();
       }
-      waiting_.push( std::move( operation ) );
    }
+   /// For what is written from now on; the queue must be empty.
+   void latenessIs( Lateness lateness ) { lateness_ = std::move( lateness ); }
    /// Adds the writing of an adjacency, with its L2 vias as they are now.
    void pushAdjacency( Operation operation );
 
@@ -125,11 +136,14 @@ class OperationQueue {
  private:
    double now() const { return task_->scheduler()->clock()->now(); }
    void begin();
+   double waitSeconds() const;
 
    Ptr< TimerTask > task_;
    double serviceTimeSeconds_;
    double readyAt_ = 0; // of the first operation; with a service time only
    ChunkedQueue< Operation > waiting_;
+   Lateness lateness_;
+   ChunkedQueue< double > dueAt_; // of each operation that waits; with a lateness only
    std::deque< Mpls::Hardware::L2ViaSet > viaSets_;
 };
 

@@ -23,24 +23,24 @@ void withdraw( MplsHwVrfStatus& status ) {
 /// Notices that a key has left the list, whoever took it off.
 class ListReactor : public MplsHwVrfStatus::Reactor {
  public:
-   ListReactor( const MplsHwVrfStatus* status, LabelSet< RouteKey >& listed ) : listed_( listed ) {
+   ListReactor( const MplsHwVrfStatus* status, SwitchVrfStatus& refused ) : refused_( refused ) {
       notifierIs( status );
    }
    void onUnprogrammedRoute( RouteKey key ) override {
       if ( !notifier()->unprogrammedRouteHas( key ) ) {
-         listed_.erase( key );
+         refused_.refusedRouteDel( key );
       }
    }
 
  private:
-   LabelSet< RouteKey >& listed_;
+   SwitchVrfStatus& refused_;
 };
 
 } // namespace
 
 struct SoftwareSwitch::Vrf : HwVrf {
-   Vrf( VrfId id, MplsHwVrfStatus* hwStatus )
-      : HwVrf( id, hwStatus ), listReactor( hwStatus, listedRoute ) {}
+   Vrf( VrfId id, MplsHwVrfStatus* hwStatus, SwitchVrfStatus* refusals )
+      : HwVrf( id, hwStatus, refusals ), listReactor( hwStatus, *refusals ) {}
 
    ListReactor listReactor;
 };
@@ -78,6 +78,10 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
      queue_( task_, settings_.serviceTimeSeconds ),
      status_( make< SwitchStatus >( queue_, settings_.breachIsFatal ) ) {
    taskReactor_ = std::make_unique< TaskReactor >( *this );
+   settings_.faults.startIs( now() );
+   if ( !settings_.faults.empty() ) {
+      queue_.latenessIs( [this]( double at ) { return settings_.faults.lateness( at ); } );
+   }
    forgetEarlierDriver();
    configReactor_ = std::make_unique< ConfigReactor >( *this );
    for ( const auto& [vrfId, vrfConfig] : config_->vrfConfig() ) {
@@ -199,7 +203,8 @@ HwVrf& SoftwareSwitch::makeVrf( VrfId vrfId ) {
    std::unique_ptr< Vrf >* found = vrf_.find( vrfId );
    if ( found == nullptr ) {
       MplsHwVrfStatus* const status = hwStatus_->vrfStatusIs( vrfId );
-      found = vrf_.emplace( vrfId, std::make_unique< Vrf >( vrfId, status ) ).first;
+      SwitchVrfStatus* const refusals = status_->vrfIs( vrfId );
+      found = vrf_.emplace( vrfId, std::make_unique< Vrf >( vrfId, status, refusals ) ).first;
    }
    lastVrf_ = found->get();
    return *lastVrf_;
@@ -214,52 +219,73 @@ void SoftwareSwitch::removeVrf( VrfId vrfId ) {
    HwVrf& vrf = **found;
    status_->routes_ -= vrf.route.size();
    status_->adjacencies_ -= vrf.adjacency.size();
-   for ( const RouteKey key : vrf.listedRoute ) {
+   for ( const auto& [key, reason] : vrf.refused->refusedRoute() ) {
       vrf.status->unprogrammedRouteDel( key );
    }
    withdraw( *vrf.status );
    hwStatus_->vrfStatusDel( vrfId );
    vrf_.erase( vrfId );
+   status_->vrfDel( vrfId );
 }
 
 const MplsHwVrfConfig* SoftwareSwitch::configOf( const HwVrf& vrf ) const {
    return config_->vrfConfig( vrf.vrfId );
 }
 
-UnprogrammedReason SoftwareSwitch::planned( const Operation& operation ) const {
-   return settings_.refuse ? settings_.refuse( operation ) : UnprogrammedReason::Success;
+UnprogrammedReason SoftwareSwitch::planned( const Operation& operation,
+                                            const Mpls::Hardware::L2ViaSet* vias ) {
+   UnprogrammedReason reason = UnprogrammedReason::Success;
+   if ( settings_.refuse ) {
+      reason = settings_.refuse( operation );
+   }
+   if ( reason == UnprogrammedReason::Success && !settings_.faults.empty() ) {
+      reason = settings_.faults.refusal( operation, vias, now() );
+   }
+   return reason;
+}
+
+double SoftwareSwitch::now() const {
+   return task_->scheduler()->clock()->now();
+}
+
+size_t SoftwareSwitch::capacity( FaultKind kind ) const {
+   const size_t usual =
+      kind == FaultKind::routeCapacity ? settings_.routeCapacity : settings_.adjacencyCapacity;
+   return settings_.faults.empty() ? usual : settings_.faults.capacity( kind, now(), usual );
 }
 
 // --- Adjacencies.
 
 UnprogrammedReason SoftwareSwitch::adjacencyRefusal( const Operation& operation,
-                                                     bool empty ) const {
-   if ( empty ) {
+                                                     const Mpls::Hardware::L2ViaSet& vias ) {
+   if ( vias.empty() ) {
       return UnprogrammedReason::InterfaceNotReady;
    }
-   const size_t capacity = settings_.adjacencyCapacity;
-   if ( capacity != 0 && adjacencies() >= capacity && !operation.adjacency->inHardware() ) {
+   const size_t room = capacity( FaultKind::adjacencyCapacity );
+   if ( room != 0 && adjacencies() >= room && !operation.adjacency->inHardware() ) {
       return UnprogrammedReason::AdjacencyFull;
    }
-   return planned( operation );
+   return planned( operation, &vias );
 }
 
 void SoftwareSwitch::writeAdjacency( HwVrf& vrf, const Operation& operation ) {
    HwAdjacency& adjacency = *operation.adjacency;
    const Ptr< Mpls::Hardware::L2Adjacency >& l2Adjacency = adjacency.l2Adjacency();
    const Mpls::Hardware::L2ViaSet vias = queue_.popViaSet();
-   const UnprogrammedReason reason = adjacencyRefusal( operation, vias.empty() );
+   const UnprogrammedReason reason = adjacencyRefusal( operation, vias );
    if ( reason != UnprogrammedReason::Success ) {
       ++status_->refused_;
       VEL_RING( traceHandle, "refused l2 adj, reason", adjacency.index(), reason );
       adjacency.refused( reason );
       const MplsHwVrfConfig* const config = configOf( vrf );
       if ( config && config->l2AdjacencyHas( l2Adjacency ) ) {
+         vrf.refused->refusedAdjacencyIs( adjacency.index(), reason );
          vrf.status->unprogrammedReasonIs( reason );
          vrf.status->unprogrammedAdjacencyIs( l2Adjacency );
       }
       return;
    }
+   vrf.refused->refusedAdjacencyDel( adjacency.index() );
    const auto version = static_cast< U32 >( operation.version );
    adjacency.programmed( vias, version );
    status_->adjacencies_ += vrf.adjacency.insert( operation.adjacency );
@@ -274,28 +300,32 @@ void SoftwareSwitch::removeAdjacency( HwVrf& vrf, const Operation& operation ) {
       --status_->adjacencies_;
       vrf.status->l2AdjacencyDel( adjacency.l2Adjacency() );
    }
+   vrf.refused->refusedAdjacencyDel( adjacency.index() );
    vrf.status->unprogrammedAdjacencyDel( adjacency.l2Adjacency() );
 }
 
 // --- Routes.
 
-UnprogrammedReason SoftwareSwitch::routeRefusal( const HwVrf& vrf,
-                                                 const Operation& operation ) const {
+UnprogrammedReason SoftwareSwitch::routeRefusal( const HwVrf& vrf, const Operation& operation ) {
    const HwAdjacency* const adjacency = operation.adjacency.get();
    if ( adjacency == nullptr || !adjacency->inHardware() ) {
       return adjacency && adjacency->refusal() != UnprogrammedReason::Success
                 ? adjacency->refusal()
                 : UnprogrammedReason::InterfaceNotReady;
    }
-   const size_t capacity = settings_.routeCapacity;
-   if ( capacity != 0 && routes() >= capacity && !vrf.route.has( operation.routeKey ) ) {
+   const size_t room = capacity( FaultKind::routeCapacity );
+   if ( room != 0 && routes() >= room && !vrf.route.has( operation.routeKey ) ) {
       return UnprogrammedReason::RouteFull;
    }
-   return planned( operation );
+   return planned( operation, nullptr );
 }
 
 void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
    const RouteKey key = operation.routeKey;
+   if ( !settings_.faults.empty() && settings_.faults.forgets( operation, now() ) ) {
+      ++status_->forgotten_;
+      return;
+   }
    const UnprogrammedReason reason = routeRefusal( vrf, operation );
    if ( reason != UnprogrammedReason::Success ) {
       ++status_->refused_;
@@ -303,8 +333,8 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
       takeRouteOut( vrf, key );
       const MplsHwVrfConfig* const config = configOf( vrf );
       if ( config && config->routeHas( key ) ) {
+         vrf.refused->refusedRouteIs( key, reason );
          vrf.status->unprogrammedReasonIs( reason );
-         vrf.listedRoute.insert( key );
          vrf.status->unprogrammedRouteIs( key );
       }
       return;
@@ -322,7 +352,7 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
 
 void SoftwareSwitch::removeRoute( HwVrf& vrf, RouteKey key ) {
    takeRouteOut( vrf, key );
-   if ( vrf.listedRoute.has( key ) ) { // else the library has taken it off already
+   if ( vrf.refused->refusedRouteHas( key ) ) { // else the library has taken it off already
       vrf.status->unprogrammedRouteDel( key );
    }
 }

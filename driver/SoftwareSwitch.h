@@ -28,11 +28,10 @@
 #include <string>
 #include <vector>
 
-#include "driver/ConfigWatch.h"
+#include "driver/FaultPlan.h"
 #include "driver/Forwarding.h"
 #include "driver/HwTables.h"
-#include "driver/Operation.h"
-#include "platform/ReadOnly.h"
+#include "driver/SwitchStatus.h"
 
 namespace Vel::Driver {
 
@@ -48,37 +47,10 @@ struct SwitchSettings {
    bool breachIsFatal = true; ///< else it is only recorded
    MacAddr macAddr{ 0x02'00'00'00'00'01 };
    /// Asked before an adjacency or a route is written into hardware; anything but `Success`
-   /// refuses.
+   /// refuses. Asked before the fault plan.
    Refuse refuse{};
-};
-
-/// What the switch counts.
-class SwitchStatus : public Entity {
-   // clang-format off
-   ENTITY( SwitchStatus )
-   DERIVED( queueLength )             // operations that wait
-   READ_ONLY( U64, operations )       // carried out, refused ones included
-   READ_ONLY( U64, refused )          // adjacencies and routes that did not go into hardware
-   READ_ONLY( U64, routes )           // in hardware, all VRFs
-   READ_ONLY( U64, adjacencies )      // in hardware, all VRFs
-   DERIVED( breaches )                // of the contract, by the library
-   READ_ONLY( U64, framesForwarded )
-   READ_ONLY( U64, framesDropped )
-   ENTITY_END
-   // clang-format on
-
- public:
-   SwitchStatus( const OperationQueue& queue, bool breachIsFatal )
-      : queue_( &queue ), breachLog_( breachIsFatal ) {}
-   std::string name() const override { return "softwareSwitch"; }
-   U64 queueLength() const { return queue_ ? queue_->size() : 0; }
-   U64 breaches() const { return breachLog_.count(); }
-
- private:
-   friend class SoftwareSwitch;
-
-   const OperationQueue* queue_; // null once the switch is gone
-   BreachLog breachLog_;
+   /// What goes wrong, and when. Its times count from the making of the switch.
+   FaultPlan faults{};
 };
 
 class SoftwareSwitch {
@@ -110,7 +82,7 @@ class SoftwareSwitch {
 
    /// The capacities, from the next operation on. What is in hardware stays there.
    void capacityIs( size_t routes, size_t adjacencies );
-   /// The fault plan, from the next operation on.
+   /// The question of the settings, from the next operation on.
    void refuseIs( SwitchSettings::Refuse refuse ) { settings_.refuse = std::move( refuse ); }
 
  private:
@@ -130,9 +102,12 @@ class SoftwareSwitch {
    void writeRoute( HwVrf& vrf, Operation operation );
    void removeRoute( HwVrf& vrf, Mpls::RouteKey key );
    void takeRouteOut( HwVrf& vrf, Mpls::RouteKey key );
-   UnprogrammedReason adjacencyRefusal( const Operation& operation, bool empty ) const;
-   UnprogrammedReason routeRefusal( const HwVrf& vrf, const Operation& operation ) const;
-   UnprogrammedReason planned( const Operation& operation ) const;
+   UnprogrammedReason adjacencyRefusal( const Operation& operation,
+                                        const Mpls::Hardware::L2ViaSet& vias );
+   UnprogrammedReason routeRefusal( const HwVrf& vrf, const Operation& operation );
+   UnprogrammedReason planned( const Operation& operation, const Mpls::Hardware::L2ViaSet* vias );
+   size_t capacity( FaultKind kind ) const;
+   double now() const;
    const MplsHwVrfConfig* configOf( const HwVrf& vrf ) const;
 
    Ptr< MplsHwConfig > config_;

@@ -126,10 +126,12 @@ void MplsSm::handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey rout
    if ( vrfName.empty() ) {
       MPLS_TRACE( 3, "no vrf state for vrfId ", status.vrfId() );
       MPLS_RING( "no vrf state vrfId ", status.vrfId() );
+      counters_->reportsLateInc();
       return;
    }
    assertDefaultVrf( vrfName );
-   if ( !status.routeHas( routeKey ) ) {
+   const MplsHwRoute* const reported = status.route().find( routeKey );
+   if ( reported == nullptr ) {
       MPLS_TRACE( 3, "routeKey ", routeKey, " unprogrammed from vrf ", vrfName );
       return; // the echo of a deletion
    }
@@ -138,9 +140,16 @@ void MplsSm::handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey rout
    MplsRoute* const route = vrfState ? vrfState->route( routeKey ) : nullptr;
    if ( route == nullptr ) {
       MPLS_TRACE( 3, "no vrf state or routeKey" );
+      counters_->reportsLateInc();
       return;
    }
-   route->unprogrammedIs( false );
+   counters_->routesConfirmedInc();
+   if ( reported->version < route->version() ) {
+      counters_->reportsLateInc();
+   } else {
+      route->unconfirmedWritesIs( 0 );
+   }
+   routeUnprogrammedIs( *route, false );
    MPLS_TRACE( 8, "add routeKey ", routeKey, " for review" );
    vrfState->routeKeyForPublishIs( routeKey );
    doMaybeScheduleReview( vrfName );
@@ -159,6 +168,7 @@ void MplsSm::handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey ro
    MplsRoute* const route = vrfState ? vrfState->route( routeKey ) : nullptr;
    if ( route == nullptr ) {
       MPLS_TRACE( 3, "no vrf state or routeKey" );
+      counters_->reportsLateInc();
       return;
    }
    const bool unprogrammed = status.unprogrammedRouteHas( routeKey );
@@ -168,7 +178,8 @@ void MplsSm::handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey ro
    } else {
       MPLS_TRACE( 3, "routeKey ", routeKey, " removed from unprog collection in vrf ", vrfName );
    }
-   route->unprogrammedIs( unprogrammed );
+   counters_->routesRefusedInc( unprogrammed );
+   routeUnprogrammedIs( *route, unprogrammed );
    vrfState->routeKeyForPublishIs( routeKey );
    const U64 preUnprogrammed = vrfState->numUnprogrammedRoute();
    const UnprogrammedReason reason = status.unprogrammedReason();
@@ -202,13 +213,19 @@ void MplsSm::handleUnprogrammedAdj( MplsHwVrfStatus& status,
    VrfMplsState* const vrfState = mplsState( vrfName );
    if ( vrfState == nullptr ) {
       MPLS_TRACE( 3, "no vrf state for vrf ", vrfName );
+      counters_->reportsLateInc();
       return;
    }
-   if ( vrfState->l2AdjacencyHas( id ) ) {
+   const bool unprogrammed = status.unprogrammedAdjacencyHas( adjacency );
+   if ( MplsL2Adjacency* const l2Adj = vrfState->l2Adjacency( id ) ) {
       MPLS_TRACE( 3, "add l2 adj ", id, " for review" );
       vrfState->l2AdjForReviewIs( id );
+      l2Adj->unprogrammedSinceIs( unprogrammed ? in_.clock->now() : neverTime );
+   } else {
+      counters_->reportsLateInc( unprogrammed ); // one that goes leaves the driver's list as well
    }
-   if ( status.unprogrammedAdjacencyHas( adjacency ) ) {
+   counters_->adjacenciesRefusedInc( unprogrammed );
+   if ( unprogrammed ) {
       MPLS_TRACE( 3, "l2 adj ", id, " not programmed" );
       vrfState->numUnprogrammedAdjInc();
       vrfState->unprogrammedRetryIntervalIs( defaultUnprogrammedRetryInterval() );

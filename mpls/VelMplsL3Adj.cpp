@@ -243,6 +243,11 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
       const IpAddrIntfId key{ via.nextHop, via.intf };
       named.insert( key );
       MplsNextHop* const nextHop = vrfState.mplsNextHopIs( key );
+      if ( !resolved.empty() ) {
+         nextHop->unresolvedSinceIs( neverTime );
+      } else if ( nextHop->unresolvedSince() == neverTime ) {
+         nextHop->unresolvedSinceIs( in_.clock->now() );
+      }
       l3Adj.nextHopIs( key );
       if ( via.intf.empty() ) {
          nextHop->resolvedByRRIs( &l3Adj );

@@ -112,6 +112,7 @@ void MplsSm::handleNexthopResolutionAllowDefaultRoute() {
 
 void MplsSm::handleNextHop( const NextHopKey& key ) {
    MPLS_TRACE( 3, "handle nexthopkey intf: ", key.intf, " addr ", key.addr );
+   counters_->nextHopsReceivedInc();
    for ( const auto& [vrf, vrfState] : mplsState() ) {
       if ( const MplsNextHop* const nextHop = vrfState->mplsNextHop( { key.addr, key.intf } ) ) {
          queueL3AdjsForReview( *vrfState, nextHop->resolvedByMNH() );
@@ -122,6 +123,7 @@ void MplsSm::handleNextHop( const NextHopKey& key ) {
 
 void MplsSm::handleResolvedNexthop( const VrfAndIpGenAddr& vrfAddr ) {
    MPLS_TRACE( 3, "handle resolved nexthop ", vrfAddr );
+   counters_->nextHopsReceivedInc();
    MPLS_ASSERT( vrfAddr.ipGenAddr.af() == ipv4() || vrfAddr.ipGenAddr.af() == ipv6(),
                 "vrfAddr.ipGenAddr().af() == ipv4() || vrfAddr.ipGenAddr().af() == ipv6()",
                 textOf( vrfAddr ) );
@@ -169,6 +171,7 @@ void MplsSm::progHwL2Adj( const L3::VrfName& vrf,
       return; // the VRF's number brings everything back
    }
    const U32 version = config->l2Adjacency( hwL2Adj ) + 1; // an absent one counts as 0
+   counters_->adjacenciesWrittenInc();
    config->l2AdjacencyIs( hwL2Adj, version );
    MPLS_TRACE( 3, "prog hw L2 adj ", hwL2Adj->index(), " ver ", version );
 }

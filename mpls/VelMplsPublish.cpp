@@ -47,6 +47,7 @@ void MplsSm::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       return; // the review marks it again
    }
    vrfState.routeKeyPublishedInc();
+   counters_->routesPublishedInc();
    const MplsRoute* const route = vrfState.route( routeKey );
    if ( route == nullptr ) {
       MPLS_TRACE( 3, "unpublish routeKey ", routeKey );

@@ -45,6 +45,9 @@ class ExternalFecInfo;
 class L3Adjacency;
 class MplsL2Adjacency;
 
+/// The time of what has not happened, in seconds of the clock.
+constexpr double neverTime = std::numeric_limits< double >::infinity();
+
 /// Key of a next hop: address and egress interface. An empty interface: found by the route
 /// resolver.
 struct IpAddrIntfId {
@@ -126,10 +129,12 @@ class VEL_EXPORT MplsRoute : public Entity {
    // clang-format off
    IN_SLAB( MplsRoute )
    ENTITY( MplsRoute )
+   ATTRIBUTE( U32, metric ) // first, where the base leaves room for it
    KEY( Mpls::RouteKey, routeKey )
-   ATTRIBUTE( U32, metric )
    ATTRIBUTE_DEFAULT( bool, unprogrammed, { true } ) // until the driver reports it, nothing is in hardware
    ATTRIBUTE( bool, isInstalledWithMulticast )
+   ATTRIBUTE( U32, unconfirmedWrites )               // since the driver last had it in hardware
+   ATTRIBUTE_DEFAULT( double, unprogrammedSince, { neverTime } ) // clock time, seconds
    ATTRIBUTE( Ptr< L3Adjacency >, l3Adj )
    ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adj )
    ATTRIBUTE( Ptr< ExternalFecInfo >, extFecInfo )
@@ -147,6 +152,7 @@ class VEL_EXPORT MplsNextHop : public Entity {
    // clang-format off
    ENTITY( MplsNextHop )
    KEY( IpAddrIntfId, nextHopInfo )
+   ATTRIBUTE_DEFAULT( double, unresolvedSince, { neverTime } ) // clock time, seconds; never while it is resolved
    DERIVED( nextHopIp )
    DERIVED( l3Intf )
    SET( HashSet, L3Adjacency*, resolvedByRR )  // through the route resolver: vias without an interface
@@ -165,6 +171,7 @@ class VEL_EXPORT MplsL2Adjacency : public Entity {
    // clang-format off
    ENTITY( MplsL2Adjacency )
    KEY( U64, index )
+   ATTRIBUTE_DEFAULT( double, unprogrammedSince, { neverTime } ) // clock time, seconds; never while it is not refused
    ATTRIBUTE( Mpls::Hardware::L2ViaSet, l2ViaSet )
    SET( HashSet, L3Adjacency*, l3Adjacency )
    SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
@@ -284,6 +291,8 @@ class VEL_EXPORT VrfMplsState : public Entity {
    COUNTER( unprogRouteRetried )
    COUNTER( unprogAdjRetried )
    ATTRIBUTE( double, unprogrammedRetryInterval ) // seconds
+   ATTRIBUTE( bool, retryRoutesFirst )            // the last retry was cut short with the adjacencies first
+   SET( HashSet, U64, adjRetried )                // of the round of retries that is under way
    ENTITY_COLLECTION( Hash, Fib::FecId, MulticastFecInfo, mcastFecInfo )
    ENTITY_COLLECTION( Hash, U16, MulticastGroupInfo, multicastGroupInfo )
    COLLECTION( Hash, U32, U16, mcastHwIdToGroup )

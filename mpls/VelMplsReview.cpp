@@ -155,6 +155,7 @@ void MplsSm::doReviewVrf( const L3::VrfName& vrf ) {
       vrfState->l3AdjForReviewDel( index );
       processL3Adj( *vrfState, index );
       vrfState->l3AdjReviewedInc();
+      counters_->adjacenciesReviewedInc();
    }
    MPLS_TRACE( 2, "review routeKey in vrf ", vrf );
    for ( auto pass = vrfState->routeKeyForReviewWork().workPass();
@@ -163,6 +164,7 @@ void MplsSm::doReviewVrf( const L3::VrfName& vrf ) {
       vrfState->routeKeyForReviewDel( routeKey );
       processRouteKey( *vrfState, routeKey );
       vrfState->routeKeyReviewedInc();
+      counters_->routesReviewedInc();
    }
    maybeTransitionToWaitingForSync( vrf );
    MPLS_TRACE( 2, "review l2 adj in vrf ", vrf );
@@ -238,32 +240,62 @@ void MplsSm::doReviewUnprogrammedRoutes( VrfMplsState& vrfState ) {
    queueForPublishing( vrfState );
 }
 
-// Writes again what the driver has listed: adjacencies first, since routes need them.
+// Writes again what the driver has listed: adjacencies first, since routes need them. When a slice
+// is too short for all of them, the next one begins with the others, so that neither waits for ever
+// for the other.
 void MplsSm::retryUnprogrammed( VrfMplsState& vrfState ) {
    const Ptr< MplsHwVrfStatus > status = velMplsHwVrfStatusNonConst( vrfState.vrfName() );
-   const MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrfState.vrfName() );
-   if ( !status || config == nullptr ) {
+   if ( !status || velMplsHwVrfConfig( vrfState.vrfName() ) == nullptr ) {
       return;
    }
-   for ( auto pass = status->unprogrammedAdjacencyWork().workPass();
-         status->unprogrammedAdjacencys() != 0 && !shouldTaskYield( *unprogrammedRouteTask_ ) &&
-         pass.next(); ) {
+   const bool routesFirst = vrfState.retryRoutesFirst();
+   const bool whole =
+      routesFirst ? retryRoutes( vrfState, *status ) && retryAdjacencies( vrfState, *status )
+                  : retryAdjacencies( vrfState, *status ) && retryRoutes( vrfState, *status );
+   vrfState.retryRoutesFirstIs( !whole && !routesFirst );
+}
+
+// False when the slice was too short. A round goes over all of them before any has another turn.
+bool MplsSm::retryAdjacencies( VrfMplsState& vrfState, MplsHwVrfStatus& status ) {
+   const MplsHwVrfConfig& config = *velMplsHwVrfConfig( vrfState.vrfName() );
+   for ( auto pass = status.unprogrammedAdjacencyWork().workPass(); pass.next(); ) {
       // A copy: the driver may take it off the list while it is written again.
       const Ptr< Mpls::Hardware::L2Adjacency > adjacency( pass.key().get() );
+      if ( vrfState.adjRetriedHas( adjacency->index() ) ) {
+         continue;
+      }
+      if ( shouldTaskYield( *unprogrammedRouteTask_ ) ) {
+         return false;
+      }
       MPLS_RING( "retry unprogrammed adj ", adjacency->index() );
-      if ( config->l2AdjacencyHas( adjacency ) ) {
+      if ( config.l2AdjacencyHas( adjacency ) ) {
          progHwL2Adj( vrfState.vrfName(), adjacency );
       }
+      vrfState.adjRetriedIs( adjacency->index() );
       vrfState.unprogAdjRetriedInc();
+      counters_->adjacenciesRetriedInc();
    }
-   for ( auto pass = status->unprogrammedRouteWork().workPass();
-         status->unprogrammedRoutes() != 0 && !shouldTaskYield( *unprogrammedRouteTask_ ) &&
-         pass.next(); ) {
+   vrfState.adjRetriedDelAll();
+   return true;
+}
+
+// The set's own cursor goes round.
+bool MplsSm::retryRoutes( VrfMplsState& vrfState, MplsHwVrfStatus& status ) {
+   auto pass = status.unprogrammedRouteWork().workPass();
+   while ( status.unprogrammedRoutes() != 0 ) {
+      if ( shouldTaskYield( *unprogrammedRouteTask_ ) ) {
+         return false;
+      }
+      if ( !pass.next() ) {
+         break;
+      }
       const Mpls::RouteKey routeKey = pass.key();
       MPLS_RING( "retry unprogrammed routeKey ", routeKey );
       processRouteKey( vrfState, routeKey );
       vrfState.unprogRouteRetriedInc();
+      counters_->routesRetriedInc();
    }
+   return true;
 }
 
 } // namespace Vel

@@ -11,22 +11,28 @@ namespace Vel {
 void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
    const L3::VrfName& vrf = L3::VrfName::defaultVrf();
    MPLS_TRACE_CALL( 3, " vrf ", vrf, " routeKey ", routeKey );
+   counters_->routesReceivedInc();
    if ( !mplsRoutingEnabled( vrf ) ) {
       MPLS_TRACE( 3, "mplsRouting disable in vrf ", vrf );
+      counters_->routesIgnoredInc();
       return;
    }
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
    if ( !lfibRoute ) {
       if ( !mplsIpRouteKeyHas( routeKey ) ) {
          MPLS_TRACE( 7, "Ignoring LFIB route ", routeKey );
+         counters_->routesIgnoredInc();
          return;
       }
+      counters_->routesRemovedInc();
       MPLS_TRACE( 3, "delete LFIB route ", routeKey );
       mplsIpRouteKeyDel( routeKey );
    } else if ( !routeSupported( lfibRoute ) ) {
+      counters_->routesIgnoredInc();
       dropUnsupportedRoute( vrf, routeKey );
       return;
    } else {
+      counters_->routesAcceptedInc();
       mplsIpRouteKeyIs( routeKey );
       if ( ( mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmProcessingSyncMap ||
              mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmWaitingForSyncResponses ) &&
@@ -35,13 +41,28 @@ void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
          staleRecoveredRouteDel( routeKey );
       }
       MPLS_TRACE( 3, "add/update LFIB route ", routeKey );
-      vrfStateMake( vrf ).routeIs( routeKey );
+      routeMake( vrfStateMake( vrf ), routeKey );
    }
    MPLS_TRACE( 7, "routeKey for review ", routeKey );
    if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
       vrfState->routeKeyForReviewIs( routeKey );
    }
    doMaybeScheduleReview( vrf );
+}
+
+// The route's record, made when there is none.
+void MplsSm::routeMake( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
+   MplsRoute* const route = vrfState.routeIs( routeKey );
+   if ( route->unprogrammed() && route->unprogrammedSince() == neverTime ) {
+      route->unprogrammedSinceIs( in_.clock->now() );
+   }
+}
+
+void MplsSm::routeUnprogrammedIs( MplsRoute& route, bool unprogrammed ) {
+   if ( route.unprogrammed() != unprogrammed ) {
+      route.unprogrammedIs( unprogrammed );
+      route.unprogrammedSinceIs( unprogrammed ? in_.clock->now() : neverTime );
+   }
 }
 
 // A route whose via set leads to what another state machine handles is none of ours (any more).
@@ -91,6 +112,7 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    if ( !lfibTrackingStatus_ ) {
       return;
    }
+   counters_->viaSetsReceivedInc();
    if ( fromBacklogNotification ) {
       lfibTrackingStatus_->viaSetKeyBacklogDel( viaSetKey );
    }
@@ -126,7 +148,7 @@ void MplsSm::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey vi
    }
    for ( const Mpls::RouteKey routeKey : *users ) {
       if ( mplsIpRouteKeyHas( routeKey ) ) {
-         vrfState.routeIs( routeKey );
+         routeMake( vrfState, routeKey );
       }
       vrfState.routeKeyForReviewIs( routeKey );
    }
@@ -300,13 +322,13 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    if ( !lfibRoute || ( !viaSet.null() && !isLFibViaSetSane( viaSet ) ) ) {
       MPLS_TRACE( 3, "route (", routeKey, ") ", "does not exist in system LFIB or via not sane " );
       if ( !!lfibRoute ) {
-         viaSetAwaitedIs( lfibRoute.viaSetKey );
+         awaitViaSet( lfibRoute.viaSetKey );
       }
       deleteRouteKeyAndRoute( vrfState, routeKey );
       return;
    }
    if ( viaSet.null() ) {
-      viaSetAwaitedIs( lfibRoute.viaSetKey ); // its arrival queues the route again
+      awaitViaSet( lfibRoute.viaSetKey ); // its arrival queues the route again
       MPLS_TRACE( 3, "via set for route (", routeKey,
                   ") does not exist in system LFIB, delay processing" );
       if ( L3Adjacency* const bound = route->l3Adj().get();
@@ -318,6 +340,13 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    route->metricIs( lfibRoute.metric );
    L3Adjacency& l3Adj = bindRouteToL3Adj( vrfState, *route, lfibRoute.viaSetKey );
    writeRoute( vrfState, *route, l3Adj );
+}
+
+// The via set's arrival, or its mending, queues its routes again.
+void MplsSm::awaitViaSet( Mpls::LfibViaSetKey viaSetKey ) {
+   if ( !viaSetAwaitedHas( viaSetKey ) ) {
+      viaSetAwaitedIs( viaSetKey, in_.clock->now() );
+   }
 }
 
 // Binds the route to the adjacency of its via set, which is made when there is none.
@@ -375,13 +404,15 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
    }
    // Before the write: a driver without delay answers within it.
    const MplsHwVrfStatus* const status = velMplsHwVrfStatus( vrf );
-   route.unprogrammedIs( status == nullptr || status->unprogrammedRouteHas( routeKey ) ||
-                         !status->routeHas( routeKey ) );
+   routeUnprogrammedIs( route, status == nullptr || status->unprogrammedRouteHas( routeKey ) ||
+                                  !status->routeHas( routeKey ) );
    MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf );
    if ( !config->l2AdjacencyHas( l3Adj.hwL2Adjacency() ) ) {
       progHwL2Adj( vrf, l3Adj.hwL2Adjacency() ); // the VRF had no number when it was bound
    }
    route.versionInc();
+   route.unconfirmedWritesIs( route.unconfirmedWrites() + 1 );
+   counters_->routesWrittenInc();
    MPLS_TRACE( 3, "prog routeKey ", routeKey, " l2 adj ", l2Adj->index(), " unprogrammed ",
                route.unprogrammed() );
    config->routeIs( { routeKey, l3Adj.hwL2Adjacency(), route.version() } );
@@ -398,8 +429,14 @@ void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
       return;
    }
    MPLS_TRACE( 3, "unprog routeKey ", routeKey );
-   unprogramRouteKey( vrfState, routeKey );
-   route.unprogrammedIs( true );
+   const bool outAlready = route.unprogrammed();
+   const double since = route.unprogrammedSince();
+   unprogramRouteKey( vrfState, routeKey ); // off the driver's list, which reads as an arrival
+   routeUnprogrammedIs( route, true );
+   if ( outAlready ) {
+      route.unprogrammedSinceIs( since );
+   }
+   route.unconfirmedWritesIs( 0 );
 }
 
 } // namespace Vel

@@ -9,6 +9,7 @@
 namespace Vel {
 
 ENTITY_SOURCE( MplsSm )
+ENTITY_SOURCE( MplsSmCounters )
 
 TraceHandle velMplsSmTrace( "VelMplsSm" );
 

@@ -49,6 +49,7 @@
 #include <vector>
 
 #include "mcast/VelMcastGroupProgConfig.h"
+#include "mpls/VelMplsCounters.h"
 #include "mpls/VelMplsSmHelper.h"
 #include "mpls/VelMplsTypes.h"
 #include "platform/AttrLog.h"
@@ -111,7 +112,7 @@ class VEL_EXPORT MplsSm : public Entity {
    ENTITY_COLLECTION( Hash, L3::VrfName, VrfMplsState, mplsState )
    COLLECTION( Hash, Mpls::Hardware::L2ViaSet, Ptr< Mpls::Hardware::L2Adjacency >, viaSetToHwL2Adj )
    SET( LabelSet, Mpls::RouteKey, mplsIpRouteKey )                           // accepted from the LFIB
-   SET( HashSet, Mpls::LfibViaSetKey, viaSetAwaited )                         // missing or not sane when a route was processed
+   COLLECTION( Hash, Mpls::LfibViaSetKey, double, viaSetAwaited )             // missing or not sane when a route was processed; since when
    SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // in the sync map, not in the LFIB
    ENTITY_END_IN_SOURCE
    // clang-format on
@@ -122,6 +123,7 @@ class VEL_EXPORT MplsSm : public Entity {
    std::string name() const override { return "mplsSm"; }
 
    const MplsSmInputs& inputs() const { return in_; }
+   const Ptr< MplsSmCounters >& counters() const { return counters_; }
    MplsSmStartupStatus mplsSmStartupStatus() const { return mplsSmStartupStatus_; }
    void mplsSmStartupStatusIs( MplsSmStartupStatus status );
    TimerTask* vrfTask() const { return vrfTask_.get(); }
@@ -275,12 +277,15 @@ class VEL_EXPORT MplsSm : public Entity {
    friend MplsSmReactors;
 
    VrfMplsState& vrfStateMake( const L3::VrfName& vrf );
+   void routeMake( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+   void routeUnprogrammedIs( MplsRoute& route, bool unprogrammed );
    void vrfStateDrop( const L3::VrfName& vrf );
    void clearOutputs();
    L3Adjacency& bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
                                   Mpls::LfibViaSetKey viaSetKey );
    std::string collectMplsIpLFibVias( const Mpls::LfibViaSet& viaSet,
                                       CachedLFibMplsViaColl& vias ) const;
+   void awaitViaSet( Mpls::LfibViaSetKey viaSetKey );
    void queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey );
    void dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
    void writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
@@ -309,11 +314,14 @@ class VEL_EXPORT MplsSm : public Entity {
    void doReviewVrf( const L3::VrfName& vrf );
    void doReviewUnprogrammedRoutes( VrfMplsState& vrfState );
    void retryUnprogrammed( VrfMplsState& vrfState );
+   bool retryAdjacencies( VrfMplsState& vrfState, MplsHwVrfStatus& status );
+   bool retryRoutes( VrfMplsState& vrfState, MplsHwVrfStatus& status );
    void doPublishRouteKeys( VrfMplsState& vrfState );
    void queueForPublishing( VrfMplsState& vrfState );
    void runAgainAtOnce( TimerTask& task ) const;
 
    const MplsSmInputs in_;
+   const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;
    Ptr< Mpls::LfibTrackingSm > lfibTrackingSm_;

@@ -1,0 +1,112 @@
+#include "agent/AgentRun.h"
+
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "agent/Progress.h"
+#include "platform/SystemLog.h"
+
+namespace Vel::Agent {
+
+namespace {
+
+constexpr double longestRunSeconds = 1e6;
+
+// The plan of all the texts; nothing, having complained, when one of them is wrong.
+std::optional< Driver::FaultPlan > faultPlan( const std::vector< std::string >& texts,
+                                              const Interfaces& interfaces ) {
+   Driver::FaultPlan plan;
+   const auto find = [&interfaces]( std::string_view name ) {
+      return interfaces.intf( std::string( name ) ).value_or( IntfId() );
+   };
+   for ( const std::string& text : texts ) {
+      if ( const auto fault = plan.parse( text, find ) ) {
+         std::cerr << "--fault: " << *fault << '\n';
+         return std::nullopt;
+      }
+   }
+   return plan;
+}
+
+// The operator's copy, with the simulated time.
+void logToStandardError( const LabelAgent& agent, Progress& progress ) {
+   systemLogClockIs( agent.clock() );
+   systemLogSinkIs( [&agent, &progress]( const SystemLogMessage& message ) {
+      progress.hide();
+      std::cerr << "velmpls: at " << agent.clock()->now() << " s: " << textOf( message ) << '\n';
+   } );
+}
+
+} // namespace
+
+void addRunOptions( CLI::App& app, RunOptions& options ) {
+   addTableOptions( app, options.tables );
+   app.add_option( "--route-capacity", options.routeCapacity,
+                   "Routes that fit into the hardware; no limit when not given" )
+      ->type_name( "N" );
+   app.add_option( "--adjacency-capacity", options.adjacencyCapacity,
+                   "L2 adjacencies that fit into the hardware; no limit when not given" )
+      ->type_name( "N" );
+   app.add_option( "--fault", options.faults,
+                   "What goes wrong in the hardware: refuse operation N, refuse label L, refuse "
+                   "adjacency N, not-ready INTERFACE, late SECONDS, forget label L, route-capacity "
+                   "N, adjacency-capacity N, each with from T and until T; several with ; between "
+                   "them" )
+      ->type_name( "PLAN" )
+      ->allow_extra_args( false );
+   app.add_option( "--for", options.forSeconds,
+                   "Simulated seconds to go on after the last table, to watch what is tried again" )
+      ->type_name( "SECONDS" )
+      ->check( CLI::Range( 0.0, longestRunSeconds ) );
+}
+
+AgentRun::AgentRun( const RunOptions& options, Progress& progress ) {
+   if ( const auto fault = traceOn( options.tables.trace ) ) {
+      std::cerr << *fault << '\n';
+      return;
+   }
+   LoadedTables loaded = loadTables( options.tables, progress, std::cerr );
+   if ( !loaded.usable ) {
+      return;
+   }
+   incomplete_ = loaded.leftOut;
+   for ( const Neighbor& neighbor : loaded.neighbors.neighbors ) {
+      loaded.plan.interfaces().intfIs( neighbor.interface ); // a fault may name it
+   }
+   LabelAgentSettings settings;
+   settings.hardware.routeCapacity = options.routeCapacity;
+   settings.hardware.adjacencyCapacity = options.adjacencyCapacity;
+   settings.onProgress = [&progress]( size_t left ) { progress.left( left ); };
+   auto plan = faultPlan( options.faults, loaded.plan.interfaces() );
+   if ( !plan ) {
+      return;
+   }
+   settings.hardware.faults = std::move( *plan );
+   agent_ = std::make_unique< LabelAgent >( std::move( loaded.plan ), settings );
+   logToStandardError( *agent_, progress );
+   fault_ = applyTables( *agent_, loaded.neighbors, options.tables, progress );
+   if ( !fault_ ) {
+      progress.stage( "letting time pass" );
+      fault_ = agent_->runFor( options.forSeconds );
+   }
+   incomplete_ = incomplete_ || fault_.has_value();
+}
+
+AgentRun::~AgentRun() {
+   systemLogSinkIs( {} );
+   systemLogClockIs( nullptr );
+}
+
+void AgentRun::complain() const {
+   if ( fault_ ) {
+      std::cerr << "velmpls: " << *fault_ << '\n';
+   }
+   const std::vector< std::string >& breaches = agent_->hardware().breaches();
+   if ( !breaches.empty() ) {
+      std::cerr << "velmpls: " << breaches.size()
+                << " times the hardware was written to wrongly: " << breaches.front() << '\n';
+   }
+}
+
+} // namespace Vel::Agent

@@ -1,0 +1,57 @@
+// AgentRun: what every subcommand does before it has something to show: reads the tables, makes the
+// agent with the hardware that the options describe, applies the tables and lets time pass.
+//
+//    AgentRun run( options, progress );
+//    if ( !run.usable() ) {
+//       return ExitStatus::badInput;
+//    }
+//    ... run.agent() ...
+//
+// Complaints and the system log go to standard error. The system log is the process's: one run at a
+// time.
+
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/TableOptions.h"
+
+namespace Vel::Agent {
+
+struct RunOptions {
+   TableOptions tables;
+   size_t routeCapacity = 0;          ///< routes that fit into hardware; 0: no limit
+   size_t adjacencyCapacity = 0;      ///< L2 adjacencies that fit; 0: no limit
+   std::vector< std::string > faults; ///< fault plans, see docs/formats.md
+   double forSeconds = 0;             ///< simulated time to go on after the last table has settled
+};
+
+/// Declares the options, those of the tables included. `options` must outlive the parsing.
+void addRunOptions( CLI::App& app, RunOptions& options );
+
+class AgentRun {
+ public:
+   AgentRun( const RunOptions& options, Progress& progress );
+   AgentRun( const AgentRun& ) = delete;
+   AgentRun& operator=( const AgentRun& ) = delete;
+   ~AgentRun();
+
+   /// False: the input was bad, has been complained about, and nothing was applied.
+   bool usable() const { return agent_ != nullptr; }
+   LabelAgent& agent() const { return *agent_; }
+   /// Something of the tables was left out, or the agent did not come to rest. What was shown is
+   /// not the whole truth.
+   bool incomplete() const { return incomplete_; }
+   /// Complains about what the run could not do and about breaches of the driver contract; after
+   /// the result has been shown.
+   void complain() const;
+
+ private:
+   std::unique_ptr< LabelAgent > agent_;
+   LabelAgent::Fault fault_;
+   bool incomplete_ = false;
+};
+
+} // namespace Vel::Agent

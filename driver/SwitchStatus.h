@@ -1,0 +1,43 @@
+// SwitchStatus: what the software switch counts and what it refuses, for those who look in from
+// outside.
+
+#pragma once
+
+#include "driver/ConfigWatch.h"
+#include "driver/Operation.h"
+#include "platform/ReadOnly.h"
+
+namespace Vel::Driver {
+
+/// What the switch counts.
+class SwitchStatus : public Entity {
+   // clang-format off
+   ENTITY( SwitchStatus )
+   DERIVED( queueLength )             // operations that wait
+   READ_ONLY( U64, operations )       // carried out, refused ones included
+   READ_ONLY( U64, refused )          // adjacencies and routes that did not go into hardware
+   READ_ONLY( U64, forgotten )        // operations that were lost, by the fault plan
+   READ_ONLY( U64, routes )           // in hardware, all VRFs
+   READ_ONLY( U64, adjacencies )      // in hardware, all VRFs
+   DERIVED( breaches )                // of the contract, by the library
+   READ_ONLY( U64, framesForwarded )
+   READ_ONLY( U64, framesDropped )
+   ENTITY_COLLECTION( Hash, VrfId, SwitchVrfStatus, vrf )
+   ENTITY_END
+   // clang-format on
+
+ public:
+   SwitchStatus( const OperationQueue& queue, bool breachIsFatal )
+      : queue_( &queue ), breachLog_( breachIsFatal ) {}
+   std::string name() const override { return "softwareSwitch"; }
+   U64 queueLength() const { return queue_ ? queue_->size() : 0; }
+   U64 breaches() const { return breachLog_.count(); }
+
+ private:
+   friend class SoftwareSwitch;
+
+   const OperationQueue* queue_; // null once the switch is gone
+   BreachLog breachLog_;
+};
+
+} // namespace Vel::Driver

@@ -1,0 +1,43 @@
+// MplsSmCounters: how much has passed each stage of MplsSm since the process started.
+//
+//    LFIB ──received──> accepted ──> reviewed ──> written ──> confirmed ──> published
+//             │ ignored, removed                    └─> refused ──> retried
+//
+// They only grow, and outlive the VRF's records, which go with the last route. What grows without
+// being wanted says where to look: `routesIgnored` at the table, `routesRefused` at the hardware,
+// `reportsLate` at the driver.
+
+#pragma once
+
+#include "platform/Entity.h"
+
+namespace Vel {
+
+class VEL_EXPORT MplsSmCounters : public Entity {
+   // clang-format off
+   ENTITY( MplsSmCounters )
+   COUNTER( routesReceived )     // announcements of the LFIB, a change and a removal being one each
+   COUNTER( routesAccepted )     // of these, routes to be forwarded, new or changed
+   COUNTER( routesRemoved )      // of these, removals of routes that had been accepted
+   COUNTER( routesIgnored )      // of these, the others: not for MPLS forwarding, or it is off
+   COUNTER( routesReviewed )     // taken from the work set and processed
+   COUNTER( routesWritten )      // versions written to the hardware configuration
+   COUNTER( routesConfirmed )    // the driver has it in hardware
+   COUNTER( routesRefused )      // went onto the driver's list of unprogrammed routes
+   COUNTER( routesRetried )      // processed again because they are on that list
+   COUNTER( routesPublished )    // written to or taken from the published status
+   COUNTER( adjacenciesReviewed ) // via sets processed
+   COUNTER( adjacenciesWritten )  // versions of L2 adjacencies written to the hardware configuration
+   COUNTER( adjacenciesRefused )
+   COUNTER( adjacenciesRetried )
+   COUNTER( viaSetsReceived )    // announcements of via sets and their vias
+   COUNTER( nextHopsReceived )   // changes of what next hops resolve to
+   COUNTER( reportsLate )        // of a version that has been replaced, or of what is not there (any more)
+   ENTITY_END_IN_SOURCE
+   // clang-format on
+
+ public:
+   std::string name() const override { return "mplsSmCounters"; }
+};
+
+} // namespace Vel
