@@ -251,7 +251,7 @@ std::string ProgramResult::reasonOf( const Found& found, const ResultRoute& rout
 // In the order of the way into hardware: the first obstacle is the one to remove.
 std::string ProgramResult::unprogrammedReason( const Found& found,
                                                const ResultRoute& route ) const {
-   if ( const std::string fault = agent_.mplsSm().mplsIpLFibViaSetFault( found.lfib.viaSetKey );
+   if ( const std::string fault = agent_.mplsSm().lFibViaSetFault( found.lfib.viaSetKey );
         !fault.empty() ) {
       return faultReason( fault, route );
    }

@@ -85,9 +85,9 @@ class ClauseParser {
             return;
          }
          label( FaultKind::forgetLabel );
-      } else if ( verb == "not-ready" ) {
+      } else if ( verb == "not-ready" || verb == "link-down" ) {
          const std::string_view name = words_.next();
-         fault_.kind = FaultKind::notReady;
+         fault_.kind = verb == "not-ready" ? FaultKind::notReady : FaultKind::linkDown;
          fault_.intf = findIntf_ ? findIntf_( name ) : IntfId();
          if ( fault_.intf.empty() ) {
             why_ = joinText( "there is no interface \"", name, "\"" );
@@ -99,10 +99,12 @@ class ClauseParser {
          number( FaultKind::routeCapacity );
       } else if ( verb == "adjacency-capacity" ) {
          number( FaultKind::adjacencyCapacity );
+      } else if ( verb == "fec-capacity" ) {
+         number( FaultKind::fecCapacity );
       } else {
          why_ = joinText( "\"", verb,
-                          "\" is no fault; there are refuse, forget, not-ready, late, "
-                          "route-capacity and adjacency-capacity" );
+                          "\" is no fault; there are refuse, forget, not-ready, link-down, late, "
+                          "route-capacity, adjacency-capacity and fec-capacity" );
       }
    }
 
@@ -251,6 +253,24 @@ double FaultPlan::lateness( double now ) const {
       }
    }
    return seconds;
+}
+
+bool FaultPlan::onInterface( FaultKind kind, IntfId intf, double now ) const {
+   return std::ranges::any_of( faults_, [&]( const Fault& fault ) {
+      return fault.kind == kind && fault.intf == intf && holds( fault, now );
+   } );
+}
+
+double FaultPlan::nextChange( double now ) const {
+   double next = std::numeric_limits< double >::infinity();
+   for ( const Fault& fault : faults_ ) {
+      for ( const double edge : { start_ + fault.from, start_ + fault.until } ) {
+         if ( edge > now ) {
+            next = std::min( next, edge );
+         }
+      }
+   }
+   return next;
 }
 
 size_t FaultPlan::capacity( FaultKind kind, double now, size_t otherwise ) const {

@@ -5,7 +5,8 @@
 //
 //    refuse operation 7 RouteFull      refuse label 16001 until 25      refuse adjacency 3
 //    not-ready eth1 from 5 until 8     late 0.5                         forget label 16002
-//    route-capacity 100 from 15        adjacency-capacity 8 from 15
+//    route-capacity 100 from 15        adjacency-capacity 8 from 15     fec-capacity 8 until 20
+//    link-down eth1 from 30
 //
 // Whatever a plan says, the switch keeps the driver contract: it refuses, it is slow, it is full.
 // `forget` is the exception that proves the rule: hardware that loses an operation gives no answer.
@@ -29,11 +30,13 @@ enum class FaultKind : uint8_t {
    refuseOperation,   ///< the writing of that number, counted over adjacencies and routes from 1
    refuseLabel,       ///< each writing of that route
    refuseAdjacency,   ///< each writing of that L2 adjacency
-   notReady,          ///< each writing of an adjacency that leaves by that interface
+   notReady,          ///< each writing of an adjacency or FEC that leaves by that interface
    late,              ///< answers to what is written come so many seconds later
    forgetLabel,       ///< each writing of that route is lost
+   linkDown,          ///< the interface is down
    routeCapacity,     ///< the capacity is another
    adjacencyCapacity, ///< the capacity is another
+   fecCapacity,       ///< the capacity is another
 };
 
 struct Fault {
@@ -68,6 +71,14 @@ class FaultPlan {
    bool forgets( const Operation& operation, double now ) const;
    /// Seconds by which the answer to what is written now comes later.
    double lateness( double now ) const;
+   bool notReady( IntfId intf, double now ) const {
+      return onInterface( FaultKind::notReady, intf, now );
+   }
+   bool linkDown( IntfId intf, double now ) const {
+      return onInterface( FaultKind::linkDown, intf, now );
+   }
+   /// The next time at which a fault begins or ends; infinite when none does.
+   double nextChange( double now ) const;
    /// The capacity of that kind, or `otherwise` when the plan has nothing to say.
    size_t capacity( FaultKind kind, double now, size_t otherwise ) const;
 
@@ -75,6 +86,8 @@ class FaultPlan {
    bool holds( const Fault& fault, double now ) const {
       return now - start_ >= fault.from && now - start_ < fault.until;
    }
+
+   bool onInterface( FaultKind kind, IntfId intf, double now ) const;
 
    std::vector< Fault > faults_;
    U64 writings_ = 0;

@@ -31,8 +31,8 @@ std::string labelText( U32 label ) {
 /// One frame on its way through.
 class Passage {
  public:
-   Passage( const HwRouteTable& routes, MacAddr switchMac )
-      : routes_( routes ), switchMac_( switchMac ) {}
+   Passage( const HwRouteTable& routes, MacAddr switchMac, const Links& links, const FecUnit* fecs )
+      : routes_( routes ), switchMac_( switchMac ), links_( links ), fecs_( fecs ) {}
 
    ForwardResult run( ByteView frame ) {
       if ( read( frame ) ) {
@@ -63,6 +63,8 @@ class Passage {
 
    bool read( ByteView frame );
    const L2Via* lookup();
+   const L2Via* viaOf( const HwAdjacency& adjacency );
+   const L2Via* wayOutOf( const HwRoute& route );
    bool popHere( const L2Via& via );
    bool leave( const L2Via& via );
    bool labelsFit( const L2Via& via );
@@ -76,6 +78,9 @@ class Passage {
 
    const HwRouteTable& routes_;
    MacAddr switchMac_;
+   const Links& links_;
+   const FecUnit* fecs_;
+   L2Via wayOut_; // of a route into a FEC
    ForwardResult result_;
    Bytes packet_;       // the frame from the label stack on
    size_t at_ = 0;      // where the top entry begins
@@ -123,11 +128,36 @@ const L2Via* Passage::lookup() {
       const RouteKey key( label( 0 ), label( 1 ), label( 2 ) );
       if ( const HwRoute* const route = routes_.find( key ) ) {
          result_.routeKey = key;
-         const auto& vias = route->adjacency->l2Via();
-         return &vias[hash_ % vias.size()];
+         if ( route->fec ) {
+            return wayOutOf( *route );
+         }
+         return viaOf( *route->adjacency );
       }
    }
    drop( DropReason::noRoute, "no route for " + labelText( top_.label ) );
+   return nullptr;
+}
+
+// From the via that the flow takes when all links are up.
+const L2Via* Passage::viaOf( const HwAdjacency& adjacency ) {
+   const std::vector< L2Via >& vias = adjacency.l2Via();
+   for ( size_t i = 0; i < vias.size(); ++i ) {
+      const L2Via& via = vias[( hash_ + i ) % vias.size()];
+      if ( links_.allUp() || links_.up( via.intf ) ) {
+         return &via;
+      }
+   }
+   drop( DropReason::noUsableVia,
+         joinText( labelText( top_.label ), ": every interface of its vias is down" ) );
+   return nullptr;
+}
+
+const L2Via* Passage::wayOutOf( const HwRoute& route ) {
+   std::string why = "this hardware has no FECs";
+   if ( fecs_ && fecs_->wayOut( route, hash_, wayOut_, why ) ) {
+      return &wayOut_;
+   }
+   drop( DropReason::noUsableVia, joinText( labelText( top_.label ), ": ", why ) );
    return nullptr;
 }
 
@@ -245,8 +275,9 @@ bool Passage::leave( const L2Via& via ) {
 
 } // namespace
 
-ForwardResult forwardFrame( const HwRouteTable& routes, ByteView frame, MacAddr switchMac ) {
-   return Passage( routes, switchMac ).run( frame );
+ForwardResult forwardFrame( const HwRouteTable& routes, ByteView frame, MacAddr switchMac,
+                            const Links& links, const FecUnit* fecs ) {
+   return Passage( routes, switchMac, links, fecs ).run( frame );
 }
 
 U64 flowHash( ByteView packet ) {

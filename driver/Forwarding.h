@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/FecUnit.h"
 #include "driver/Frame.h"
 #include "driver/HwTables.h"
 
@@ -42,6 +43,7 @@ enum class DropReason : uint8_t {
    payloadUnknown = 9, ///< what a pop laid bare is not what it should be
    badVia = 10,        ///< the hardware holds a via that makes no sense
    routingDisabled = 11,
+   noUsableVia = 12, ///< all links are down, or the FEC has no way out
 };
 
 /// A frame as it leaves.
@@ -61,8 +63,10 @@ struct ForwardResult {
    Mpls::RouteKey routeKey; ///< of the last route that was used, null when there was none
 };
 
-/// Forwards one frame by the routes of one VRF. `switchMac` becomes the source address.
-ForwardResult forwardFrame( const HwRouteTable& routes, ByteView frame, MacAddr switchMac );
+/// Forwards one frame by the routes of one VRF. `switchMac` becomes the source address; `fecs` may
+/// be null when no route forwards into a FEC.
+ForwardResult forwardFrame( const HwRouteTable& routes, ByteView frame, MacAddr switchMac,
+                            const Links& links, const FecUnit* fecs );
 
 /// The number that picks the via: over the labels of the stack (up to 16 of them) and, for IP below
 /// it, the flow. Special-purpose labels take no part, as RFC 6790 section 4.3 demands; entropy
@@ -74,7 +78,7 @@ U64 flowHash( ByteView packet );
 template<>
 struct Vel::EnumNames< Vel::Driver::DropReason > {
    using Reason = Vel::Driver::DropReason;
-   static constexpr std::array< std::pair< Reason, std::string_view >, 12 > names{
+   static constexpr std::array< std::pair< Reason, std::string_view >, 13 > names{
       { { Reason::none, "none" },
         { Reason::frameTooShort, "frameTooShort" },
         { Reason::notMpls, "notMpls" },
@@ -86,5 +90,6 @@ struct Vel::EnumNames< Vel::Driver::DropReason > {
         { Reason::noWayOut, "noWayOut" },
         { Reason::payloadUnknown, "payloadUnknown" },
         { Reason::badVia, "badVia" },
-        { Reason::routingDisabled, "routingDisabled" } } };
+        { Reason::routingDisabled, "routingDisabled" },
+        { Reason::noUsableVia, "noUsableVia" } } };
 };

@@ -5,7 +5,7 @@
 // changes when an operation is carried out and not when somebody edits an entity. A route keeps
 // its adjacency alive: whatever the library does wrong, forwarding never meets a dangling one.
 //
-// Cost: 16 bytes a route in pages of 64 neighbouring labels, one look-up without a hash.
+// Cost: 24 bytes a route in pages of 64 neighbouring labels, one look-up without a hash.
 
 #pragma once
 
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "mpls/VelMplsHwTypes.h"
+#include "platform/FecTables.h"
 
 namespace Vel::Driver {
 
@@ -64,10 +65,51 @@ class HwAdjacency {
    std::vector< Mpls::Hardware::L2Via > l2Via_;
 };
 
-/// A label route in hardware.
+/// A FEC in hardware, as the hardware's side of its id.
+struct HwFec {
+   HwFec( Fib::FecId id, U64 hardwareId ) : fecId( id ), hwId( hardwareId ) {}
+   HwFec( const HwFec& ) = delete;
+   HwFec& operator=( const HwFec& ) = delete;
+
+   /// The vias but the one into the backup, which is the last.
+   size_t primaries() const { return via.size() - ( backupFecId == Fib::FecId() ? 0 : 1 ); }
+
+   Fib::FecId fecId;
+   U64 hwId; ///< what routes name it by; never 0
+   L3::VrfName vrfName;
+   std::vector< Fib::FecVia > via; ///< none once it has been taken out of hardware
+   Fib::FecId backupFecId;
+   U64 routes = 0; ///< that forward into it
+
+   void referenceAcquire() const { ++references_; }
+   void referenceRelease() const {
+      if ( --references_ == 0 ) {
+         delete this;
+      }
+   }
+
+ private:
+   ~HwFec() = default;
+
+   mutable U32 references_ = 0;
+};
+
+/// What a route does with the label before its FEC does. Without initial values, so that it can
+/// share its place with a version.
+struct FecRouteOperation {
+   MplsLabelAction action;
+   Mpls::PayloadType payloadType;
+   Mpls::TtlMode ttlMode;
+};
+
+/// A label route in hardware: with an adjacency, or into a FEC.
 struct HwRoute {
-   Ptr< HwAdjacency > adjacency; ///< never null
-   U64 version = 0;              ///< that was carried out
+   Ptr< HwAdjacency > adjacency; ///< null for a route into a FEC
+   Ptr< HwFec > fec;             ///< null for a route with an adjacency
+   union {
+      U64 version = 0; ///< that was carried out, with an adjacency
+      FecRouteOperation operation;
+   };
 };
 
 using HwRouteTable = LabelIndexed< Mpls::RouteKey, HwRoute >;
@@ -96,9 +138,11 @@ struct HwVrf {
    bool mplsRouting = false;
    HwRouteTable route;
    HashSet< Ptr< HwAdjacency > > adjacency; ///< those in hardware
-   /// What the driver has put into `unprogrammedRoute` and `unprogrammedAdjacency` and is still
-   /// there. The library puts keys there too; those are not the driver's to take off.
+   /// What is wanted and not in hardware, and why.
    Ptr< SwitchVrfStatus > refused;
+   /// Of the refused routes, those that the driver itself has put into `unprogrammedRoute` and that
+   /// are still there.
+   LabelSet< Mpls::RouteKey > listedRoute;
    Ptr< MplsHwVrfStatus > status;
 };
 

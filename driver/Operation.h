@@ -27,20 +27,24 @@ enum class OperationKind : uint8_t {
    adjacencyRemoved,
    routeWritten,
    routeRemoved,
+   fecChanged,    ///< the version is the FEC id
+   syncRequested, ///< all requests of a start have been written
 };
 } // namespace Vel::Driver
 
 template<>
 struct Vel::EnumNames< Vel::Driver::OperationKind > {
    using Kind = Vel::Driver::OperationKind;
-   static constexpr std::array< std::pair< Kind, std::string_view >, 7 > names{
+   static constexpr std::array< std::pair< Kind, std::string_view >, 9 > names{
       { { Kind::vrfMade, "vrfMade" },
         { Kind::vrfGone, "vrfGone" },
         { Kind::mplsRouting, "mplsRouting" },
         { Kind::adjacencyWritten, "adjacencyWritten" },
         { Kind::adjacencyRemoved, "adjacencyRemoved" },
         { Kind::routeWritten, "routeWritten" },
-        { Kind::routeRemoved, "routeRemoved" } } };
+        { Kind::routeRemoved, "routeRemoved" },
+        { Kind::fecChanged, "fecChanged" },
+        { Kind::syncRequested, "syncRequested" } } };
 };
 
 namespace Vel::Driver {

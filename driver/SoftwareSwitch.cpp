@@ -23,24 +23,23 @@ void withdraw( MplsHwVrfStatus& status ) {
 /// Notices that a key has left the list, whoever took it off.
 class ListReactor : public MplsHwVrfStatus::Reactor {
  public:
-   ListReactor( const MplsHwVrfStatus* status, SwitchVrfStatus& refused ) : refused_( refused ) {
-      notifierIs( status );
-   }
+   ListReactor( const MplsHwVrfStatus* status, HwVrf& vrf ) : vrf_( vrf ) { notifierIs( status ); }
    void onUnprogrammedRoute( RouteKey key ) override {
       if ( !notifier()->unprogrammedRouteHas( key ) ) {
-         refused_.refusedRouteDel( key );
+         vrf_.listedRoute.erase( key );
+         vrf_.refused->refusedRouteDel( key );
       }
    }
 
  private:
-   SwitchVrfStatus& refused_;
+   HwVrf& vrf_;
 };
 
 } // namespace
 
 struct SoftwareSwitch::Vrf : HwVrf {
    Vrf( VrfId id, MplsHwVrfStatus* hwStatus, SwitchVrfStatus* refusals )
-      : HwVrf( id, hwStatus, refusals ), listReactor( hwStatus, *refusals ) {}
+      : HwVrf( id, hwStatus, refusals ), listReactor( hwStatus, *this ) {}
 
    ListReactor listReactor;
 };
@@ -58,29 +57,42 @@ class SoftwareSwitch::ConfigReactor : public MplsHwConfig::Reactor {
 
 class SoftwareSwitch::TaskReactor : public TimerTask::Reactor {
  public:
-   explicit TaskReactor( SoftwareSwitch& owner ) : owner_( owner ) {
-      notifierIs( owner.task_.get() );
+   TaskReactor( SoftwareSwitch& owner, const TimerTask* task, void ( SoftwareSwitch::*run )() )
+      : owner_( owner ), run_( run ) {
+      notifierIs( task );
    }
-   void onTaskRun() override { owner_.run(); }
+   void onTaskRun() override { ( owner_.*run_ )(); }
 
  private:
    SoftwareSwitch& owner_;
+   void ( SoftwareSwitch::*run_ )();
 };
 
 // --- The owner's side.
 
 SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > hwStatus,
-                                Ptr< Scheduler > scheduler, SwitchSettings settings )
+                                Ptr< Scheduler > scheduler, SwitchSettings settings,
+                                FecPlatform fecPlatform )
    : config_( std::move( config ) ),
      hwStatus_( std::move( hwStatus ) ),
      settings_( std::move( settings ) ),
      task_( scheduler->taskIs( "softwareSwitch", TaskPriority::normal ) ),
      queue_( task_, settings_.serviceTimeSeconds ),
-     status_( make< SwitchStatus >( queue_, settings_.breachIsFatal ) ) {
-   taskReactor_ = std::make_unique< TaskReactor >( *this );
+     status_( make< SwitchStatus >( queue_, settings_.breachIsFatal ) ),
+     faultTask_( scheduler->taskIs( "softwareSwitchFaults", TaskPriority::normal ) ),
+     links_( settings_.faults, *scheduler->clock() ) {
+   taskReactor_ = std::make_unique< TaskReactor >( *this, task_.get(), &SoftwareSwitch::run );
+   faultTaskReactor_ =
+      std::make_unique< TaskReactor >( *this, faultTask_.get(), &SoftwareSwitch::faultsChanged );
    settings_.faults.startIs( now() );
    if ( !settings_.faults.empty() ) {
       queue_.latenessIs( [this]( double at ) { return settings_.faults.lateness( at ); } );
+   }
+   faultTask_->runAfter( settings_.faults.nextChange( now() ) - now() );
+   if ( fecPlatform.present() ) {
+      fecUnit_ = std::make_unique< FecUnit >( std::move( fecPlatform ), queue_, *status_,
+                                              settings_.faults, links_, *scheduler->clock() );
+      fecUnit_->capacityIs( settings_.fecCapacity );
    }
    forgetEarlierDriver();
    configReactor_ = std::make_unique< ConfigReactor >( *this );
@@ -114,7 +126,7 @@ void SoftwareSwitch::forgetEarlierDriver() {
 ForwardResult SoftwareSwitch::forward( VrfId vrfId, ByteView frame ) {
    ForwardResult result;
    if ( const HwVrf* const there = vrf( vrfId ); there && there->mplsRouting ) {
-      result = forwardFrame( there->route, frame, settings_.macAddr );
+      result = forwardFrame( there->route, frame, settings_.macAddr, links_, fecUnit_.get() );
    } else {
       result.drop = DropReason::routingDisabled;
       result.text = joinText( "label forwarding is off in vrf ", vrfId );
@@ -136,6 +148,12 @@ const HwRoute* SoftwareSwitch::route( VrfId vrfId, RouteKey key ) const {
 void SoftwareSwitch::capacityIs( size_t routes, size_t adjacencies ) {
    settings_.routeCapacity = routes;
    settings_.adjacencyCapacity = adjacencies;
+}
+
+void SoftwareSwitch::linkIs( IntfId intf, bool up ) {
+   if ( links_.upIs( intf, up ) && fecUnit_ ) {
+      fecUnit_->reportStates();
+   }
 }
 
 // --- The queue.
@@ -169,11 +187,21 @@ void SoftwareSwitch::carryOut( Operation operation ) {
       removeVrf( operation.vrfId );
       return;
    }
+   if ( operation.kind == OperationKind::fecChanged ) {
+      fecUnit_->sync( Fib::FecId( operation.version ) );
+      return;
+   }
+   if ( operation.kind == OperationKind::syncRequested ) {
+      fecUnit_->syncDone();
+      return;
+   }
    // Already there when the status is made at once; made again when a VRF went and came back.
    HwVrf& vrf = makeVrf( operation.vrfId );
    switch ( operation.kind ) {
    case OperationKind::vrfMade:
    case OperationKind::vrfGone:
+   case OperationKind::fecChanged:
+   case OperationKind::syncRequested:
       break;
    case OperationKind::mplsRouting:
       vrf.mplsRouting = operation.version != 0;
@@ -219,7 +247,7 @@ void SoftwareSwitch::removeVrf( VrfId vrfId ) {
    HwVrf& vrf = **found;
    status_->routes_ -= vrf.route.size();
    status_->adjacencies_ -= vrf.adjacency.size();
-   for ( const auto& [key, reason] : vrf.refused->refusedRoute() ) {
+   for ( const RouteKey key : vrf.listedRoute ) {
       vrf.status->unprogrammedRouteDel( key );
    }
    withdraw( *vrf.status );
@@ -334,6 +362,7 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
       const MplsHwVrfConfig* const config = configOf( vrf );
       if ( config && config->routeHas( key ) ) {
          vrf.refused->refusedRouteIs( key, reason );
+         vrf.listedRoute.insert( key );
          vrf.status->unprogrammedReasonIs( reason );
          vrf.status->unprogrammedRouteIs( key );
       }
@@ -341,7 +370,7 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
    }
    const MplsHwRoute done{ key, operation.adjacency->l2Adjacency(), operation.version };
    const auto [route, made] = vrf.route.emplace( key );
-   route->adjacency = std::move( operation.adjacency );
+   routeMoved( *route, std::move( operation.adjacency ), nullptr );
    route->version = operation.version;
    status_->routes_ += made;
    if ( vrf.status->unprogrammedRouteHas( key ) ) { // by whomever: the configuration holds it
@@ -350,18 +379,99 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
    vrf.status->routeIs( done );
 }
 
+// A route into a FEC has taken the place of the one with the adjacency; it is not the
+// configuration's to remove.
 void SoftwareSwitch::removeRoute( HwVrf& vrf, RouteKey key ) {
-   takeRouteOut( vrf, key );
-   if ( vrf.refused->refusedRouteHas( key ) ) { // else the library has taken it off already
+   const HwRoute* const route = vrf.route.find( key );
+   if ( route == nullptr || !route->fec ) {
+      takeRouteOut( vrf, key );
+   } else {
+      vrf.status->routeDel( key );
+   }
+   if ( vrf.listedRoute.has( key ) ) { // else the library has taken it off already
       vrf.status->unprogrammedRouteDel( key );
    }
 }
 
 void SoftwareSwitch::takeRouteOut( HwVrf& vrf, RouteKey key ) {
-   if ( vrf.route.erase( key ) ) {
+   if ( HwRoute* const route = vrf.route.find( key ) ) {
+      routeMoved( *route, nullptr, nullptr );
+      vrf.route.erase( key );
       --status_->routes_;
       vrf.status->routeDel( key );
    }
+}
+
+void SoftwareSwitch::routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec ) {
+   if ( fec ) {
+      ++fec->routes;
+   }
+   if ( route.fec ) {
+      --route.fec->routes;
+   }
+   route.adjacency = std::move( adjacency );
+   route.fec = std::move( fec );
+}
+
+// --- Routes into FECs.
+
+UnprogrammedReason SoftwareSwitch::fecRouteRefusal( const HwVrf& vrf, RouteKey key,
+                                                    const HwFec* fec ) {
+   if ( fec == nullptr ) {
+      return UnprogrammedReason::InterfaceNotReady;
+   }
+   const size_t room = capacity( FaultKind::routeCapacity );
+   if ( room != 0 && routes() >= room && !vrf.route.has( key ) ) {
+      return UnprogrammedReason::RouteFull;
+   }
+   return planned( { .kind = OperationKind::routeWritten, .vrfId = vrf.vrfId, .routeKey = key },
+                   nullptr );
+}
+
+UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hwFecId,
+                                               FecRouteOperation operation ) {
+   ++status_->operations_;
+   HwVrf& vrf = makeVrf( vrfId );
+   const Ptr< HwFec > fec = fecUnit_ ? fecUnit_->fec( hwFecId ) : nullptr;
+   const UnprogrammedReason reason = fecRouteRefusal( vrf, key, fec.get() );
+   if ( reason != UnprogrammedReason::Success ) {
+      ++status_->refused_;
+      VEL_RING( traceHandle, "refused routeKey, reason", key, reason );
+      takeRouteOut( vrf, key );
+      vrf.refused->refusedRouteIs( key, reason );
+      return reason;
+   }
+   vrf.refused->refusedRouteDel( key );
+   const auto [route, made] = vrf.route.emplace( key );
+   status_->routes_ += made;
+   routeMoved( *route, nullptr, fec );
+   route->operation = operation;
+   return UnprogrammedReason::Success;
+}
+
+void SoftwareSwitch::fecRouteDel( VrfId vrfId, RouteKey key ) {
+   ++status_->operations_;
+   const std::unique_ptr< Vrf >* const found = vrf_.find( vrfId );
+   if ( found == nullptr ) {
+      return;
+   }
+   HwVrf& vrf = **found;
+   const HwRoute* const route = vrf.route.find( key );
+   if ( route && route->fec ) {
+      takeRouteOut( vrf, key );
+   }
+   if ( !vrf.listedRoute.has( key ) ) {
+      vrf.refused->refusedRouteDel( key );
+   }
+}
+
+// A fault has begun or ended.
+void SoftwareSwitch::faultsChanged() {
+   if ( fecUnit_ ) {
+      fecUnit_->retryWaiting();
+      fecUnit_->reportStates();
+   }
+   faultTask_->runAfter( settings_.faults.nextChange( now() ) - now() );
 }
 
 } // namespace Vel::Driver

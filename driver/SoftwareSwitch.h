@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "driver/FaultPlan.h"
+#include "driver/FecUnit.h"
 #include "driver/Forwarding.h"
 #include "driver/HwTables.h"
 #include "driver/SwitchStatus.h"
@@ -40,6 +41,7 @@ struct SwitchSettings {
 
    size_t routeCapacity = 0;      ///< routes that fit into hardware; 0: no limit
    size_t adjacencyCapacity = 0;  ///< L2 adjacencies that fit; 0: no limit
+   size_t fecCapacity = 0;        ///< FECs that fit; 0: no limit
    double serviceTimeSeconds = 0; ///< for each operation
    /// A VRF's status is made while the configuration is being written, not when the queue gets
    /// there.
@@ -55,10 +57,11 @@ struct SwitchSettings {
 
 class SoftwareSwitch {
  public:
-   /// Starts with empty hardware. What the status still says of an earlier driver is withdrawn, and
-   /// what the configuration holds is queued.
+   /// Starts with empty hardware, which has FECs when there is a platform for them. What the status
+   /// still says of an earlier driver is withdrawn, and what the configuration holds is queued.
    SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > hwStatus,
-                   Ptr< Scheduler > scheduler, SwitchSettings settings = {} );
+                   Ptr< Scheduler > scheduler, SwitchSettings settings = {},
+                   FecPlatform fecPlatform = {} );
    SoftwareSwitch( const SoftwareSwitch& ) = delete;
    SoftwareSwitch& operator=( const SoftwareSwitch& ) = delete;
    /// The status stays as it is, as after a driver's sudden end.
@@ -82,6 +85,17 @@ class SoftwareSwitch {
 
    /// The capacities, from the next operation on. What is in hardware stays there.
    void capacityIs( size_t routes, size_t adjacencies );
+   /// A link goes down or comes up. Protected FECs change over at once.
+   void linkIs( IntfId intf, bool up );
+   /// The FECs; null for hardware without them.
+   FecUnit* fecUnit() const { return fecUnit_.get(); }
+
+   /// Points a route at the FEC of that hardware id, at once; says why it cannot. A route that is
+   /// refused is not in hardware, whatever was there before.
+   UnprogrammedReason fecRouteIs( VrfId vrfId, Mpls::RouteKey key, U64 hwFecId,
+                                  FecRouteOperation operation );
+   /// Takes a route into a FEC out of hardware.
+   void fecRouteDel( VrfId vrfId, Mpls::RouteKey key );
    /// The question of the settings, from the next operation on.
    void refuseIs( SwitchSettings::Refuse refuse ) { settings_.refuse = std::move( refuse ); }
 
@@ -102,6 +116,9 @@ class SoftwareSwitch {
    void writeRoute( HwVrf& vrf, Operation operation );
    void removeRoute( HwVrf& vrf, Mpls::RouteKey key );
    void takeRouteOut( HwVrf& vrf, Mpls::RouteKey key );
+   UnprogrammedReason fecRouteRefusal( const HwVrf& vrf, Mpls::RouteKey key, const HwFec* fec );
+   void routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec );
+   void faultsChanged();
    UnprogrammedReason adjacencyRefusal( const Operation& operation,
                                         const Mpls::Hardware::L2ViaSet& vias );
    UnprogrammedReason routeRefusal( const HwVrf& vrf, const Operation& operation );
@@ -117,11 +134,15 @@ class SoftwareSwitch {
    OperationQueue queue_;
    Ptr< SwitchStatus > status_;
    Hash< VrfId, std::unique_ptr< Vrf > > vrf_;
-   HwVrf* lastVrf_ = nullptr; // of the last operation
+   HwVrf* lastVrf_ = nullptr;   // of the last operation
+   Ptr< TimerTask > faultTask_; // where a fault begins or ends
+   Links links_;
+   std::unique_ptr< FecUnit > fecUnit_;
    // What hears of changes goes first.
    Hash< VrfId, std::unique_ptr< ConfigWatch > > watch_;
    std::unique_ptr< ConfigReactor > configReactor_;
    std::unique_ptr< TaskReactor > taskReactor_;
+   std::unique_ptr< TaskReactor > faultTaskReactor_;
 };
 
 } // namespace Vel::Driver

@@ -19,6 +19,8 @@ class SwitchStatus : public Entity {
    READ_ONLY( U64, forgotten )        // operations that were lost, by the fault plan
    READ_ONLY( U64, routes )           // in hardware, all VRFs
    READ_ONLY( U64, adjacencies )      // in hardware, all VRFs
+   READ_ONLY( U64, fecs )             // in hardware
+   COLLECTION( Hash, Fib::FecId, UnprogrammedReason, waitingFec ) // requested and not possible now
    DERIVED( breaches )                // of the contract, by the library
    READ_ONLY( U64, framesForwarded )
    READ_ONLY( U64, framesDropped )
@@ -35,6 +37,7 @@ class SwitchStatus : public Entity {
 
  private:
    friend class SoftwareSwitch;
+   friend class FecUnit;
 
    const OperationQueue* queue_; // null once the switch is gone
    BreachLog breachLog_;

@@ -1,8 +1,20 @@
-// MplsSm: where adjacencies are programmed as FECs.
+// MplsSm: FECs. Adjacencies that are programmed as FECs get an identifier, request a hardware FEC
+// with it, and are found again by it when the hardware layer answers.
 //
-// What stands here is the seam: a platform with FECs is recognised, and what would have to be
-// programmed as a FEC, an external FEC or a replication group stays unprogrammed and says so. On a
-// platform without FECs none of it is reached but the releases, which have nothing to release.
+//    L3Adjacency ──> ExternalFecInfo (one for each FEC id) ──request──> FecIdToHwFecIdRequest
+//                        │ hwId <──────────────answer─────────────────── FecIdToHwFecIdResponse
+//    MplsRoute ──────────┘ createOrUpdateRoute( hwId )
+//
+// Every FEC id has its record, also those that this library allocates: the record is how an answer
+// finds its adjacencies and routes, and its end is the end of the id. An adjacency whose FEC id
+// changes is bound to the new record at once; its routes move when the new one is answered, and the
+// old record goes with the last of them. What changes within a FEC keeps the id, and hardware
+// replaces the content in place.
+//
+// Pop. Where a popping adjacency is protected by a popping one, the pop cannot be in the FECs,
+// since a frame would meet it once for the primary and once for the backup's own routes; it
+// travels with the routes instead. Both sides have to agree: until the backup's FEC has no pop
+// either, the primary goes without the backup.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
@@ -11,106 +23,455 @@ namespace Vel {
 
 namespace {
 
-void traceWithoutFecs( const L3Adjacency& l3Adj, std::string_view what ) {
-   MPLS_TRACE( 3, "l3 adj ", l3Adj.index(), " stays unprogrammed: ", what,
-               " are not supported by this version" );
+AddressFamily familyOf( const CachedLFibMplsViaColl& vias ) {
+   for ( const auto& [index, via] : vias.via() ) {
+      if ( !via.nextHop.empty() ) {
+         return via.nextHop.af();
+      }
+   }
+   return ipv4(); // tunnels and groups know their own
+}
+
+// What all vias do with the label; `none` when they differ.
+MplsLabelAction actionOf( const CachedLFibMplsViaColl& vias ) {
+   std::optional< MplsLabelAction > action;
+   for ( const auto& [index, via] : vias.via() ) {
+      if ( action && *action != via.labelAction ) {
+         return MplsLabelAction::none;
+      }
+      action = via.labelAction;
+   }
+   return action.value_or( MplsLabelAction::none );
+}
+
+Fib::FecVia fecViaOf( const Mpls::LfibMplsVia& via ) {
+   return { via.nextHop, via.intf, via.labelAction, via.labelStack, via.payloadType,
+            via.ttlMode, false };
+}
+
+Fib::FecVia dropVia() {
+   Fib::FecVia via;
+   via.drop = true;
+   return via;
 }
 
 } // namespace
 
-// --- L3 adjacencies.
+// --- Identifiers.
 
-bool MplsSm::programMplsIpL3AdjAsFec( VrfMplsState&, L3Adjacency& l3Adj, const Mpls::LfibViaSet&,
-                                      const CachedLFibMplsViaColl& ) {
-   traceWithoutFecs( l3Adj, "adjacencies programmed as FECs" );
+U64 MplsSm::fecNumber() {
+   const U64 index = numAllocator_->getNumber();
+   VEL_ASSERT_TEXT( index != NumAllocator::invalidNumber(),
+                    "index != numAllocator()->invalidNumber()",
+                    "FecId range exhausted, Not possible", "VelMplsSm", name() );
+   return index;
+}
+
+Fib::FecId MplsSm::getOrAllocateMplsFecId( Mpls::LfibViaSetKey viaSetKey, VrfMplsState& vrfState,
+                                           AddressFamily af, bool newFecIdRequired ) {
+   MPLS_TRACE_CALL( 8, " vrf ", vrfState.vrfName(), " LfibViaSetKey ", viaSetKey );
+   const Fib::AdjType wanted = af == ipv6() ? Fib::AdjType::mplsV6Adj : Fib::AdjType::mplsV4Adj;
+   const Fib::FecId cached = vrfState.lFibViaSetToFecId( viaSetKey );
+   if ( cached != Fib::FecId() && cached.adjType() == wanted && !newFecIdRequired ) {
+      return cached;
+   }
+   const U64 index = fecNumber();
+   const Fib::FecId fecId = Fib::FecId::fecIdForAdjType( wanted, index );
+   vrfState.lFibViaSetToFecIdIs( viaSetKey, fecId ); // the older one goes with its record
+   MPLS_TRACE_CALL( 8, ": index: ", index, ", fecId: ", fecId );
+   return fecId;
+}
+
+Fib::FecId MplsSm::getOrAllocateMplsFecIdPerVia( VrfMplsState& vrfState,
+                                                 const Mpls::LfibMplsVia& via ) {
+   MPLS_TRACE_CALL( 8, " vrf ", vrfState.vrfName(), " via ", via );
+   const Fib::FecId cached = vrfState.viaKeyToFecId( via.key );
+   if ( cached != Fib::FecId() ) {
+      MPLS_TRACE_CALL( 8, ": cachedFecId: ", cached );
+      return cached;
+   }
+   const U64 index = fecNumber();
+   const Fib::FecId fecId = Fib::FecId::fecIdForAdjType( Fib::AdjType::mplsMcastViaAdj, index );
+   vrfState.viaKeyToFecIdIs( via.key, fecId );
+   MPLS_TRACE_CALL( 8, ": index: ", index, ", fecId: ", fecId );
+   return fecId;
+}
+
+Fib::FecId MplsSm::getFecIdForRequest( const L3Adjacency& l3Adj,
+                                       const CachedLFibMplsViaColl& lFibVias,
+                                       VrfMplsState& vrfState, bool newFecIdRequired ) {
+   const Mpls::LfibViaSetKey viaSetKey = l3Adj.lFibViaSetKey();
+   MPLS_ASSERT( viaSetKey.viaType() == Mpls::viaTypeMplsIp,
+                "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_", textOf( viaSetKey ) );
+   if ( lFibAdjTypeOf( lFibVias ) != L3AdjLFibAdjType::adjTypeNexthopGroup ) {
+      return getOrAllocateMplsFecId( viaSetKey, vrfState, familyOf( lFibVias ), newFecIdRequired );
+   }
+   MPLS_ASSERT( lFibVias.vias() == 1, "lFibVias->vias() == 1", textOf( viaSetKey ) );
+   const Mpls::LfibMplsVia& via = ( *lFibVias.via().begin() ).value;
+   MPLS_TRACE( 7, "LFib via ", via );
+   const IntfId intf = via.intf;
+   MPLS_ASSERT( Fib::FecIdIntfId::isNexthopGroupIdIntfId( intf ),
+                "FecIdIntfId::isNexthopGroupIdIntfId( intf )", textOf( via ) );
+   return Fib::FecIdIntfId::intfIdToFecId( intf );
+}
+
+Fib::FecId MplsSm::getBackupFecIdForRequest( const Mpls::LfibViaSet& viaSet,
+                                             const VrfMplsState& vrfState ) const {
+   const Mpls::LfibViaSetKey backup = viaSet.backupViaSetKey();
+   return backup.empty() ? Fib::FecId() : vrfState.lFibViaSetToFecId( backup );
+}
+
+void MplsSm::freeMplsFecId( Fib::FecId fecId, VrfMplsState& vrfState ) {
+   MPLS_TRACE_CALL( 8, ": fecId: ", fecId );
+   const Fib::AdjType type = fecId.adjType();
+   if ( type != Fib::AdjType::mplsV4Adj && type != Fib::AdjType::mplsV6Adj ) {
+      return; // of a via, or another agent's
+   }
+   numAllocator_->releaseNumber( fecId.index() );
+   if ( const ExternalFecInfo* const info = vrfState.extFecInfo( fecId ) ) {
+      if ( vrfState.lFibViaSetToFecId( info->lFibViaSetKey() ) == fecId ) {
+         vrfState.lFibViaSetToFecIdDel( info->lFibViaSetKey() );
+      }
+   }
+}
+
+// --- MPLS-over-IP adjacencies as FECs.
+
+void MplsSm::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                 const Mpls::LfibViaSet& viaSet,
+                                 const Ptr< CachedLFibMplsViaColl >& mplsVias ) {
+   MPLS_ASSERT( mplsVias, "mplsVias", l3Adj.fullName() );
+   MPLS_ASSERT( mplsVias->vias(), "mplsVias->vias()", l3Adj.fullName() );
+   MPLS_TRACE( 7, "LFib via set ", viaSet.key(), " via size ", mplsVias->vias() );
+   MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", mplsVias->vias() );
+   l3Adj.labelActionIs( actionOf( *mplsVias ) );
+   const bool popMoves = processRemovePopDependencies( vrfState, l3Adj );
+   const Fib::FecId fecId = getFecIdForRequest( l3Adj, *mplsVias, vrfState, popMoves );
+   const Ptr< ExternalFecInfo > before = l3Adj.extFecInfo();
+   // Before the content, which depends on it; nothing can have been requested of a new one yet.
+   extFecInfoMake( vrfState, fecId ).popLabelActionRemovedIs( shouldRemovePop( vrfState, l3Adj ) );
+   createFecForRequestAndUpdateL3Adj( vrfState, l3Adj, viaSet, *mplsVias, fecId );
+   if ( before != l3Adj.extFecInfo() ) {
+      for ( const U64 primary : l3Adj.primaryAdj() ) { // they name the FEC that was
+         MPLS_TRACE( 3, "add l3 adj ", primary, " for review" );
+         vrfState.l3AdjForReviewIs( primary );
+      }
+   }
+   ProgrammableMplsFecVias vias;
+   for ( const auto& [viaIndex, via] : mplsVias->via() ) {
+      vias.viaIs( viaIndex, via );
+   }
+   vias.progActionIs( MplsFecProgAction::programAction );
+   setHwAdjacencyVias( vrfState, l3Adj, viaSet, vias, lFibAdjTypeOf( *mplsVias ) );
+}
+
+// Whether the adjacency's pop has to travel with its routes: when it pops, protects or is
+// protected, and all that share the protection pop. With one that does not pop among them, each FEC
+// keeps its own operation.
+bool MplsSm::shouldRemovePop( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const {
+   const L3Adjacency* const backup = l3Adj.primaryAdjs() != 0 ? &l3Adj : l3Adj.backupAdj().get();
+   if ( backup == nullptr || backup->labelAction() != MplsLabelAction::pop ||
+        l3Adj.labelAction() != MplsLabelAction::pop ) {
+      return false;
+   }
+   for ( const U64 index : backup->primaryAdj() ) {
+      const L3Adjacency* const primary = vrfState.l3Adjacency( index );
+      if ( primary == nullptr || primary->labelAction() != MplsLabelAction::pop ) {
+         return false;
+      }
+   }
    return true;
 }
 
-bool MplsSm::programExtFecL3Adj( VrfMplsState&, L3Adjacency& l3Adj,
-                                 const Mpls::LfibViaSet& viaSet ) {
-   if ( !forwardingIntoExternalFecsSupported() ) {
-      MPLS_TRACE( 3, "External FEC not supported on this platform; skipping l3 adj" );
+// Queues the other side where the answer for it has changed as well. True when this adjacency
+// needs a new FEC id, since routes that go into the old one have to keep what they have.
+bool MplsSm::processRemovePopDependencies( VrfMplsState& vrfState, const L3Adjacency& l3Adj ) {
+   const auto changed = [&]( const L3Adjacency& other ) {
+      ExternalFecInfo* const info = other.extFecInfo().get();
+      if ( info == nullptr ) {
+         return false; // it is still to be processed
+      }
+      info->shouldRemovePopLabelActionIs( shouldRemovePop( vrfState, other ) );
+      return info->shouldRemovePopLabelAction() != info->popLabelActionRemoved();
+   };
+   const auto queueIfChanged = [&]( const L3Adjacency& other ) {
+      if ( changed( other ) ) {
+         MPLS_TRACE( 3, "add l3 adj ", other.index(), " for review" );
+         vrfState.l3AdjForReviewIs( other.index() );
+      }
+   };
+   const L3Adjacency* const backup = l3Adj.backupAdj().get();
+   if ( backup ) {
+      queueIfChanged( *backup );
+   }
+   for ( const U64 index : ( backup ? *backup : l3Adj ).primaryAdj() ) {
+      const L3Adjacency* const primary = vrfState.l3Adjacency( index );
+      if ( primary && primary != &l3Adj ) {
+         queueIfChanged( *primary );
+      }
+   }
+   if ( !changed( l3Adj ) ) {
       return false;
    }
-   traceWithoutFecs( l3Adj, viaSet.null() ? "deleted via sets" : "external FECs" );
-   return false;
+   MPLS_TRACE( 3, "remove pop from extFecInfo for l3 adj ", l3Adj.index(), " changed to ",
+               l3Adj.extFecInfo()->shouldRemovePopLabelAction(), ", request new fec id" );
+   return true;
 }
 
-void MplsSm::processMplsMulticastAdj( VrfMplsState& vrfState, U64 index ) {
-   traceWithoutFecs( *vrfState.l3Adjacency( index ), "replication groups" );
+// The FEC of the backup, once both FECs agree on where the pop is; else none.
+Fib::FecId MplsSm::backupFecIdToRequest( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                                         const Mpls::LfibViaSet& viaSet, bool popRemoved ) const {
+   const Fib::FecId fecId = getBackupFecIdForRequest( viaSet, vrfState );
+   const ExternalFecInfo* const backup = vrfState.extFecInfo( fecId );
+   if ( !l3Adj.backupAdj() || backup == nullptr ) {
+      return {};
+   }
+   if ( backup->popLabelActionRemoved() != popRemoved ) {
+      MPLS_TRACE( 3, "skipping adding backup fec to fec request for l3 adj ", l3Adj.index(),
+                  " until backup adj popLabelActionRemoved matches ", popRemoved );
+      MPLS_ASSERT( vrfState.l3AdjForReviewHas( l3Adj.backupAdj()->index() ),
+                   "vrfMplsState->l3AdjForReviewHas( l3Adj->backupAdj()->index() )",
+                   l3Adj.fullName() );
+      return {};
+   }
+   return fecId;
 }
 
-void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
-   leaveRouteUnprogrammed( vrfState, route, l3Adj );
+void MplsSm::createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                                const Mpls::LfibViaSet& viaSet,
+                                                const CachedLFibMplsViaColl& mplsVias,
+                                                Fib::FecId fecId ) {
+   const bool popRemoved = vrfState.extFecInfo( fecId )->popLabelActionRemoved();
+   if ( l3Adj.labelAction() == MplsLabelAction::pop ) {
+      const Mpls::LfibMplsVia& first = ( *mplsVias.via().begin() ).value;
+      l3Adj.ttlModeIs( first.ttlMode );
+      l3Adj.payloadTypeIs( first.payloadType );
+      MPLS_TRACE( 7, "Set ttlMode and payloadType for pop label action, FEC ID: ", fecId,
+                  " ttlMode: ", l3Adj.ttlMode(), " payloadType: ", l3Adj.payloadType() );
+      if ( popRemoved ) {
+         MPLS_TRACE( 7, "Pop action removed from adjacency, FEC ID: ", fecId,
+                     " set it when updating route" );
+      } else {
+         MPLS_TRACE( 7, "Label action set in adjacency, FEC ID: ", fecId );
+      }
+   }
+   const Fib::FecId backup = backupFecIdToRequest( vrfState, l3Adj, viaSet, popRemoved );
+   Fib::Fec fec;
+   fec.fecId = fecId;
+   // A next-hop group's FEC is the group's: what is in it is not ours to say.
+   if ( lFibAdjTypeOf( mplsVias ) != L3AdjLFibAdjType::adjTypeNexthopGroup ) {
+      fec = fecOf( fecId, mplsVias, popRemoved, backup );
+   }
+   Fib6::Fec fec6;
+   fec6.fecId = fecId;
+   if ( fecId.adjType() == Fib::AdjType::mplsV6Adj ) {
+      static_cast< Fib::Fec& >( fec6 ) = std::exchange( fec, Fib::Fec{ fecId, {}, {} } );
+   }
+   requestHwFecIdAndUpdateDependencyMaps( fecId, fec, fec6, vrfState, l3Adj, viaSet.key() );
+   updateBackupExtInfoForExtFecInfo( vrfState, *l3Adj.extFecInfo(), vrfState.extFecInfo( backup ) );
 }
 
-void MplsSm::writeRouteWithMulticast( VrfMplsState& vrfState, MplsRoute& route,
-                                      L3Adjacency& l3Adj ) {
-   leaveRouteUnprogrammed( vrfState, route, l3Adj );
+// The FEC as it is requested: a via for each of the via set, and one for the backup.
+Fib::Fec MplsSm::fecOf( Fib::FecId fecId, const CachedLFibMplsViaColl& mplsVias, bool popRemoved,
+                        Fib::FecId backup ) {
+   Fib::Fec fec{ fecId, {}, {} };
+   if ( !mplsVias.usableAsPrimaryVias() ) {
+      MPLS_TRACE( 7, "Primary vias disabled, using drop vias" );
+   }
+   for ( const auto& [viaIndex, via] : mplsVias.via() ) {
+      if ( !mplsVias.usableAsPrimaryVias() ) {
+         fec.viaAdd( dropVia() );
+         continue;
+      }
+      Fib::FecVia made = fecViaOf( via );
+      if ( popRemoved ) {
+         made.labelAction = MplsLabelAction::none;
+      }
+      fec.viaAdd( made );
+   }
+   if ( backup == Fib::FecId() ) {
+      return fec;
+   }
+   if ( fec.via.size() > Fib::ViaIndex::max ) {
+      MPLS_TRACE( 3, "no room for the backup fec ", backup, " beside the vias of fec ", fecId );
+      return fec;
+   }
+   Fib::FecVia via;
+   via.intf = Fib::FecId::fecIdToHierarchicalIntfId( backup );
+   fec.viaAdd( via );
+   fec.backupFecId = backup;
+   return fec;
 }
 
-// --- What the hardware layer answers. Without requests there is nothing to answer to.
+// --- Requests.
+
+// The record of a FEC id. A new one takes over what is already answered: another VRF's or an
+// earlier user's request may have brought it.
+ExternalFecInfo& MplsSm::extFecInfoMake( VrfMplsState& vrfState, Fib::FecId fecId ) {
+   if ( ExternalFecInfo* const there = vrfState.extFecInfo( fecId ) ) {
+      return *there;
+   }
+   ExternalFecInfo& made = *vrfState.extFecInfoMake( fecId );
+   made.hwIdIs( in_.hwFecIdResponse->hwFecId( fecId ).hwId );
+   return made;
+}
+
+void MplsSm::requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib::Fec& fec4,
+                                                    const Fib6::Fec& fec6, VrfMplsState& vrfState,
+                                                    L3Adjacency& l3Adj,
+                                                    Mpls::LfibViaSetKey viaSetKey ) {
+   MPLS_TRACE_CALL( 7, " vrf ", vrfState.vrfName(), " FecId ", fecId, " Fec4 ", fec4, " Fec6 ",
+                    fec6, " L3Adjacency ", l3Adj.index(), " LFibViaSetKey: ", viaSetKey );
+   MPLS_ASSERT( forwardingIntoExternalFecsSupported(), "forwardingIntoExternalFecsSupported()",
+                textOf( viaSetKey ) );
+   const Ptr< ExternalFecInfo > info = &extFecInfoMake( vrfState, fecId );
+   info->lFibViaSetKeyIs( viaSetKey );
+   bindL3AdjToExtFecInfo( vrfState, l3Adj, info );
+   if ( viaSetKey.viaType() == Mpls::viaTypeExternalFec ) {
+      updateBackupExtInfoForExtFecInfo( vrfState, *info,
+                                        extFecBackupOf( vrfState, *info, viaSetKey ) );
+   }
+   FecIdToHwFecIdRequest& request = *in_.hwFecIdRequest;
+   if ( !fec4.empty() ) {
+      request.fecIs( fec4 ); // an equal one is no change
+   } else {
+      request.fecDel( fecId );
+   }
+   if ( !fec6.empty() ) {
+      request.fec6Is( fec6 );
+   } else {
+      request.fec6Del( fecId );
+   }
+   request.hwFecIdRequestIs( { fecId, vrfState.vrfName() } );
+   // Routes are recorded against the FEC that they forward into; until the new one is answered
+   // that is the old one.
+   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      const MplsRoute* const route = vrfState.route( routeKey );
+      if ( route && route->extFecInfo() && route->extFecInfo() != info ) {
+         MPLS_TRACE( 7, "There is conflict between ", route->extFecInfo()->fecId(), " and ",
+                     fecId );
+      }
+   }
+   recordAdjSyncId( l3Adj, fecId );
+}
+
+// What the FEC was before the restart, for the hardware layer to match: the sync id of the first
+// route that the sync map holds.
+void MplsSm::recordAdjSyncId( const L3Adjacency& l3Adj, Fib::FecId fecId ) {
+   if ( !in_.mplsRouteSyncMap || mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmNormal ) {
+      return;
+   }
+   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      if ( in_.mplsRouteSyncMap->adjSyncIdHas( routeKey ) ) {
+         in_.hwFecIdRequest->adjSyncIdMapIs(
+            { fecId, in_.mplsRouteSyncMap->adjSyncId( routeKey ) } );
+         return;
+      }
+   }
+}
+
+void MplsSm::bindL3AdjToExtFecInfo( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                    const Ptr< ExternalFecInfo >& info ) {
+   const Ptr< ExternalFecInfo > before = l3Adj.extFecInfo();
+   if ( before == info ) {
+      return;
+   }
+   l3Adj.extFecInfoIs( info );
+   if ( info ) {
+      info->dependentL3AdjacencyIs( &l3Adj );
+   }
+   if ( before ) {
+      before->dependentL3AdjacencyDel( &l3Adj );
+      maybeDeleteExtFecInfo( vrfState, before->fecId() );
+   }
+}
+
+// --- Answers.
 
 void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
    if ( !in_.hwFecIdRequest || !in_.hwFecIdRequest->hwFecIdRequestHas( fecId ) ) {
       MPLS_TRACE( 3, "no request for fecId ", fecId );
-   }
-}
-
-void MplsSm::handleMplsMcastHwFecIdResp( Fib::FecId fecId ) {
-   if ( !mplsMcastAdjReq_ || !mplsMcastAdjReq_->fecHas( fecId ) ) {
-      MPLS_TRACE( 3, "no request for fecId ", fecId );
-   }
-}
-
-void MplsSm::handleMcastId( VrfId vrfId, U16 groupId ) {
-   const L3::VrfName& vrfName = in_.velL3Status->vrfName( vrfId );
-   MPLS_ASSERT( vrfName == L3::VrfName::defaultVrf(), "vrfName == L3::VrfName::defaultVrf()",
-                vrfName.text() );
-   MPLS_TRACE( 3, mplsStateHas( vrfName ) ? "no multicast group " : "no vrf state for group ",
-               groupId );
-}
-
-void MplsSm::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {
-   MPLS_TRACE( 3, "handleAdjHwState", " fecId ", globalFecId );
-   const L3::VrfName& vrf = in_.velL3Status->vrfName( globalFecId.vrfId );
-   if ( vrf != L3::VrfName::defaultVrf() ) {
-      MPLS_TRACE( 3, "  not default vrf" );
       return;
    }
+   const L3::VrfName vrf = in_.hwFecIdRequest->hwFecIdRequest( fecId ).vrfName;
    VrfMplsState* const vrfState = mplsState( vrf );
    if ( vrfState == nullptr ) {
-      MPLS_TRACE( 3, "  no vrf state for vrf ", vrf );
+      MPLS_TRACE( 3, "no vrf state for vrf ", vrf );
       return;
    }
-   if ( !vrfState->extFecInfoHas( globalFecId.fecId ) ) {
-      MPLS_TRACE( 3, "  no ext fec info " );
+   ExternalFecInfo* const info = vrfState->extFecInfo( fecId );
+   if ( info && info->hwId() == in_.hwFecIdResponse->hwFecId( fecId ).hwId ) {
+      MPLS_TRACE( 3, "FEC response for ", fecId, " has not changed, skip processing" );
+      return;
+   }
+   if ( info ) {
+      for ( L3Adjacency* const l3Adj : info->dependentL3Adjacency() ) {
+         MPLS_TRACE( 3, "add l3 adj ", l3Adj->index(), " for review" );
+         vrfState->l3AdjForReviewIs( l3Adj->index() ); // its routes follow
+      }
+      for ( const Mpls::RouteKey routeKey : info->dependentRouteKey() ) {
+         MPLS_TRACE( 7, "add route ", routeKey, " for review" );
+         vrfState->routeKeyForReviewIs( routeKey );
+      }
+   }
+   processHwFecIdResponse( fecId, *vrfState );
+   doMaybeScheduleReview( vrf );
+}
+
+void MplsSm::processHwFecIdResponse( Fib::FecId fecId, VrfMplsState& vrfState ) {
+   MPLS_TRACE_CALL( 3, " vrf ", vrfState.vrfName(), " FecId ", fecId );
+   if ( ExternalFecInfo* const info = vrfState.extFecInfo( fecId ) ) {
+      info->hwIdIs( in_.hwFecIdResponse->hwFecId( fecId ).hwId ); // withdrawn: 0
    }
 }
 
-// --- External FECs and backups.
+// --- Routes into FECs.
 
-void MplsSm::deleteRouteKeyFromExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info ) {
-   MPLS_TRACE( 7, "delete routeKey ", routeKey, " from extFecInfo ", info.fecId() );
-   info.dependentRouteKeyDel( routeKey );
-}
-
-void MplsSm::setHwBackupAdjStatus( VrfMplsState&, L3Adjacency& l3Adj ) {
-   if ( const L3Adjacency* const backup = l3Adj.backupAdj().get() ) {
-      in_.routingHwMplsStatus->adjacencyBackupStatusIs( { l3Adj.index(), backup->index() } );
+void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
+   const L3::VrfName& vrf = vrfState.vrfName();
+   const Mpls::RouteKey routeKey = route.routeKey();
+   const Ptr< ExternalFecInfo > info = l3Adj.extFecInfo();
+   if ( info->hwId() == 0 ) {
+      if ( const ExternalFecInfo* const there = route.extFecInfo().get();
+           there && there != info && in_.hwFecIdResponse->hwFecIdHas( there->fecId() ) ) {
+         MPLS_TRACE( 3, "hwId not yet allocated for l3Adj, but route still has hwFecId ",
+                     in_.hwFecIdResponse->hwFecId( there->fecId() ),
+                     ", so wait until new extFecInfo response is updated" );
+         return;
+      }
+      leaveRouteUnprogrammed( vrfState, route, l3Adj );
+      return;
+   }
+   MPLS_TRACE( 3, "Create or update route ", routeKey, " fecId: ", info->fecId() );
+   route.unconfirmedWritesIs( route.unconfirmedWrites() + 1 );
+   counters_->routesWrittenInc();
+   // A next-hop group's FEC does not know of our labels either.
+   const bool popsHere =
+      info->popLabelActionRemoved() || ( info->fecId().adjType() == Fib::AdjType::nexthopGroupAdj &&
+                                         l3Adj.labelAction() == MplsLabelAction::pop );
+   const UnprogrammedReason reason = in_.mplsSmHelper->createOrUpdateRoute(
+      vrf, routeKey, info->hwId(), popsHere ? MplsLabelAction::pop : MplsLabelAction::none,
+      l3Adj.payloadType(), l3Adj.ttlMode() );
+   if ( reason == UnprogrammedReason::Success ) {
+      if ( MplsHwVrfStatus* const status = velMplsHwVrfStatusNonConst( vrf ) ) {
+         status->unprogrammedRouteDel( routeKey );
+      }
+      routeUnprogrammedIs( route, false );
+      route.unconfirmedWritesIs( 0 );
+      counters_->routesConfirmedInc();
    } else {
-      in_.routingHwMplsStatus->adjacencyBackupStatusDel( l3Adj.index() );
+      MPLS_TRACE( 3, "adding route ", routeKey, " to unprogrammed list, reason ", reason );
+      addUnprogrammedRoute( vrfState, routeKey, UnprogrammedReason::RouteFull );
+      routeUnprogrammedIs( route, true );
    }
-}
-
-void MplsSm::deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
-   MPLS_TRACE( 7, "clear backup adj info for primary adj ", l3Adj.index() );
-   if ( L3Adjacency* const backup = l3Adj.backupAdj().get() ) {
-      backup->primaryAdjDel( l3Adj.index() );
-      vrfState.l3AdjForReviewIs( backup->index() ); // it goes when nothing else uses it
+   if ( MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf ) ) {
+      config->routeDel( routeKey ); // the FEC has taken over
    }
-   in_.routingHwMplsStatus->adjacencyBackupStatusDel( l3Adj.index() );
-   l3Adj.backupAdjIs( nullptr );
+   if ( route.extFecInfo() != info ) {
+      clearRouteMappings( vrfState, routeKey );
+      addRouteKeyToExtFecInfo( routeKey, *info );
+      route.extFecInfoIs( info );
+   }
 }
 
 } // namespace Vel

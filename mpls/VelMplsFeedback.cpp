@@ -258,7 +258,22 @@ void MplsSm::unprogramRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey 
    if ( MplsHwVrfStatus* const status = velMplsHwVrfStatusNonConst( vrf ) ) {
       status->unprogrammedRouteDel( routeKey );
    }
+   unprogramRouteIntoFec( vrfState, routeKey );
    clearRouteMappings( vrfState, routeKey );
+}
+
+// A route into a FEC is not the configuration's, and its FEC may be another VRF's.
+void MplsSm::unprogramRouteIntoFec( const VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
+   const MplsRoute* const route = vrfState.route( routeKey );
+   if ( !forwardingIntoExternalFecsSupported() || route == nullptr || !route->extFecInfo() ) {
+      return;
+   }
+   const L3::VrfName& fecVrf =
+      in_.hwFecIdRequest->hwFecIdRequest( route->extFecInfo()->fecId() ).vrfName;
+   if ( MplsHwVrfStatus* const status = velMplsHwVrfStatusNonConst( fecVrf ) ) {
+      status->unprogrammedRouteDel( routeKey );
+   }
+   in_.mplsSmHelper->deleteRoute( vrfState.vrfName(), routeKey );
 }
 
 void MplsSm::deleteRouteKeyAndRoute( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
@@ -288,6 +303,7 @@ void MplsSm::clearRouteMappings( VrfMplsState& vrfState, Mpls::RouteKey routeKey
    if ( const Ptr< ExternalFecInfo > info = route->extFecInfo() ) {
       route->extFecInfoIs( nullptr );
       deleteRouteKeyFromExtFecInfo( routeKey, *info );
+      maybeDeleteExtFecInfo( vrfState, info->fecId() );
    }
 }
 

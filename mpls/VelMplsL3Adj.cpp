@@ -125,32 +125,66 @@ bool MplsSm::programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
       processMplsMulticastAdj( vrfState, l3Adj.index() );
       return true;
    }
+   return programMplsIpL3Adj( vrfState, l3Adj, viaSet );
+}
+
+bool MplsSm::programExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                 const Mpls::LfibViaSet& viaSet ) {
+   const Mpls::LfibExtFecVia via = getSaneExtFecVia( l3Adj, viaSet );
+   if ( via == Mpls::LfibExtFecVia() ) {
+      return false;
+   }
+   processExtFecL3Adj( vrfState, l3Adj, viaSet, via );
+   return true;
+}
+
+bool MplsSm::programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                 const Mpls::LfibViaSet& viaSet ) {
    const Ptr< CachedLFibMplsViaColl > saneVias = getSaneMplsIpLFibVias( viaSet );
    if ( !validateMplsIpL3Adj( l3Adj, viaSet, saneVias ) ) {
       return true; // what is programmed stays as it is
    }
-   if ( !shouldProgramAdjWithHwConfig( viaSetKey, *saneVias ) ) {
-      return programMplsIpL3AdjAsFec( vrfState, l3Adj, viaSet, *saneVias );
+   if ( shouldProgramAdjWithHwConfig( l3Adj.lFibViaSetKey(), *saneVias ) ) {
+      programL3AdjWithHwConfig( vrfState, l3Adj, viaSet, *saneVias );
+      return true;
    }
-   const L3AdjLFibAdjType adjType = lFibAdjTypeOf( *saneVias );
+   const Ptr< L3Adjacency > backupBefore = l3Adj.backupAdj();
+   if ( !validateAndMaybeUpdateBackupAdjInfo( vrfState, l3Adj, viaSet ) ) {
+      queueWaitingForBackup( vrfState, l3Adj.lFibViaSetKey(), l3Adj.backupAdj() != backupBefore );
+      return false;
+   }
+   processMplsIpL3Adj( vrfState, l3Adj, viaSet, saneVias );
+   queueWaitingForBackup( vrfState, l3Adj.lFibViaSetKey(), true );
+   return true;
+}
+
+void MplsSm::programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                       const Mpls::LfibViaSet& viaSet,
+                                       const CachedLFibMplsViaColl& saneVias ) {
+   bindL3AdjToExtFecInfo( vrfState, l3Adj, nullptr ); // of an earlier content
+   const L3AdjLFibAdjType adjType = lFibAdjTypeOf( saneVias );
    if ( adjType != L3AdjLFibAdjType::adjTypeRegular ) {
       // Next-hop groups and dynamic tunnels are FECs, which this platform does not have.
       MPLS_TRACE( 3, "Unsupported lFib Adj ", adjType );
       // What was programmed of an earlier content is not what the via set says now.
-      unbindL3AdjFromL2Adj( vrfState, l3Adj );
-      deleteL3AdjRefs( vrfState, l3Adj );
-      l3Adj.nextHopDelAll();
-      Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
-      hwAdj->viaDelAll();
-      hwAdj->unresolvedViasIs( 0 );
-      return true;
+      releaseVias( vrfState, l3Adj );
+      return;
    }
    ProgrammableMplsFecVias vias;
-   for ( const auto& [viaIndex, via] : saneVias->via() ) {
+   for ( const auto& [viaIndex, via] : saneVias.via() ) {
       vias.viaIs( viaIndex, via );
    }
    setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
-   return true;
+}
+
+// The adjacency no longer resolves through anything.
+void MplsSm::releaseVias( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   unbindL3AdjFromL2Adj( vrfState, l3Adj );
+   deleteL3AdjRefs( vrfState, l3Adj );
+   l3Adj.nextHopDelAll();
+   Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
+   hwAdj->viaDelAll();
+   hwAdj->unresolvedViasIs( 0 );
 }
 
 // Settles whether the adjacency is programmed, programs its L2 adjacency and queues its routes.
@@ -163,7 +197,7 @@ void MplsSm::settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
       l3Adj.unprogrammedIs( status && status->unprogrammedAdjacencyHas( l3Adj.hwL2Adjacency() ) );
       MPLS_TRACE( 3, "prog l2 adj ", l3Adj.l2Adjacency()->index(), " in vrf ", vrf );
       progHwL2Adj( vrf, l3Adj.hwL2Adjacency() );
-   } else if ( l3Adj.extFecInfo() && hwAdj->vias() != 0 ) {
+   } else if ( l3Adj.extFecInfo() && hwAdj->vias() != hwAdj->unresolvedVias() ) {
       l3Adj.unprogrammedIs( false );
    } else {
       MPLS_TRACE( 3, "l3Adj ", l3Adj.index(), " not resolved" );
@@ -192,9 +226,12 @@ void MplsSm::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    if ( adjType == L3AdjLFibAdjType::adjTypeRegular ) {
       setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
    } else {
+      releaseVias( vrfState, l3Adj ); // of an earlier content
       for ( const auto& [viaIndex, via] : vias.via() ) {
          Mpls::Hardware::AdjacencyVia hwVia = hwViaOf( via );
-         hwVia.labelStack = { singleMplsLabelFromVia( via ).value() };
+         if ( via.labelStack.stackSize() != 0 ) { // a pop has none
+            hwVia.labelStack = { singleMplsLabelFromVia( via ).value() };
+         }
          hwAdj->viaIs( viaIndex, hwVia );
       }
    }
@@ -316,6 +353,8 @@ void MplsSm::deleteL3Adj( VrfMplsState& vrfState, U64 index ) {
    const Ptr< L3Adjacency > l3Adj = vrfState.l3Adjacency( index );
    MPLS_ASSERT( l3Adj, "l3Adj", textOf( index ) );
    deleteBackupAdjInfoFromAdj( vrfState, *l3Adj );
+   stopWaitingForBackup( vrfState, *l3Adj );
+   bindL3AdjToExtFecInfo( vrfState, *l3Adj, nullptr );
    unbindL3AdjFromL2Adj( vrfState, *l3Adj );
    deleteL3AdjRefs( vrfState, *l3Adj );
    l3Adj->nextHopDelAll();
@@ -325,6 +364,7 @@ void MplsSm::deleteL3Adj( VrfMplsState& vrfState, U64 index ) {
    in_.routingHwMplsStatus->adjacencyDel( index );
    vrfState.l3AdjForReviewDel( index ); // work sets never name the dead
    vrfState.l3AdjacencyDel( index );
+   queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), true );
 }
 
 void MplsSm::deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {

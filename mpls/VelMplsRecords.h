@@ -230,6 +230,9 @@ class VEL_EXPORT L3Adjacency : public Entity {
    SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
    SET( HashSet, U64, primaryAdj ) // the adjacencies that this one protects
    ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )
+   ATTRIBUTE( Mpls::LfibViaSetKey, backupAwaited ) // the via set of a backup that is not fit yet
+   ATTRIBUTE( bool, backupAwaitsReview )           // ... since it is still to be processed
+   ATTRIBUTE( U32, looksForBackup )                // in a row, for one that is not in the LFIB
    ATTRIBUTE( Ptr< MulticastGroupInfo >, multicastGroupInfo )
    ENTITY_END_IN_SOURCE
    // clang-format on
@@ -237,6 +240,19 @@ class VEL_EXPORT L3Adjacency : public Entity {
  public:
    L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links );
    ~L3Adjacency() override;
+};
+
+/// The adjacencies that wait for the backup made of one via set to become fit for them.
+class VEL_EXPORT BackupWait : public Entity {
+   // clang-format off
+   ENTITY( BackupWait )
+   KEY( Mpls::LfibViaSetKey, viaSetKey )
+   SET( HashSet, U64, l3Adjacency )
+   ENTITY_END_IN_SOURCE
+   // clang-format on
+
+ public:
+   explicit BackupWait( Mpls::LfibViaSetKey viaSetKey ) : viaSetKey_( viaSetKey ) {}
 };
 
 /// A FEC that routes or adjacencies forward into.
@@ -295,6 +311,7 @@ class VEL_EXPORT VrfMplsState : public Entity {
    SET( HashSet, U64, adjRetried )                // of the round of retries that is under way
    ENTITY_COLLECTION( Hash, Fib::FecId, MulticastFecInfo, mcastFecInfo )
    ENTITY_COLLECTION( Hash, U16, MulticastGroupInfo, multicastGroupInfo )
+   ENTITY_COLLECTION( Hash, Mpls::LfibViaSetKey, BackupWait, waitsForBackup )
    COLLECTION( Hash, U32, U16, mcastHwIdToGroup )
    DERIVED( needReview )
    DERIVED( needReviewForUnprogrammedOnly )

@@ -136,6 +136,7 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    if ( awaited || !vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       queueRoutesOfViaSet( vrfState, viaSetKey );
    }
+   queueWaitingForBackup( vrfState, viaSetKey, true );
    doMaybeScheduleReview( vrf );
 }
 
@@ -274,13 +275,18 @@ Ptr< CachedLFibMplsViaColl > MplsSm::getSaneMplsIpLFibVias( const Mpls::LfibViaS
    return vias;
 }
 
-std::string MplsSm::mplsIpLFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const {
+std::string MplsSm::lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const {
    const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( viaSetKey );
    if ( viaSet.null() ) {
       return "the via set is not in the LFIB";
    }
    if ( !isLFibViaSetSane( viaSet ) ) {
       return viaSet.viaKeys() == 0 ? "the via set has no vias" : "the via set mixes via types";
+   }
+   if ( viaSetKey.viaType() == Mpls::viaTypeExternalFec ) {
+      Mpls::LfibExtFecVia via;
+      return forwardingIntoExternalFecsSupported() ? extFecLFibViaSetFault( viaSet, via )
+                                                   : "External FEC not supported on this platform";
    }
    const auto vias = make< CachedLFibMplsViaColl >();
    if ( std::string fault = collectMplsIpLFibVias( viaSet, *vias ); !fault.empty() ) {

@@ -39,8 +39,8 @@
 //
 // The operations fill several rooms: VelMplsSm.cpp (frame, initialization), VelMplsRoutes.cpp,
 // VelMplsL3Adj.cpp, VelMplsNextHops.cpp (next hops, L2 adjacencies), VelMplsFeedback.cpp,
-// VelMplsReview.cpp, VelMplsPublish.cpp, VelMplsFecs.cpp (the seam to platforms that forward
-// through FECs) and VelMplsStartup.cpp.
+// VelMplsReview.cpp, VelMplsPublish.cpp, VelMplsFecs.cpp, VelMplsExternalFecs.cpp (with backups),
+// VelMplsMulticast.cpp and VelMplsStartup.cpp.
 
 #pragma once
 
@@ -170,9 +170,8 @@ class VEL_EXPORT MplsSm : public Entity {
    bool routeSupported( const Mpls::LfibRoute& route ) const;
    bool isLFibViaSetSane( const Mpls::LfibViaSet& viaSet ) const;
    Ptr< CachedLFibMplsViaColl > getSaneMplsIpLFibVias( const Mpls::LfibViaSet& viaSet ) const;
-   /// Why an MPLS-over-IP via set cannot be programmed, in words; empty when it can. For those who
-   /// explain.
-   std::string mplsIpLFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const;
+   /// Why a via set cannot be programmed, in words; empty when it can. For those who explain.
+   std::string lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const;
    void processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
 
    // --- L3 adjacencies (VelMplsL3Adj.cpp)
@@ -250,15 +249,32 @@ class VEL_EXPORT MplsSm : public Entity {
    void runPublishRouteKeysTask();
    void publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
 
-   // --- FECs, external FECs and backups (VelMplsFecs.cpp)
+   // --- FECs (VelMplsFecs.cpp)
 
+   Fib::FecId getOrAllocateMplsFecId( Mpls::LfibViaSetKey viaSetKey, VrfMplsState& vrfState,
+                                      AddressFamily af, bool newFecIdRequired );
+   Fib::FecId getOrAllocateMplsFecIdPerVia( VrfMplsState& vrfState, const Mpls::LfibMplsVia& via );
+   void freeMplsFecId( Fib::FecId fecId, VrfMplsState& vrfState );
    void handleHwFecIdResponse( Fib::FecId fecId );
-   void handleAdjHwState( const Fib::GlobalFecId& globalFecId );
+
+   // --- External FECs and backups (VelMplsExternalFecs.cpp)
+
+   Mpls::LfibExtFecVia getSaneExtFecVia( const L3Adjacency& l3Adj,
+                                         const Mpls::LfibViaSet& viaSet ) const;
+   void addRouteKeyToExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info );
+   void deleteRouteKeyFromExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info );
+   void maybeDeleteExtFecInfo( VrfMplsState& vrfState, Fib::FecId fecId );
+   /// False: the adjacency's backup is not fit yet, an event will bring the adjacency back.
+   bool validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                             const Mpls::LfibViaSet& viaSet );
+   /// Why an adjacency waits for its backup, in words; empty when it does not. For those who
+   /// explain.
+   std::string backupWaitReason( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
    void setHwBackupAdjStatus( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void deleteRouteKeyFromExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info );
+   void handleAdjHwState( const Fib::GlobalFecId& globalFecId );
 
-   // --- Multicast (VelMplsFecs.cpp)
+   // --- Multicast (VelMplsMulticast.cpp)
 
    const Ptr< const FecIdToHwFecIdRequest >& mplsMcastAdjReq() const { return mplsMcastAdjReq_; }
    const Ptr< const FecIdToHwFecIdResponse >& mplsMcastAdjResp() const { return mplsMcastAdjResp_; }
@@ -298,9 +314,57 @@ class VEL_EXPORT MplsSm : public Entity {
    bool programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj, const Mpls::LfibViaSet& viaSet );
    bool programExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                             const Mpls::LfibViaSet& viaSet );
-   bool programMplsIpL3AdjAsFec( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                 const Mpls::LfibViaSet& viaSet,
-                                 const CachedLFibMplsViaColl& saneVias );
+   bool programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            const Mpls::LfibViaSet& viaSet );
+   void programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                  const Mpls::LfibViaSet& viaSet,
+                                  const CachedLFibMplsViaColl& saneVias );
+   void releaseVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   U64 fecNumber();
+   Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,
+                                  VrfMplsState& vrfState, bool newFecIdRequired );
+   Fib::FecId getBackupFecIdForRequest( const Mpls::LfibViaSet& viaSet,
+                                        const VrfMplsState& vrfState ) const;
+   Fib::FecId backupFecIdToRequest( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                                    const Mpls::LfibViaSet& viaSet, bool popRemoved ) const;
+   void processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            const Mpls::LfibViaSet& viaSet,
+                            const Ptr< CachedLFibMplsViaColl >& mplsVias );
+   bool shouldRemovePop( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
+   bool processRemovePopDependencies( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
+   void createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                           const Mpls::LfibViaSet& viaSet,
+                                           const CachedLFibMplsViaColl& mplsVias,
+                                           Fib::FecId fecId );
+   static Fib::Fec fecOf( Fib::FecId fecId, const CachedLFibMplsViaColl& mplsVias, bool popRemoved,
+                          Fib::FecId backup );
+   ExternalFecInfo& extFecInfoMake( VrfMplsState& vrfState, Fib::FecId fecId );
+   void requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib::Fec& fec4,
+                                               const Fib6::Fec& fec6, VrfMplsState& vrfState,
+                                               L3Adjacency& l3Adj, Mpls::LfibViaSetKey viaSetKey );
+   void recordAdjSyncId( const L3Adjacency& l3Adj, Fib::FecId fecId );
+   void bindL3AdjToExtFecInfo( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                               const Ptr< ExternalFecInfo >& info );
+   void processHwFecIdResponse( Fib::FecId fecId, VrfMplsState& vrfState );
+   std::string extFecLFibViaSetFault( const Mpls::LfibViaSet& viaSet,
+                                      Mpls::LfibExtFecVia& via ) const;
+   void processExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            const Mpls::LfibViaSet& viaSet, const Mpls::LfibExtFecVia& extFecVia );
+   void updateBackupExtInfoForExtFecInfo( VrfMplsState& vrfState, ExternalFecInfo& info,
+                                          const Ptr< ExternalFecInfo >& backup );
+   Ptr< ExternalFecInfo > extFecBackupOf( const VrfMplsState& vrfState, const ExternalFecInfo& info,
+                                          Mpls::LfibViaSetKey viaSetKey ) const;
+   std::string backupFault( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                            const L3Adjacency& backup ) const;
+   void makeBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey );
+   static void linkBackupAdj( L3Adjacency& l3Adj, L3Adjacency& backup );
+   void waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey,
+                       bool forReview );
+   void stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   void lookAgainForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            Mpls::LfibViaSetKey backupKey );
+   void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
+                               bool changed );
    void settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    static MplsLabel singleMplsLabelFromVia( const Mpls::LfibMplsVia& via );
    static Mpls::Hardware::AdjacencyVia hwViaOf( const Mpls::LfibMplsVia& via );
@@ -314,6 +378,7 @@ class VEL_EXPORT MplsSm : public Entity {
    void doReviewVrf( const L3::VrfName& vrf );
    void doReviewUnprogrammedRoutes( VrfMplsState& vrfState );
    void retryUnprogrammed( VrfMplsState& vrfState );
+   void unprogramRouteIntoFec( const VrfMplsState& vrfState, Mpls::RouteKey routeKey );
    bool retryAdjacencies( VrfMplsState& vrfState, MplsHwVrfStatus& status );
    bool retryRoutes( VrfMplsState& vrfState, MplsHwVrfStatus& status );
    void doPublishRouteKeys( VrfMplsState& vrfState );

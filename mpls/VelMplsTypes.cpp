@@ -117,6 +117,7 @@ ENTITY_SOURCE( MulticastGroupInfo )
 ENTITY_SOURCE( MulticastFecInfo )
 ENTITY_SOURCE( L3Adjacency )
 ENTITY_SOURCE( ExternalFecInfo )
+ENTITY_SOURCE( BackupWait )
 ENTITY_SOURCE( VrfMplsState )
 
 Ptr< MplsHwConfig > mplsHwConfigFactory( std::string name ) {

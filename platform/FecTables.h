@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -24,11 +25,36 @@ struct FecVia {
 };
 VEL_EXPORT void appendText( std::string& out, const FecVia& via );
 
+/// Index of a via in a FEC.
+class ViaIndex {
+ public:
+   static constexpr U32 min = 0;
+   static constexpr U32 max = 127;
+
+   explicit ViaIndex( U32 value ) : value_( value ) {
+      if ( value > max ) {
+         throw std::range_error( "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed" );
+      }
+   }
+   U32 value() const { return value_; }
+
+ private:
+   U32 value_;
+};
+
 /// A FEC: its vias in via-index order, and the FEC that protects it, if any. Empty without vias.
+///
+/// A protected FEC's last via leads into its backup; frames take it while the others are down or
+/// drop.
 struct Fec {
    FecId fecId;
    std::vector< FecVia > via;
    FecId backupFecId;
+   /// Appends a via. A 129th raises the range error of `ViaIndex`.
+   void viaAdd( const FecVia& added ) {
+      [[maybe_unused]] const ViaIndex index( static_cast< U32 >( via.size() ) );
+      via.push_back( added );
+   }
    bool empty() const { return via.empty(); }
    friend bool operator==( const Fec&, const Fec& ) = default;
 };

@@ -7,7 +7,8 @@
 #include <memory>
 #include <vector>
 
-#include "driver/SoftwareSwitch.h"
+#include "driver/SwitchHelper.h"
+#include "mpls/VelMplsInputStatusSm.h"
 #include "mpls/VelMplsSm.h"
 #include "platform/LfibRegion.h"
 
@@ -149,6 +150,7 @@ struct RigSettings {
    Mpls::LfibCapacities capacities{};
    Driver::SwitchSettings hardware{};
    bool withHardware = true; ///< else the test plays the driver
+   bool withFecs = false;    ///< the hardware has FECs
    bool vrfHasNumber = true;
    bool mplsRouting = true;
    bool start = true; ///< make the state machine at once
@@ -165,8 +167,22 @@ class LabelRig {
       }
       routingInfo->mplsRoutingIs( vrf, settings.mplsRouting );
       if ( settings.withHardware ) {
+         Driver::FecPlatform fecs;
+         if ( settings.withFecs ) {
+            fecs = { fecRequest, fecResponse, l3Status, startup,
+                     [this]( IntfId intf, const IpGenAddr& nextHop ) {
+                        return l3.info( { intf, nextHop } );
+                     } };
+         }
          hardware = std::make_unique< Driver::SoftwareSwitch >( hwConfig, hwStatus, scheduler,
-                                                                settings.hardware );
+                                                                settings.hardware, fecs );
+      }
+      if ( settings.withFecs ) {
+         helper = make< Driver::SwitchHelper >( *hardware, Ptr< const VelL3Status >( l3Status ) );
+         syncMap->readyIs( true );
+         inputStatusSm = mplsSmInputStatusSmFactory( syncMap, inputSummary );
+         inputStatusSm->systemLfibReadyIs( true );
+         writer.readyIs( true );
       }
       if ( settings.start ) {
          start();
@@ -175,10 +191,19 @@ class LabelRig {
    ~LabelRig() { sm = nullptr; }
 
    MplsSmInputs inputs() {
-      return { lfibInfo, routingInfo, lfib,     lfibHwStatus, routeStatus, hwMplsStatus,
-               l3.rr,    l3.rr6,      hwConfig, hwStatus,     l3Status,    l3.arp,
-               entities, nullptr,     nullptr,  nullptr,      nullptr,     nullptr,
-               nullptr,  attrLog,     nullptr,  clock,        scheduler };
+      MplsSmInputs in{ lfibInfo, routingInfo, lfib,     lfibHwStatus, routeStatus, hwMplsStatus,
+                       l3.rr,    l3.rr6,      hwConfig, hwStatus,     l3Status,    l3.arp,
+                       entities, nullptr,     nullptr,  nullptr,      nullptr,     nullptr,
+                       nullptr,  attrLog,     nullptr,  clock,        scheduler };
+      if ( helper ) {
+         in.hwFecIdRequest = fecRequest;
+         in.hwFecIdResponse = fecResponse;
+         in.mplsSmHelper = helper;
+         in.mplsRouteSyncMap = syncMap;
+         in.inputStatusSummary = inputSummary;
+         in.velL3StartupStagePrereqs = startup;
+      }
+      return in;
    }
    void start() { sm = MplsSmIs( inputs() ); }
    void vrfNumberIs() {
@@ -257,6 +282,13 @@ class LabelRig {
    Ptr< VelL3Status > l3Status = make< VelL3Status >( "velL3Status" );
    Ptr< EntityManager > entities = make< EntityManager >();
    Ptr< AttrLogSm > attrLog = make< AttrLogSm >();
+   Ptr< FecIdToHwFecIdRequest > fecRequest = make< FecIdToHwFecIdRequest >( "fecRequest" );
+   Ptr< FecIdToHwFecIdResponse > fecResponse = make< FecIdToHwFecIdResponse >( "fecResponse" );
+   Ptr< L3StartupStagePrerequisitesStatus > startup = make< L3StartupStagePrerequisitesStatus >();
+   Ptr< VelHelper::MplsRouteSyncMap > syncMap = VelHelper::mplsRouteSyncMapFactory();
+   Ptr< MplsSmInputSummary > inputSummary = mplsSmInputSummaryFactory();
+   Ptr< MplsSmInputStatusSm > inputStatusSm;
+   Ptr< Driver::SwitchHelper > helper;
    L3Layer l3{ *l3Status };
    std::unique_ptr< Driver::SoftwareSwitch > hardware;
    Ptr< MplsSm > sm;

@@ -17,6 +17,14 @@
 namespace Vel::Driver {
 namespace {
 
+// Of a switch without faults.
+const Links& allLinksUp() {
+   static const FaultPlan noFaults;
+   static const Ptr< ManualClock > clock = make< ManualClock >();
+   static const Links links( noFaults, *clock );
+   return links;
+}
+
 using namespace VelTest;
 using Mpls::RouteKey;
 
@@ -149,7 +157,7 @@ const std::vector< Case > cases{
 void addRoute( HwRouteTable& table, RouteKey key, const L2ViaSet& vias ) {
    const auto adjacency = make< HwAdjacency >( make< Mpls::Hardware::L2Adjacency >( U64{ 1 } ) );
    adjacency->programmed( vias, 1 );
-   table.emplace( key, HwRoute{ adjacency, 1 } );
+   table.emplace( key, HwRoute{ adjacency, nullptr, { 1 } } );
 }
 
 ForwardResult forward( const Case& test, const Bytes& frame ) {
@@ -157,7 +165,7 @@ ForwardResult forward( const Case& test, const Bytes& frame ) {
    for ( const auto& [key, via] : test.routes ) {
       addRoute( table, key, viaSet( { via } ) );
    }
-   return forwardFrame( table, frame, MacAddr( 0x02'00'00'00'00'01 ) );
+   return forwardFrame( table, frame, MacAddr( 0x02'00'00'00'00'01 ), allLinksUp(), nullptr );
 }
 
 TEST( Forwarding, framesLeaveAsTheViaSays ) {
@@ -218,7 +226,8 @@ U32 labelTaken( const std::string& frame ) {
    if ( table.empty() ) {
       addRoute( table, k1, viaSet( { swapTo( { 1 } ), swapTo( { 2 } ), swapTo( { 0 } ) } ) );
    }
-   const ForwardResult result = forwardFrame( table, fromHex( frame ), MacAddr() );
+   const ForwardResult result =
+      forwardFrame( table, fromHex( frame ), MacAddr(), allLinksUp(), nullptr );
    return result.frames.empty() ? 99 : labelEntryRead( result.frames[0].bytes, 14 )->label;
 }
 

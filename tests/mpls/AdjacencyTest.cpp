@@ -212,7 +212,7 @@ TEST_F( Adjacency, saysWhyAViaSetCannotBeProgrammed ) {
    for ( const auto& each : cases ) {
       SCOPED_TRACE( each.fault );
       L3Adjacency* const l3Adj = over( viaSet, each.vias );
-      EXPECT_EQ( rig.sm->mplsIpLFibViaSetFault( viaSetKey( viaSet ) ), each.fault );
+      EXPECT_EQ( rig.sm->lFibViaSetFault( viaSetKey( viaSet ) ), each.fault );
       ASSERT_NE( l3Adj, nullptr );
       EXPECT_TRUE( l3Adj->unprogrammed() );
       EXPECT_FALSE( rig.config()->routeHas( key( 100 + viaSet ) ) );

@@ -1,0 +1,374 @@
+#include "driver/FecUnit.h"
+
+#include <algorithm>
+
+#include "driver/SwitchStatus.h"
+#include "platform/Trace.h"
+
+namespace Vel::Driver {
+
+using Fib::FecId;
+using Fib::FecVia;
+using Mpls::Hardware::L2Via;
+
+namespace {
+
+constexpr U32 maxDepth = 8; // of FECs in FECs
+
+// A label FEC is requested with its content; all others are other agents'.
+bool isLabelFec( FecId fecId ) {
+   return fecId.adjType() == Fib::AdjType::mplsV4Adj || fecId.adjType() == Fib::AdjType::mplsV6Adj;
+}
+
+} // namespace
+
+class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
+ public:
+   RequestReactor( FecUnit& owner, const FecIdToHwFecIdRequest* request ) : owner_( owner ) {
+      notifierIs( request );
+   }
+   void onFec( FecId fecId ) override { owner_.push( fecId ); }
+   void onFec6( FecId fecId ) override { owner_.push( fecId ); }
+   void onHwFecIdRequest( FecId fecId ) override { owner_.push( fecId ); }
+   void onSyncRequestsReady() override {
+      if ( notifier()->syncRequestsReady() ) {
+         owner_.queue_.push( { .kind = OperationKind::syncRequested } );
+      }
+   }
+
+ private:
+   FecUnit& owner_;
+};
+
+/// The operation that a frame's top label meets on a way: so many labels come off, then these go
+/// on, and it leaves.
+struct FecUnit::Way {
+   U64 hash;
+   U32 depth = 0;
+   U32 popped = 0;
+   std::vector< U32 > pushed{}; // top first
+   Mpls::PayloadType payloadType = Mpls::PayloadType::undefined;
+   Mpls::TtlMode ttlMode = Mpls::TtlMode::undefined;
+   NextHopInfo exit{};
+
+   /// Adds what a via does with the label, behind what was done before.
+   void add( const FecVia& via ) {
+      if ( via.labelAction == MplsLabelAction::pop || via.labelAction == MplsLabelAction::swap ) {
+         if ( pushed.empty() ) {
+            ++popped;
+            payloadType = via.payloadType;
+            ttlMode = via.ttlMode;
+         } else {
+            pushed.erase( pushed.begin() );
+         }
+      }
+      for ( size_t i = via.labelStack.stackSize(); i > 0; --i ) {
+         pushed.insert( pushed.begin(), via.labelStack.label( i - 1 ).value() );
+      }
+   }
+};
+
+FecUnit::FecUnit( FecPlatform platform, OperationQueue& queue, SwitchStatus& status,
+                  const FaultPlan& faults, const Links& links, const Clock& clock )
+   : platform_( std::move( platform ) ),
+     queue_( queue ),
+     status_( status ),
+     faults_( faults ),
+     links_( links ),
+     clock_( clock ),
+     reactor_( std::make_unique< RequestReactor >( *this, platform_.request.get() ) ) {
+   for ( const auto& [fecId, request] : platform_.request->hwFecIdRequest() ) {
+      push( fecId );
+   }
+}
+
+FecUnit::~FecUnit() = default;
+
+// --- Other agents.
+
+void FecUnit::foreignFecIs( FecId fecId, std::vector< FecVia > vias ) {
+   *foreign_.emplace( fecId ).first = std::move( vias );
+   push( fecId );
+}
+
+void FecUnit::foreignFecDel( FecId fecId ) {
+   foreign_.erase( fecId );
+   push( fecId );
+}
+
+void FecUnit::tunnelIs( IntfId intf, std::vector< FecVia > vias ) {
+   *tunnels_.emplace( intf ).first = std::move( vias );
+   reportStates();
+}
+
+void FecUnit::tunnelDel( IntfId intf ) {
+   tunnels_.erase( intf );
+   reportStates();
+}
+
+void FecUnit::reportStates() {
+   for ( const auto& [fecId, fec] : fecs_ ) {
+      if ( fec->backupFecId != FecId() ) {
+         stateIs( *fec, stateOf( *fec ) );
+      }
+   }
+}
+
+AdjHwState FecUnit::stateOf( const HwFec& fec ) const {
+   std::string why;
+   Way primary{ .hash = 0 };
+   if ( follow( fec.via, fec.primaries(), primary, why ) ) {
+      return AdjHwState::primaryActive;
+   }
+   Way backup{ .hash = 0 };
+   return follow( fec, backup, why ) ? AdjHwState::backupActive : AdjHwState::down;
+}
+
+// An unknown state is none: the entry goes.
+void FecUnit::stateIs( const HwFec& fec, AdjHwState state ) {
+   AdjHwStatus* const status = platform_.l3Status->adjHwStatus().get();
+   if ( status == nullptr ) {
+      return;
+   }
+   for ( const auto& [vrfId, vrf] : platform_.l3Status->vrfName() ) {
+      if ( vrf == fec.vrfName ) {
+         const Fib::GlobalFecId id{ vrfId, fec.fecId };
+         if ( state == AdjHwState::unknown ) {
+            status->adjHwStateDel( id );
+         } else {
+            status->adjHwStateIs( id, state );
+         }
+         return;
+      }
+   }
+}
+
+// --- Requests.
+
+void FecUnit::push( FecId fecId ) {
+   queue_.push( { .kind = OperationKind::fecChanged, .version = fecId.value() } );
+}
+
+// What the FEC is to be made of now; null when it is to go, or is still to come.
+const std::vector< FecVia >* FecUnit::wanted( FecId fecId, FecId& backup ) const {
+   const FecIdToHwFecIdRequest& request = *platform_.request;
+   if ( !request.hwFecIdRequestHas( fecId ) ) {
+      return nullptr;
+   }
+   if ( !isLabelFec( fecId ) ) {
+      return foreign_.find( fecId );
+   }
+   if ( const Fib::Fec* const fec = request.fec().find( fecId ) ) {
+      backup = fec->backupFecId;
+      return &fec->via;
+   }
+   if ( const Fib6::Fec* const fec = request.fec6().find( fecId ) ) {
+      backup = fec->backupFecId;
+      return &fec->via;
+   }
+   return nullptr;
+}
+
+void FecUnit::sync( FecId fecId ) {
+   FecId backup;
+   const std::vector< FecVia >* const vias = wanted( fecId, backup );
+   waiting_.erase( fecId );
+   status_.waitingFecDel( fecId );
+   if ( vias == nullptr ) {
+      remove( fecId );
+      return;
+   }
+   if ( !possible( fecId, *vias ) ) {
+      return;
+   }
+   Ptr< HwFec >& made = *fecs_.emplace( fecId ).first;
+   if ( !made ) {
+      made = make< HwFec >( fecId, nextHwId_++ );
+      made->vrfName = platform_.request->hwFecIdRequest( fecId ).vrfName;
+      byHwId_.emplace( made->hwId, made.get() );
+   }
+   made->via = *vias;
+   if ( made->backupFecId != backup ) {
+      stateIs( *made, AdjHwState::unknown ); // of another protection
+      made->backupFecId = backup;
+   }
+   platform_.response->hwFecIdIs( fecId, { made->hwId } );
+   status_.fecs_ = fecs_.size();
+   reportStates(); // it may be on the way of others
+}
+
+// Whether hardware can take the FEC now. What is in hardware stays as it was while it cannot.
+bool FecUnit::possible( FecId fecId, const std::vector< FecVia >& vias ) {
+   UnprogrammedReason reason = UnprogrammedReason::Success;
+   const size_t room = faults_.capacity( FaultKind::fecCapacity, clock_.now(), capacity_ );
+   if ( room != 0 && fecs_.size() >= room && !fecs_.has( fecId ) ) {
+      reason = UnprogrammedReason::AdjacencyFull;
+   } else if ( std::ranges::any_of( vias, [this]( const FecVia& via ) {
+                  return faults_.notReady( via.intf, clock_.now() );
+               } ) ) {
+      reason = UnprogrammedReason::InterfaceNotReady;
+   }
+   if ( reason == UnprogrammedReason::Success ) {
+      return true;
+   }
+   ++status_.refused_;
+   waiting_.insert( fecId );
+   status_.waitingFecIs( fecId, reason );
+   return false;
+}
+
+void FecUnit::retryWaiting() {
+   for ( const FecId fecId : waiting_ ) {
+      sync( fecId );
+   }
+}
+
+// What still forwards into it meets a FEC without a way out.
+void FecUnit::remove( FecId fecId ) {
+   const Ptr< HwFec >* const found = fecs_.find( fecId );
+   if ( found == nullptr ) {
+      return;
+   }
+   const Ptr< HwFec > fec = *found;
+   if ( !platform_.request->hwFecIdRequestHas( fecId ) && fec->routes != 0 ) {
+      status_.breachLog_.add( joinText( "FEC ", fecId, " is no longer requested while ",
+                                        fec->routes, " routes forward into it" ) );
+   }
+   if ( fec->backupFecId != FecId() ) {
+      stateIs( *fec, AdjHwState::unknown );
+   }
+   fec->via.clear();
+   fec->backupFecId = {};
+   byHwId_.erase( fec->hwId );
+   fecs_.erase( fecId );
+   status_.fecs_ = fecs_.size();
+   platform_.response->hwFecIdDel( fecId );
+   retryWaiting(); // there is room again
+   reportStates();
+}
+
+void FecUnit::syncDone() {
+   if ( platform_.startup ) {
+      platform_.startup->adjSyncDoneIs( true );
+   }
+}
+
+HwFec* FecUnit::fec( U64 hwId ) const {
+   HwFec* const* const found = byHwId_.find( hwId );
+   return found ? *found : nullptr;
+}
+
+HwFec* FecUnit::fec( FecId fecId ) const {
+   const Ptr< HwFec >* const found = fecs_.find( fecId );
+   return found ? found->get() : nullptr;
+}
+
+// --- Ways out.
+
+bool FecUnit::wayOut( const HwRoute& route, U64 flowHash, L2Via& out, std::string& why ) const {
+   Way way{ .hash = flowHash };
+   FecVia first;
+   first.labelAction = route.operation.action;
+   first.payloadType = route.operation.payloadType;
+   first.ttlMode = route.operation.ttlMode;
+   way.add( first );
+   if ( !follow( *route.fec, way, why ) ) {
+      return false;
+   }
+   if ( way.popped > 1 ) {
+      why = joinText( "FEC ", route.fec->fecId, " takes more than the label of the route off" );
+      return false;
+   }
+   out.intf = way.exit.l2Intf;
+   out.vlanId = way.exit.vlanId;
+   out.macAddr = way.exit.macAddr;
+   out.payloadType = way.payloadType;
+   out.ttlMode = way.ttlMode;
+   out.labelStack = {};
+   for ( const U32 label : way.pushed ) {
+      if ( !out.labelStack.push( label ) ) {
+         why = "more labels would go on than hardware can put there";
+         return false;
+      }
+   }
+   out.labelAction = way.popped == 0
+                        ? way.pushed.empty() ? MplsLabelAction::none : MplsLabelAction::push
+                     : way.pushed.empty() ? MplsLabelAction::pop
+                                          : MplsLabelAction::swap;
+   return true;
+}
+
+bool FecUnit::follow( const HwFec& fec, Way& way, std::string& why ) const {
+   if ( ++way.depth > maxDepth ) {
+      why = joinText( "FECs lead into each other more than ", maxDepth, " deep" );
+      return false;
+   }
+   const Way before = way;
+   if ( follow( fec.via, fec.primaries(), way, why ) ) {
+      return true;
+   }
+   if ( fec.backupFecId == FecId() ) {
+      return false;
+   }
+   way = before;
+   return follow( fec.via.back(), way, why );
+}
+
+// One of the usable vias, picked by the flow.
+bool FecUnit::follow( const std::vector< FecVia >& vias, size_t count, Way& way,
+                      std::string& why ) const {
+   const Way before = way;
+   for ( size_t tried = 0; tried < count; ++tried ) {
+      // From the via that the flow would take if all were usable.
+      const FecVia& via = vias[( before.hash + tried ) % count];
+      way = before;
+      if ( follow( via, way, why ) ) {
+         return true;
+      }
+   }
+   if ( count == 0 ) {
+      why = "a FEC without vias";
+   }
+   return false;
+}
+
+bool FecUnit::follow( const FecVia& via, Way& way, std::string& why ) const {
+   if ( via.drop ) {
+      why = "the primary vias are disabled";
+      return false;
+   }
+   way.add( via );
+   switch ( via.intf.kind() ) {
+   case IntfId::Kind::hierarchicalFec:
+   case IntfId::Kind::nexthopGroup: {
+      const FecId fecId = Fib::FecIdIntfId::intfIdToFecId( via.intf );
+      const HwFec* const next = fec( fecId );
+      if ( next == nullptr ) {
+         why = joinText( "FEC ", fecId, " is not there" );
+         return false;
+      }
+      return follow( *next, way, why );
+   }
+   case IntfId::Kind::dynamicTunnel: {
+      const std::vector< FecVia >* const tunnel = tunnels_.find( via.intf );
+      if ( tunnel == nullptr || ++way.depth > maxDepth ) {
+         why = joinText( "tunnel ", via.intf, " is not there" );
+         return false;
+      }
+      return follow( *tunnel, tunnel->size(), way, why );
+   }
+   default:
+      break;
+   }
+   if ( !links_.up( via.intf ) ) {
+      why = joinText( "interface ", via.intf, " is down" );
+      return false;
+   }
+   way.exit = platform_.resolve ? platform_.resolve( via.intf, via.nextHop ) : NextHopInfo();
+   if ( !way.exit.resolved ) {
+      why = joinText( "next hop ", via.nextHop, " on ", via.intf, " is not resolved" );
+   }
+   return way.exit.resolved;
+}
+
+} // namespace Vel::Driver

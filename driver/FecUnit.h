@@ -1,0 +1,124 @@
+// FecUnit: the FECs of the software switch. Requests are answered with hardware ids, routes forward
+// into what stands behind an id, and a protected FEC changes over to its backup by itself.
+//
+//    FecIdToHwFecIdRequest ──queue──> sync( fecId ) ──> HwFec ──> FecIdToHwFecIdResponse
+//                                          ▲
+//        FECs of other agents, tunnels ────┘
+//
+// An operation on a FEC carries its id and nothing else: what is written is what the request table
+// says when its turn comes, so that of several changes in a row the last one counts. A FEC keeps
+// its hardware id while it is requested; its content is replaced in place, which no frame notices.
+//
+// Who makes a FEC. Label FECs are made of what the request says. The FECs of other agents (next-hop
+// groups, external FECs) and the tunnels are made known here by whoever plays those agents; a
+// request for one is answered when it is there, and the answer is withdrawn when it goes.
+//
+// Ways out. A via leads out by an interface that is up to a neighbour that is resolved, or into
+// another FEC or a tunnel that has a way out, eight levels deep at most. A hash over the flow picks
+// one of the usable vias. Without one the FEC's backup is taken. Which of both is in use is
+// reported for every protected FEC in AdjHwStatus.
+//
+// What cannot be made now (no room, an interface that is not ready) is made as soon as it can be;
+// until then there is no answer.
+
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "driver/FaultPlan.h"
+#include "driver/HwTables.h"
+#include "driver/Links.h"
+#include "platform/FecTables.h"
+
+namespace Vel::Driver {
+
+/// Everything between the library and the FECs.
+struct FecPlatform {
+   /// The hardware's table of neighbours.
+   using Resolve = std::function< NextHopInfo( IntfId intf, const IpGenAddr& nextHop ) >;
+
+   Ptr< FecIdToHwFecIdRequest > request;
+   Ptr< FecIdToHwFecIdResponse > response;
+   Ptr< VelL3Status > l3Status;
+   Ptr< L3StartupStagePrerequisitesStatus > startup; ///< may be empty
+   Resolve resolve;
+
+   bool present() const { return request && response && l3Status; }
+};
+
+class SwitchStatus;
+
+class FecUnit {
+ public:
+   /// All that is referred to must outlive it.
+   FecUnit( FecPlatform platform, OperationQueue& queue, SwitchStatus& status,
+            const FaultPlan& faults, const Links& links, const Clock& clock );
+   FecUnit( const FecUnit& ) = delete;
+   FecUnit& operator=( const FecUnit& ) = delete;
+   ~FecUnit();
+
+   // --- Other agents
+
+   /// A FEC of another agent appears or changes.
+   void foreignFecIs( Fib::FecId fecId, std::vector< Fib::FecVia > vias );
+   void foreignFecDel( Fib::FecId fecId );
+   /// A dynamic tunnel appears or changes.
+   void tunnelIs( IntfId intf, std::vector< Fib::FecVia > vias );
+   void tunnelDel( IntfId intf );
+
+   /// Neighbours or links have changed: says of each protected FEC which way it takes now.
+   void reportStates();
+
+   // --- The switch
+
+   /// How many FECs fit; 0: no limit.
+   void capacityIs( size_t fecs ) { capacity_ = fecs; }
+   /// Brings the FEC in hardware to what is requested of it now.
+   void sync( Fib::FecId fecId );
+   /// Time for what was not possible before.
+   void retryWaiting();
+   void syncDone();
+   /// The FEC behind a hardware id, or null.
+   HwFec* fec( U64 hwId ) const;
+   HwFec* fec( Fib::FecId fecId ) const;
+   size_t fecs() const { return fecs_.size(); }
+   /// The way that a frame of the flow takes; false when there is none, and why.
+   bool wayOut( const HwRoute& route, U64 flowHash, Mpls::Hardware::L2Via& out,
+                std::string& why ) const;
+
+ private:
+   class RequestReactor;
+   struct Way;
+
+   void push( Fib::FecId fecId );
+   bool possible( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias );
+   const std::vector< Fib::FecVia >* wanted( Fib::FecId fecId, Fib::FecId& backup ) const;
+   void remove( Fib::FecId fecId );
+   bool follow( const HwFec& fec, Way& way, std::string& why ) const;
+   bool follow( const Fib::FecVia& via, Way& way, std::string& why ) const;
+   bool follow( const std::vector< Fib::FecVia >& vias, size_t count, Way& way,
+                std::string& why ) const;
+   AdjHwState stateOf( const HwFec& fec ) const;
+   void stateIs( const HwFec& fec, AdjHwState state );
+
+   FecPlatform platform_;
+   OperationQueue& queue_;
+   SwitchStatus& status_;
+   const FaultPlan& faults_;
+   const Links& links_;
+   const Clock& clock_;
+   size_t capacity_ = 0;
+   U64 nextHwId_ = 1;
+   Hash< Fib::FecId, Ptr< HwFec > > fecs_;
+   Hash< U64, HwFec* > byHwId_;
+   HashSet< Fib::FecId > waiting_; // requested, not possible now
+   Hash< Fib::FecId, std::vector< Fib::FecVia > > foreign_;
+   Hash< IntfId, std::vector< Fib::FecVia > > tunnels_;
+   std::unique_ptr< RequestReactor > reactor_;
+};
+
+} // namespace Vel::Driver

@@ -1,0 +1,360 @@
+// MplsSm: external FECs and backups. Via sets that forward into another agent's FEC, and via sets
+// that protect others.
+//
+// Protection is one level deep: a backup has no backup, and what has a backup protects nobody. An
+// adjacency whose backup is not fit for it backs off: it is left as it is and waits under the
+// backup's via set key. What makes the backup fit is an event, the processing of its adjacency or a
+// change of its via set, and that event queues those who wait.
+
+#include "mpls/VelMplsSm.h"
+#include "mpls/VelMplsTrace.h"
+
+namespace Vel {
+
+namespace {
+
+// A via set that is missing from the LFIB is usually on its way. After so many looks in a row only
+// its arrival brings the adjacency back.
+constexpr U32 maxLooksForBackup = 3;
+
+std::string subject( const L3Adjacency& l3Adj ) {
+   return l3Adj.fullName();
+}
+
+} // namespace
+
+// --- External FECs.
+
+Mpls::LfibExtFecVia MplsSm::getSaneExtFecVia( const L3Adjacency& l3Adj,
+                                              const Mpls::LfibViaSet& viaSet ) const {
+   const Mpls::LfibViaSetKey viaSetKey = l3Adj.lFibViaSetKey(); // a via set that is gone has none
+   if ( viaSet.null() ) {
+      MPLS_TRACE( 3, "lFib viaSet idx ", viaSetKey.index(), " viaType ", viaSetKey.viaType(),
+                  " deleted" );
+      return {};
+   }
+   MPLS_ASSERT( viaSetKey.viaType() == Mpls::viaTypeExternalFec,
+                "lFibViaSetKey.viaType() == Mpls::viaTypeExternalFec_", textOf( viaSetKey ) );
+   if ( !forwardingIntoExternalFecsSupported() ) {
+      MPLS_TRACE( 3, "External FEC not supported on this platform; skipping l3 adj" );
+      return {};
+   }
+   Mpls::LfibExtFecVia via;
+   if ( const std::string fault = extFecLFibViaSetFault( viaSet, via ); !fault.empty() ) {
+      MPLS_TRACE( 3, fault, "; skipping l3 adj" );
+      return {};
+   }
+   return via;
+}
+
+// Looks for the via of an external-FEC via set; says why there is none.
+std::string MplsSm::extFecLFibViaSetFault( const Mpls::LfibViaSet& viaSet,
+                                           Mpls::LfibExtFecVia& via ) const {
+   const Mpls::LfibViaKey viaKey = viaSet.viaKey( 0 );
+   via = in_.transitLfib->lfibExtFecVia( viaKey );
+   if ( via == Mpls::LfibExtFecVia() ) {
+      return joinText( "lFib via idx ", viaKey.index(), " not found" );
+   }
+   if ( !via.fecId.valid() ) {
+      return joinText( "lFib via idx ", viaKey.index(), " has invalid external FecId" );
+   }
+   if ( via.key.viaType() != Mpls::viaTypeExternalFec ) {
+      return joinText( "lFib via idx ", viaKey.index(), " is viaType ", via.key.viaType(),
+                       " instead of externalFec" );
+   }
+   if ( viaSet.viaKeys() != 1 ) {
+      const Mpls::LfibViaSetKey key = viaSet.key();
+      return joinText( "lFib viaSet ", "index ", key.index(), " source ", key.source(), " viaType ",
+                       key.viaType(), " viaSetType ", key.viaSetType(), " has ", viaSet.viaKeys(),
+                       " vias, but should only have one" );
+   }
+   return {};
+}
+
+void MplsSm::processExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                 const Mpls::LfibViaSet& viaSet,
+                                 const Mpls::LfibExtFecVia& extFecVia ) {
+   MPLS_ASSERT( forwardingIntoExternalFecsSupported(), "forwardingIntoExternalFecsSupported()",
+                subject( l3Adj ) );
+   MPLS_ASSERT( extFecVia != Mpls::LfibExtFecVia(), "extFecVia != Mpls::LfibExtFecVia()",
+                subject( l3Adj ) );
+   const Fib::FecId fecId = extFecVia.fecId;
+   requestHwFecIdAndUpdateDependencyMaps( fecId, Fib::Fec{ fecId, {}, {} }, Fib6::Fec(), vrfState,
+                                          l3Adj, viaSet.key() );
+   Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
+   hwAdj->viaDelAll();
+   hwAdj->unresolvedViasIs( 0 );
+   hwAdj->viaSetTypeIs( viaSet.key().viaSetType() );
+   Mpls::Hardware::AdjacencyVia via;
+   via.viaKey = extFecVia.key;
+   via.intf = Fib::FecId::fecIdToHierarchicalIntfId( fecId );
+   hwAdj->viaIs( 0, via );
+}
+
+void MplsSm::addRouteKeyToExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info ) {
+   MPLS_TRACE( 7, "add routeKey ", routeKey, " to extFecInfo ", info.fecId() );
+   info.dependentRouteKeyIs( routeKey );
+}
+
+void MplsSm::deleteRouteKeyFromExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info ) {
+   MPLS_TRACE( 7, "delete routeKey ", routeKey, " from extFecInfo ", info.fecId() );
+   info.dependentRouteKeyDel( routeKey );
+}
+
+// Backups are one level deep, and with them the recursion.
+void MplsSm::maybeDeleteExtFecInfo( VrfMplsState& vrfState, Fib::FecId fecId ) {
+   MPLS_TRACE( 7, "try to delete ext fec ", fecId );
+   const Ptr< ExternalFecInfo > info = vrfState.extFecInfo( fecId );
+   MPLS_ASSERT( info, "extFecInfo", textOf( fecId ) );
+   if ( info->dependentL3Adjacencys() != 0 || info->dependentRouteKeys() != 0 ||
+        info->dependentPrimaryExtFecInfos() != 0 ) {
+      return;
+   }
+   MPLS_TRACE( 3, "delete ext fec ", fecId );
+   if ( const Ptr< ExternalFecInfo > backup = info->backupExtFecInfo() ) {
+      info->backupExtFecInfoIs( nullptr );
+      backup->dependentPrimaryExtFecInfoDel( info.get() );
+      maybeDeleteExtFecInfo( vrfState, backup->fecId() );
+   }
+   freeMplsFecId( fecId, vrfState );
+   vrfState.extFecInfoDel( fecId );
+   if ( forwardingIntoExternalFecsSupported() ) {
+      in_.hwFecIdRequest->fecDel( fecId );
+      in_.hwFecIdRequest->fec6Del( fecId );
+      in_.hwFecIdRequest->hwFecIdRequestDel( fecId );
+   }
+}
+
+void MplsSm::updateBackupExtInfoForExtFecInfo( VrfMplsState& vrfState, ExternalFecInfo& info,
+                                               const Ptr< ExternalFecInfo >& backup ) {
+   MPLS_TRACE( 7, "update backup extFecInfo for extFecInfo ", info.fecId() );
+   const Ptr< ExternalFecInfo > before = info.backupExtFecInfo();
+   if ( before == backup || backup.get() == &info ) {
+      return;
+   }
+   info.backupExtFecInfoIs( backup );
+   if ( backup ) {
+      backup->dependentPrimaryExtFecInfoIs( &info );
+   }
+   if ( before ) {
+      before->dependentPrimaryExtFecInfoDel( &info );
+      maybeDeleteExtFecInfo( vrfState, before->fecId() );
+   }
+}
+
+// The FEC that protects an external one: that of the backup via set's adjacency, where routes use
+// that via set. One level deep.
+Ptr< ExternalFecInfo > MplsSm::extFecBackupOf( const VrfMplsState& vrfState,
+                                               const ExternalFecInfo& info,
+                                               Mpls::LfibViaSetKey viaSetKey ) const {
+   const Mpls::LfibViaSetKey backupKey = in_.transitLfib->lfibViaSet( viaSetKey ).backupViaSetKey();
+   if ( backupKey.empty() || !vrfState.lFibViaSetToL3AdjHas( backupKey ) ||
+        info.dependentPrimaryExtFecInfos() != 0 ) {
+      return nullptr;
+   }
+   const Ptr< ExternalFecInfo > backup =
+      vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( backupKey ) )->extFecInfo();
+   return backup && !backup->backupExtFecInfo() ? backup : nullptr;
+}
+
+// --- Backups.
+
+bool MplsSm::validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                                  const Mpls::LfibViaSet& viaSet ) {
+   if ( viaSet.null() ) {
+      const Mpls::LfibViaSetKey key = l3Adj.lFibViaSetKey();
+      MPLS_TRACE( 3, "lFib viaSet idx ", key.index(), " viaType ", key.viaType(), " deleted" );
+      return false;
+   }
+   const Mpls::LfibViaSetKey backupKey = viaSet.backupViaSetKey();
+   if ( l3Adj.backupAdj() && l3Adj.backupAdj()->lFibViaSetKey() != backupKey ) {
+      deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
+   }
+   stopWaitingForBackup( vrfState, l3Adj );
+   if ( backupKey.empty() ) {
+      if ( l3Adj.backupAdj() ) {
+         deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
+      }
+      return true;
+   }
+   if ( in_.transitLfib->lfibViaSet( backupKey ).null() ) {
+      MPLS_TRACE( 3, "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
+                  " missing from lfib" );
+      lookAgainForBackup( vrfState, l3Adj, backupKey );
+      return false;
+   }
+   l3Adj.looksForBackupIs( 0 );
+   if ( !vrfState.lFibViaSetToL3AdjHas( backupKey ) ) {
+      makeBackupAdj( vrfState, l3Adj, backupKey );
+      waitForBackup( vrfState, l3Adj, backupKey, true );
+      return false;
+   }
+   L3Adjacency& backup = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( backupKey ) );
+   if ( const std::string fault = backupFault( vrfState, l3Adj, backup ); !fault.empty() ) {
+      MPLS_TRACE( 3, fault );
+      waitForBackup( vrfState, l3Adj, backupKey, vrfState.l3AdjForReviewHas( backup.index() ) );
+      return false;
+   }
+   linkBackupAdj( l3Adj, backup );
+   setHwBackupAdjStatus( vrfState, l3Adj );
+   return true;
+}
+
+// Why the backup cannot protect the adjacency now; empty when it can.
+std::string MplsSm::backupFault( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                                 const L3Adjacency& backup ) const {
+   const Mpls::LfibViaSetKey key = l3Adj.lFibViaSetKey();
+   const Mpls::LfibViaSetKey backupKey = backup.lFibViaSetKey();
+   if ( vrfState.l3AdjForReviewHas( backup.index() ) ) {
+      return joinText( "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
+                       " waiting to be reviewed, backing off until reviewed" );
+   }
+   if ( backup.backupAdj() ) {
+      return joinText( "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
+                       " has a backup so it can't be used as backup right now" );
+   }
+   if ( l3Adj.primaryAdjs() != 0 || &l3Adj == &backup ) {
+      return joinText( "viaSet idx ", key.index(), " with backup viaSet idx ", backupKey.index(),
+                       " is already a backup adj, backing off until input is sane" );
+   }
+   return {};
+}
+
+void MplsSm::makeBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            Mpls::LfibViaSetKey backupKey ) {
+   L3Adjacency* const backup = newL3Adjacency( vrfState );
+   backup->lFibViaSetKeyIs( backupKey );
+   vrfState.lFibViaSetToL3AdjIs( backupKey, backup->index() );
+   linkBackupAdj( l3Adj, *backup );
+   setHwBackupAdjStatus( vrfState, l3Adj );
+   MPLS_TRACE( 3, "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
+               " not yet up for review, kicking off review and backing off" );
+   vrfState.l3AdjForReviewIs( backup->index() );
+}
+
+void MplsSm::linkBackupAdj( L3Adjacency& l3Adj, L3Adjacency& backup ) {
+   l3Adj.backupAdjIs( &backup );
+   backup.primaryAdjIs( l3Adj.index() );
+}
+
+void MplsSm::setHwBackupAdjStatus( VrfMplsState&, L3Adjacency& l3Adj ) {
+   if ( const L3Adjacency* const backup = l3Adj.backupAdj().get() ) {
+      in_.routingHwMplsStatus->adjacencyBackupStatusIs( { l3Adj.index(), backup->index() } );
+   } else {
+      in_.routingHwMplsStatus->adjacencyBackupStatusDel( l3Adj.index() );
+   }
+}
+
+void MplsSm::deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   MPLS_TRACE( 7, "clear backup adj info for primary adj ", l3Adj.index() );
+   if ( L3Adjacency* const backup = l3Adj.backupAdj().get() ) {
+      backup->primaryAdjDel( l3Adj.index() );
+      vrfState.l3AdjForReviewIs( backup->index() ); // it goes when nothing else uses it
+   }
+   in_.routingHwMplsStatus->adjacencyBackupStatusDel( l3Adj.index() );
+   l3Adj.backupAdjIs( nullptr );
+}
+
+// --- Backing off.
+
+void MplsSm::waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            Mpls::LfibViaSetKey backupKey, bool forReview ) {
+   l3Adj.backupAwaitedIs( backupKey );
+   l3Adj.backupAwaitsReviewIs( forReview );
+   vrfState.waitsForBackupIs( backupKey )->l3AdjacencyIs( l3Adj.index() );
+}
+
+void MplsSm::stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   if ( BackupWait* const wait = vrfState.waitsForBackup( l3Adj.backupAwaited() ) ) {
+      wait->l3AdjacencyDel( l3Adj.index() );
+      if ( wait->l3Adjacencys() == 0 ) {
+         vrfState.waitsForBackupDel( l3Adj.backupAwaited() );
+      }
+   }
+   l3Adj.backupAwaitedIs( {} );
+}
+
+void MplsSm::lookAgainForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                 Mpls::LfibViaSetKey backupKey ) {
+   if ( l3Adj.looksForBackup() < maxLooksForBackup ) {
+      l3Adj.looksForBackupIs( l3Adj.looksForBackup() + 1 );
+      vrfState.l3AdjForReviewIs( l3Adj.index() );
+   }
+   waitForBackup( vrfState, l3Adj, backupKey, false );
+}
+
+// The via set's adjacency has been processed, or the via set has changed. Processing that changes
+// nothing is news only to those who waited for it: two adjacencies that are unfit for each other
+// would otherwise keep each other busy for ever.
+void MplsSm::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
+                                    bool changed ) {
+   const BackupWait* const wait = vrfState.waitsForBackup( backupKey );
+   if ( wait == nullptr ) {
+      return;
+   }
+   for ( const U64 index : wait->l3Adjacency() ) {
+      if ( changed || vrfState.l3Adjacency( index )->backupAwaitsReview() ) {
+         MPLS_TRACE( 3, "add l3 adj ", index, " for review" );
+         vrfState.l3AdjForReviewIs( index );
+      }
+   }
+}
+
+std::string MplsSm::backupWaitReason( const VrfMplsState& vrfState,
+                                      const L3Adjacency& l3Adj ) const {
+   const Mpls::LfibViaSetKey backupKey = l3Adj.backupAwaited();
+   if ( backupKey.empty() ) {
+      return {};
+   }
+   if ( in_.transitLfib->lfibViaSet( backupKey ).null() ) {
+      return joinText( "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
+                       " missing from lfib" );
+   }
+   if ( !vrfState.lFibViaSetToL3AdjHas( backupKey ) ) {
+      return joinText( "backup viaSet idx ", backupKey.index(), " is still to be processed" );
+   }
+   std::string fault = backupFault(
+      vrfState, l3Adj, *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( backupKey ) ) );
+   return fault.empty() ? joinText( "backup viaSet idx ", backupKey.index(), " has to go first" )
+                        : fault;
+}
+
+// --- What hardware makes of protected FECs.
+
+void MplsSm::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {
+   MPLS_TRACE( 3, "handleAdjHwState", " fecId ", globalFecId );
+   MPLS_RING( "US handleAdjHwState fecId", globalFecId.fecId );
+   const L3::VrfName& vrf = in_.velL3Status->vrfName( globalFecId.vrfId );
+   if ( vrf != L3::VrfName::defaultVrf() ) {
+      MPLS_TRACE( 3, "  not default vrf" );
+      MPLS_RING( "US   not default vrf" );
+      return;
+   }
+   VrfMplsState* const vrfState = mplsState( vrf );
+   if ( vrfState == nullptr ) {
+      MPLS_TRACE( 3, "  no vrf state for vrf ", vrf );
+      MPLS_RING( "US   no vrf state for vrf", globalFecId.vrfId );
+      return;
+   }
+   ExternalFecInfo* const info = vrfState->extFecInfo( globalFecId.fecId );
+   if ( info == nullptr ) {
+      MPLS_TRACE( 3, "  no ext fec info " );
+      MPLS_RING( "US   no ext fec info " );
+      return;
+   }
+   const Mpls::LfibViaSetKey viaSetKey = info->lFibViaSetKey();
+   if ( viaSetKey.empty() || !vrfState->lFibViaSetToL3AdjHas( viaSetKey ) ) {
+      MPLS_TRACE( 3, "  invalid via set key ", viaSetKey );
+      MPLS_RING( "US   invalid via set key ", viaSetKey );
+      return;
+   }
+   info->adjStateIs( in_.velL3Status->adjHwStatus()
+                        ? in_.velL3Status->adjHwStatus()->adjHwState( globalFecId )
+                        : AdjHwState::unknown );
+   L3Adjacency& l3Adj = *vrfState->l3Adjacency( vrfState->lFibViaSetToL3Adj( viaSetKey ) );
+   setHwBackupAdjStatus( *vrfState, l3Adj );
+   in_.lfibHwStatus->viaSetIs( { viaSetKey, l3Adj.index(), l3Adj.unprogrammed(),
+                                 info->adjState() == AdjHwState::backupActive } );
+}
+
+} // namespace Vel

@@ -1,0 +1,396 @@
+// Hardware that forwards through FECs: requests, answers, changes in place, backups, and FECs of
+// other agents.
+
+#include <gtest/gtest.h>
+
+#include "tests/LabelRig.h"
+
+namespace Vel {
+namespace {
+
+using namespace Test;
+using Mpls::RouteStatusCode;
+
+constexpr U64 macOf( U32 intf ) {
+   return 0x02'00'00'00'10'00 + intf;
+}
+
+Mpls::LfibMplsVia popVia( U32 index, std::string_view nextHop, U32 intf ) {
+   Mpls::LfibMplsVia via = swapVia( index, nextHop, intf, 0 );
+   via.labelAction = MplsLabelAction::pop;
+   via.labelStack = {};
+   via.payloadType = Mpls::PayloadType::ipv4;
+   via.ttlMode = Mpls::TtlMode::uniform;
+   return via;
+}
+
+class FecTest : public testing::Test {
+ protected:
+   explicit FecTest( RigSettings settings = { .withFecs = true } ) : rig( settings ) {
+      for ( U32 intf = 1; intf <= 4; ++intf ) {
+         rig.l3.neighborIs( nextHopOf( intf ), intf, macOf( intf ) );
+      }
+   }
+   static std::string nextHopOf( U32 intf ) { return joinText( "10.0.", intf, ".2" ); }
+   static Mpls::LfibMplsVia swapOut( U32 via, U32 intf, U32 label ) {
+      return swapVia( via, nextHopOf( intf ), intf, label );
+   }
+   void viaSetIs( U32 index, const std::vector< Mpls::LfibMplsVia >& vias, U32 backup = 0,
+                  bool usable = true ) {
+      Mpls::LfibViaSet viaSet( viaSetKey( index ) );
+      for ( const Mpls::LfibMplsVia& via : vias ) {
+         rig.writer.mplsViaIs( via );
+         viaSet.viaKeyAdd( via.key );
+      }
+      if ( backup != 0 ) {
+         viaSet.backupViaSetKeyIs( viaSetKey( backup ) );
+      }
+      viaSet.usableAsPrimaryViasIs( usable );
+      rig.writer.viaSetIs( viaSet );
+   }
+   void extFecViaSetIs( U32 index, const std::vector< Fib::FecId >& fecs ) {
+      Mpls::LfibViaSet viaSet( viaSetKey( index, Mpls::viaTypeExternalFec ) );
+      for ( U32 i = 0; i < fecs.size(); ++i ) {
+         const Mpls::LfibViaKey key = viaKey( index * 10 + i, Mpls::viaTypeExternalFec );
+         rig.writer.extFecViaIs( { key, fecs[i] } );
+         viaSet.viaKeyAdd( key );
+      }
+      rig.writer.viaSetIs( viaSet );
+   }
+   /// Where a frame with the label leaves and with which label: "intf2 label 17", or the reason for
+   /// the drop.
+   std::string forward( U32 label ) {
+      Driver::Bytes frame( 12, 2 );
+      for ( const U32 byte :
+            { 0x88U, 0x47U, label >> 12, label >> 4 & 0xFFU, ( label & 0xFU ) << 4 | 1U, 64U } ) {
+         frame.push_back( static_cast< uint8_t >( byte ) );
+      }
+      for ( const U32 byte : { 0x45U, 0U,    0U,  20U, 0U, 1U, 0U,  0U, 64U, 59U,
+                               0x26U, 0xECU, 10U, 0U,  0U, 1U, 10U, 0U, 0U,  2U } ) {
+         frame.push_back( static_cast< uint8_t >( byte ) );
+      }
+      const Driver::ForwardResult result = rig.hardware->forward( LabelRig::vrfId, frame );
+      if ( result.frames.empty() ) {
+         return result.text;
+      }
+      const Driver::OutgoingFrame& out = result.frames.front();
+      if ( out.bytes[12] == 0x08 ) {
+         return joinText( out.intf, " ip" );
+      }
+      return joinText( out.intf, " label ",
+                       out.bytes[14] << 12 | out.bytes[15] << 4 | out.bytes[16] >> 4 );
+   }
+   /// Settles, and checks after every run of a task.
+   template< class F >
+   void settleWatching( const F& check ) {
+      const double until = rig.clock->now() + 1.0;
+      rig.poll();
+      while ( true ) {
+         check();
+         if ( rig.scheduler->runOne() ) {
+            continue;
+         }
+         if ( rig.scheduler->nextExpiry() > until ) {
+            return;
+         }
+         rig.clock->nowIs( rig.scheduler->nextExpiry() );
+      }
+   }
+   ExternalFecInfo* fecOf( U32 viaSet ) {
+      L3Adjacency* const l3Adj = rig.l3Adj( viaSet );
+      return l3Adj ? l3Adj->extFecInfo().get() : nullptr;
+   }
+   U64 numbersInUse() { return rig.sm->numAllocator()->status()->numberInUses(); }
+   void expectNothingLeft() {
+      EXPECT_EQ( rig.state(), nullptr );
+      EXPECT_EQ( numbersInUse(), 0U );
+      EXPECT_EQ( rig.fecRequest->hwFecIdRequests(), 0U );
+      EXPECT_EQ( rig.fecRequest->fecs() + rig.fecRequest->fec6s(), 0U );
+      EXPECT_EQ( rig.fecResponse->hwFecIds(), 0U );
+      EXPECT_EQ( rig.hardware->routes() + rig.hardware->fecUnit()->fecs(), 0U );
+      EXPECT_EQ( rig.l3Status->adjHwStatus()->adjHwStates(), 0U );
+   }
+
+   LabelRig rig;
+};
+
+TEST_F( FecTest, RouteForwardsIntoItsFecAndLeavesNothingBehind ) {
+   viaSetIs( 1, { swapOut( 1, 1, 17 ) } );
+   rig.routeIs( 16001, 1 );
+   rig.routeIs( 16002, 1 );
+   rig.settle();
+   EXPECT_EQ( rig.sm->mplsSmStartupStatus(), MplsSmStartupStatus::mplsSmNormal );
+   EXPECT_EQ( forward( 16001 ), "intf1 label 17" );
+   EXPECT_EQ( rig.published( 16001 ), RouteStatusCode::programmed );
+   EXPECT_EQ( rig.config()->routes(), 0U );
+   EXPECT_EQ( fecOf( 1 )->dependentRouteKeys(), 2U );
+   EXPECT_EQ( numbersInUse(), 1U );
+
+   rig.routeDel( 16001 );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "no route for label 16001" );
+   EXPECT_EQ( forward( 16002 ), "intf1 label 17" );
+   rig.routeDel( 16002 );
+   rig.settle();
+   expectNothingLeft();
+}
+
+TEST_F( FecTest, ChangeKeepsTheFecAndItsRoutesForwarding ) {
+   viaSetIs( 1, { swapOut( 1, 1, 17 ) } );
+   rig.routeIs( 16001, 1 );
+   rig.settle();
+   const Fib::FecId fecId = fecOf( 1 )->fecId();
+   const U64 hwId = fecOf( 1 )->hwId();
+
+   viaSetIs( 1, { swapOut( 2, 2, 18 ) } );
+   settleWatching( [&] {
+      const std::string out = forward( 16001 );
+      EXPECT_TRUE( out == "intf1 label 17" || out == "intf2 label 18" ) << out;
+   } );
+   EXPECT_EQ( forward( 16001 ), "intf2 label 18" );
+   EXPECT_EQ( fecOf( 1 )->fecId(), fecId );
+   EXPECT_EQ( fecOf( 1 )->hwId(), hwId );
+
+   // Another address family is another FEC; routes move when it is answered, and the old one goes.
+   rig.l3.neighborIs( "fe80::2", 3, macOf( 3 ) );
+   viaSetIs( 1, { swapVia( 3, "fe80::2", 3, 19 ) } );
+   settleWatching( [&] { EXPECT_NE( forward( 16001 ).find( " label " ), std::string::npos ); } );
+   EXPECT_EQ( forward( 16001 ), "intf3 label 19" );
+   EXPECT_EQ( fecOf( 1 )->fecId().adjType(), Fib::AdjType::mplsV6Adj );
+   EXPECT_EQ( numbersInUse(), 1U );
+   EXPECT_EQ( rig.fecRequest->fecs(), 0U );
+   EXPECT_EQ( rig.fecRequest->fec6s(), 1U );
+}
+
+TEST_F( FecTest, BackupTakesOverBeforeTheLfibKnows ) {
+   viaSetIs( 1, { swapOut( 1, 1, 17 ) }, 2 );
+   viaSetIs( 2, { swapOut( 2, 2, 18 ) } );
+   rig.routeIs( 16001, 1 );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf1 label 17" );
+   const Fib::GlobalFecId global{ LabelRig::vrfId, fecOf( 1 )->fecId() };
+   EXPECT_EQ( rig.l3Status->adjHwStatus()->adjHwState( global ), AdjHwState::primaryActive );
+   EXPECT_EQ( rig.hwMplsStatus->adjacencyBackupStatus( rig.l3Adj( 1 )->index() ).backupIndex,
+              rig.l3Adj( 2 )->index() );
+
+   rig.hardware->linkIs( IntfId::ordinary( 1 ), false );
+   EXPECT_EQ( forward( 16001 ), "intf2 label 18" );
+   EXPECT_EQ( rig.l3Status->adjHwStatus()->adjHwState( global ), AdjHwState::backupActive );
+   EXPECT_TRUE( rig.lfibHwStatus->viaSet( viaSetKey( 1 ) ).backupActive );
+
+   // The routing software catches up: another primary, no backup.
+   viaSetIs( 1, { swapOut( 3, 3, 19 ) } );
+   settleWatching( [&] {
+      const std::string out = forward( 16001 );
+      EXPECT_TRUE( out == "intf2 label 18" || out == "intf3 label 19" ) << out;
+   } );
+   EXPECT_EQ( forward( 16001 ), "intf3 label 19" );
+   EXPECT_EQ( rig.l3Adj( 2 ), nullptr );
+   EXPECT_EQ( numbersInUse(), 1U );
+   rig.routeDel( 16001 );
+   rig.settle();
+   expectNothingLeft();
+}
+
+TEST_F( FecTest, DisabledPrimaryViasLeaveByTheBackup ) {
+   viaSetIs( 1, { swapOut( 1, 1, 17 ) }, 2, false );
+   viaSetIs( 2, { swapOut( 2, 2, 18 ) } );
+   rig.routeIs( 16001, 1 );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf2 label 18" );
+   viaSetIs( 1, { swapOut( 1, 1, 17 ) }, 2, true );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf1 label 17" );
+}
+
+TEST_F( FecTest, PopTravelsWithTheRouteWhereBothSidesPop ) {
+   viaSetIs( 1, { popVia( 1, nextHopOf( 1 ), 1 ) }, 3 );
+   viaSetIs( 3, { popVia( 3, nextHopOf( 3 ), 3 ) } );
+   rig.routeIs( 16001, 1 );
+   rig.routeIs( 16003, 3 );
+   rig.settle();
+   EXPECT_TRUE( fecOf( 1 )->popLabelActionRemoved() );
+   EXPECT_TRUE( fecOf( 3 )->popLabelActionRemoved() );
+   const auto expectPrimaryAndBackup = [&]( const std::string& primary ) {
+      EXPECT_EQ( forward( 16001 ), primary );
+      EXPECT_EQ( forward( 16003 ), "intf3 ip" );
+      rig.hardware->linkIs( IntfId::ordinary( 1 ), false );
+      EXPECT_EQ( forward( 16001 ), "intf3 ip" );
+      rig.hardware->linkIs( IntfId::ordinary( 1 ), true );
+   };
+   expectPrimaryAndBackup( "intf1 ip" );
+
+   // A primary that swaps joins: with the pop in the first two routes it could not be protected.
+   viaSetIs( 2, { swapOut( 2, 2, 18 ) }, 3 );
+   rig.routeIs( 16002, 2 );
+   settleWatching( [&] {
+      EXPECT_EQ( forward( 16001 ), "intf1 ip" );
+      EXPECT_EQ( forward( 16003 ), "intf3 ip" );
+   } );
+   EXPECT_FALSE( fecOf( 1 )->popLabelActionRemoved() );
+   EXPECT_FALSE( fecOf( 3 )->popLabelActionRemoved() );
+   expectPrimaryAndBackup( "intf1 ip" );
+   rig.hardware->linkIs( IntfId::ordinary( 2 ), false );
+   EXPECT_EQ( forward( 16002 ), "intf3 ip" );
+   EXPECT_EQ( numbersInUse(), 3U );
+}
+
+TEST_F( FecTest, UnfitBackupsSettle ) {
+   const auto waits = [&]( U32 viaSet ) {
+      return rig.sm->backupWaitReason( *rig.state(), *rig.l3Adj( viaSet ) );
+   };
+   // The backup's via set is not there yet.
+   viaSetIs( 1, { swapOut( 1, 1, 17 ) }, 2 );
+   rig.routeIs( 16001, 1 );
+   rig.settle();
+   EXPECT_EQ( rig.published( 16001 ), RouteStatusCode::notProgrammed );
+   EXPECT_EQ( waits( 1 ), "backup viaSet idx 2 viaType viaTypeMplsIp missing from lfib" );
+   EXPECT_LE( rig.state()->l3AdjReviewed(), 6U ); // not for ever
+   viaSetIs( 2, { swapOut( 2, 2, 18 ) } );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf1 label 17" );
+
+   // The backup gets a backup of its own: it stays what it is, a backup.
+   viaSetIs( 2, { swapOut( 2, 2, 18 ) }, 3 );
+   viaSetIs( 3, { swapOut( 3, 3, 19 ) } );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf1 label 17" );
+   EXPECT_EQ( waits( 2 ), "viaSet idx 2 with backup viaSet idx 3 is already a backup adj, backing "
+                          "off until input is sane" );
+   viaSetIs( 2, { swapOut( 2, 2, 18 ) } );
+   rig.settle();
+   EXPECT_EQ( rig.l3Adj( 3 ), nullptr );
+
+   // Two that protect each other: the one that was first is programmed.
+   viaSetIs( 4, { swapOut( 4, 3, 20 ) }, 5 );
+   viaSetIs( 5, { swapOut( 5, 4, 21 ) }, 4 );
+   rig.routeIs( 16004, 4 );
+   rig.routeIs( 16005, 5 );
+   rig.settle();
+   EXPECT_NE( waits( 4 ) + waits( 5 ), "" );
+   EXPECT_EQ( rig.state()->l3AdjForReviews(), 0U );
+   viaSetIs( 5, { swapOut( 5, 4, 21 ) } );
+   rig.settle();
+   EXPECT_EQ( forward( 16004 ), "intf3 label 20" );
+   EXPECT_EQ( forward( 16005 ), "intf4 label 21" );
+   rig.hardware->linkIs( IntfId::ordinary( 3 ), false );
+   EXPECT_EQ( forward( 16004 ), "intf4 label 21" );
+
+   for ( const U32 label : { 16001, 16004, 16005 } ) {
+      rig.routeDel( label );
+   }
+   rig.settle();
+   expectNothingLeft();
+}
+
+TEST_F( FecTest, ExternalFecsComeAndGo ) {
+   const Fib::FecId first( U64{ 7 } << 56 | 5 );
+   const Fib::FecId second( U64{ 7 } << 56 | 6 );
+   const auto out = [&]( U32 intf, U32 label ) {
+      Fib::FecVia via;
+      via.nextHop = ip( nextHopOf( intf ) );
+      via.intf = IntfId::ordinary( intf );
+      via.labelAction = MplsLabelAction::swap;
+      via.labelStack = { label };
+      return std::vector< Fib::FecVia >{ via };
+   };
+   Driver::FecUnit& fecs = *rig.hardware->fecUnit();
+   extFecViaSetIs( 1, { first } );
+   rig.routeIs( key( 16001 ), viaSetKey( 1, Mpls::viaTypeExternalFec ) );
+   rig.settle();
+   EXPECT_EQ( rig.published( 16001 ), RouteStatusCode::notProgrammed );
+
+   fecs.foreignFecIs( first, out( 1, 31 ) ); // late
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf1 label 31" );
+   EXPECT_EQ( rig.published( 16001 ), RouteStatusCode::programmed );
+   EXPECT_EQ( numbersInUse(), 0U );
+
+   fecs.foreignFecIs( second, out( 2, 32 ) ); // the route moves to another one without a gap
+   extFecViaSetIs( 1, { second } );
+   settleWatching( [&] { EXPECT_NE( forward( 16001 ).find( " label " ), std::string::npos ); } );
+   EXPECT_EQ( forward( 16001 ), "intf2 label 32" );
+   EXPECT_FALSE( rig.fecRequest->hwFecIdRequestHas( first ) );
+
+   fecs.foreignFecDel( second ); // vanishes
+   rig.settle();
+   EXPECT_EQ( rig.published( 16001 ), RouteStatusCode::notProgrammed );
+   EXPECT_EQ( rig.hardware->routes(), 0U );
+
+   extFecViaSetIs( 1, { first, second } ); // not sane: what is programmed stays
+   rig.settle();
+   EXPECT_EQ( rig.sm->lFibViaSetFault( viaSetKey( 1, Mpls::viaTypeExternalFec ) ),
+              "lFib viaSet index 1 source ldp viaType viaTypeExternalFec viaSetType unicast has 2 "
+              "vias, but should only have one" );
+   rig.routeDel( 16001 );
+   rig.settle();
+   expectNothingLeft();
+}
+
+TEST_F( FecTest, NextHopGroupsAndTunnels ) {
+   const Fib::FecId group = Fib::FecId::fecIdForAdjType( Fib::AdjType::nexthopGroupAdj, 9 );
+   const IntfId tunnel( IntfId::Kind::dynamicTunnel, 4 );
+   Fib::FecVia out;
+   out.nextHop = ip( nextHopOf( 2 ) );
+   out.intf = IntfId::ordinary( 2 );
+   out.labelAction = MplsLabelAction::push;
+   out.labelStack = { 500 };
+   Driver::FecUnit& fecs = *rig.hardware->fecUnit();
+   fecs.foreignFecIs( group, { out } );
+   fecs.tunnelIs( tunnel, { out } );
+
+   Mpls::LfibMplsVia intoTunnel = swapVia( 1, "", 0, 17 );
+   intoTunnel.intf = tunnel;
+   Mpls::LfibMplsVia intoGroup = swapVia( 2, "", 0, 17 );
+   intoGroup.intf = Fib::FecId::fecIdToNexthopGroupIntfId( group );
+   viaSetIs( 1, { intoTunnel } );
+   viaSetIs( 2, { intoGroup } );
+   rig.routeIs( 16001, 1 );
+   rig.routeIs( 16002, 2 );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf2 label 500" );
+   EXPECT_EQ( forward( 16002 ), "intf2 label 500" );
+   EXPECT_EQ( numbersInUse(), 1U ); // the group brings its own
+   // From next hops to a tunnel and back: nothing is watched any more than needed.
+   viaSetIs( 1, { swapOut( 3, 3, 19 ) } );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf3 label 19" );
+   EXPECT_EQ( rig.l3.arp->entrys(), 1U );
+   viaSetIs( 1, { intoTunnel } );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf2 label 500" );
+   EXPECT_EQ( rig.l3.arp->entrys(), 0U );
+   EXPECT_EQ( rig.config()->l2Adjacencys(), 0U );
+}
+
+class SmallFecTest : public FecTest {
+ protected:
+   SmallFecTest()
+      : FecTest( { .hardware = { .routeCapacity = 2, .fecCapacity = 1 }, .withFecs = true } ) {}
+};
+
+TEST_F( SmallFecTest, RoomComesBackByItself ) {
+   viaSetIs( 1, { swapOut( 1, 1, 17 ) } );
+   viaSetIs( 2, { swapOut( 2, 2, 18 ) } );
+   for ( const U32 label : { 16001, 16002, 16003 } ) {
+      rig.routeIs( label, 1 );
+   }
+   rig.settle();
+   rig.routeIs( 16004, 2 );
+   rig.settle();
+   EXPECT_EQ( rig.hardware->routes(), 2U );
+   EXPECT_EQ( rig.published( 16003 ), RouteStatusCode::notProgrammed );
+   EXPECT_EQ( rig.status()->unprogrammedReason(), UnprogrammedReason::RouteFull );
+   EXPECT_EQ( rig.published( 16004 ), RouteStatusCode::notProgrammed ); // no room for its FEC
+   for ( const U32 label : { 16001, 16002, 16003 } ) {
+      rig.routeDel( label );
+   }
+   rig.settle();
+   EXPECT_EQ( forward( 16004 ), "intf2 label 18" );
+   EXPECT_EQ( rig.published( 16004 ), RouteStatusCode::programmed );
+   EXPECT_EQ( rig.status()->unprogrammedRoutes(), 0U );
+   EXPECT_EQ( rig.hardware->status()->vrf( LabelRig::vrfId )->refusedRoutes(), 0U );
+}
+
+} // namespace
+} // namespace Vel
