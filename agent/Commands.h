@@ -17,5 +17,6 @@ using CommandRun = std::function< int() >;
 /// outlive the parsing.
 void addProgramCommand( CLI::App& app, CommandRun& run );
 void addForwardCommand( CLI::App& app, CommandRun& run );
+void addExplainCommand( CLI::App& app, CommandRun& run );
 
 } // namespace Vel::Agent

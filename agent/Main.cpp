@@ -24,6 +24,7 @@ int runVelmpls( int argc, char** argv ) {
    Vel::Agent::CommandRun run;
    Vel::Agent::addProgramCommand( app, run );
    Vel::Agent::addForwardCommand( app, run );
+   Vel::Agent::addExplainCommand( app, run );
    try {
       app.parse( argc, argv );
    } catch ( const CLI::ParseError& stop ) { // help and version come this way too

@@ -294,4 +294,13 @@ class LabelRig {
    Ptr< MplsSm > sm;
 };
 
+/// Routes 16 to 16+n-1, each over a via set of its own.
+inline void addRoutes( LabelRig& rig, U32 n ) {
+   rig.l3.neighborIs( "10.0.0.1", 1, 0x020000000001 );
+   for ( U32 i = 0; i < n; ++i ) {
+      rig.viaSetIs( 1 + i, { swapVia( 1 + i, "10.0.0.1", 1, 100 + i ) } );
+      rig.routeIs( 16 + i, 1 + i );
+   }
+}
+
 } // namespace Vel::Test
