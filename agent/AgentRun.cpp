@@ -44,10 +44,12 @@ void addRunOptions( CLI::App& app, RunOptions& options ) {
    addTableOptions( app, options.tables );
    app.add_option( "--route-capacity", options.routeCapacity,
                    "Routes that fit into the hardware; no limit when not given" )
-      ->type_name( "N" );
+      ->type_name( "N" )
+      ->check( CLI::NonNegativeNumber );
    app.add_option( "--adjacency-capacity", options.adjacencyCapacity,
                    "L2 adjacencies that fit into the hardware; no limit when not given" )
-      ->type_name( "N" );
+      ->type_name( "N" )
+      ->check( CLI::NonNegativeNumber );
    app.add_option( "--fault", options.faults,
                    "What goes wrong in the hardware: refuse operation N, refuse label L, refuse "
                    "adjacency N, not-ready INTERFACE, late SECONDS, forget label L, route-capacity "

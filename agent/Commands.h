@@ -18,5 +18,7 @@ using CommandRun = std::function< int() >;
 void addProgramCommand( CLI::App& app, CommandRun& run );
 void addForwardCommand( CLI::App& app, CommandRun& run );
 void addExplainCommand( CLI::App& app, CommandRun& run );
+void addAuditCommand( CLI::App& app, CommandRun& run );
+void addImpactCommand( CLI::App& app, CommandRun& run );
 
 } // namespace Vel::Agent

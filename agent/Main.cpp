@@ -25,6 +25,8 @@ int runVelmpls( int argc, char** argv ) {
    Vel::Agent::addProgramCommand( app, run );
    Vel::Agent::addForwardCommand( app, run );
    Vel::Agent::addExplainCommand( app, run );
+   Vel::Agent::addAuditCommand( app, run );
+   Vel::Agent::addImpactCommand( app, run );
    try {
       app.parse( argc, argv );
    } catch ( const CLI::ParseError& stop ) { // help and version come this way too

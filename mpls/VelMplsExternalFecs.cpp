@@ -13,12 +13,18 @@ namespace Vel {
 
 namespace {
 
-// A via set that is missing from the LFIB is usually on its way. After so many looks in a row only
-// its arrival brings the adjacency back.
+// A backup that is missing or still to be processed is usually on its way. After so many looks in a
+// row only news of it brings the adjacency back.
 constexpr U32 maxLooksForBackup = 3;
 
 std::string subject( const L3Adjacency& l3Adj ) {
    return l3Adj.fullName();
+}
+
+std::string alreadyBackup( const L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey ) {
+   return joinText( "viaSet idx ", l3Adj.lFibViaSetKey().index(), " with backup viaSet idx ",
+                    backupKey.index(),
+                    " is already a backup adj, backing off until input is sane" );
 }
 
 } // namespace
@@ -180,11 +186,20 @@ bool MplsSm::validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adja
    if ( in_.transitLfib->lfibViaSet( backupKey ).null() ) {
       MPLS_TRACE( 3, "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
                   " missing from lfib" );
-      lookAgainForBackup( vrfState, l3Adj, backupKey );
+      if ( lookAgainForBackup( l3Adj ) ) {
+         vrfState.l3AdjForReviewIs( l3Adj.index() );
+      }
+      waitForBackup( vrfState, l3Adj, backupKey, false );
       return false;
    }
-   l3Adj.looksForBackupIs( 0 );
    if ( !vrfState.lFibViaSetToL3AdjHas( backupKey ) ) {
+      if ( l3Adj.primaryAdjs() != 0 && l3Adj.routeKeys() == 0 ) {
+         // Nothing but a backup. With one of its own, via sets that name each other in a circle
+         // would go on making each other's adjacencies after the last route has gone.
+         MPLS_TRACE( 3, alreadyBackup( l3Adj, backupKey ) );
+         waitForBackup( vrfState, l3Adj, backupKey, false );
+         return false;
+      }
       makeBackupAdj( vrfState, l3Adj, backupKey );
       waitForBackup( vrfState, l3Adj, backupKey, true );
       return false;
@@ -192,9 +207,11 @@ bool MplsSm::validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adja
    L3Adjacency& backup = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( backupKey ) );
    if ( const std::string fault = backupFault( vrfState, l3Adj, backup ); !fault.empty() ) {
       MPLS_TRACE( 3, fault );
-      waitForBackup( vrfState, l3Adj, backupKey, vrfState.l3AdjForReviewHas( backup.index() ) );
+      waitForBackup( vrfState, l3Adj, backupKey,
+                     vrfState.l3AdjForReviewHas( backup.index() ) && lookAgainForBackup( l3Adj ) );
       return false;
    }
+   l3Adj.looksForBackupIs( 0 );
    linkBackupAdj( l3Adj, backup );
    setHwBackupAdjStatus( vrfState, l3Adj );
    return true;
@@ -203,7 +220,6 @@ bool MplsSm::validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adja
 // Why the backup cannot protect the adjacency now; empty when it can.
 std::string MplsSm::backupFault( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                                  const L3Adjacency& backup ) const {
-   const Mpls::LfibViaSetKey key = l3Adj.lFibViaSetKey();
    const Mpls::LfibViaSetKey backupKey = backup.lFibViaSetKey();
    if ( vrfState.l3AdjForReviewHas( backup.index() ) ) {
       return joinText( "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
@@ -214,8 +230,7 @@ std::string MplsSm::backupFault( const VrfMplsState& vrfState, const L3Adjacency
                        " has a backup so it can't be used as backup right now" );
    }
    if ( l3Adj.primaryAdjs() != 0 || &l3Adj == &backup ) {
-      return joinText( "viaSet idx ", key.index(), " with backup viaSet idx ", backupKey.index(),
-                       " is already a backup adj, backing off until input is sane" );
+      return alreadyBackup( l3Adj, backupKey );
    }
    return {};
 }
@@ -274,13 +289,14 @@ void MplsSm::stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj ) 
    l3Adj.backupAwaitedIs( {} );
 }
 
-void MplsSm::lookAgainForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                 Mpls::LfibViaSetKey backupKey ) {
-   if ( l3Adj.looksForBackup() < maxLooksForBackup ) {
-      l3Adj.looksForBackupIs( l3Adj.looksForBackup() + 1 );
-      vrfState.l3AdjForReviewIs( l3Adj.index() );
+// False after a few looks in a row that were no use: then only news of the backup will do.
+// Adjacencies that protect each other in a circle would otherwise send each other round for ever.
+bool MplsSm::lookAgainForBackup( L3Adjacency& l3Adj ) {
+   if ( l3Adj.looksForBackup() == maxLooksForBackup ) {
+      return false;
    }
-   waitForBackup( vrfState, l3Adj, backupKey, false );
+   l3Adj.looksForBackupIs( l3Adj.looksForBackup() + 1 );
+   return true;
 }
 
 // The via set's adjacency has been processed, or the via set has changed. Processing that changes
@@ -293,7 +309,11 @@ void MplsSm::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey 
       return;
    }
    for ( const U64 index : wait->l3Adjacency() ) {
-      if ( changed || vrfState.l3Adjacency( index )->backupAwaitsReview() ) {
+      L3Adjacency& l3Adj = *vrfState.l3Adjacency( index );
+      if ( changed ) {
+         l3Adj.looksForBackupIs( 0 );
+      }
+      if ( changed || l3Adj.backupAwaitsReview() ) {
          MPLS_TRACE( 3, "add l3 adj ", index, " for review" );
          vrfState.l3AdjForReviewIs( index );
       }
@@ -311,7 +331,9 @@ std::string MplsSm::backupWaitReason( const VrfMplsState& vrfState,
                        " missing from lfib" );
    }
    if ( !vrfState.lFibViaSetToL3AdjHas( backupKey ) ) {
-      return joinText( "backup viaSet idx ", backupKey.index(), " is still to be processed" );
+      return l3Adj.primaryAdjs() != 0
+                ? alreadyBackup( l3Adj, backupKey )
+                : joinText( "backup viaSet idx ", backupKey.index(), " is still to be processed" );
    }
    std::string fault = backupFault(
       vrfState, l3Adj, *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( backupKey ) ) );

@@ -144,15 +144,29 @@ void MplsSm::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    MPLS_ASSERT( mplsVias->vias(), "mplsVias->vias()", l3Adj.fullName() );
    MPLS_TRACE( 7, "LFib via set ", viaSet.key(), " via size ", mplsVias->vias() );
    MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", mplsVias->vias() );
-   l3Adj.labelActionIs( actionOf( *mplsVias ) );
+   // What a next-hop group does with the label is the group's to say.
+   l3Adj.labelActionIs( lFibAdjTypeOf( *mplsVias ) == L3AdjLFibAdjType::adjTypeNexthopGroup
+                           ? MplsLabelAction::none
+                           : actionOf( *mplsVias ) );
    const bool popMoves = processRemovePopDependencies( vrfState, l3Adj );
-   const Fib::FecId fecId = getFecIdForRequest( l3Adj, *mplsVias, vrfState, popMoves );
+   const bool popRemoved = shouldRemovePop( vrfState, l3Adj );
+   Fib::FecId fecId = getFecIdForRequest( l3Adj, *mplsVias, vrfState, popMoves );
+   if ( const ExternalFecInfo* const there = vrfState.extFecInfo( fecId );
+        there && there->popLabelActionRemoved() != popRemoved ) {
+      // An earlier adjacency's, which routes are still in.
+      fecId = getFecIdForRequest( l3Adj, *mplsVias, vrfState, true );
+   }
+   if ( fecId.adjType() == Fib::AdjType::nexthopGroupAdj ) {
+      vrfState.lFibViaSetToFecIdDel( viaSet.key() ); // of an earlier content; nobody's backup now
+   }
    const Ptr< ExternalFecInfo > before = l3Adj.extFecInfo();
+   const bool backupBefore = before && before->backupExtFecInfo();
    // Before the content, which depends on it; nothing can have been requested of a new one yet.
-   extFecInfoMake( vrfState, fecId ).popLabelActionRemovedIs( shouldRemovePop( vrfState, l3Adj ) );
+   extFecInfoMake( vrfState, fecId ).popLabelActionRemovedIs( popRemoved );
    createFecForRequestAndUpdateL3Adj( vrfState, l3Adj, viaSet, *mplsVias, fecId );
-   if ( before != l3Adj.extFecInfo() ) {
-      for ( const U64 primary : l3Adj.primaryAdj() ) { // they name the FEC that was
+   const bool endedBackup = backupBefore && !l3Adj.extFecInfo()->backupExtFecInfo();
+   if ( before != l3Adj.extFecInfo() || endedBackup ) {
+      for ( const U64 primary : l3Adj.primaryAdj() ) { // whose FECs name this one, or could not yet
          MPLS_TRACE( 3, "add l3 adj ", primary, " for review" );
          vrfState.l3AdjForReviewIs( primary );
       }
@@ -226,6 +240,11 @@ Fib::FecId MplsSm::backupFecIdToRequest( const VrfMplsState& vrfState, const L3A
    if ( !l3Adj.backupAdj() || backup == nullptr ) {
       return {};
    }
+   if ( backup->backupExtFecInfo() ) { // of an earlier content; FECs never lead in a circle
+      MPLS_TRACE( 3, "skipping adding backup fec to fec request for l3 adj ", l3Adj.index(),
+                  " until fec ", fecId, " has lost its own" );
+      return {};
+   }
    if ( backup->popLabelActionRemoved() != popRemoved ) {
       MPLS_TRACE( 3, "skipping adding backup fec to fec request for l3 adj ", l3Adj.index(),
                   " until backup adj popLabelActionRemoved matches ", popRemoved );
@@ -242,7 +261,7 @@ void MplsSm::createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjace
                                                 const CachedLFibMplsViaColl& mplsVias,
                                                 Fib::FecId fecId ) {
    const bool popRemoved = vrfState.extFecInfo( fecId )->popLabelActionRemoved();
-   if ( l3Adj.labelAction() == MplsLabelAction::pop ) {
+   if ( actionOf( mplsVias ) == MplsLabelAction::pop ) {
       const Mpls::LfibMplsVia& first = ( *mplsVias.via().begin() ).value;
       l3Adj.ttlModeIs( first.ttlMode );
       l3Adj.payloadTypeIs( first.payloadType );
@@ -255,11 +274,11 @@ void MplsSm::createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjace
          MPLS_TRACE( 7, "Label action set in adjacency, FEC ID: ", fecId );
       }
    }
-   const Fib::FecId backup = backupFecIdToRequest( vrfState, l3Adj, viaSet, popRemoved );
-   Fib::Fec fec;
-   fec.fecId = fecId;
+   Fib::Fec fec{ fecId, {}, {} };
+   Fib::FecId backup;
    // A next-hop group's FEC is the group's: what is in it is not ours to say.
    if ( lFibAdjTypeOf( mplsVias ) != L3AdjLFibAdjType::adjTypeNexthopGroup ) {
+      backup = backupFecIdToRequest( vrfState, l3Adj, viaSet, popRemoved );
       fec = fecOf( fecId, mplsVias, popRemoved, backup );
    }
    Fib6::Fec fec6;
@@ -445,10 +464,11 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
    MPLS_TRACE( 3, "Create or update route ", routeKey, " fecId: ", info->fecId() );
    route.unconfirmedWritesIs( route.unconfirmedWrites() + 1 );
    counters_->routesWrittenInc();
-   // A next-hop group's FEC does not know of our labels either.
+   // A next-hop group does not pop for us.
+   const Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( l3Adj.index() );
    const bool popsHere =
       info->popLabelActionRemoved() || ( info->fecId().adjType() == Fib::AdjType::nexthopGroupAdj &&
-                                         l3Adj.labelAction() == MplsLabelAction::pop );
+                                         hwAdj.via( 0 ).labelAction == MplsLabelAction::pop );
    const UnprogrammedReason reason = in_.mplsSmHelper->createOrUpdateRoute(
       vrf, routeKey, info->hwId(), popsHere ? MplsLabelAction::pop : MplsLabelAction::none,
       l3Adj.payloadType(), l3Adj.ttlMode() );

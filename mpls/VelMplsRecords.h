@@ -232,7 +232,7 @@ class VEL_EXPORT L3Adjacency : public Entity {
    ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )
    ATTRIBUTE( Mpls::LfibViaSetKey, backupAwaited ) // the via set of a backup that is not fit yet
    ATTRIBUTE( bool, backupAwaitsReview )           // ... since it is still to be processed
-   ATTRIBUTE( U32, looksForBackup )                // in a row, for one that is not in the LFIB
+   ATTRIBUTE( U32, looksForBackup )                // in a row, without news of it
    ATTRIBUTE( Ptr< MulticastGroupInfo >, multicastGroupInfo )
    ENTITY_END_IN_SOURCE
    // clang-format on

@@ -323,6 +323,11 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       deleteRouteKeyAndRoute( vrfState, routeKey );
       return;
    }
+   if ( !!lfibRoute ) {
+      // The LFIB is read ahead of its announcements: a route that was announced as gone may be
+      // back, and its next end must not be ignored as that of a stranger.
+      mplsIpRouteKeyIs( routeKey );
+   }
    const Mpls::LfibViaSet viaSet =
       !lfibRoute ? Mpls::LfibViaSet() : in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey );
    if ( !lfibRoute || ( !viaSet.null() && !isLFibViaSetSane( viaSet ) ) ) {

@@ -361,8 +361,7 @@ class VEL_EXPORT MplsSm : public Entity {
    void waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey,
                        bool forReview );
    void stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void lookAgainForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                            Mpls::LfibViaSetKey backupKey );
+   static bool lookAgainForBackup( L3Adjacency& l3Adj );
    void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
                                bool changed );
    void settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );

@@ -176,6 +176,20 @@ TEST_F( Route, isDeletedWhileItsViaSetIsNotSaneAndComesBack ) {
    }
 }
 
+TEST_F( Route, thatIsBackBeforeItsEndIsProcessedEndsAgain ) {
+   rig.routeIs( 16, 1 );
+   rig.settle();
+   rig.routeDel( 16 );
+   rig.poll();
+   rig.routeIs( 16, 1 ); // not announced yet when the end is processed
+   runUntilIdle( *rig.scheduler, *rig.clock, rig.clock->now() + 0.1, 100 );
+   EXPECT_EQ( rig.hardware->routes(), 1U );
+   rig.routeDel( 16 );
+   rig.settle();
+   EXPECT_EQ( rig.hardware->routes(), 0U );
+   EXPECT_FALSE( rig.published( 16 ) );
+}
+
 TEST_F( Route, deletionOfOneNeverAcceptedChangesNothing ) {
    rig.routeDel( 16 );
    rig.sm->handleLFibRoute( key( 16 ) );
