@@ -108,16 +108,20 @@ void FecUnit::tunnelDel( IntfId intf ) {
 
 void FecUnit::reportStates() {
    for ( const auto& [fecId, fec] : fecs_ ) {
-      if ( fec->backupFecId != FecId() ) {
-         stateIs( *fec, stateOf( *fec ) );
-      }
+      report( *fec );
+   }
+}
+
+void FecUnit::report( const HwFec& fec ) {
+   if ( fec.backupFecId != FecId() ) {
+      stateIs( fec, stateOf( fec ) );
    }
 }
 
 AdjHwState FecUnit::stateOf( const HwFec& fec ) const {
    std::string why;
    Way primary{ .hash = 0 };
-   if ( follow( fec.via, fec.primaries(), primary, why ) ) {
+   if ( follow( fec.via, primary, why ) ) {
       return AdjHwState::primaryActive;
    }
    Way backup{ .hash = 0 };
@@ -149,59 +153,131 @@ void FecUnit::push( FecId fecId ) {
    queue_.push( { .kind = OperationKind::fecChanged, .version = fecId.value() } );
 }
 
-// What the FEC is to be made of now; null when it is to go, or is still to come.
-const std::vector< FecVia >* FecUnit::wanted( FecId fecId, FecId& backup ) const {
+// What the FEC is to be made of now; false when it is to go, or is still to come.
+bool FecUnit::wanted( FecId fecId, std::vector< FecVia >& vias, FecId& backup ) const {
    const FecIdToHwFecIdRequest& request = *platform_.request;
    if ( !request.hwFecIdRequestHas( fecId ) ) {
-      return nullptr;
+      return false;
    }
    if ( !isLabelFec( fecId ) ) {
-      return foreign_.find( fecId );
+      const std::vector< FecVia >* const foreign = foreign_.find( fecId );
+      vias = foreign ? *foreign : std::vector< FecVia >();
+      return foreign != nullptr;
    }
-   if ( const Fib::Fec* const fec = request.fec().find( fecId ) ) {
-      backup = fec->backupFecId;
-      return &fec->via;
+   const Fib::Fec* fec = request.fec().find( fecId );
+   if ( fec == nullptr ) {
+      fec = request.fec6().find( fecId );
    }
-   if ( const Fib6::Fec* const fec = request.fec6().find( fecId ) ) {
-      backup = fec->backupFecId;
-      return &fec->via;
+   if ( fec == nullptr ) {
+      return false;
    }
-   return nullptr;
+   vias = fec->via;
+   backup = fec->backupFecId;
+   if ( backup != FecId() && !vias.empty() ) {
+      vias.pop_back(); // the way into the backup
+   }
+   return true;
 }
 
 void FecUnit::sync( FecId fecId ) {
+   if ( syncing_ ) {
+      held_.insert( fecId );
+      return;
+   }
+   std::vector< FecVia > vias;
    FecId backup;
-   const std::vector< FecVia >* const vias = wanted( fecId, backup );
    waiting_.erase( fecId );
    status_.waitingFecDel( fecId );
-   if ( vias == nullptr ) {
+   if ( !wanted( fecId, vias, backup ) ) {
       remove( fecId );
       return;
    }
-   if ( !possible( fecId, *vias ) ) {
+   if ( !possible( fecId, vias ) ) {
       return;
    }
-   Ptr< HwFec >& made = *fecs_.emplace( fecId ).first;
+   Ptr< HwFec > fec;
+   if ( const Ptr< HwFec >* const there = fecs_.find( fecId ) ) {
+      fec = *there;
+      contentIs( *fec, vias, backup );
+   } else {
+      fec = make( fecId, vias, backup );
+   }
+   fec->vrfName = platform_.request->hwFecIdRequest( fecId ).vrfName;
+   platform_.response->hwFecIdIs( fecId, { fec->hwId } );
+   status_.fecs_ = fecs_.size() + recovered_.size();
+   changed( fecId );
+}
+
+Ptr< HwFec > FecUnit::make( FecId fecId, const std::vector< FecVia >& vias, FecId backup ) {
+   Ptr< HwFec > made = adopted( fecId, vias, backup );
    if ( !made ) {
-      made = make< HwFec >( fecId, nextHwId_++ );
-      made->vrfName = platform_.request->hwFecIdRequest( fecId ).vrfName;
+      made = Vel::make< HwFec >( nextHwId_++ );
       byHwId_.emplace( made->hwId, made.get() );
    }
-   made->via = *vias;
-   if ( made->backupFecId != backup ) {
-      stateIs( *made, AdjHwState::unknown ); // of another protection
-      made->backupFecId = backup;
+   made->fecId = fecId;
+   fecs_.emplace( fecId, made );
+   contentIs( *made, vias, backup );
+   return made;
+}
+
+void FecUnit::contentIs( HwFec& fec, const std::vector< FecVia >& vias, FecId backup ) {
+   dependsOn( fec, false );
+   if ( fec.backupFecId != backup ) {
+      stateIs( fec, AdjHwState::unknown ); // of another protection
    }
-   platform_.response->hwFecIdIs( fecId, { made->hwId } );
-   status_.fecs_ = fecs_.size();
-   reportStates(); // it may be on the way of others
+   fec.via = vias;
+   fec.backupFecId = backup;
+   fec.backupIs( this->fec( backup ) );
+   dependsOn( fec, true );
+}
+
+// Enters the FEC with those that its vias and its backup lead into, or takes it off there.
+void FecUnit::dependsOn( const HwFec& fec, bool depends ) {
+   const auto enter = [&]( FecId other ) {
+      if ( other == FecId() ) {
+         return;
+      }
+      std::set< FecId >& users = *dependents_.emplace( other ).first;
+      if ( depends ) {
+         users.insert( fec.fecId );
+      } else {
+         users.erase( fec.fecId );
+      }
+      if ( users.empty() ) {
+         dependents_.erase( other );
+      }
+   };
+   enter( fec.backupFecId );
+   for ( const FecVia& via : fec.via ) {
+      enter( Fib::FecIdIntfId::intfIdToFecId( via.intf ) );
+   }
+}
+
+// The FEC is there, gone, or another: those that lead into it may have another way now.
+void FecUnit::changed( FecId fecId ) {
+   const HwFec* const now = fec( fecId );
+   if ( now ) {
+      report( *now );
+   }
+   const std::set< FecId >* const found = dependents_.find( fecId );
+   const std::set< FecId > users = found ? *found : std::set< FecId >();
+   for ( const FecId user : users ) {
+      HwFec* const primary = fec( user );
+      if ( primary == nullptr ) {
+         continue;
+      }
+      if ( primary->backupFecId == fecId ) {
+         primary->backupIs( fec( fecId ) );
+      }
+      report( *primary );
+   }
 }
 
 // Whether hardware can take the FEC now. What is in hardware stays as it was while it cannot.
 bool FecUnit::possible( FecId fecId, const std::vector< FecVia >& vias ) {
    UnprogrammedReason reason = UnprogrammedReason::Success;
    const size_t room = faults_.capacity( FaultKind::fecCapacity, clock_.now(), capacity_ );
-   if ( room != 0 && fecs_.size() >= room && !fecs_.has( fecId ) ) {
+   if ( room != 0 && fecs_.size() + recovered_.size() >= room && !fecs_.has( fecId ) ) {
       reason = UnprogrammedReason::AdjacencyFull;
    } else if ( std::ranges::any_of( vias, [this]( const FecVia& via ) {
                   return faults_.notReady( via.intf, clock_.now() );
@@ -234,23 +310,111 @@ void FecUnit::remove( FecId fecId ) {
       status_.breachLog_.add( joinText( "FEC ", fecId, " is no longer requested while ",
                                         fec->routes, " routes forward into it" ) );
    }
-   if ( fec->backupFecId != FecId() ) {
-      stateIs( *fec, AdjHwState::unknown );
-   }
-   fec->via.clear();
-   fec->backupFecId = {};
+   contentIs( *fec, {}, {} );
    byHwId_.erase( fec->hwId );
    fecs_.erase( fecId );
-   status_.fecs_ = fecs_.size();
+   status_.fecs_ = fecs_.size() + recovered_.size();
    platform_.response->hwFecIdDel( fecId );
+   changed( fecId );
    retryWaiting(); // there is room again
-   reportStates();
 }
 
-void FecUnit::syncDone() {
+// --- Restart.
+
+void FecUnit::recover( const HwState& state ) {
+   nextHwId_ = state.nextHwId;
+   for ( const HwState::Fec& before : state.fecs ) {
+      const Ptr< HwFec > fec = Vel::make< HwFec >( before.hwId );
+      fec->via = before.via;
+      recovered_.emplace( before.hwId, fec );
+      byHwId_.emplace( before.hwId, fec.get() );
+   }
+   for ( const HwState::Fec& before : state.fecs ) {
+      if ( const Ptr< HwFec >* const backup = recovered_.find( before.backupHwId ) ) {
+         ( *recovered_.find( before.hwId ) )->backupIs( *backup );
+      }
+   }
+   syncing_ = !recovered_.empty();
+   status_.fecs_ = recovered_.size();
+}
+
+void FecUnit::addTo( HwState& state ) const {
+   state.nextHwId = nextHwId_;
+   const auto add = [&state]( const HwFec& fec ) {
+      state.fecs.push_back( { fec.hwId, fec.via, fec.backup ? fec.backup->hwId : 0 } );
+   };
+   for ( const auto& [fecId, fec] : fecs_ ) {
+      add( *fec );
+   }
+   for ( const auto& [hwId, fec] : recovered_ ) {
+      add( *fec );
+   }
+}
+
+void FecUnit::syncRequested() {
+   if ( std::exchange( syncing_, false ) ) {
+      for ( const FecId fecId : held_ ) {
+         syncHeld( fecId );
+      }
+      backupHint_.clear();
+      for ( const auto& [hwId, fec] : recovered_ ) {
+         const Ptr< HwFec > keep = fec;
+         maybeRelease( *keep );
+      }
+   }
    if ( platform_.startup ) {
       platform_.startup->adjSyncDoneIs( true );
    }
+}
+
+// A backup goes before what it protects, which may only be taken over together with it. A FEC that
+// is nothing but a backup has no sync id; it is known by the one that it protects.
+void FecUnit::syncHeld( FecId fecId ) {
+   if ( !held_.erase( fecId ) ) {
+      return;
+   }
+   std::vector< FecVia > vias;
+   FecId backup;
+   if ( wanted( fecId, vias, backup ) && backup != FecId() ) {
+      const U64 syncId = platform_.request->adjSyncIdMap( fecId ).syncId;
+      const Ptr< HwFec >* const before = recovered_.find( syncId );
+      if ( before && ( *before )->backup ) {
+         backupHint_.set( backup, ( *before )->backup->hwId );
+      }
+      syncHeld( backup );
+   }
+   sync( fecId );
+}
+
+// The FEC of the earlier driver that is just what is wanted, or null. One with another content is
+// not rewritten: routes that are to go elsewhere still forward by it.
+Ptr< HwFec > FecUnit::adopted( FecId fecId, const std::vector< FecVia >& vias, FecId backup ) {
+   for ( const U64 hwId :
+         { platform_.request->adjSyncIdMap( fecId ).syncId, backupHint_.lookup( fecId ) } ) {
+      const Ptr< HwFec >* const found = recovered_.find( hwId );
+      if ( found && ( *found )->via == vias && ( *found )->backup.get() == fec( backup ) ) {
+         const Ptr< HwFec > kept = *found;
+         recovered_.erase( hwId );
+         ++status_.fecsAdopted_;
+         return kept;
+      }
+   }
+   return nullptr;
+}
+
+void FecUnit::maybeRelease( HwFec& fec ) {
+   if ( syncing_ || fec.routes != 0 || fec.protects != 0 || !recovered_.has( fec.hwId ) ) {
+      return;
+   }
+   const Ptr< HwFec > backup = fec.backup;
+   fec.backupIs( nullptr );
+   byHwId_.erase( fec.hwId );
+   recovered_.erase( fec.hwId );
+   status_.fecs_ = fecs_.size() + recovered_.size();
+   if ( backup ) {
+      maybeRelease( *backup );
+   }
+   retryWaiting();
 }
 
 HwFec* FecUnit::fec( U64 hwId ) const {
@@ -304,29 +468,28 @@ bool FecUnit::follow( const HwFec& fec, Way& way, std::string& why ) const {
       return false;
    }
    const Way before = way;
-   if ( follow( fec.via, fec.primaries(), way, why ) ) {
+   if ( follow( fec.via, way, why ) ) {
       return true;
    }
-   if ( fec.backupFecId == FecId() ) {
+   if ( !fec.backup ) {
       return false;
    }
    way = before;
-   return follow( fec.via.back(), way, why );
+   return follow( *fec.backup, way, why );
 }
 
 // One of the usable vias, picked by the flow.
-bool FecUnit::follow( const std::vector< FecVia >& vias, size_t count, Way& way,
-                      std::string& why ) const {
+bool FecUnit::follow( const std::vector< FecVia >& vias, Way& way, std::string& why ) const {
    const Way before = way;
-   for ( size_t tried = 0; tried < count; ++tried ) {
+   for ( size_t tried = 0; tried < vias.size(); ++tried ) {
       // From the via that the flow would take if all were usable.
-      const FecVia& via = vias[( before.hash + tried ) % count];
+      const FecVia& via = vias[( before.hash + tried ) % vias.size()];
       way = before;
       if ( follow( via, way, why ) ) {
          return true;
       }
    }
-   if ( count == 0 ) {
+   if ( vias.empty() ) {
       why = "a FEC without vias";
    }
    return false;
@@ -355,7 +518,7 @@ bool FecUnit::follow( const FecVia& via, Way& way, std::string& why ) const {
          why = joinText( "tunnel ", via.intf, " is not there" );
          return false;
       }
-      return follow( *tunnel, tunnel->size(), way, why );
+      return follow( *tunnel, way, why );
    }
    default:
       break;

@@ -18,20 +18,28 @@
 // one of the usable vias. Without one the FEC's backup is taken. Which of both is in use is
 // reported for every protected FEC in AdjHwStatus.
 //
+// Restart. A switch that starts on what an earlier driver left holds all requests back until the
+// library says that it has written them (`syncRequestsReady`). Then a request whose sync id names a
+// FEC that has just the content that is wanted takes it over as it is, with its hardware id; any
+// other gets a FEC of its own, to which its routes then move. What nobody has taken over goes with
+// its last route. At the end `adjSyncDone` is set.
+//
 // What cannot be made now (no room, an interface that is not ready) is made as soon as it can be;
 // until then there is no answer.
 
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "driver/FaultPlan.h"
+#include "driver/HwState.h"
 #include "driver/HwTables.h"
 #include "driver/Links.h"
+#include "mpls/VelMplsSmHelper.h"
 #include "platform/FecTables.h"
 
 namespace Vel::Driver {
@@ -45,7 +53,9 @@ struct FecPlatform {
    Ptr< FecIdToHwFecIdResponse > response;
    Ptr< VelL3Status > l3Status;
    Ptr< L3StartupStagePrerequisitesStatus > startup; ///< may be empty
-   Resolve resolve;
+   Resolve resolve{};
+   Ptr< VelHelper::MplsRouteSyncMap > routeSyncMap =
+      nullptr; ///< is told what was recovered; may be empty
 
    bool present() const { return request && response && l3Status; }
 };
@@ -73,6 +83,16 @@ class FecUnit {
    /// Neighbours or links have changed: says of each protected FEC which way it takes now.
    void reportStates();
 
+   // --- Restart
+
+   /// What an earlier driver left; before anything else. `fecs` of the state, not its routes.
+   void recover( const HwState& state );
+   /// All requests have been written: takes over what can be taken over and answers.
+   void syncRequested();
+   /// The FEC of an earlier driver that no route needs any more goes.
+   void maybeRelease( HwFec& fec );
+   void addTo( HwState& state ) const;
+
    // --- The switch
 
    /// How many FECs fit; 0: no limit.
@@ -81,7 +101,6 @@ class FecUnit {
    void sync( Fib::FecId fecId );
    /// Time for what was not possible before.
    void retryWaiting();
-   void syncDone();
    /// The FEC behind a hardware id, or null.
    HwFec* fec( U64 hwId ) const;
    HwFec* fec( Fib::FecId fecId ) const;
@@ -96,12 +115,19 @@ class FecUnit {
 
    void push( Fib::FecId fecId );
    bool possible( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias );
-   const std::vector< Fib::FecVia >* wanted( Fib::FecId fecId, Fib::FecId& backup ) const;
+   bool wanted( Fib::FecId fecId, std::vector< Fib::FecVia >& vias, Fib::FecId& backup ) const;
    void remove( Fib::FecId fecId );
+   void syncHeld( Fib::FecId fecId );
+   Ptr< HwFec > make( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
+   Ptr< HwFec > adopted( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias,
+                         Fib::FecId backup );
+   void contentIs( HwFec& fec, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
+   void dependsOn( const HwFec& fec, bool depends );
+   void changed( Fib::FecId fecId );
    bool follow( const HwFec& fec, Way& way, std::string& why ) const;
    bool follow( const Fib::FecVia& via, Way& way, std::string& why ) const;
-   bool follow( const std::vector< Fib::FecVia >& vias, size_t count, Way& way,
-                std::string& why ) const;
+   bool follow( const std::vector< Fib::FecVia >& vias, Way& way, std::string& why ) const;
+   void report( const HwFec& fec );
    AdjHwState stateOf( const HwFec& fec ) const;
    void stateIs( const HwFec& fec, AdjHwState state );
 
@@ -116,6 +142,12 @@ class FecUnit {
    Hash< Fib::FecId, Ptr< HwFec > > fecs_;
    Hash< U64, HwFec* > byHwId_;
    HashSet< Fib::FecId > waiting_; // requested, not possible now
+   /// Which FECs lead into one: by their vias, or as their backup.
+   Hash< Fib::FecId, std::set< Fib::FecId > > dependents_;
+   Hash< U64, Ptr< HwFec > > recovered_; // of an earlier driver, not taken over
+   bool syncing_ = false;                // what is requested is held
+   HashSet< Fib::FecId > held_;
+   Hash< Fib::FecId, U64 > backupHint_; // the hardware id that the backup of a matched FEC had
    Hash< Fib::FecId, std::vector< Fib::FecVia > > foreign_;
    Hash< IntfId, std::vector< Fib::FecVia > > tunnels_;
    std::unique_ptr< RequestReactor > reactor_;

@@ -67,19 +67,28 @@ class HwAdjacency {
 
 /// A FEC in hardware, as the hardware's side of its id.
 struct HwFec {
-   HwFec( Fib::FecId id, U64 hardwareId ) : fecId( id ), hwId( hardwareId ) {}
+   explicit HwFec( U64 hardwareId ) : hwId( hardwareId ) {}
    HwFec( const HwFec& ) = delete;
    HwFec& operator=( const HwFec& ) = delete;
 
-   /// The vias but the one into the backup, which is the last.
-   size_t primaries() const { return via.size() - ( backupFecId == Fib::FecId() ? 0 : 1 ); }
-
-   Fib::FecId fecId;
-   U64 hwId; ///< what routes name it by; never 0
+   U64 hwId;         ///< what routes name it by; never 0
+   Fib::FecId fecId; ///< what it is requested by; none for one of an earlier driver
    L3::VrfName vrfName;
    std::vector< Fib::FecVia > via; ///< none once it has been taken out of hardware
-   Fib::FecId backupFecId;
-   U64 routes = 0; ///< that forward into it
+   Fib::FecId backupFecId;         ///< what is to protect it
+   Ptr< HwFec > backup;            ///< what does
+   U64 routes = 0;                 ///< that forward into it
+   U64 protects = 0;               ///< FECs whose backup it is
+
+   void backupIs( Ptr< HwFec > fec ) {
+      if ( backup ) {
+         --backup->protects;
+      }
+      backup = std::move( fec );
+      if ( backup ) {
+         ++backup->protects;
+      }
+   }
 
    void referenceAcquire() const { ++references_; }
    void referenceRelease() const {
@@ -100,6 +109,8 @@ struct FecRouteOperation {
    MplsLabelAction action;
    Mpls::PayloadType payloadType;
    Mpls::TtlMode ttlMode;
+
+   friend bool operator==( const FecRouteOperation&, const FecRouteOperation& ) = default;
 };
 
 /// A label route in hardware: with an adjacency, or into a FEC.

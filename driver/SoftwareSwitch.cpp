@@ -72,7 +72,7 @@ class SoftwareSwitch::TaskReactor : public TimerTask::Reactor {
 
 SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > hwStatus,
                                 Ptr< Scheduler > scheduler, SwitchSettings settings,
-                                FecPlatform fecPlatform )
+                                FecPlatform fecPlatform, const HwState& recovered )
    : config_( std::move( config ) ),
      hwStatus_( std::move( hwStatus ) ),
      settings_( std::move( settings ) ),
@@ -89,12 +89,16 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
       queue_.latenessIs( [this]( double at ) { return settings_.faults.lateness( at ); } );
    }
    faultTask_->runAfter( settings_.faults.nextChange( now() ) - now() );
+   const Ptr< VelHelper::MplsRouteSyncMap > routeSyncMap = fecPlatform.routeSyncMap;
    if ( fecPlatform.present() ) {
       fecUnit_ = std::make_unique< FecUnit >( std::move( fecPlatform ), queue_, *status_,
                                               settings_.faults, links_, *scheduler->clock() );
       fecUnit_->capacityIs( settings_.fecCapacity );
    }
    forgetEarlierDriver();
+   if ( fecUnit_ ) {
+      recover( recovered, routeSyncMap.get() );
+   }
    configReactor_ = std::make_unique< ConfigReactor >( *this );
    for ( const auto& [vrfId, vrfConfig] : config_->vrfConfig() ) {
       handleVrfConfig( vrfId );
@@ -121,6 +125,47 @@ void SoftwareSwitch::forgetEarlierDriver() {
          }
       }
    }
+}
+
+// Hardware goes on as it was; the library is told which routes it has.
+void SoftwareSwitch::recover( const HwState& state, VelHelper::MplsRouteSyncMap* routeSyncMap ) {
+   fecUnit_->recover( state );
+   for ( const VrfId vrfId : state.mplsRouting ) {
+      makeVrf( vrfId ).mplsRouting = true;
+   }
+   for ( const HwState::Route& before : state.routes ) {
+      HwVrf& vrf = makeVrf( before.vrfId );
+      HwRoute& route = *vrf.route.emplace( before.key ).first;
+      routeMoved( route, nullptr, fecUnit_->fec( before.hwId ) );
+      route.operation = before.operation;
+      ++status_->routes_;
+      recoveredRoute_.insert( before.key );
+      if ( routeSyncMap ) {
+         routeSyncMap->adjSyncIdIs( before.key, before.hwId );
+      }
+   }
+   if ( routeSyncMap ) {
+      routeSyncMap->readyIs( true );
+   }
+}
+
+HwState SoftwareSwitch::state() const {
+   HwState state;
+   if ( !fecUnit_ ) {
+      return state;
+   }
+   fecUnit_->addTo( state );
+   for ( const auto& [vrfId, vrf] : vrf_ ) {
+      if ( vrf->mplsRouting ) {
+         state.mplsRouting.push_back( vrfId );
+      }
+      for ( const auto& [key, route] : vrf->route ) {
+         if ( route.fec ) {
+            state.routes.push_back( { vrfId, key, route.fec->hwId, route.operation } );
+         }
+      }
+   }
+   return state;
 }
 
 ForwardResult SoftwareSwitch::forward( VrfId vrfId, ByteView frame ) {
@@ -192,7 +237,7 @@ void SoftwareSwitch::carryOut( Operation operation ) {
       return;
    }
    if ( operation.kind == OperationKind::syncRequested ) {
-      fecUnit_->syncDone();
+      fecUnit_->syncRequested();
       return;
    }
    // Already there when the status is made at once; made again when a VRF went and came back.
@@ -406,11 +451,12 @@ void SoftwareSwitch::routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, P
    if ( fec ) {
       ++fec->routes;
    }
-   if ( route.fec ) {
-      --route.fec->routes;
-   }
+   const Ptr< HwFec > left = std::exchange( route.fec, std::move( fec ) );
    route.adjacency = std::move( adjacency );
-   route.fec = std::move( fec );
+   if ( left ) {
+      --left->routes;
+      fecUnit_->maybeRelease( *left );
+   }
 }
 
 // --- Routes into FECs.
@@ -444,8 +490,15 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
    vrf.refused->refusedRouteDel( key );
    const auto [route, made] = vrf.route.emplace( key );
    status_->routes_ += made;
-   routeMoved( *route, nullptr, fec );
-   route->operation = operation;
+   const bool recovered = recoveredRoute_.erase( key );
+   const bool same = !made && route->fec == fec && route->operation == operation;
+   status_->routesAdded_ += made;
+   status_->routesAdopted_ += recovered && same;
+   status_->routesChanged_ += recovered && !same;
+   if ( !same ) {
+      routeMoved( *route, nullptr, fec );
+      route->operation = operation;
+   }
    return UnprogrammedReason::Success;
 }
 
@@ -459,6 +512,7 @@ void SoftwareSwitch::fecRouteDel( VrfId vrfId, RouteKey key ) {
    const HwRoute* const route = vrf.route.find( key );
    if ( route && route->fec ) {
       takeRouteOut( vrf, key );
+      status_->routesStale_ += recoveredRoute_.erase( key );
    }
    if ( !vrf.listedRoute.has( key ) ) {
       vrf.refused->refusedRouteDel( key );

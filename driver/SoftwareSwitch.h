@@ -57,11 +57,12 @@ struct SwitchSettings {
 
 class SoftwareSwitch {
  public:
-   /// Starts with empty hardware, which has FECs when there is a platform for them. What the status
+   /// Starts with empty hardware, which has FECs when there is a platform for them, or with what an
+   /// earlier driver left in hardware with FECs. What the status
    /// still says of an earlier driver is withdrawn, and what the configuration holds is queued.
    SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > hwStatus,
                    Ptr< Scheduler > scheduler, SwitchSettings settings = {},
-                   FecPlatform fecPlatform = {} );
+                   FecPlatform fecPlatform = {}, const HwState& recovered = {} );
    SoftwareSwitch( const SoftwareSwitch& ) = delete;
    SoftwareSwitch& operator=( const SoftwareSwitch& ) = delete;
    /// The status stays as it is, as after a driver's sudden end.
@@ -85,6 +86,9 @@ class SoftwareSwitch {
 
    /// The capacities, from the next operation on. What is in hardware stays there.
    void capacityIs( size_t routes, size_t adjacencies );
+   /// What hardware forwards with now, for the driver that comes after this one.
+   HwState state() const;
+
    /// A link goes down or comes up. Protected FECs change over at once.
    void linkIs( IntfId intf, bool up );
    /// The FECs; null for hardware without them.
@@ -105,6 +109,7 @@ class SoftwareSwitch {
    struct Vrf;
 
    void forgetEarlierDriver();
+   void recover( const HwState& state, VelHelper::MplsRouteSyncMap* routeSyncMap );
    void handleVrfConfig( VrfId vrfId );
    void run();
 
@@ -134,8 +139,9 @@ class SoftwareSwitch {
    OperationQueue queue_;
    Ptr< SwitchStatus > status_;
    Hash< VrfId, std::unique_ptr< Vrf > > vrf_;
-   HwVrf* lastVrf_ = nullptr;   // of the last operation
-   Ptr< TimerTask > faultTask_; // where a fault begins or ends
+   HwVrf* lastVrf_ = nullptr;                  // of the last operation
+   LabelSet< Mpls::RouteKey > recoveredRoute_; // of an earlier driver, not written or removed since
+   Ptr< TimerTask > faultTask_;                // where a fault begins or ends
    Links links_;
    std::unique_ptr< FecUnit > fecUnit_;
    // What hears of changes goes first.

@@ -20,6 +20,11 @@ class SwitchStatus : public Entity {
    READ_ONLY( U64, routes )           // in hardware, all VRFs
    READ_ONLY( U64, adjacencies )      // in hardware, all VRFs
    READ_ONLY( U64, fecs )             // in hardware
+   READ_ONLY( U64, fecsAdopted )      // of an earlier driver, taken over as they were
+   READ_ONLY( U64, routesAdopted )    // of an earlier driver, taken over as they were
+   READ_ONLY( U64, routesChanged )    // of an earlier driver, rewritten
+   READ_ONLY( U64, routesAdded )      // into FECs, not there before
+   READ_ONLY( U64, routesStale )      // of an earlier driver, removed
    COLLECTION( Hash, Fib::FecId, UnprogrammedReason, waitingFec ) // requested and not possible now
    DERIVED( breaches )                // of the contract, by the library
    READ_ONLY( U64, framesForwarded )
