@@ -50,11 +50,18 @@ void addRunOptions( CLI::App& app, RunOptions& options ) {
                    "L2 adjacencies that fit into the hardware; no limit when not given" )
       ->type_name( "N" )
       ->check( CLI::NonNegativeNumber );
+   app.add_option( "--fec-capacity", options.fecCapacity,
+                   "FECs that fit into the hardware; no limit when not given" )
+      ->type_name( "N" )
+      ->check( CLI::NonNegativeNumber );
+   app.add_flag_callback(
+      "--without-fecs", [&options] { options.tables.withFecs = false; },
+      "Hardware without FECs: no backups, next-hop groups, tunnels and external FECs" );
    app.add_option( "--fault", options.faults,
                    "What goes wrong in the hardware: refuse operation N, refuse label L, refuse "
                    "adjacency N, not-ready INTERFACE, late SECONDS, forget label L, route-capacity "
-                   "N, adjacency-capacity N, each with from T and until T; several with ; between "
-                   "them" )
+                   "N, adjacency-capacity N, fec-capacity N, link-down INTERFACE, each with from T "
+                   "and until T; several with ; between them" )
       ->type_name( "PLAN" )
       ->allow_extra_args( false );
    app.add_option( "--for", options.forSeconds,
@@ -79,6 +86,8 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) {
    LabelAgentSettings settings;
    settings.hardware.routeCapacity = options.routeCapacity;
    settings.hardware.adjacencyCapacity = options.adjacencyCapacity;
+   settings.hardware.fecCapacity = options.fecCapacity;
+   settings.withFecs = options.tables.withFecs;
    settings.onProgress = [&progress]( size_t left ) { progress.left( left ); };
    auto plan = faultPlan( options.faults, loaded.plan.interfaces() );
    if ( !plan ) {

@@ -24,6 +24,7 @@ struct RunOptions {
    TableOptions tables;
    size_t routeCapacity = 0;          ///< routes that fit into hardware; 0: no limit
    size_t adjacencyCapacity = 0;      ///< L2 adjacencies that fit; 0: no limit
+   size_t fecCapacity = 0;            ///< FECs that fit; 0: no limit
    std::vector< std::string > faults; ///< fault plans, see docs/formats.md
    double forSeconds = 0;             ///< simulated time to go on after the last table has settled
 };

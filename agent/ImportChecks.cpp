@@ -18,7 +18,8 @@ void RecordCheck::complain( std::string reason ) {
                                  : inQuotes( piece_.key );
    }
    if ( via_ > 0 ) {
-      where += ( where.empty() ? "via " : ", via " ) + std::to_string( via_ );
+      where +=
+         ( where.empty() ? "" : ", " ) + std::string( viaNoun_ ) + " " + std::to_string( via_ );
    }
    errors_.add( piece_.offset, label_, std::move( where ), std::move( reason ) );
 }
@@ -74,6 +75,11 @@ std::optional< uint64_t > RecordCheck::natural( JsonValue object, std::string_vi
       return std::nullopt;
    }
    return value ? std::optional( value->natural() ) : std::nullopt;
+}
+
+std::optional< bool > RecordCheck::boolean( JsonValue object, std::string_view name, Need need ) {
+   const auto value = field( object, name, need, JsonKind::boolean, "true or false" );
+   return value ? std::optional( value->natural() != 0 ) : std::nullopt;
 }
 
 std::optional< JsonValue > RecordCheck::list( JsonValue object, std::string_view name, Need need ) {
@@ -244,30 +250,62 @@ std::string RecordCheck::address( std::string_view text ) {
    return {};
 }
 
-std::string RecordCheck::interface( std::string_view name ) {
-   constexpr size_t longest = 15; // a Linux interface name has 16 bytes with its closing NUL
+namespace {
+
+/// Why a name cannot be one of `what`. Empty when it can.
+std::string nameFault( std::string_view name, const std::string& what, size_t longest ) {
    if ( name.empty() ) {
-      complain( "the interface name is empty" );
-      return {};
+      return "the " + what + " is empty";
    }
    if ( name.size() > longest ) {
-      complain( "the interface name " + inQuotes( name ) + " is longer than " +
-                std::to_string( longest ) + " characters" );
-      return {};
+      return "the " + what + " " + inQuotes( name ) + " is longer than " +
+             std::to_string( longest ) + " characters";
    }
    const auto forbidden = []( char c ) {
       const auto byte = static_cast< unsigned char >( c );
       return c == '/' || byte <= ' ' || byte == 0x7F;
    };
-   if ( std::ranges::any_of( name, forbidden ) ) {
-      complain( "the interface name " + inQuotes( name ) +
-                " has a slash, a blank or a control character in it" );
+   return std::ranges::any_of( name, forbidden )
+             ? "the " + what + " " + inQuotes( name ) +
+                  " has a slash, a blank or a control character in it"
+             : std::string();
+}
+
+} // namespace
+
+std::string RecordCheck::interface( std::string_view name ) {
+   constexpr size_t longest = 15; // a Linux interface name has 16 bytes with its closing NUL
+   if ( std::string fault = nameFault( name, "interface name", longest ); !fault.empty() ) {
+      complain( std::move( fault ) );
       return {};
    }
    return std::string( name );
 }
 
-void RecordCheck::finishVia( LabelRoute& route, LabelVia& via ) {
+std::string RecordCheck::foreignName( std::string_view name ) {
+   constexpr size_t longest = 63;
+   if ( std::string fault = nameFault( name, "name", longest ); !fault.empty() ) {
+      complain( std::move( fault ) );
+      return {};
+   }
+   return std::string( name );
+}
+
+LabelPayload payloadUnder( uint32_t label ) {
+   return label == 0   ? LabelPayload::ipv4
+          : label == 2 ? LabelPayload::ipv6
+                       : LabelPayload::autodetect;
+}
+
+std::optional< ForeignFec::Kind > foreignKindOfList( std::string_view key ) {
+   using enum ForeignFec::Kind;
+   return key == "nextHopGroups"  ? std::optional( nextHopGroup )
+          : key == "tunnels"      ? std::optional( tunnel )
+          : key == "externalFecs" ? std::optional( externalFec )
+                                  : std::nullopt;
+}
+
+void RecordCheck::finishVia( std::vector< LabelVia >& into, LabelPayload bared, LabelVia& via ) {
    const size_t before = complaints_;
    if ( via.action == LabelOperation::swap && via.outLabels.size() == 1 &&
         via.outLabels.front() == implicitNull ) { // RFC 3032 section 2.1
@@ -293,13 +331,10 @@ void RecordCheck::finishVia( LabelRoute& route, LabelVia& via ) {
       complain( "neither a next hop nor an interface" );
    }
    if ( via.action == LabelOperation::pop && via.payload == LabelPayload::none ) {
-      // An explicit null names what lies under it (RFC 3032 section 2.1).
-      via.payload = route.label() == 0   ? LabelPayload::ipv4
-                    : route.label() == 2 ? LabelPayload::ipv6
-                                         : LabelPayload::autodetect;
+      via.payload = bared;
    }
    if ( complaints_ == before ) {
-      route.vias.push_back( std::move( via ) );
+      into.push_back( std::move( via ) );
    }
 }
 

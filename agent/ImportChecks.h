@@ -34,8 +34,11 @@ class RecordCheck {
 
    /// From here on, complaints name the label.
    void labelIs( uint32_t label ) { label_ = label; }
-   /// From here on, complaints name the via, counted from 1.
-   void viaIs( size_t number ) { via_ = number; }
+   /// From here on, complaints name the via, counted from 1; `noun` is what it is called.
+   void viaIs( size_t number, std::string_view noun = "via" ) {
+      via_ = number;
+      viaNoun_ = noun;
+   }
    void viaDel() { via_ = 0; }
 
    void complain( std::string reason );
@@ -51,6 +54,7 @@ class RecordCheck {
    std::optional< std::string_view > text( JsonValue object, std::string_view name, Need need );
    std::optional< uint64_t > natural( JsonValue object, std::string_view name, Need need,
                                       uint64_t largest );
+   std::optional< bool > boolean( JsonValue object, std::string_view name, Need need );
    std::optional< JsonValue > list( JsonValue object, std::string_view name, Need need );
    std::optional< JsonValue > object( JsonValue object, std::string_view name, Need need );
    /// Complains of every field with another name.
@@ -66,36 +70,44 @@ class RecordCheck {
    std::string address( std::string_view text );
    /// The name; empty after a complaint.
    std::string interface( std::string_view name );
+   /// The name of something of another agent; empty after a complaint.
+   std::string foreignName( std::string_view name );
 
-   /// Reads every element of `hops` with `read( JsonValue, LabelVia& )` and completes and checks
-   /// the vias that come of it (see `finishVia`).
+   /// Reads every element of `hops` with `read( JsonValue, LabelVia& )`, completes and checks the
+   /// vias that come of it (see `finishVia`), and adds them to `into`. `noun` is what a via is
+   /// called.
    template< typename Read >
-   void vias( JsonValue hops, LabelRoute& route, Read read ) {
+   void vias( JsonValue hops, std::vector< LabelVia >& into, LabelPayload bared, Read read,
+              std::string_view noun = "via" ) {
       size_t number = 0;
       for ( const JsonValue hop : hops ) {
-         viaIs( ++number );
-         if ( number > maxVias ) {
+         if ( ++number > maxVias ) {
             viaDel();
-            complain( "more than " + std::to_string( maxVias ) + " vias" );
+            complain( "more than " + std::to_string( maxVias ) + " " + std::string( noun ) + "s" );
             return;
          }
-         const size_t before = complaints_;
-         LabelVia via;
-         if ( isObject( hop, "the via" ) ) {
-            read( hop, via );
-         }
-         if ( complaints_ == before ) {
-            finishVia( route, via );
-         }
+         viaIs( number, noun );
+         oneVia( hop, into, bared, read );
       }
       viaDel();
       if ( number == 0 ) {
-         complain( "the route has no vias" );
+         complain( "the " + std::string( noun_ ) + " has no " + std::string( noun ) + "s" );
+      }
+   }
+   template< typename Read >
+   void oneVia( JsonValue hop, std::vector< LabelVia >& into, LabelPayload bared, Read read ) {
+      const size_t before = complaints_;
+      LabelVia via;
+      if ( isObject( hop, "the " + std::string( viaNoun_ ) ) ) {
+         read( hop, via );
+      }
+      if ( complaints_ == before ) {
+         finishVia( into, bared, via );
       }
    }
    /// Turns a swap to implicit null into a pop, checks what the formats have in common, fills in
-   /// the payload of a pop, and adds the via to the route.
-   void finishVia( LabelRoute& route, LabelVia& via );
+   /// the payload of a pop where the table does not say it (`bared`), and adds the via.
+   void finishVia( std::vector< LabelVia >& into, LabelPayload bared, LabelVia& via );
 
  private:
    std::optional< JsonValue > field( JsonValue object, std::string_view name, Need need,
@@ -106,6 +118,7 @@ class RecordCheck {
    std::string_view noun_;
    std::optional< uint32_t > label_;
    size_t via_ = 0;
+   std::string_view viaNoun_ = "via";
    size_t complaints_ = 0;
 };
 
@@ -115,12 +128,16 @@ bool checkSize( std::string_view text, ErrorList& errors );
 std::string stackText( std::span< const uint32_t > stack );
 /// A label in digits and nothing else. Values past the largest label come out as `labelLimit`.
 std::optional< uint32_t > labelOfDigits( std::string_view digits );
+/// What lies under an incoming label: an explicit null names it (RFC 3032 section 2.1).
+LabelPayload payloadUnder( uint32_t label );
+/// What the field of a native table lists definitions of, if it is such a field.
+std::optional< ForeignFec::Kind > foreignKindOfList( std::string_view key );
 
 // One importer a format: adds the sound routes of the text to `routes`, the rest to `errors`.
 void importFrr( std::string_view text, JsonCut cut, std::vector< LabelRoute >& routes,
                 ErrorList& errors );
 void importIproute2( std::string_view text, std::vector< LabelRoute >& routes, ErrorList& errors );
-void importNative( std::string_view text, std::vector< LabelRoute >& routes, ErrorList& errors );
+void importNative( std::string_view text, LabelTable& table, ErrorList& errors );
 
 /// Adds a route while the table has room. False, with a complaint, when it has none.
 bool addRoute( std::vector< LabelRoute >& routes, LabelRoute&& route, size_t offset,

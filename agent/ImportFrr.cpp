@@ -6,9 +6,11 @@
 //
 // The key of a reserved label is its name ("IPv4 Explicit Null"), `inLabel` is always the number.
 // Every route and hop counts, whether FRR calls it installed or not: the table is taken as what
-// should be forwarded. Backup next hops (`backupNexthops`, `backupIndex`) are left out.
+// should be forwarded. The backup next hops (`backupNexthops`) that some hop names by its
+// `backupIndex` protect the route as a whole, since hardware changes over for a whole via set.
 
 #include <utility>
+#include <vector>
 
 #include "agent/ImportChecks.h"
 
@@ -40,6 +42,59 @@ void readHop( RecordCheck& check, JsonValue hop, LabelVia& via ) {
    if ( const auto interface = check.text( hop, "interface", Need::optional ) ) {
       via.interface = check.interface( *interface );
    }
+}
+
+/// Marks the backups that the hop names. FRR prints one number or a list of them.
+void readBackupIndex( RecordCheck& check, JsonValue hop, std::vector< bool >& named ) {
+   const auto mark = [&]( JsonValue value ) {
+      if ( !value.is( JsonKind::natural ) ) {
+         check.complain( "the field \"backupIndex\" is " + value.described() +
+                         ", not a whole number from 0 or a list of them" );
+      } else if ( value.natural() >= named.size() ) {
+         check.complain( "\"backupIndex\" names the backup next hop " + value.described() +
+                         ", counted from 0, and the route has " + std::to_string( named.size() ) );
+      } else {
+         named[value.natural()] = true;
+      }
+   };
+   const std::optional< JsonValue > index = hop.field( "backupIndex" );
+   if ( index && index->is( JsonKind::list ) ) {
+      for ( const JsonValue one : *index ) {
+         mark( one );
+      }
+   } else if ( index ) {
+      mark( *index );
+   }
+}
+
+/// The backup next hops that any hop of the route names, in the order of their list.
+void readBackups( RecordCheck& check, JsonValue record, JsonValue hops, LabelRoute& route ) {
+   std::vector< JsonValue > backups;
+   if ( const auto list = check.list( record, "backupNexthops", Need::optional ) ) {
+      for ( const JsonValue backup : *list ) {
+         backups.push_back( backup );
+      }
+   }
+   std::vector< bool > named( backups.size() );
+   size_t number = 0;
+   for ( const JsonValue hop : hops ) {
+      check.viaIs( ++number );
+      if ( hop.is( JsonKind::object ) ) {
+         readBackupIndex( check, hop, named );
+      }
+   }
+   for ( size_t i = 0; i < backups.size(); ++i ) {
+      check.viaIs( i + 1, "backup via" );
+      if ( named[i] && route.backupVias.size() == maxVias ) {
+         check.complain( "more than " + std::to_string( maxVias ) + " backup vias are named" );
+         break;
+      }
+      if ( named[i] ) {
+         check.oneVia( backups[i], route.backupVias, payloadUnder( route.label() ),
+                       [&]( JsonValue hop, LabelVia& via ) { readHop( check, hop, via ); } );
+      }
+   }
+   check.viaDel();
 }
 
 class FrrPieces final : public JsonPieces {
@@ -84,8 +139,9 @@ class FrrPieces final : public JsonPieces {
       }
       route.stack = { static_cast< uint32_t >( *label ) };
       if ( check.incomingStack( route.stack ) ) {
-         check.vias( *hops, route,
+         check.vias( *hops, route.vias, payloadUnder( route.label() ),
                      [&]( JsonValue hop, LabelVia& via ) { readHop( check, hop, via ); } );
+         readBackups( check, *record, *hops, route );
       }
       return check.sound();
    }

@@ -109,12 +109,12 @@ class Iproute2Pieces final : public JsonPieces {
          LabelVia via;
          read( *record, via );
          if ( check.sound() ) {
-            check.finishVia( route, via );
+            check.finishVia( route.vias, payloadUnder( route.label() ), via );
          }
       } else if ( record->field( "via" ) || record->field( "to" ) ) {
          check.complain( "both a next hop of its own and a list \"nexthops\"" );
       } else if ( const auto hops = check.list( *record, "nexthops", Need::required ) ) {
-         check.vias( *hops, route, read );
+         check.vias( *hops, route.vias, payloadUnder( route.label() ), read );
       }
       return check.sound();
    }

@@ -105,12 +105,20 @@ const KnownNeighbor* L3Service::neighbor( const NextHopKey& key ) const {
    return at == there->end() ? nullptr : &at->second;
 }
 
+NextHopInfo L3Service::info( const NextHopKey& key ) const {
+   const KnownNeighbor* const known = neighbor( key );
+   return known ? known->info : NextHopInfo();
+}
+
 void L3Service::neighborChanged( const NextHopKey& key ) {
    answer( key );
    if ( key.addr.af() == ipv4() ) {
       answer( VrfAndIpAddr{ L3::VrfName::defaultVrf(), key.addr } );
    } else {
       answer6( { L3::VrfName::defaultVrf(), key.addr } );
+   }
+   if ( onChange_ ) {
+      onChange_();
    }
 }
 

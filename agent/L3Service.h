@@ -4,13 +4,16 @@
 // watcher; the answer is the neighbour of that address on that interface. A next hop without one is
 // a watched address of the route resolver; the answer is the neighbours of that address on whatever
 // interface, as attached hosts (/32 or /128). What nobody asks for is not answered, and an answer
-// goes with its question. A neighbour that changes changes the answers that it is part of, at once.
+// goes with its question. Hardware with FECs resolves by itself: it asks `info`, and is told of
+// every change by `onChange`. A neighbour that changes changes the answers that it is part of, at
+// once.
 //
 // Cost: a look-up for each question; for a changed neighbour one, or as many as the address has
 // interfaces while it is watched.
 
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -46,6 +49,10 @@ class L3Service {
    /// The neighbour, or null.
    const KnownNeighbor* neighbor( const NextHopKey& key ) const;
    size_t neighbors() const { return neighbors_; }
+   /// The same as hardware sees it; not resolved when there is no such neighbour.
+   NextHopInfo info( const NextHopKey& key ) const;
+   /// Called after every change of a neighbour.
+   void onChangeIs( std::function< void() > onChange ) { onChange_ = std::move( onChange ); }
 
  private:
    class ArpReactor;
@@ -63,6 +70,7 @@ class L3Service {
    Ptr< VelL3Status > status_;
    Hash< IpGenAddr, ByInterface > neighbor_;
    size_t neighbors_ = 0;
+   std::function< void() > onChange_;
    std::unique_ptr< ArpReactor > arpReactor_;
    std::unique_ptr< WatchReactor > watchReactor_;
    std::unique_ptr< Watch6Reactor > watch6Reactor_;

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "driver/SwitchHelper.h"
+
 namespace Vel::Agent {
 
 namespace {
@@ -40,8 +42,14 @@ LabelAgent::LabelAgent( LfibPlan plan, LabelAgentSettings settings )
       plan_.interfaces(), entityManager_->root< VelL3Status >( "velL3Status" ),
       inputs.proactiveArpNhSm, inputs.routeReactorConfig, inputs.route6ReactorConfig );
    switch_ = std::make_unique< Driver::SoftwareSwitch >( inputs.mplsHwConfig, inputs.mplsHwStatus,
-                                                         scheduler_, settings_.hardware );
+                                                         scheduler_, settings_.hardware,
+                                                         fecPlatform( inputs ) );
    entityManager_->rootIs( "softwareSwitch", switch_->status() );
+   foreignFecs_ = std::make_unique< ForeignFecs >( *switch_, *l3_ );
+   if ( Driver::FecUnit* const fecs = switch_->fecUnit() ) {
+      inputs.mplsSmHelper = make< Driver::SwitchHelper >( *switch_, inputs.velL3Status );
+      l3_->onChangeIs( [fecs] { fecs->reportStates(); } );
+   }
    mplsSm_ = MplsSmIs( std::move( inputs ) );
    entityManager_->rootIs( "mplsSm", mplsSm_ );
    entityManager_->rootIs( "mplsSmCounters", mplsSm_->counters() );
@@ -53,6 +61,8 @@ LabelAgent::LabelAgent( LfibPlan plan, LabelAgentSettings settings )
 LabelAgent::~LabelAgent() {
    entityManager_->rootIs( "mplsSm", nullptr );
    mplsSm_ = nullptr;
+   foreignFecs_.reset();
+   l3_->onChangeIs( {} );
    switch_.reset();
    l3_.reset();
 }
@@ -82,14 +92,60 @@ MplsSmInputs LabelAgent::makeEntities() {
    inputs.entityManager = entityManager_;
    inputs.clock = clock_;
    inputs.scheduler = scheduler_;
+   if ( settings_.withFecs ) {
+      l3Status->adjHwStatusIs( make< AdjHwStatus >() );
+      addFecEntities( inputs );
+   }
    return inputs;
+}
+
+// No routes have survived from before: the sync map is empty and complete. Nor is there an LFIB of
+// before to wait for; the start is over when the first routes have been taken in.
+void LabelAgent::addFecEntities( MplsSmInputs& inputs ) {
+   EntityManager& roots = *entityManager_;
+   inputs.hwFecIdRequest = mounted< FecIdToHwFecIdRequest >( roots, "hwFecIdRequest" );
+   inputs.hwFecIdResponse = mounted< FecIdToHwFecIdResponse >( roots, "hwFecIdResponse" );
+   const auto syncMap = VelHelper::mplsRouteSyncMapFactory();
+   syncMap->readyIs( true );
+   roots.rootIs( "mplsRouteSyncMap", syncMap );
+   inputs.mplsRouteSyncMap = syncMap;
+   const auto summary = mplsSmInputSummaryFactory();
+   roots.rootIs( "mplsSmInputSummary", summary );
+   inputs.inputStatusSummary = summary;
+   inputStatus_ = mplsSmInputStatusSmFactory( syncMap, summary );
+   inputStatus_->systemLfibReadyIs( true );
+   startup_ = make< L3StartupStagePrerequisitesStatus >();
+   roots.rootIs( "velL3StartupStagePrereqs", startup_ );
+   inputs.velL3StartupStagePrereqs = startup_;
+}
+
+// Empty when the hardware has no FECs.
+Driver::FecPlatform LabelAgent::fecPlatform( const MplsSmInputs& inputs ) {
+   if ( !settings_.withFecs ) {
+      return {};
+   }
+   return { inputs.hwFecIdRequest,
+            entityManager_->root< FecIdToHwFecIdResponse >( "hwFecIdResponse" ),
+            entityManager_->root< VelL3Status >( "velL3Status" ), startup_,
+            [this]( IntfId intf, const IpGenAddr& nextHop ) {
+               return l3_->info( { intf, nextHop } );
+            } };
 }
 
 // --- Tables.
 
 void LabelAgent::neighborsAre( const NeighborTable& table ) {
+   if ( settings_.withFecs ) {
+      plan_.neighborsAre( table );
+   }
+   Driver::FecUnit* const fecs = switch_->fecUnit();
+   l3_->onChangeIs( {} ); // once for all of them
    for ( const Neighbor& neighbor : table.neighbors ) {
       l3_->neighborIs( neighbor );
+   }
+   if ( fecs ) {
+      fecs->reportStates();
+      l3_->onChangeIs( [fecs] { fecs->reportStates(); } );
    }
 }
 
@@ -97,6 +153,7 @@ LabelAgent::Fault LabelAgent::apply( size_t table ) {
    if ( startFault_ ) {
       return startFault_;
    }
+   foreignFecs_->definedAre( plan_.table( table ).foreign );
    if ( !publisher_.table() ) {
       return publisher_.publish( table ); // a reader that has not begun walks once it is whole
    }
@@ -134,7 +191,10 @@ bool LabelAgent::workLeft() const {
 }
 
 LabelAgent::Fault LabelAgent::settle() {
-   return work( [this] { return workLeft() ? scheduler_->nextExpiry() : atRest; } );
+   const auto next = [this] { return workLeft() ? scheduler_->nextExpiry() : atRest; };
+   Fault fault = work( next );
+   // Only now, when no route leads into it any more because of an earlier table.
+   return !fault && foreignFecs_->takeBackRest() ? work( next ) : fault;
 }
 
 LabelAgent::Fault LabelAgent::runFor( double seconds ) {

@@ -1,7 +1,12 @@
 // LabelAgent: everything that an agent is made of, in one process and on a simulated clock.
 //
 //    label tables ──LfibPublisher──> LFIB ──MplsSm──> MplsHwConfig ──SoftwareSwitch──> MplsHwStatus
-//    neighbours ────L3Service──────> VelL3Status ──┘
+//    neighbours ────L3Service──────> VelL3Status ──┘       └─ FECs ─┘
+//    definitions ───ForeignFecs──────────────────────────────────┘
+//
+// The hardware has FECs unless the settings say otherwise: label routes forward into them, and
+// next-hop groups, tunnels, external FECs and backups work. The start is the one with non-stop
+// forwarding then, with nothing to take over: it is over with the first routes.
 //
 // All entities are mounted in the EntityManager under their names, so that whatever can be asked is
 // asked there. There is one VRF, the default one, with the number 0. Time is simulated: nothing
@@ -25,9 +30,11 @@
 #include <optional>
 #include <string>
 
+#include "agent/ForeignFecs.h"
 #include "agent/L3Service.h"
 #include "agent/LfibPublisher.h"
 #include "driver/SoftwareSwitch.h"
+#include "mpls/VelMplsInputStatusSm.h"
 #include "mpls/VelMplsSm.h"
 
 namespace Vel::Agent {
@@ -35,6 +42,7 @@ namespace Vel::Agent {
 struct LabelAgentSettings {
    /// A breach of the contract is shown with the result instead of ending the process.
    Driver::SwitchSettings hardware{ .breachIsFatal = false };
+   bool withFecs = true; ///< the hardware has FECs
    /// Called now and then while `settle` works, with what is left to do.
    std::function< void( size_t pendingWork ) > onProgress{};
    /// Runs of tasks after which `settle` gives up.
@@ -53,9 +61,11 @@ class LabelAgent {
    LabelAgent& operator=( const LabelAgent& ) = delete;
    ~LabelAgent();
 
-   /// Adds the neighbours of a table to those that are known.
+   /// Adds the neighbours of a table to those that are known. With FECs they also fill interfaces
+   /// in, in the tables that are not planned yet.
    void neighborsAre( const NeighborTable& table );
-   /// Publishes a table of the plan as the whole state of the LFIB.
+   /// Publishes a table of the plan as the whole state of the LFIB. What it defines of other
+   /// agents is made known before; what it no longer defines goes at the end of the next `settle`.
    [[nodiscard]] Fault apply( size_t table );
    /// The same with a table that was not planned for. A fault when the LFIB has no room for it.
    [[nodiscard]] Fault apply( const LabelTable& table );
@@ -74,6 +84,9 @@ class LabelAgent {
    const LfibPublisher& publisher() const { return publisher_; }
    Interfaces& interfaces() const { return plan_.interfaces(); }
    L3Service& l3() { return *l3_; }
+   const L3Service& l3() const { return *l3_; }
+   const ForeignFecs& foreignFecs() const { return *foreignFecs_; }
+   bool withFecs() const { return settings_.withFecs; }
    Driver::SoftwareSwitch& hardware() { return *switch_; }
    const Driver::SoftwareSwitch& hardware() const { return *switch_; }
    const Ptr< ManualClock >& clock() const { return clock_; }
@@ -94,6 +107,8 @@ class LabelAgent {
 
  private:
    MplsSmInputs makeEntities();
+   void addFecEntities( MplsSmInputs& inputs );
+   Driver::FecPlatform fecPlatform( const MplsSmInputs& inputs );
    bool workLeft() const;
    template< class Next >
    Fault work( const Next& next );
@@ -107,6 +122,9 @@ class LabelAgent {
    Ptr< Mpls::LfibStatus > lfib_;
    std::unique_ptr< L3Service > l3_;
    std::unique_ptr< Driver::SoftwareSwitch > switch_;
+   std::unique_ptr< ForeignFecs > foreignFecs_;
+   Ptr< L3StartupStagePrerequisitesStatus > startup_; // this and the next with FECs only
+   Ptr< MplsSmInputStatusSm > inputStatus_;
    Ptr< MplsSm > mplsSm_;
    Fault startFault_;
 };

@@ -9,7 +9,7 @@
 namespace Vel::Agent {
 
 std::string_view name( LabelOperation operation ) {
-   constexpr std::array< std::string_view, 3 > names{ "pop", "swap", "push" };
+   constexpr std::array< std::string_view, 4 > names{ "pop", "swap", "push", "keep" };
    return names.at( static_cast< size_t >( operation ) );
 }
 
@@ -25,6 +25,11 @@ std::string_view name( LabelTtlMode mode ) {
 std::string_view name( LabelTableFormat format ) {
    constexpr std::array< std::string_view, 3 > names{ "frr", "iproute2", "native" };
    return names.at( static_cast< size_t >( format ) );
+}
+
+std::string_view name( ForeignFec::Kind kind ) {
+   constexpr std::array< std::string_view, 3 > names{ "next-hop group", "tunnel", "external FEC" };
+   return names.at( static_cast< size_t >( kind ) );
 }
 
 std::optional< LabelTableFormat > labelTableFormat( std::string_view text ) {
@@ -79,7 +84,7 @@ class FormatGuess final : public JsonPieces {
       if ( format_ ) {
          return true;
       }
-      if ( key == "velmplsLabelTable" || key == "routes" ) {
+      if ( key == "velmplsLabelTable" || key == "routes" || foreignKindOfList( key ) ) {
          format_ = LabelTableFormat::native;
       } else if ( key == "inLabel" || key == "nexthops" || key == "backupNexthops" ||
                   key == "installed" ) {
@@ -148,7 +153,7 @@ void import( std::string_view text, std::optional< LabelTableFormat > forced, La
       importIproute2( text, table.routes, errors );
       break;
    case LabelTableFormat::native:
-      importNative( text, table.routes, errors );
+      importNative( text, table, errors );
       break;
    }
    sortAndDropDoubles( table.routes, errors );

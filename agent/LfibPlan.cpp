@@ -45,28 +45,40 @@ MplsLabelAction labelActionOf( LabelOperation operation ) {
       return MplsLabelAction::swap;
    case LabelOperation::push:
       return MplsLabelAction::push;
+   case LabelOperation::keep:
+      return MplsLabelAction::none;
    }
    return MplsLabelAction::pop;
 }
 
 // Pop here and look the payload up.
 bool decapsulates( const LabelVia& via ) {
-   return via.action == LabelOperation::pop && via.nextHop.empty() && via.interface == loopback;
+   return via.action == LabelOperation::pop && via.nextHop.empty() && via.interface == loopback &&
+          via.outlet == LabelOutlet::interface;
 }
 
 } // namespace
 
 // --- Tables.
 
+void LfibPlan::neighborsAre( const NeighborTable& neighbors ) {
+   for ( const Neighbor& neighbor : neighbors.neighbors ) {
+      interfacesOf_[neighbor.address].insert( neighbor.interface );
+   }
+}
+
 size_t LfibPlan::add( const LabelTable& table ) {
    auto planned = std::make_unique< PlannedTable >();
    planned->routes.reserve( table.routes.size() );
    for ( const LabelRoute& route : table.routes ) {
       const RouteKey key = routeKeyOf( route.stack );
-      const bool ends =
-         route.ignored() || std::all_of( route.vias.begin(), route.vias.end(), decapsulates );
+      const bool ends = route.ignored() || ( route.externalFec.empty() &&
+                                             std::ranges::all_of( route.vias, decapsulates ) );
       planned->routes.push_back(
          { key, ends ? ignoredViaSet( *planned, key, route ) : viaSetOf( route ) } );
+   }
+   for ( const ForeignFec& foreign : table.foreignFecs ) {
+      addForeign( *planned, foreign );
    }
    // A key of one label sorts behind the deeper ones that begin with it.
    std::ranges::sort( planned->routes, {}, &PlannedRoute::key );
@@ -126,7 +138,8 @@ Mpls::LfibCapacities LfibPlan::capacities() const {
    Mpls::LfibCapacities room; // what is there for later tables, however little there is now
    room.routes = std::max( room.routes, static_cast< U32 >( routesAtOnce_ ) );
    room.deepRoutes = std::max( room.deepRoutes, static_cast< U32 >( deepRoutesAtOnce_ ) );
-   room.viaSets = std::max( room.viaSets, static_cast< U32 >( viaSets_.size() ) );
+   room.viaSets = std::max( room.viaSets, static_cast< U32 >( viaSets_.size() + externalFecs_ ) );
+   room.extFecVias = std::max( room.extFecVias, static_cast< U32 >( externalFecs_ ) );
    room.mplsVias = std::max( room.mplsVias, static_cast< U32 >( vias_.size() ) );
    room.ringEntries = 1U << 16;
    return room;
@@ -135,11 +148,28 @@ Mpls::LfibCapacities LfibPlan::capacities() const {
 // --- Vias and via sets.
 
 U32 LfibPlan::viaSetOf( const LabelRoute& route ) {
-   scratch_.clear();
-   for ( const LabelVia& via : route.vias ) {
-      scratch_.push_back( viaOf( via ) );
+   if ( !route.externalFec.empty() ) {
+      const IntfId intf =
+         interfaces_->foreignIs( ForeignFec::Kind::externalFec, route.externalFec );
+      const U32 number = Interfaces::numberOf( Fib::FecIdIntfId::intfIdToFecId( intf ) );
+      externalFecs_ = std::max< size_t >( externalFecs_, number );
+      return extFecViaSet | number;
    }
-   std::ranges::sort( scratch_, [this]( U32 a, U32 b ) { return viaBefore( a, b ); } );
+   const U32 backup = route.backupVias.empty()
+                         ? PlannedViaSet::none
+                         : viaSetOf( route.backupVias, PlannedViaSet::none, true );
+   return viaSetOf( route.vias, backup, route.usableAsPrimaryVias );
+}
+
+U32 LfibPlan::viaSetOf( const std::vector< LabelVia >& vias, U32 backup,
+                        bool usableAsPrimaryVias ) {
+   scratch_.vias.clear();
+   scratch_.backup = backup;
+   scratch_.usableAsPrimaryVias = usableAsPrimaryVias;
+   eachWithInterface( vias, [this]( const Mpls::LfibMplsVia& content ) {
+      scratch_.vias.push_back( numberOf( content ) );
+   } );
+   std::ranges::sort( scratch_.vias, [this]( U32 a, U32 b ) { return viaBefore( a, b ); } );
    const auto [at, made] =
       viaSetNumbers_.try_emplace( scratch_, static_cast< U32 >( viaSets_.size() ) );
    if ( made ) {
@@ -148,10 +178,35 @@ U32 LfibPlan::viaSetOf( const LabelRoute& route ) {
    return at->second;
 }
 
-U32 LfibPlan::viaOf( const LabelVia& via ) {
+// Calls with every via; in place of one that lacks its interface with one for each interface that
+// the next hop is known on, as far as a via set has room for them.
+template< class F >
+void LfibPlan::eachWithInterface( const std::vector< LabelVia >& vias, const F& call ) {
+   size_t room = maxVias - vias.size(); // beside one for each
+   for ( const LabelVia& via : vias ) {
+      Mpls::LfibMplsVia content = contentOf( via );
+      const auto known =
+         via.interface.empty() ? interfacesOf_.find( via.nextHop ) : interfacesOf_.end();
+      if ( known == interfacesOf_.end() ) {
+         call( content );
+         continue;
+      }
+      const size_t taken = std::min( known->second.size(), room + 1 );
+      room -= taken - 1;
+      for ( auto [at, left] = std::pair( known->second.begin(), taken ); left > 0; ++at, --left ) {
+         content.intf = interfaces_->intfIs( *at );
+         call( content );
+      }
+   }
+}
+
+Mpls::LfibMplsVia LfibPlan::contentOf( const LabelVia& via ) {
    Mpls::LfibMplsVia content;
    content.nextHop = IpGenAddr::parse( via.nextHop ).value_or( IpGenAddr() );
-   content.intf = interfaces_->intfIs( via.interface );
+   content.intf = via.outlet == LabelOutlet::interface ? interfaces_->intfIs( via.interface )
+                  : via.outlet == LabelOutlet::tunnel
+                     ? interfaces_->foreignIs( ForeignFec::Kind::tunnel, via.interface )
+                     : interfaces_->foreignIs( ForeignFec::Kind::nextHopGroup, via.interface );
    for ( const uint32_t label : via.outLabels ) {
       content.labelStack.push( label );
    }
@@ -161,11 +216,24 @@ U32 LfibPlan::viaOf( const LabelVia& via ) {
       content.ttlMode =
          via.ttlMode == LabelTtlMode::pipe ? Mpls::TtlMode::pipe : Mpls::TtlMode::uniform;
    }
+   return content;
+}
+
+U32 LfibPlan::numberOf( const Mpls::LfibMplsVia& content ) {
    const auto [at, made] = viaNumbers_.try_emplace( content, static_cast< U32 >( vias_.size() ) );
    if ( made ) {
       vias_.push_back( &at->first );
    }
    return at->second;
+}
+
+void LfibPlan::addForeign( PlannedTable& planned, const ForeignFec& foreign ) {
+   PlannedForeign& made = planned.foreign.emplace_back();
+   made.intf = interfaces_->foreignIs( foreign.kind, foreign.name );
+   eachWithInterface( foreign.vias, [&made]( const Mpls::LfibMplsVia& via ) {
+      made.vias.push_back( { via.nextHop, via.intf, via.labelAction, via.labelStack,
+                             via.payloadType, via.ttlMode, false } );
+   } );
 }
 
 // By contents, not by number: the order of a set does not depend on what was read before it.
@@ -192,9 +260,10 @@ size_t LfibPlan::ViaHash::operator()( const Mpls::LfibMplsVia& via ) const {
                    mixBits( via.intf.hash() + mixBits( via.labelStack.hash() + modes ) ) );
 }
 
-size_t LfibPlan::ViaSetHash::operator()( const std::vector< U32 >& vias ) const {
-   U64 mixed = vias.size();
-   for ( const U32 via : vias ) {
+size_t LfibPlan::ViaSetHash::operator()( const PlannedViaSet& viaSet ) const {
+   U64 mixed =
+      viaSet.vias.size() + mixBits( U64{ viaSet.backup } << 1 | U64{ viaSet.usableAsPrimaryVias } );
+   for ( const U32 via : viaSet.vias ) {
       mixed = mixBits( mixed + via );
    }
    return mixed;
@@ -212,10 +281,13 @@ Mpls::LfibViaKey LfibPlan::viaKey( U32 number ) {
 }
 
 Mpls::LfibViaSetKey LfibPlan::viaSetKey( U32 number ) {
-   return number < ipLookupViaSet
-             ? Mpls::LfibViaSetKey( LfibSource::other, Mpls::viaTypeMplsIp, number )
-             : Mpls::LfibViaSetKey( LfibSource::other, Mpls::viaTypeIpLookup,
-                                    number - ipLookupViaSet );
+   if ( number >= ipLookupViaSet ) {
+      return { LfibSource::other, Mpls::viaTypeIpLookup, number - ipLookupViaSet };
+   }
+   if ( number >= extFecViaSet ) {
+      return { LfibSource::other, Mpls::viaTypeExternalFec, number - extFecViaSet };
+   }
+   return { LfibSource::other, Mpls::viaTypeMplsIp, number };
 }
 
 } // namespace Vel::Agent

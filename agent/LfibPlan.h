@@ -6,6 +6,13 @@
 // capacities of the region are known before anything is published, and a later table differs from
 // an earlier one exactly where a route's via set number differs.
 //
+// A via without an interface can be programmed only where the hardware layer resolves next hops by
+// itself. Where it does not, the plan fills the interfaces in, as routing software does: with
+// `neighborsAre`, such a via becomes one via for each interface on which the address is known.
+//
+// A route with backup vias has a second via set, which the first one names. What other agents have
+// is planned with each table: it goes to the hardware layer and not into the LFIB.
+//
 // A route that this router ends instead of forwarding it (the importer says so, or every via pops
 // and hands the payload to the router itself: no next hop, interface "lo") gets the via set of an
 // IP look-up in the default VRF, with the reason why it is ignored. All other vias are taken as
@@ -15,14 +22,17 @@
 
 #pragma once
 
+#include <map>
 #include <memory>
-#include <span>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "agent/Interfaces.h"
 #include "agent/LabelTable.h"
+#include "agent/NeighborTable.h"
+#include "platform/FecTables.h"
 #include "platform/LfibLayout.h"
 #include "platform/LfibTypes.h"
 
@@ -36,6 +46,23 @@ struct PlannedRoute {
    friend bool operator==( const PlannedRoute&, const PlannedRoute& ) = default;
 };
 
+/// What a via set consists of.
+struct PlannedViaSet {
+   static constexpr U32 none = 0xFFFF'FFFF;
+
+   std::vector< U32 > vias; ///< their numbers, ordered by next hop, interface and labels
+   U32 backup = none;       ///< number of the via set that protects it
+   bool usableAsPrimaryVias = true;
+
+   friend bool operator==( const PlannedViaSet&, const PlannedViaSet& ) = default;
+};
+
+/// Another agent's FEC or tunnel: what stands for it, and its ways out.
+struct PlannedForeign {
+   IntfId intf;
+   std::vector< Fib::FecVia > vias;
+};
+
 /// One complete table.
 struct PlannedTable {
    /// A route that is not forwarded, and the number of the reason.
@@ -46,14 +73,20 @@ struct PlannedTable {
 
    std::vector< PlannedRoute > routes; ///< ascending by key
    std::vector< Ignored > ignored;     ///< ascending by key
+   std::vector< PlannedForeign > foreign;
 };
 
 class LfibPlan {
  public:
    /// Via set numbers from here on stand for an IP look-up; the payload type is the rest.
    static constexpr U32 ipLookupViaSet = 0x8000'0000;
+   /// ... and from here on for an external FEC; its number is the rest.
+   static constexpr U32 extFecViaSet = 0x4000'0000;
 
    LfibPlan() : interfaces_( std::make_unique< Interfaces >() ) {}
+
+   /// Fills interfaces in from these neighbours too, in the tables that are added from here on.
+   void neighborsAre( const NeighborTable& neighbors );
 
    /// Takes a table in and returns its number, from 0.
    size_t add( const LabelTable& table );
@@ -67,8 +100,8 @@ class LfibPlan {
    size_t viaSets() const { return viaSets_.size(); }
    /// The via, its key included.
    Mpls::LfibMplsVia via( U32 number ) const;
-   /// The numbers of the vias of a set, ordered by next hop, interface and labels.
-   std::span< const U32 > viaSet( U32 number ) const { return *viaSets_[number]; }
+   /// One that stands for nothing else.
+   const PlannedViaSet& viaSet( U32 number ) const { return *viaSets_[number]; }
 
    static Mpls::LfibViaKey viaKey( U32 number );
    static Mpls::LfibViaSetKey viaSetKey( U32 number );
@@ -84,11 +117,16 @@ class LfibPlan {
       size_t operator()( const Mpls::LfibMplsVia& via ) const;
    };
    struct ViaSetHash {
-      size_t operator()( const std::vector< U32 >& vias ) const;
+      size_t operator()( const PlannedViaSet& viaSet ) const;
    };
 
    U32 viaSetOf( const LabelRoute& route );
-   U32 viaOf( const LabelVia& via );
+   U32 viaSetOf( const std::vector< LabelVia >& vias, U32 backup, bool usableAsPrimaryVias );
+   template< class F >
+   void eachWithInterface( const std::vector< LabelVia >& vias, const F& call );
+   Mpls::LfibMplsVia contentOf( const LabelVia& via );
+   U32 numberOf( const Mpls::LfibMplsVia& content );
+   void addForeign( PlannedTable& planned, const ForeignFec& foreign );
    bool viaBefore( U32 left, U32 right ) const;
    U32 ignoredViaSet( PlannedTable& planned, Mpls::RouteKey key, const LabelRoute& route );
    U32 reasonOf( const std::string& text );
@@ -98,12 +136,14 @@ class LfibPlan {
    // The maps own the contents, which do not move.
    std::unordered_map< Mpls::LfibMplsVia, U32, ViaHash > viaNumbers_;
    std::vector< const Mpls::LfibMplsVia* > vias_; // without their keys
-   std::unordered_map< std::vector< U32 >, U32, ViaSetHash > viaSetNumbers_;
-   std::vector< const std::vector< U32 >* > viaSets_;
+   std::unordered_map< PlannedViaSet, U32, ViaSetHash > viaSetNumbers_;
+   std::vector< const PlannedViaSet* > viaSets_;
+   std::map< std::string, std::set< std::string > > interfacesOf_; // by address
    std::unordered_map< std::string, U32 > reasonNumbers_;
    std::vector< const std::string* > reasons_;
    std::vector< std::unique_ptr< PlannedTable > > tables_;
-   std::vector< U32 > scratch_;
+   PlannedViaSet scratch_;
+   size_t externalFecs_ = 0; // the largest number in use
    size_t routesAtOnce_ = 0; // the most, of a single label
    size_t deepRoutesAtOnce_ = 0;
 };

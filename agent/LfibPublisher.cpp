@@ -97,6 +97,17 @@ U32& LfibPublisher::users( std::vector< U32 >& counts, U32 number ) const {
 bool LfibPublisher::acquireViaSet( U32 number ) {
    const Mpls::LfibViaSetKey key = LfibPlan::viaSetKey( number );
    Mpls::LfibViaSet viaSet( key );
+   if ( number >= LfibPlan::extFecViaSet && number < LfibPlan::ipLookupViaSet ) {
+      const U32 fec = number - LfibPlan::extFecViaSet;
+      if ( users( extFecUsers_, fec )++ != 0 ) {
+         return true;
+      }
+      const Mpls::LfibExtFecVia via{ { key.source(), key.viaType(), key.index() },
+                                     Interfaces::externalFec( fec ) };
+      viaSet.viaKeyAdd( via.key );
+      return written( writer_->extFecViaIs( via ), changes_.viasWritten ) &&
+             written( writer_->viaSetIs( viaSet ), changes_.viaSetsWritten );
+   }
    if ( number >= LfibPlan::ipLookupViaSet ) {
       // There are as many of them as payload types: they stay.
       Mpls::LfibIpLookupVia via;
@@ -110,7 +121,15 @@ bool LfibPublisher::acquireViaSet( U32 number ) {
    if ( users( viaSetUsers_, number )++ != 0 ) {
       return true;
    }
-   for ( const U32 via : plan_.viaSet( number ) ) {
+   const PlannedViaSet& planned = plan_.viaSet( number );
+   viaSet.usableAsPrimaryViasIs( planned.usableAsPrimaryVias );
+   if ( planned.backup != PlannedViaSet::none ) {
+      if ( !acquireViaSet( planned.backup ) ) { // which has no backup of its own
+         return false;
+      }
+      viaSet.backupViaSetKeyIs( LfibPlan::viaSetKey( planned.backup ) );
+   }
+   for ( const U32 via : planned.vias ) {
       if ( users( viaUsers_, via )++ == 0 &&
            !written( writer_->mplsViaIs( plan_.via( via ) ), changes_.viasWritten ) ) {
          return false;
@@ -121,14 +140,30 @@ bool LfibPublisher::acquireViaSet( U32 number ) {
 }
 
 void LfibPublisher::releaseViaSet( U32 number ) {
-   if ( number >= LfibPlan::ipLookupViaSet || --users( viaSetUsers_, number ) != 0 ) {
+   if ( number >= LfibPlan::ipLookupViaSet ) {
       return;
    }
-   written( writer_->viaSetDel( LfibPlan::viaSetKey( number ) ), changes_.viaSetsRemoved );
-   for ( const U32 via : plan_.viaSet( number ) ) {
+   const Mpls::LfibViaSetKey key = LfibPlan::viaSetKey( number );
+   const bool externalFec = number >= LfibPlan::extFecViaSet;
+   U32& left = externalFec ? users( extFecUsers_, number - LfibPlan::extFecViaSet )
+                           : users( viaSetUsers_, number );
+   if ( --left != 0 ) {
+      return;
+   }
+   written( writer_->viaSetDel( key ), changes_.viaSetsRemoved );
+   if ( externalFec ) {
+      written( writer_->viaDel( { key.source(), key.viaType(), key.index() } ),
+               changes_.viasRemoved );
+      return;
+   }
+   const PlannedViaSet& planned = plan_.viaSet( number );
+   for ( const U32 via : planned.vias ) {
       if ( --users( viaUsers_, via ) == 0 ) {
          written( writer_->viaDel( LfibPlan::viaKey( via ) ), changes_.viasRemoved );
       }
+   }
+   if ( planned.backup != PlannedViaSet::none ) {
+      releaseViaSet( planned.backup );
    }
 }
 

@@ -3,8 +3,8 @@
 // The region is memory of its own, large enough for all tables of the plan. Of a table only the
 // difference to the one before it is written: vias and via sets that are new, then routes that are
 // new or have another via set; then routes that are gone, then the via sets and vias that no route
-// uses any more. So nothing ever names what is not there, and a route whose vias did not change is
-// not touched.
+// uses any more. A backup comes before what it protects and goes after it. So nothing ever names
+// what is not there, and a route whose vias did not change is not touched.
 //
 // Cost: about 60 ns for a route that changes; 3 microseconds, most of them for touching fresh
 // memory, when it brings a via set of its own.
@@ -69,7 +69,8 @@ class LfibPublisher {
    std::span< std::byte > region_;
    std::unique_ptr< Mpls::LfibWriter > writer_;
    std::optional< size_t > table_;
-   std::vector< U32 > viaSetUsers_; // routes, by via set number
+   std::vector< U32 > viaSetUsers_; // routes and protected via sets, by via set number
+   std::vector< U32 > extFecUsers_; // routes, by number of the external FEC
    std::vector< U32 > viaUsers_;    // via sets in the region, by via number
    PublishedChanges changes_;
    std::string fault_; // of the table that did not fit

@@ -111,6 +111,7 @@ bool printMetrics( std::ostream& out, const LabelAgent& agent, const ProgramResu
    const Driver::SwitchStatus& hardware = *agent.hardware().status();
    writer.gauge( "hardware_routes", "Routes in hardware.", hardware.routes() );
    writer.gauge( "hardware_l2_adjacencies", "L2 adjacencies in hardware.", hardware.adjacencies() );
+   writer.gauge( "hardware_fecs", "FECs in hardware.", hardware.fecs() );
    writer.gauge( "hardware_queue_length", "Operations that wait for the hardware.",
                  hardware.queueLength() );
    writer.counter( "hardware_operations", "Operations carried out by the hardware.",

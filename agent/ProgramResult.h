@@ -5,6 +5,9 @@
 // the label table that was read in, so that the result says what is, and not what was wanted. Where
 // the published status and the switch contradict each other, the switch is believed.
 //
+// A route into a FEC is published by what the library knows of its next hops. What is behind
+// next-hop groups and tunnels, and whether the backup leads anywhere, is looked up here.
+//
 // A result is a view of a settled agent: it holds the keys and states of the routes and reads the
 // rest on demand. It is out of date once the agent goes on.
 //
@@ -25,7 +28,7 @@ namespace Vel::Agent {
 enum class ProgramState : uint8_t {
    programmed,          ///< in hardware, with all of its vias
    partiallyProgrammed, ///< in hardware, without the vias whose next hop is not resolved
-   unprogrammed,        ///< not in hardware
+   unprogrammed,        ///< not in hardware, or in a FEC that leads nowhere
    ignored              ///< not for MPLS forwarding
 };
 std::string_view name( ProgramState state );
@@ -46,8 +49,12 @@ struct ResultVia {
    IpGenAddr nextHop;            ///< may be empty
    std::string interface;        ///< where the LFIB names one
    /// What it resolved to, empty while its next hop is not resolved. Several when the LFIB names no
-   /// interface and the next hop is a neighbour on more than one.
+   /// interface and the next hop is a neighbour on more than one, or behind what another agent has.
    std::vector< ResultExit > exits;
+   std::optional< ForeignFec::Kind > into{}; ///< leads into what another agent has,
+   std::string name{};                       ///< under that name,
+   bool there = false;                       ///< and the agent has made it known
+   Fib::FecId fec{};                         ///< that it is part of in hardware, if any
 
    bool resolved() const { return !exits.empty(); }
 };
@@ -58,7 +65,9 @@ struct ResultRoute {
    std::string reason; ///< for every state but programmed
    std::optional< U64 > l3Adjacency;
    std::optional< U64 > l2Adjacency;
-   std::vector< ResultVia > vias; ///< in the order of the LFIB's via set; none when ignored
+   std::vector< ResultVia > vias;   ///< in the order of the LFIB's via set; none when ignored
+   std::vector< ResultVia > backup; ///< of the via set that protects it
+   bool usableAsPrimaryVias = true; ///< false: only the backup is to be taken
 };
 
 struct ResultSummary {
@@ -94,19 +103,34 @@ class ProgramResult {
 
  private:
    struct Found;
+   /// How many vias of a via set lead somewhere.
+   enum class WaysOut : uint8_t { none, some, all };
 
    Found find( Mpls::RouteKey key ) const;
    ProgramState stateOf( const Found& found ) const;
+   ProgramState stateIntoFec( const Found& found ) const;
    std::string_view contradiction( const Found& found ) const;
+   std::string_view fecContradiction( const Found& found ) const;
+   const Mpls::Hardware::Adjacency* adjacencyOf( Mpls::LfibViaSetKey viaSetKey ) const;
+   WaysOut waysOut( Mpls::LfibViaSetKey viaSetKey ) const;
+   ResultVia viaInto( MplsLabelAction action, const Mpls::LabelStack& labels,
+                      const IpGenAddr& nextHop, IntfId intf ) const;
+   void readViasFromLfib( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
    void readRoute( Mpls::RouteKey key, ResultRoute& out ) const;
    std::string reasonOf( const Found& found, const ResultRoute& route ) const;
    std::string unprogrammedReason( const Found& found, const ResultRoute& route ) const;
-   std::string faultReason( const std::string& fault, const ResultRoute& route ) const;
+   std::string backupReason( const Found& found, const ResultRoute& route ) const;
+   std::string faultReason( const std::string& fault, const std::vector< ResultVia >& vias ) const;
+   std::string unknownNextHopReason( const std::vector< ResultVia >& vias ) const;
+   std::string fecReason( const Found& found ) const;
+   std::string refusals( const Found& found, Mpls::RouteKey key ) const;
 
    const LabelAgent& agent_;
    std::vector< Mpls::RouteKey > routes_;
    std::vector< ProgramState > states_;
    ResultSummary summary_;
+   // Of the via sets whose routes lead into a FEC, as they were asked for.
+   mutable Hash< Mpls::LfibViaSetKey, ProgramState > stateOfViaSet_;
 };
 
 } // namespace Vel::Agent

@@ -58,6 +58,18 @@ void appendExit( std::string& out, const ResultExit& exit ) {
                     ",\"mac\":\"", exit.mac, "\"" );
 }
 
+std::string_view fieldOf( ForeignFec::Kind kind ) {
+   switch ( kind ) {
+   case ForeignFec::Kind::nextHopGroup:
+      return "nextHopGroup";
+   case ForeignFec::Kind::tunnel:
+      return "tunnel";
+   case ForeignFec::Kind::externalFec:
+      break;
+   }
+   return "externalFec";
+}
+
 void appendVia( std::string& out, const ResultVia& via ) {
    out += joinText( "{\"action\":\"", via.action, "\",\"outLabels\":" );
    appendList( out, via.outLabels );
@@ -78,7 +90,23 @@ void appendVia( std::string& out, const ResultVia& via ) {
       }
       out += ']';
    }
+   if ( via.into ) {
+      out += joinText( ",\"", fieldOf( *via.into ), "\":", quoted( via.name ) );
+   }
+   if ( via.fec != Fib::FecId() ) {
+      out += joinText( ",\"fec\":\"", static_cast< U32 >( via.fec.adjType() ), ":", via.fec.index(),
+                       "\"" );
+   }
    out += '}';
+}
+
+void appendVias( std::string& out, const std::vector< ResultVia >& vias ) {
+   out += '[';
+   for ( size_t i = 0; i < vias.size(); ++i ) {
+      out += i == 0 ? "" : ",";
+      appendVia( out, vias[i] );
+   }
+   out += ']';
 }
 
 void appendRoute( std::string& out, const ResultRoute& route ) {
@@ -97,12 +125,13 @@ void appendRoute( std::string& out, const ResultRoute& route ) {
    if ( route.l2Adjacency ) {
       out += joinText( ",\"l2Adjacency\":", *route.l2Adjacency );
    }
-   out += ",\"vias\":[";
-   for ( size_t i = 0; i < route.vias.size(); ++i ) {
-      out += i == 0 ? "" : ",";
-      appendVia( out, route.vias[i] );
+   out += ",\"vias\":";
+   appendVias( out, route.vias );
+   if ( !route.backup.empty() ) {
+      out += ",\"backup\":";
+      appendVias( out, route.backup );
    }
-   out += "]}";
+   out += route.usableAsPrimaryVias ? "}" : ",\"usableAsPrimaryVias\":false}";
 }
 
 /// Hands text on in large pieces.
@@ -209,7 +238,8 @@ std::string labelsText( const std::vector< U32 >& labels ) {
 void viaCells( const ResultVia& via, Row& row ) {
    row[action] = textOf( via.action );
    row[out] = labelsText( via.outLabels );
-   row[nextHop] = textOrDash( via.nextHop.text() );
+   row[nextHop] =
+      textOrDash( via.into ? joinText( name( *via.into ), " ", via.name ) : via.nextHop.text() );
    row[intf] = textOrDash( exitInterface( via ) );
    if ( via.resolved() ) {
       const ResultExit& exit = via.exits.front();
@@ -224,15 +254,20 @@ void viaCells( const ResultVia& via, Row& row ) {
    }
 }
 
-/// The rows of a route: its own columns stand in the first one only.
+/// The rows of a route: its own columns stand in the first one only, backup vias come last.
 void routeRows( const ResultRoute& route, std::vector< Row >& rows ) {
-   rows.assign( std::max< size_t >( route.vias.size(), 1 ), Row() );
+   const size_t primary = std::max< size_t >( route.vias.size(), 1 );
+   rows.assign( primary + route.backup.size(), Row() );
    rows[0][label] = textOf( route.key );
    rows[0][state] = name( route.state );
    rows[0][l3Adj] = textOrDash( route.l3Adjacency );
    rows[0][l2Adj] = textOrDash( route.l2Adjacency );
    for ( size_t i = 0; i < route.vias.size(); ++i ) {
       viaCells( route.vias[i], rows[i] );
+   }
+   for ( size_t i = 0; i < route.backup.size(); ++i ) {
+      rows[primary + i][state] = "  backup";
+      viaCells( route.backup[i], rows[primary + i] );
    }
 }
 

@@ -83,6 +83,18 @@ bool sound( const std::vector< ImportError >& errors, bool anythingLeft,
 LoadedTables loadTables( const TableOptions& options, Progress& progress,
                          std::ostream& complaints ) {
    LoadedTables loaded;
+   // Neighbours first: they say by which interface a next hop is reached.
+   if ( !options.neighborFile.empty() ) {
+      progress.stage( "reading " + inputName( options.neighborFile ) );
+      loaded.neighbors = loadNeighborTable( options.neighborFile );
+      if ( !sound( loaded.neighbors.errors, !loaded.neighbors.neighbors.empty(), options, loaded,
+                   progress, complaints ) ) {
+         loaded.usable = false;
+      }
+      if ( options.withFecs ) {
+         loaded.plan.neighborsAre( loaded.neighbors );
+      }
+   }
    for ( const std::string& file : options.lfibFiles ) {
       progress.stage( "reading " + inputName( file ) );
       const LabelTable table = loadLabelTable( file, labelTableFormat( options.lfibFormat ) );
@@ -91,14 +103,6 @@ LoadedTables loadTables( const TableOptions& options, Progress& progress,
       }
       if ( loaded.usable ) {
          loaded.plan.add( table );
-      }
-   }
-   if ( !options.neighborFile.empty() ) {
-      progress.stage( "reading " + inputName( options.neighborFile ) );
-      loaded.neighbors = loadNeighborTable( options.neighborFile );
-      if ( !sound( loaded.neighbors.errors, !loaded.neighbors.neighbors.empty(), options, loaded,
-                   progress, complaints ) ) {
-         loaded.usable = false;
       }
    }
    if ( loaded.leftOut ) {

@@ -32,7 +32,8 @@ struct TableOptions {
    std::string lfibFormat;               ///< empty: found from the contents
    std::string neighborFile;             ///< empty: no neighbours
    bool keepGoing = false;
-   std::string trace; ///< trace setting; empty: none
+   bool withFecs = true; ///< the hardware to program has FECs: every via needs an interface
+   std::string trace;    ///< trace setting; empty: none
 };
 
 /// Declares the options. `options` must outlive the parsing.

@@ -84,7 +84,7 @@ class FaultPlan {
 
  private:
    bool holds( const Fault& fault, double now ) const {
-      return now - start_ >= fault.from && now - start_ < fault.until;
+      return now >= start_ + fault.from && now < start_ + fault.until;
    }
 
    bool onInterface( FaultKind kind, IntfId intf, double now ) const;

@@ -33,6 +33,8 @@ class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
    void onSyncRequestsReady() override {
       if ( notifier()->syncRequestsReady() ) {
          owner_.queue_.push( { .kind = OperationKind::syncRequested } );
+      } else if ( owner_.platform_.startup ) {
+         owner_.platform_.startup->adjSyncDoneIs( false ); // another start
       }
    }
 
@@ -192,32 +194,23 @@ void FecUnit::sync( FecId fecId ) {
       remove( fecId );
       return;
    }
-   if ( !possible( fecId, vias ) ) {
+   const Ptr< HwFec >* const there = fecs_.find( fecId );
+   Ptr< HwFec > fec = there ? *there : adopted( fecId, vias, backup );
+   const bool kept = !there && fec; // that takes no room
+   if ( !kept && !possible( fecId, vias ) ) {
       return;
    }
-   Ptr< HwFec > fec;
-   if ( const Ptr< HwFec >* const there = fecs_.find( fecId ) ) {
-      fec = *there;
-      contentIs( *fec, vias, backup );
-   } else {
-      fec = make( fecId, vias, backup );
+   if ( !fec ) {
+      fec = Vel::make< HwFec >( nextHwId_++ );
+      byHwId_.emplace( fec->hwId, fec.get() );
    }
+   fec->fecId = fecId;
+   fecs_.emplace( fecId, fec );
+   contentIs( *fec, vias, backup );
    fec->vrfName = platform_.request->hwFecIdRequest( fecId ).vrfName;
    platform_.response->hwFecIdIs( fecId, { fec->hwId } );
    status_.fecs_ = fecs_.size() + recovered_.size();
    changed( fecId );
-}
-
-Ptr< HwFec > FecUnit::make( FecId fecId, const std::vector< FecVia >& vias, FecId backup ) {
-   Ptr< HwFec > made = adopted( fecId, vias, backup );
-   if ( !made ) {
-      made = Vel::make< HwFec >( nextHwId_++ );
-      byHwId_.emplace( made->hwId, made.get() );
-   }
-   made->fecId = fecId;
-   fecs_.emplace( fecId, made );
-   contentIs( *made, vias, backup );
-   return made;
 }
 
 void FecUnit::contentIs( HwFec& fec, const std::vector< FecVia >& vias, FecId backup ) {
@@ -353,8 +346,15 @@ void FecUnit::addTo( HwState& state ) const {
 
 void FecUnit::syncRequested() {
    if ( std::exchange( syncing_, false ) ) {
-      for ( const FecId fecId : held_ ) {
-         syncHeld( fecId );
+      // Those with a backup first: they know what their backup was.
+      for ( const bool withBackup : { true, false } ) {
+         for ( const FecId fecId : held_ ) {
+            std::vector< FecVia > vias;
+            FecId backup;
+            if ( !withBackup || ( wanted( fecId, vias, backup ) && backup != FecId() ) ) {
+               syncHeld( fecId );
+            }
+         }
       }
       backupHint_.clear();
       for ( const auto& [hwId, fec] : recovered_ ) {
@@ -495,6 +495,10 @@ bool FecUnit::follow( const std::vector< FecVia >& vias, Way& way, std::string& 
    return false;
 }
 
+std::string FecUnit::nameOf( IntfId intf ) const {
+   return platform_.intfName ? platform_.intfName( intf ) : textOf( intf );
+}
+
 bool FecUnit::follow( const FecVia& via, Way& way, std::string& why ) const {
    if ( via.drop ) {
       why = "the primary vias are disabled";
@@ -515,7 +519,7 @@ bool FecUnit::follow( const FecVia& via, Way& way, std::string& why ) const {
    case IntfId::Kind::dynamicTunnel: {
       const std::vector< FecVia >* const tunnel = tunnels_.find( via.intf );
       if ( tunnel == nullptr || ++way.depth > maxDepth ) {
-         why = joinText( "tunnel ", via.intf, " is not there" );
+         why = joinText( "tunnel ", nameOf( via.intf ), " is not there" );
          return false;
       }
       return follow( *tunnel, way, why );
@@ -524,12 +528,12 @@ bool FecUnit::follow( const FecVia& via, Way& way, std::string& why ) const {
       break;
    }
    if ( !links_.up( via.intf ) ) {
-      why = joinText( "interface ", via.intf, " is down" );
+      why = joinText( "interface ", nameOf( via.intf ), " is down" );
       return false;
    }
    way.exit = platform_.resolve ? platform_.resolve( via.intf, via.nextHop ) : NextHopInfo();
    if ( !way.exit.resolved ) {
-      why = joinText( "next hop ", via.nextHop, " on ", via.intf, " is not resolved" );
+      why = joinText( "next hop ", via.nextHop, " on ", nameOf( via.intf ), " is not resolved" );
    }
    return way.exit.resolved;
 }

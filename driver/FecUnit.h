@@ -56,6 +56,7 @@ struct FecPlatform {
    Resolve resolve{};
    Ptr< VelHelper::MplsRouteSyncMap > routeSyncMap =
       nullptr; ///< is told what was recovered; may be empty
+   std::function< std::string( IntfId intf ) > intfName{}; ///< for people; may be empty
 
    bool present() const { return request && response && l3Status; }
 };
@@ -118,12 +119,12 @@ class FecUnit {
    bool wanted( Fib::FecId fecId, std::vector< Fib::FecVia >& vias, Fib::FecId& backup ) const;
    void remove( Fib::FecId fecId );
    void syncHeld( Fib::FecId fecId );
-   Ptr< HwFec > make( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
    Ptr< HwFec > adopted( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias,
                          Fib::FecId backup );
    void contentIs( HwFec& fec, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
    void dependsOn( const HwFec& fec, bool depends );
    void changed( Fib::FecId fecId );
+   std::string nameOf( IntfId intf ) const;
    bool follow( const HwFec& fec, Way& way, std::string& why ) const;
    bool follow( const Fib::FecVia& via, Way& way, std::string& why ) const;
    bool follow( const std::vector< Fib::FecVia >& vias, Way& way, std::string& why ) const;

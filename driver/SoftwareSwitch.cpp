@@ -292,9 +292,10 @@ void SoftwareSwitch::removeVrf( VrfId vrfId ) {
    HwVrf& vrf = **found;
    status_->routes_ -= vrf.route.size();
    status_->adjacencies_ -= vrf.adjacency.size();
-   for ( const RouteKey key : vrf.listedRoute ) {
-      vrf.status->unprogrammedRouteDel( key );
+   for ( const auto& [key, route] : vrf.route ) {
+      routeMoved( route, nullptr, nullptr );
    }
+   vrf.status->unprogrammedRouteDelAll(); // the library's own as well: nobody else can now
    withdraw( *vrf.status );
    hwStatus_->vrfStatusDel( vrfId );
    vrf_.erase( vrfId );
@@ -398,6 +399,11 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
    if ( !settings_.faults.empty() && settings_.faults.forgets( operation, now() ) ) {
       ++status_->forgotten_;
       return;
+   }
+   const MplsHwVrfConfig* const wanted = configOf( vrf );
+   if ( const HwRoute* const there = vrf.route.find( key );
+        there && there->fec && !( wanted && wanted->routeHas( key ) ) ) {
+      return; // it has gone into a FEC meanwhile
    }
    const UnprogrammedReason reason = routeRefusal( vrf, operation );
    if ( reason != UnprogrammedReason::Success ) {

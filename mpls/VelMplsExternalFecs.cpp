@@ -21,6 +21,30 @@ std::string subject( const L3Adjacency& l3Adj ) {
    return l3Adj.fullName();
 }
 
+// Ids of our own kinds are ours to give, and an index has to fit into an interface.
+bool externalFecIdValid( Fib::FecId fecId ) {
+   constexpr U64 indexLimit = U64{ 1 } << 48;
+   if ( !fecId.valid() || fecId.index() >= indexLimit ) {
+      return false;
+   }
+   const Fib::AdjType type = fecId.adjType();
+   return type != Fib::AdjType::mplsV4Adj && type != Fib::AdjType::mplsV6Adj &&
+          type != Fib::AdjType::mplsMcastViaAdj;
+}
+
+// The via set that is to protect another; none when it is of a kind that cannot.
+Mpls::LfibViaSetKey backupKeyOf( const Mpls::LfibViaSet& viaSet ) {
+   const Mpls::LfibViaSetKey key = viaSet.backupViaSetKey();
+   const bool usable =
+      key.viaType() == Mpls::viaTypeMplsIp || key.viaType() == Mpls::viaTypeExternalFec;
+   if ( key.empty() || ( usable && !key.multicast() ) ) {
+      return key;
+   }
+   MPLS_TRACE( 3, "backup viaSet idx ", key.index(), " viaType ", key.viaType(),
+               " cannot protect; going without" );
+   return {};
+}
+
 std::string alreadyBackup( const L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey ) {
    return joinText( "viaSet idx ", l3Adj.lFibViaSetKey().index(), " with backup viaSet idx ",
                     backupKey.index(),
@@ -61,7 +85,7 @@ std::string MplsSm::extFecLFibViaSetFault( const Mpls::LfibViaSet& viaSet,
    if ( via == Mpls::LfibExtFecVia() ) {
       return joinText( "lFib via idx ", viaKey.index(), " not found" );
    }
-   if ( !via.fecId.valid() ) {
+   if ( !externalFecIdValid( via.fecId ) ) {
       return joinText( "lFib via idx ", viaKey.index(), " has invalid external FecId" );
    }
    if ( via.key.viaType() != Mpls::viaTypeExternalFec ) {
@@ -172,7 +196,10 @@ bool MplsSm::validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adja
       MPLS_TRACE( 3, "lFib viaSet idx ", key.index(), " viaType ", key.viaType(), " deleted" );
       return false;
    }
-   const Mpls::LfibViaSetKey backupKey = viaSet.backupViaSetKey();
+   const Mpls::LfibViaSetKey backupKey = backupKeyOf( viaSet );
+   if ( l3Adj.backupAwaited() != backupKey ) {
+      l3Adj.looksForBackupIs( 0 );
+   }
    if ( l3Adj.backupAdj() && l3Adj.backupAdj()->lFibViaSetKey() != backupKey ) {
       deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
    }
@@ -303,13 +330,19 @@ bool MplsSm::lookAgainForBackup( L3Adjacency& l3Adj ) {
 // nothing is news only to those who waited for it: two adjacencies that are unfit for each other
 // would otherwise keep each other busy for ever.
 void MplsSm::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
-                                    bool changed ) {
+                                    bool changed, bool fecChanged ) {
    const BackupWait* const wait = vrfState.waitsForBackup( backupKey );
    if ( wait == nullptr ) {
       return;
    }
    for ( const U64 index : wait->l3Adjacency() ) {
       L3Adjacency& l3Adj = *vrfState.l3Adjacency( index );
+      if ( l3Adj.lFibViaSetKey().viaType() == Mpls::viaTypeExternalFec ) {
+         if ( fecChanged ) { // an external FEC waits for nothing else
+            vrfState.l3AdjForReviewIs( index );
+         }
+         continue;
+      }
       if ( changed ) {
          l3Adj.looksForBackupIs( 0 );
       }

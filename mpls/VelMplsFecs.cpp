@@ -166,10 +166,7 @@ void MplsSm::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    createFecForRequestAndUpdateL3Adj( vrfState, l3Adj, viaSet, *mplsVias, fecId );
    const bool endedBackup = backupBefore && !l3Adj.extFecInfo()->backupExtFecInfo();
    if ( before != l3Adj.extFecInfo() || endedBackup ) {
-      for ( const U64 primary : l3Adj.primaryAdj() ) { // whose FECs name this one, or could not yet
-         MPLS_TRACE( 3, "add l3 adj ", primary, " for review" );
-         vrfState.l3AdjForReviewIs( primary );
-      }
+      queuePrimaries( vrfState, l3Adj ); // whose FECs name this one, or could not yet
    }
    ProgrammableMplsFecVias vias;
    for ( const auto& [viaIndex, via] : mplsVias->via() ) {
@@ -179,16 +176,26 @@ void MplsSm::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    setHwAdjacencyVias( vrfState, l3Adj, viaSet, vias, lFibAdjTypeOf( *mplsVias ) );
 }
 
+void MplsSm::queuePrimaries( VrfMplsState& vrfState, const L3Adjacency& l3Adj ) {
+   for ( const U64 primary : l3Adj.primaryAdj() ) {
+      MPLS_TRACE( 3, "add l3 adj ", primary, " for review" );
+      vrfState.l3AdjForReviewIs( primary );
+   }
+}
+
 // Whether the adjacency's pop has to travel with its routes: when it pops, protects or is
 // protected, and all that share the protection pop. With one that does not pop among them, each FEC
 // keeps its own operation.
 bool MplsSm::shouldRemovePop( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const {
    const L3Adjacency* const backup = l3Adj.primaryAdjs() != 0 ? &l3Adj : l3Adj.backupAdj().get();
-   if ( backup == nullptr || backup->labelAction() != MplsLabelAction::pop ||
-        l3Adj.labelAction() != MplsLabelAction::pop ) {
+   return backup && l3Adj.labelAction() == MplsLabelAction::pop && allPop( vrfState, *backup );
+}
+
+bool MplsSm::allPop( const VrfMplsState& vrfState, const L3Adjacency& backup ) const {
+   if ( backup.labelAction() != MplsLabelAction::pop ) {
       return false;
    }
-   for ( const U64 index : backup->primaryAdj() ) {
+   for ( const U64 index : backup.primaryAdj() ) {
       const L3Adjacency* const primary = vrfState.l3Adjacency( index );
       if ( primary == nullptr || primary->labelAction() != MplsLabelAction::pop ) {
          return false;
@@ -197,31 +204,29 @@ bool MplsSm::shouldRemovePop( const VrfMplsState& vrfState, const L3Adjacency& l
    return true;
 }
 
-// Queues the other side where the answer for it has changed as well. True when this adjacency
-// needs a new FEC id, since routes that go into the old one have to keep what they have.
+// Queues the others of the protection where the answer for them has changed as well. True when this
+// adjacency needs a new FEC id, since routes that go into the old one have to keep what they have.
 bool MplsSm::processRemovePopDependencies( VrfMplsState& vrfState, const L3Adjacency& l3Adj ) {
-   const auto changed = [&]( const L3Adjacency& other ) {
-      ExternalFecInfo* const info = other.extFecInfo().get();
+   const L3Adjacency* const backup = l3Adj.primaryAdjs() != 0 ? &l3Adj : l3Adj.backupAdj().get();
+   const bool removed = backup && allPop( vrfState, *backup );
+   const auto changed = [&]( const L3Adjacency& member ) {
+      ExternalFecInfo* const info = member.extFecInfo().get();
       if ( info == nullptr ) {
          return false; // it is still to be processed
       }
-      info->shouldRemovePopLabelActionIs( shouldRemovePop( vrfState, other ) );
+      info->shouldRemovePopLabelActionIs( removed && member.labelAction() == MplsLabelAction::pop );
       return info->shouldRemovePopLabelAction() != info->popLabelActionRemoved();
    };
-   const auto queueIfChanged = [&]( const L3Adjacency& other ) {
-      if ( changed( other ) ) {
-         MPLS_TRACE( 3, "add l3 adj ", other.index(), " for review" );
-         vrfState.l3AdjForReviewIs( other.index() );
+   const auto queueIfChanged = [&]( const L3Adjacency* member ) {
+      if ( member && member != &l3Adj && changed( *member ) ) {
+         MPLS_TRACE( 3, "add l3 adj ", member->index(), " for review" );
+         vrfState.l3AdjForReviewIs( member->index() );
       }
    };
-   const L3Adjacency* const backup = l3Adj.backupAdj().get();
    if ( backup ) {
-      queueIfChanged( *backup );
-   }
-   for ( const U64 index : ( backup ? *backup : l3Adj ).primaryAdj() ) {
-      const L3Adjacency* const primary = vrfState.l3Adjacency( index );
-      if ( primary && primary != &l3Adj ) {
-         queueIfChanged( *primary );
+      queueIfChanged( backup );
+      for ( const U64 index : backup->primaryAdj() ) {
+         queueIfChanged( vrfState.l3Adjacency( index ) );
       }
    }
    if ( !changed( l3Adj ) ) {
@@ -237,7 +242,8 @@ Fib::FecId MplsSm::backupFecIdToRequest( const VrfMplsState& vrfState, const L3A
                                          const Mpls::LfibViaSet& viaSet, bool popRemoved ) const {
    const Fib::FecId fecId = getBackupFecIdForRequest( viaSet, vrfState );
    const ExternalFecInfo* const backup = vrfState.extFecInfo( fecId );
-   if ( !l3Adj.backupAdj() || backup == nullptr ) {
+   if ( !l3Adj.backupAdj() || backup == nullptr ||
+        l3Adj.backupAdj()->extFecInfo().get() != backup ) { // an earlier adjacency's
       return {};
    }
    if ( backup->backupExtFecInfo() ) { // of an earlier content; FECs never lead in a circle
@@ -267,12 +273,12 @@ void MplsSm::createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjace
       l3Adj.payloadTypeIs( first.payloadType );
       MPLS_TRACE( 7, "Set ttlMode and payloadType for pop label action, FEC ID: ", fecId,
                   " ttlMode: ", l3Adj.ttlMode(), " payloadType: ", l3Adj.payloadType() );
-      if ( popRemoved ) {
-         MPLS_TRACE( 7, "Pop action removed from adjacency, FEC ID: ", fecId,
-                     " set it when updating route" );
-      } else {
-         MPLS_TRACE( 7, "Label action set in adjacency, FEC ID: ", fecId );
-      }
+   }
+   if ( popRemoved ) {
+      MPLS_TRACE( 7, "Pop action removed from adjacency, FEC ID: ", fecId,
+                  " set it when updating route" );
+   } else {
+      MPLS_TRACE( 7, "Label action set in adjacency, FEC ID: ", fecId );
    }
    Fib::Fec fec{ fecId, {}, {} };
    Fib::FecId backup;
@@ -372,6 +378,9 @@ void MplsSm::requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib:
       }
    }
    recordAdjSyncId( l3Adj, fecId );
+   if ( info->hwId() != in_.hwFecIdResponse->hwFecId( fecId ).hwId ) {
+      handleHwFecIdResponse( fecId ); // a hardware layer without delay has answered already
+   }
 }
 
 // What the FEC was before the restart, for the hardware layer to match: the sync id of the first
@@ -426,7 +435,10 @@ void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
    if ( info ) {
       for ( L3Adjacency* const l3Adj : info->dependentL3Adjacency() ) {
          MPLS_TRACE( 3, "add l3 adj ", l3Adj->index(), " for review" );
-         vrfState->l3AdjForReviewIs( l3Adj->index() ); // its routes follow
+         vrfState->l3AdjForReviewIs( l3Adj->index() );
+         for ( const Mpls::RouteKey routeKey : l3Adj->routeKey() ) {
+            vrfState->routeKeyForReviewIs( routeKey );
+         }
       }
       for ( const Mpls::RouteKey routeKey : info->dependentRouteKey() ) {
          MPLS_TRACE( 7, "add route ", routeKey, " for review" );
@@ -450,15 +462,21 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
    const L3::VrfName& vrf = vrfState.vrfName();
    const Mpls::RouteKey routeKey = route.routeKey();
    const Ptr< ExternalFecInfo > info = l3Adj.extFecInfo();
+   if ( !in_.velL3Status->vrfNameHas( in_.routingHwRouteStatus->vrfStatus( vrf ) ) ) {
+      routeUnprogrammedIs( route, true ); // what cannot be named cannot be listed; the name comes
+      return;
+   }
    if ( info->hwId() == 0 ) {
       if ( const ExternalFecInfo* const there = route.extFecInfo().get();
-           there && there != info && in_.hwFecIdResponse->hwFecIdHas( there->fecId() ) ) {
+           there && there != info && in_.hwFecIdResponse->hwFecId( there->fecId() ).hwId != 0 ) {
          MPLS_TRACE( 3, "hwId not yet allocated for l3Adj, but route still has hwFecId ",
                      in_.hwFecIdResponse->hwFecId( there->fecId() ),
                      ", so wait until new extFecInfo response is updated" );
          return;
       }
-      leaveRouteUnprogrammed( vrfState, route, l3Adj );
+      if ( !route.l2Adj() ) { // else it stays with what it has until then
+         leaveRouteUnprogrammed( vrfState, route, l3Adj );
+      }
       return;
    }
    MPLS_TRACE( 3, "Create or update route ", routeKey, " fecId: ", info->fecId() );

@@ -107,6 +107,13 @@ void MplsSm::handleVrfName( VrfId vrfId ) {
         config && initialized() && mplsRoutingEnabled( vrf ) && !config->mplsRouting() ) {
       handleMplsRouting( true ); // nothing could be written while the VRF had no number
    }
+   if ( VrfMplsState* const vrfState = mplsState( vrf );
+        vrfState && forwardingIntoExternalFecsSupported() ) {
+      for ( const auto& [routeKey, route] : vrfState->route() ) {
+         vrfState->routeKeyForReviewIs( routeKey ); // routes into FECs wait for the name
+      }
+      doMaybeScheduleReview( vrf );
+   }
    const MplsHwVrfStatus* const status = in_.mplsHwStatus->vrfStatus( vrfId );
    if ( status && status->mplsRouting() ) {
       MPLS_TRACE( 3, "platform enabled mplsRouting in vrf: ", vrf );
@@ -141,6 +148,10 @@ void MplsSm::handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey rout
    if ( route == nullptr ) {
       MPLS_TRACE( 3, "no vrf state or routeKey" );
       counters_->reportsLateInc();
+      return;
+   }
+   if ( route->extFecInfo() ) {
+      counters_->reportsLateInc(); // of the time before it went into a FEC
       return;
    }
    counters_->routesConfirmedInc();

@@ -108,9 +108,14 @@ void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
       deleteL3Adj( vrfState, index );
       return;
    }
-   if ( programL3Adj( vrfState, *l3Adj, viaSet ) ) {
+   const Ptr< L3Adjacency > backupBefore = l3Adj->backupAdj();
+   const Ptr< ExternalFecInfo > fecBefore = l3Adj->extFecInfo();
+   const bool programmed = programL3Adj( vrfState, *l3Adj, viaSet );
+   if ( programmed ) {
       settleL3Adj( vrfState, *l3Adj );
    }
+   queueWaitingForBackup( vrfState, viaSetKey, programmed || l3Adj->backupAdj() != backupBefore,
+                          l3Adj->extFecInfo() != fecBefore );
 }
 
 // Programs the adjacency the way of its via set; false: nothing is to be settled, an event will
@@ -135,6 +140,10 @@ bool MplsSm::programExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
       return false;
    }
    processExtFecL3Adj( vrfState, l3Adj, viaSet, via );
+   stopWaitingForBackup( vrfState, l3Adj );
+   if ( !viaSet.backupViaSetKey().empty() ) {
+      waitForBackup( vrfState, l3Adj, viaSet.backupViaSetKey(), false ); // for another FEC of it
+   }
    return true;
 }
 
@@ -148,20 +157,17 @@ bool MplsSm::programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
       programL3AdjWithHwConfig( vrfState, l3Adj, viaSet, *saneVias );
       return true;
    }
-   const Ptr< L3Adjacency > backupBefore = l3Adj.backupAdj();
    if ( !validateAndMaybeUpdateBackupAdjInfo( vrfState, l3Adj, viaSet ) ) {
-      queueWaitingForBackup( vrfState, l3Adj.lFibViaSetKey(), l3Adj.backupAdj() != backupBefore );
       return false;
    }
    processMplsIpL3Adj( vrfState, l3Adj, viaSet, saneVias );
-   queueWaitingForBackup( vrfState, l3Adj.lFibViaSetKey(), true );
    return true;
 }
 
 void MplsSm::programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                        const Mpls::LfibViaSet& viaSet,
                                        const CachedLFibMplsViaColl& saneVias ) {
-   bindL3AdjToExtFecInfo( vrfState, l3Adj, nullptr ); // of an earlier content
+   leaveFecs( vrfState, l3Adj );
    const L3AdjLFibAdjType adjType = lFibAdjTypeOf( saneVias );
    if ( adjType != L3AdjLFibAdjType::adjTypeRegular ) {
       // Next-hop groups and dynamic tunnels are FECs, which this platform does not have.
@@ -175,6 +181,21 @@ void MplsSm::programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Ad
       vias.viaIs( viaIndex, via );
    }
    setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
+}
+
+// What an earlier content of the adjacency had to do with FECs ends: its own, those that it
+// protects and the one that protects it.
+void MplsSm::leaveFecs( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   stopWaitingForBackup( vrfState, l3Adj );
+   if ( l3Adj.backupAdj() ) {
+      deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
+   }
+   if ( !l3Adj.extFecInfo() ) {
+      return;
+   }
+   vrfState.lFibViaSetToFecIdDel( l3Adj.lFibViaSetKey() );
+   bindL3AdjToExtFecInfo( vrfState, l3Adj, nullptr );
+   queuePrimaries( vrfState, l3Adj );
 }
 
 // The adjacency no longer resolves through anything.
@@ -364,7 +385,7 @@ void MplsSm::deleteL3Adj( VrfMplsState& vrfState, U64 index ) {
    in_.routingHwMplsStatus->adjacencyDel( index );
    vrfState.l3AdjForReviewDel( index ); // work sets never name the dead
    vrfState.l3AdjacencyDel( index );
-   queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), true );
+   queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), true, true );
 }
 
 void MplsSm::deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {

@@ -66,12 +66,14 @@ void MplsSm::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    MPLS_ASSERT( hwAdj, "hwAdj", l3Adj->fullName() );
    in_.routingHwMplsStatus->routeIs(
       { routeKey, hwAdj, route->extFecInfo() ? route->extFecInfo()->fecId() : Fib::FecId() } );
-   // A programmed route forwards over the vias that resolve; a FEC resolves for itself and counts
-   // none here.
-   const Mpls::RouteStatusCode code = route->unprogrammed() ? Mpls::RouteStatusCode::notProgrammed
-                                      : hwAdj->unresolvedVias()
-                                         ? Mpls::RouteStatusCode::partiallyProgrammed
-                                         : Mpls::RouteStatusCode::programmed;
+   // A FEC is in hardware whether its vias resolve or not; with none of them, and no backup, the
+   // label does not forward.
+   const U32 unresolved = hwAdj->unresolvedVias();
+   const bool noWayOut = unresolved != 0 && unresolved == hwAdj->vias() && !l3Adj->backupAdj();
+   const Mpls::RouteStatusCode code = route->unprogrammed() || noWayOut
+                                         ? Mpls::RouteStatusCode::notProgrammed
+                                      : unresolved != 0 ? Mpls::RouteStatusCode::partiallyProgrammed
+                                                        : Mpls::RouteStatusCode::programmed;
    in_.lfibHwStatus->unprogrammedRouteIs( { routeKey, code } );
 }
 

@@ -47,6 +47,11 @@ class MplsSmReactors::TransitLfibReactor : public Mpls::LfibStatus::Reactor {
  public:
    explicit TransitLfibReactor( MplsSm& sm ) : sm_( sm ) {}
    void onLfibRoute( Mpls::RouteKey key ) override { sm_.handleLFibRoute( key ); }
+   void onReady() override {
+      if ( sm_.initialized() ) { // a start may have waited for nothing else
+         sm_.maybeTransitionToWaitingForSync( L3::VrfName::defaultVrf() );
+      }
+   }
 
  private:
    MplsSm& sm_;
@@ -233,6 +238,12 @@ void MplsSmReactors::mplsHwVrfStatusIs( MplsHwVrfStatus* status ) {
 
 void MplsSmReactors::mplsHwVrfStatusDel( VrfId vrfId ) {
    mplsHwVrfStatus_.erase( vrfId );
+   // What is still listed there can leave unheard only: it is counted out here.
+   if ( VrfMplsState* const vrfState =
+           sm_.mplsState( sm_.inputs().velL3Status->vrfName( vrfId ) ) ) {
+      vrfState->numUnprogrammedRouteIs( 0 );
+      vrfState->numUnprogrammedAdjIs( 0 );
+   }
 }
 
 void MplsSmReactors::mplsHwVrfStatusReconcile() {

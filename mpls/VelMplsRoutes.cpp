@@ -39,6 +39,9 @@ void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
            staleRecoveredRouteHas( routeKey ) ) {
          MPLS_TRACE_CALL( 3, ": ", "Remove from stale routes" );
          staleRecoveredRouteDel( routeKey );
+         if ( staleSweepHeld() && staleRecoveredRoutes() == 0 ) {
+            handleSyncDone(); // there is nothing left to ask about
+         }
       }
       MPLS_TRACE( 3, "add/update LFIB route ", routeKey );
       routeMake( vrfStateMake( vrf ), routeKey );
@@ -129,14 +132,16 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    // made its adjacency, before this change of it is announced to those that did not.
    const bool awaited = viaSetAwaitedDel( viaSetKey );
    if ( vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
-      vrfState.l3AdjForReviewIs( vrfState.lFibViaSetToL3Adj( viaSetKey ) );
+      const U64 index = vrfState.lFibViaSetToL3Adj( viaSetKey );
+      vrfState.l3Adjacency( index )->looksForBackupIs( 0 );
+      vrfState.l3AdjForReviewIs( index );
    } else {
       MPLS_TRACE( 3, "No L3Adj for viaSet. Scheduling all user Routes" );
    }
    if ( awaited || !vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       queueRoutesOfViaSet( vrfState, viaSetKey );
    }
-   queueWaitingForBackup( vrfState, viaSetKey, true );
+   queueWaitingForBackup( vrfState, viaSetKey, true, true );
    doMaybeScheduleReview( vrf );
 }
 
@@ -195,6 +200,9 @@ std::string_view intfFault( const Mpls::LfibMplsVia& via, bool inPlaceAdjacencyU
                                  : std::string_view(); // the route resolver finds the interface
    }
    if ( Fib::FecIdIntfId::isNexthopGroupIdIntfId( via.intf ) ) {
+      if ( !Fib::FecIdIntfId::intfIdToFecId( via.intf ).isA( Fib::AdjType::nexthopGroupAdj ) ) {
+         return "the interface names no next-hop group";
+      }
       seen.nexthopGroup = true;
       return seen.dynamicTunnel ? "Mix of dynamic tunnel and NHG via is not supported"
                                 : std::string_view();
@@ -342,9 +350,12 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       awaitViaSet( lfibRoute.viaSetKey ); // its arrival queues the route again
       MPLS_TRACE( 3, "via set for route (", routeKey,
                   ") does not exist in system LFIB, delay processing" );
-      if ( L3Adjacency* const bound = route->l3Adj().get();
-           bound && route->l2Adj() && bound->l2Adjacency() != route->l2Adj() ) {
-         writeRoute( vrfState, *route, *bound ); // it waits on what it has, where that has moved to
+      if ( L3Adjacency* const bound = route->l3Adj().get() ) {
+         const bool moved = route->l2Adj() && bound->l2Adjacency() != route->l2Adj();
+         const bool inItsFec = route->extFecInfo() && bound->extFecInfo() == route->extFecInfo();
+         if ( moved || inItsFec ) {
+            writeRoute( vrfState, *route, *bound ); // it waits on what it has, and follows that
+         }
       }
       return;
    }
@@ -355,9 +366,22 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
 
 // The via set's arrival, or its mending, queues its routes again.
 void MplsSm::awaitViaSet( Mpls::LfibViaSetKey viaSetKey ) {
+   if ( viaSetAwaiteds() >= viaSetsAwaitedLimit_ ) {
+      forgetUnusedViaSets();
+   }
    if ( !viaSetAwaitedHas( viaSetKey ) ) {
       viaSetAwaitedIs( viaSetKey, in_.clock->now() );
    }
+}
+
+// A route that goes leaves what it waited for; that costs a look now and then.
+void MplsSm::forgetUnusedViaSets() {
+   for ( const auto& [viaSetKey, since] : viaSetAwaited() ) {
+      if ( !lfibTrackingStatus_->viaSetKeyToRouteKeySet( viaSetKey ) ) {
+         viaSetAwaitedDel( viaSetKey );
+      }
+   }
+   viaSetsAwaitedLimit_ = 64 + 2 * viaSetAwaiteds();
 }
 
 // Binds the route to the adjacency of its via set, which is made when there is none.
@@ -408,6 +432,9 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
    const L3::VrfName& vrf = vrfState.vrfName();
    const Mpls::RouteKey routeKey = route.routeKey();
    MplsL2Adjacency* const l2Adj = l3Adj.l2Adjacency().get();
+   // The FEC that the route is in stays requested until the route has been written elsewhere.
+   const Ptr< ExternalFecInfo > fecBefore = route.extFecInfo();
+   route.extFecInfoIs( nullptr );
    if ( route.l2Adj() != l2Adj ) {
       clearRouteMappings( vrfState, routeKey );
       route.l2AdjIs( l2Adj );
@@ -427,6 +454,10 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
    MPLS_TRACE( 3, "prog routeKey ", routeKey, " l2 adj ", l2Adj->index(), " unprogrammed ",
                route.unprogrammed() );
    config->routeIs( { routeKey, l3Adj.hwL2Adjacency(), route.version() } );
+   if ( fecBefore ) {
+      deleteRouteKeyFromExtFecInfo( routeKey, *fecBefore );
+      maybeDeleteExtFecInfo( vrfState, fecBefore->fecId() );
+   }
 }
 
 void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,

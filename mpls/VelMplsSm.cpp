@@ -140,6 +140,13 @@ void MplsSm::clearOutputs() {
       in_.lfibHwStatus->unprogrammedRouteDelAll();
       in_.lfibHwStatus->viaSetDelAll();
    }
+   if ( in_.hwFecIdRequest ) {
+      in_.hwFecIdRequest->syncRequestsReadyIs( false );
+      in_.hwFecIdRequest->fecDelAll();
+      in_.hwFecIdRequest->fec6DelAll();
+      in_.hwFecIdRequest->hwFecIdRequestDelAll();
+      in_.hwFecIdRequest->adjSyncIdMapDelAll();
+   }
 }
 
 // --- Capabilities: constant while the inputs do not change.

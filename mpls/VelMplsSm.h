@@ -114,6 +114,8 @@ class VEL_EXPORT MplsSm : public Entity {
    SET( LabelSet, Mpls::RouteKey, mplsIpRouteKey )                           // accepted from the LFIB
    COLLECTION( Hash, Mpls::LfibViaSetKey, double, viaSetAwaited )             // missing or not sane when a route was processed; since when
    SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // in the sync map, not in the LFIB
+   ATTRIBUTE_DEFAULT( double, maxStaleShare, { 1.0 } )                       // of the recovered routes; more are not dropped unasked
+   ATTRIBUTE( bool, staleSweepHeld )                                         // for that reason, until it is approved
    ENTITY_END_IN_SOURCE
    // clang-format on
 
@@ -288,10 +290,14 @@ class VEL_EXPORT MplsSm : public Entity {
    void handleMplsRouteSyncMap();
    void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
    void handleSyncDone();
+   /// An operator's word that the stale routes may be dropped, however many they are.
+   void approveStaleSweep();
 
  private:
    friend MplsSmReactors;
 
+   void sweepStaleRoutes();
+   bool maySweepStaleRoutes();
    VrfMplsState& vrfStateMake( const L3::VrfName& vrf );
    void routeMake( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
    void routeUnprogrammedIs( MplsRoute& route, bool unprogrammed );
@@ -301,6 +307,7 @@ class VEL_EXPORT MplsSm : public Entity {
                                   Mpls::LfibViaSetKey viaSetKey );
    std::string collectMplsIpLFibVias( const Mpls::LfibViaSet& viaSet,
                                       CachedLFibMplsViaColl& vias ) const;
+   void forgetUnusedViaSets();
    void awaitViaSet( Mpls::LfibViaSetKey viaSetKey );
    void queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey );
    void dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
@@ -331,6 +338,9 @@ class VEL_EXPORT MplsSm : public Entity {
                             const Mpls::LfibViaSet& viaSet,
                             const Ptr< CachedLFibMplsViaColl >& mplsVias );
    bool shouldRemovePop( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
+   bool allPop( const VrfMplsState& vrfState, const L3Adjacency& backup ) const;
+   static void queuePrimaries( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
+   void leaveFecs( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    bool processRemovePopDependencies( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
    void createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                            const Mpls::LfibViaSet& viaSet,
@@ -362,8 +372,8 @@ class VEL_EXPORT MplsSm : public Entity {
                        bool forReview );
    void stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    static bool lookAgainForBackup( L3Adjacency& l3Adj );
-   void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
-                               bool changed );
+   void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey, bool changed,
+                               bool fecChanged );
    void settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    static MplsLabel singleMplsLabelFromVia( const Mpls::LfibMplsVia& via );
    static Mpls::Hardware::AdjacencyVia hwViaOf( const Mpls::LfibMplsVia& via );
@@ -386,6 +396,7 @@ class VEL_EXPORT MplsSm : public Entity {
 
    const MplsSmInputs in_;
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
+   size_t viaSetsAwaitedLimit_ = 64; // from where those that nobody uses are looked for
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;
    Ptr< Mpls::LfibTrackingSm > lfibTrackingSm_;

@@ -12,8 +12,32 @@
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
+#include "platform/SystemLog.h"
 
 namespace Vel {
+
+namespace {
+
+SystemLogHandle staleSweep( {
+   .name = "ROUTING_MPLS_STALE_SWEEP",
+   .severity = 5,
+   .minIntervalSeconds = 1.0,
+   .format = "Routes of the time before the restart are removed from hardware.",
+   .explanation = "The routing software has come back without these routes.",
+   .recommendedAction = "",
+} );
+SystemLogHandle staleSweepWaits( {
+   .name = "ROUTING_MPLS_STALE_SWEEP_HELD",
+   .severity = 3,
+   .minIntervalSeconds = 1.0,
+   .format = "Routes of the time before the restart wait to be removed from hardware.",
+   .explanation = "More routes are missing after the restart than may be removed unasked. They go "
+                  "on forwarding as before.",
+   .recommendedAction =
+      "Check that the routing software has come up whole. Then approve the sweep.",
+} );
+
+} // namespace
 
 void MplsSm::handleInputStatusSummaryReady() {
    MPLS_TRACE_CALL( 3, ": " );
@@ -79,6 +103,48 @@ void MplsSm::handleSyncDone() {
                   mplsSmStartupStatus_, ", NOT transitioning to normal stage for VelMplsSm" );
       return;
    }
+   if ( !maySweepStaleRoutes() ) {
+      return; // what is stale goes on forwarding
+   }
+   sweepStaleRoutes();
+   in_.hwFecIdRequest->adjSyncIdMapDelAll();
+   mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmNormal );
+   MPLS_TRACE( 3, "Transitioned to normal stage" );
+}
+
+// An LFIB that comes up nearly empty would take nearly everything out of hardware.
+bool MplsSm::maySweepStaleRoutes() {
+   const size_t stale = staleRecoveredRoutes();
+   if ( stale == 0 ) {
+      staleSweepHeldIs( false );
+      return true;
+   }
+   const size_t recovered = in_.mplsRouteSyncMap->adjSyncIds();
+   const double share = static_cast< double >( stale ) / static_cast< double >( recovered );
+   staleSweepHeldIs( share > maxStaleShare() );
+   SystemLogHandle& handle = staleSweepHeld() ? staleSweepWaits : staleSweep;
+   const std::string text =
+      joinText( stale, " of ", recovered, " routes that were in hardware before the restart (",
+                share, ") are not in the LFIB any more. ",
+                staleSweepHeld() ? joinText( "That is more than ", maxStaleShare(),
+                                             ": they stay until the sweep is approved." )
+                                 : std::string( "They are removed." ) );
+   MPLS_TRACE( 2, text );
+   if ( handle.allowed() ) {
+      handle.log( text );
+   }
+   return !staleSweepHeld();
+}
+
+void MplsSm::approveStaleSweep() {
+   MPLS_TRACE_CALL( 2 );
+   maxStaleShareIs( 1.0 );
+   if ( staleSweepHeld() ) {
+      handleSyncDone();
+   }
+}
+
+void MplsSm::sweepStaleRoutes() {
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
    for ( const Mpls::RouteKey routeKey : staleRecoveredRoute() ) {
       // The configuration of this process never held it: what is in hardware goes by the helper.
@@ -88,9 +154,6 @@ void MplsSm::handleSyncDone() {
       in_.mplsSmHelper->deleteRoute( vrf, routeKey );
    }
    staleRecoveredRouteDelAll();
-   in_.hwFecIdRequest->adjSyncIdMapDelAll();
-   mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmNormal );
-   MPLS_TRACE( 3, "Transitioned to normal stage" );
 }
 
 } // namespace Vel

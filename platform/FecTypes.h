@@ -49,6 +49,10 @@ class FecId {
       check();
       return static_cast< AdjType >( value_ >> adjTypePos() );
    }
+   /// The same without assertion: whether the id is one of that type.
+   constexpr bool isA( AdjType type ) const {
+      return value_ >> adjTypePos() == static_cast< U64 >( type );
+   }
    /// The interface that forwards into this FEC. The index must fit in 48 bits.
    static IntfId fecIdToHierarchicalIntfId( FecId fecId ) {
       return fecId.toIntf( IntfId::Kind::hierarchicalFec );

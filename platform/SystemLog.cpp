@@ -62,11 +62,15 @@ bool SystemLogHandle::allowed() {
    return false;
 }
 
-void SystemLogHandle::log() {
+void SystemLogHandle::log( std::string_view text ) {
    lastSeconds_ = SystemLogRegistry::get().now();
    ++logged_;
    const SystemLogSink sink = SystemLogRegistry::get().sink; // it may replace itself
-   sink( message_ );
+   SystemLogMessage message = message_;
+   if ( !text.empty() ) {
+      message.format = text;
+   }
+   sink( message );
 }
 
 void systemLogSinkIs( SystemLogSink sink ) {

@@ -47,8 +47,8 @@ class VEL_EXPORT SystemLogHandle {
    const SystemLogMessage& message() const { return message_; }
    /// Whether the interval since the last one has passed. A refusal is counted.
    bool allowed();
-   /// Sends the message.
-   void log();
+   /// Sends the message, with the text in place of its own when one is given.
+   void log( std::string_view text = {} );
    uint64_t logged() const { return logged_; }
    uint64_t suppressed() const { return suppressed_; }
 

@@ -151,6 +151,8 @@ struct RigSettings {
    Driver::SwitchSettings hardware{};
    bool withHardware = true; ///< else the test plays the driver
    bool withFecs = false;    ///< the hardware has FECs
+   bool lfibReady = true;    ///< with FECs: the LFIB has its initial contents from the beginning
+   Driver::HwState recovered{};
    bool vrfHasNumber = true;
    bool mplsRouting = true;
    bool start = true; ///< make the state machine at once
@@ -169,20 +171,25 @@ class LabelRig {
       if ( settings.withHardware ) {
          Driver::FecPlatform fecs;
          if ( settings.withFecs ) {
-            fecs = { fecRequest, fecResponse, l3Status, startup,
+            fecs = { fecRequest,
+                     fecResponse,
+                     l3Status,
+                     startup,
                      [this]( IntfId intf, const IpGenAddr& nextHop ) {
                         return l3.info( { intf, nextHop } );
-                     } };
+                     },
+                     syncMap };
          }
-         hardware = std::make_unique< Driver::SoftwareSwitch >( hwConfig, hwStatus, scheduler,
-                                                                settings.hardware, fecs );
+         hardware = std::make_unique< Driver::SoftwareSwitch >(
+            hwConfig, hwStatus, scheduler, settings.hardware, fecs, settings.recovered );
       }
       if ( settings.withFecs ) {
          helper = make< Driver::SwitchHelper >( *hardware, Ptr< const VelL3Status >( l3Status ) );
-         syncMap->readyIs( true );
          inputStatusSm = mplsSmInputStatusSmFactory( syncMap, inputSummary );
-         inputStatusSm->systemLfibReadyIs( true );
-         writer.readyIs( true );
+         if ( settings.lfibReady ) {
+            inputStatusSm->systemLfibReadyIs( true );
+            writer.readyIs( true );
+         }
       }
       if ( settings.start ) {
          start();

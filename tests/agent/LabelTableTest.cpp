@@ -48,6 +48,9 @@ std::string native( const std::string& routes ) {
 std::string nativeVia( const std::string& fields ) {
    return native( R"({"label":16001,"vias":[{)" + fields + "}]}" );
 }
+std::string defining( const std::string& tunnels ) {
+   return R"({"velmplsLabelTable":1,"routes":[],"tunnels":[)" + tunnels + "]}";
+}
 std::string frrHop( const std::string& fields ) {
    return R"({"16001":{"inLabel":16001,"nexthops":[{)" + fields + "}]}}";
 }
@@ -95,19 +98,24 @@ TEST( LabelTable, readsWhatEachFormatSays ) {
       std::vector< LabelRoute > routes;
    };
    const std::vector< Case > cases{
-      { "FRR: reserved labels by name, hops without address, backups, link-local addresses",
+      { "FRR: reserved labels by name, hops without address, named backups, link-local addresses",
         R"({"IPv4 Explicit Null":{"inLabel":0,"installed":true,
               "nexthops":[{"outLabel":3,"interface":"lo"}]},
             "16021":{"inLabel":16021,
-              "backupNexthops":[{"type":"BGP","outLabel":17001,"nexthop":"10.0.0.1"}],
+              "backupNexthops":[{"type":"BGP","outLabel":17001,"nexthop":"10.0.0.1"},
+                {"outLabel":"of no use to anybody"},{"outLabel":3,"interface":"b"}],
               "nexthops":[{"type":"LDP","outLabel":16021,"outLabelStack":[16021,24001],
-                "backupIndex":[0],"nexthop":"FE80:0::F384","interface":"eth-sw1"}]
+                "backupIndex":[2,0],"nexthop":"FE80:0::F384","interface":"eth-sw1"},
+                {"outLabel":16022,"backupIndex":0,"interface":"a"}]
    }
 })",
         { { { 0 }, { { pop, ipv4, uniform, {}, "", "lo" } }, "" },
           { { 16021 },
-            { { swap, none, uniform, { 16021, 24001 }, "fe80::f384", "eth-sw1" } },
-            "" } } },
+            { { swap, none, uniform, { 16021, 24001 }, "fe80::f384", "eth-sw1" },
+              { swap, none, uniform, { 16022 }, "", "a" } },
+            "",
+            { { swap, none, uniform, { 17001 }, "10.0.0.1", "" },
+              { pop, autodetect, uniform, {}, "", "b" } } } } },
       { "FRR: the answer for one label",
         R"({"inLabel":2,"nexthops":[{"outLabel":3,"nexthop":"2001:db8::1"}]})",
         { { { 2 }, { { pop, ipv6, uniform, {}, "2001:db8::1", "" } }, "" } } },
@@ -142,6 +150,19 @@ TEST( LabelTable, readsWhatEachFormatSays ) {
               { pop, ipv6, uniform, {}, "", "b" },
               { pop, ipv4, pipe, {}, "10.0.0.1", "" } },
             "" } } },
+      { "native: backups, and what other agents have",
+        native( R"({"label":20,"externalFec":"x"},
+              {"label":0,"vias":[{"action":"pop","tunnel":"t1"}],
+               "backupVias":[{"action":"pop","interface":"a"},
+                             {"action":"swap","outLabels":[17],"nextHopGroup":"g1"}],
+               "usableAsPrimaryVias":false})" ),
+        { { { 0 },
+            { { pop, ipv4, uniform, {}, "", "t1", LabelOutlet::tunnel } },
+            "",
+            { { pop, ipv4, uniform, {}, "", "a" },
+              { swap, none, uniform, { 17 }, "", "g1", LabelOutlet::nextHopGroup } },
+            false },
+          { { 20 }, {}, "", {}, true, "x" } } },
       { "the largest route",
         native( R"({"stack":[16,17,18],"vias":[)" +
                 times( 128, R"({"action":"swap","interface":"a","outLabels":[)" +
@@ -158,6 +179,26 @@ TEST( LabelTable, readsWhatEachFormatSays ) {
       EXPECT_EQ( errorText( table ), "" );
       EXPECT_EQ( table.routes, c.routes );
    }
+}
+
+TEST( LabelTable, readsWhatOtherAgentsHave ) {
+   using enum ForeignFec::Kind;
+   const LabelTable table = parse( R"({
+      "tunnels":[{"name":"same","vias":[{"tunnel":"same"}]}],
+      "externalFecs":[{"vias":[{"action":"pop","nextHop":"10.0.0.1"}],"name":"same"}],
+      "velmplsLabelTable":1,"routes":[],
+      "nextHopGroups":[{"name":"same","vias":[{"nextHop":"10.0.0.1","interface":"a"}]},
+                       {"name":"g2","vias":[{"action":"push","outLabels":[17],"tunnel":"t"}]}]})" );
+   EXPECT_EQ( errorText( table ), "" );
+   EXPECT_EQ(
+      table.foreignFecs,
+      ( std::vector< ForeignFec >{
+         { tunnel, "same", { { keep, none, uniform, {}, "", "same", LabelOutlet::tunnel } } },
+         { externalFec, "same", { { pop, autodetect, uniform, {}, "10.0.0.1", "" } } },
+         { nextHopGroup, "same", { { keep, none, uniform, {}, "10.0.0.1", "a" } } },
+         { nextHopGroup,
+           "g2",
+           { { push, none, uniform, { 17 }, "", "t", LabelOutlet::tunnel } } } } ) );
 }
 
 TEST( LabelTable, tellsWhatIsWrongWithABadTable ) {
@@ -225,6 +266,52 @@ TEST( LabelTable, tellsWhatIsWrongWithABadTable ) {
       { nativeVia( R"("action":"swap","interface":"a")" ), "a swap needs \"outLabels\"" },
       { nativeVia( R"("action":"swap","outLabels":[16],"interface":"a","ttlMode":"pipe")" ),
         "\"payload\" and \"ttlMode\" go with a pop only" },
+      // Backups, and what other agents have.
+      { R"({"16001":{"inLabel":16001,"nexthops":[{"outLabel":17,"interface":"a","backupIndex":[1]}],
+            "backupNexthops":[{"outLabel":17,"interface":"b"}]}})",
+        "label 16001: via 1: \"backupIndex\" names the backup next hop 1, counted from 0, and the "
+        "route has 1" },
+      { frrHop( R"("outLabel":17,"interface":"a","backupIndex":0)" ), "and the route has 0" },
+      { frrHop( R"("outLabel":17,"interface":"a","backupIndex":"0")" ),
+        "the field \"backupIndex\" is \"0\", not a whole number from 0 or a list of them" },
+      { R"({"16001":{"inLabel":16001,"nexthops":[{"outLabel":17,"interface":"a","backupIndex":[1]}],
+            "backupNexthops":[0,{"outLabel":17}]}})",
+        "label 16001: backup via 2: neither a next hop nor an interface" },
+      { native( R"({"label":16,"vias":[)" + goodVia + R"(],"backupVias":[]})" ),
+        "label 16: the route has no backup vias" },
+      { native( R"({"label":16,"vias":[)" + goodVia + R"(],"backupVias":[)" + goodVia + "," +
+                R"({"action":"pop"}]})" ),
+        "label 16: backup via 2: neither a next hop nor an interface" },
+      { native( R"({"label":16,"vias":[)" + goodVia + R"(],"usableAsPrimaryVias":1})" ),
+        "the field \"usableAsPrimaryVias\" is 1, not true or false" },
+      { native( R"({"label":16,"externalFec":"x","vias":[]})" ),
+        "label 16: a route into an external FEC has no \"vias\"" },
+      { native( R"({"label":16,"externalFec":7})" ), "the field \"externalFec\" is 7, not a text" },
+      { native( R"({"label":16,"externalFec":"x y"})" ),
+        "the name \"x y\" has a slash, a blank or a control character in it" },
+      { native( R"({"label":16,"kind":"decapsulation","backupVias":[]})" ),
+        "a decapsulation route has no \"backupVias\"" },
+      { nativeVia( R"("action":"pop","tunnel":"t","interface":"a")" ),
+        "a via has either a \"nextHopGroup\", or a \"tunnel\", or a \"nextHop\"" },
+      { nativeVia( R"("action":"pop","tunnel":"t","nextHopGroup":"g")" ), "a via has either a" },
+      { nativeVia( R"("action":"pop","tunnel":")" + std::string( 64, 't' ) + '"' ),
+        "is longer than 63 characters" },
+      { nativeVia( R"("tunnel":"t")" ), "label 16001: via 1: the field \"action\" is missing" },
+      { R"({"velmplsLabelTable":1,"routes":[],"tunnels":{}})",
+        "the field \"tunnels\" is an object, not a list" },
+      { defining( R"({"vias":[)" + goodVia + "]}" ),
+        "t:1:47: tunnel 1: the field \"name\" is missing" },
+      { defining( R"({"name":"t"})" ), "tunnel 1: the field \"vias\" is missing" },
+      { defining( R"({"name":"t","vias":[]})" ), "tunnel 1: the tunnel has no vias" },
+      { defining( R"({"name":"t","kind":"gre","vias":[)" + goodVia + "]}" ),
+        "tunnel 1: the field \"kind\" is unknown" },
+      { defining( R"({"name":"t","vias":[{"outLabels":[17],"interface":"a"}]})" ),
+        "tunnel 1, via 1: \"outLabels\" without an \"action\"" },
+      { defining( R"({"name":"t","vias":[{"nextHopGroup":"g"}]})" ),
+        "tunnel 1, via 1: only routes lead into a next-hop group" },
+      { defining( R"({"name":"t","vias":[)" + goodVia + R"(]},{"name":"t","vias":[)" + goodVia +
+                  "]}" ),
+        "tunnel 2: a second definition of the tunnel \"t\"" },
       { native( R"({"label":16,"x":[)" + times( 66000, "0" ) + "]}" ), "more than 65536 values" },
       // Labels.
       { R"([{"dst":"16o40","dev":"a"}])", "route 1: \"16o40\" is not a label stack" },
@@ -327,13 +414,17 @@ void checkInvariants( const LabelTable& table ) {
       ASSERT_TRUE( !last || *last < route.stack );
       last = &route.stack;
       ASSERT_TRUE( std::ranges::all_of( route.stack, legal ) );
-      ASSERT_TRUE( route.vias.size() <= maxVias && route.vias.empty() == route.ignored() );
-      for ( const LabelVia& via : route.vias ) {
-         ASSERT_EQ( via.outLabels.empty(), via.action == pop );
-         ASSERT_EQ( via.payload != none, via.action == pop );
-         ASSERT_TRUE( std::ranges::all_of( via.outLabels, legal ) );
-         ASSERT_FALSE( via.nextHop.empty() && via.interface.empty() );
-         ASSERT_LE( via.interface.size(), 15U );
+      ASSERT_TRUE( route.vias.size() <= maxVias && route.backupVias.size() <= maxVias );
+      ASSERT_EQ( route.vias.empty(), route.ignored() || !route.externalFec.empty() );
+      for ( const auto* const vias : { &route.vias, &route.backupVias } ) {
+         for ( const LabelVia& via : *vias ) {
+            ASSERT_EQ( via.outLabels.empty(), via.action == pop );
+            ASSERT_EQ( via.payload != none, via.action == pop );
+            ASSERT_TRUE( std::ranges::all_of( via.outLabels, legal ) );
+            ASSERT_FALSE( via.nextHop.empty() && via.interface.empty() );
+            ASSERT_TRUE( via.outlet == LabelOutlet::interface ? via.interface.size() <= 15U
+                                                              : via.nextHop.empty() );
+         }
       }
    }
    for ( const ImportError& error : table.errors ) {
@@ -348,7 +439,7 @@ TEST( LabelTable, anyDamageEndsInATableThatKeepsItsPromises ) {
                                    ":", "3", "-", "\\u", "null", "\xff" };
    for ( const char* const file :
          { "abilene-denver-labels.json", "abilene-denver-labels-iproute2.json",
-           "abilene-denver-labels-native.json" } ) {
+           "abilene-denver-labels-native.json", "abilene-denver-labels-backup.json" } ) {
       const std::string whole = example( file );
       for ( unsigned seed = 0; seed < rounds; ++seed ) {
          SCOPED_TRACE( std::string( file ) + ", seed " + std::to_string( seed ) );

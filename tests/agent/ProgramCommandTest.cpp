@@ -143,5 +143,21 @@ TEST_F( CommandTest, FramesLeaveTheOtherWayWhenTheLinkIsDown ) {
    EXPECT_EQ( after.status, 0 );
 }
 
+TEST_F( CommandTest, BackupTakesOverWhenTheLinkIsDown ) {
+   const std::string forward = "forward --lfib " + examplePath( "labels-backup" ) + neighbors +
+                               " --frame '020000000001 020000000002 88:47 03E84140 "
+                               "450000140000000040fd61e80a0001020a000304'";
+   const std::string rest = "020000000001884703e8413f450000140000000040fd61e80a0001020a000304\n";
+   const std::string linkFails = " --fault 'link-down to-kansas-city from 5' --for ";
+   EXPECT_EQ( run( forward ).out, "to-kansas-city 02000a030606" + rest );
+   EXPECT_EQ( run( forward + linkFails + "4" ).out, "to-kansas-city 02000a030606" + rest );
+   EXPECT_EQ( run( forward + linkFails + "6" ).out, "to-sunnyvale 02000a030a0a" + rest );
+   EXPECT_THAT( run( forward + linkFails + "6 --without-fecs" ).out, StartsWith( "drop: " ) );
+   const Ran full = run( "program --fec-capacity 3" + labels + neighbors );
+   EXPECT_EQ( full.status, 3 );
+   EXPECT_THAT( full.out, HasSubstr( "hardware is full: FECs" ) );
+   EXPECT_THAT( full.out, HasSubstr( "10 routes: 3 programmed" ) );
+}
+
 } // namespace
 } // namespace VelTest

@@ -41,10 +41,11 @@ inline std::string joined( const std::vector< std::string >& parts ) {
 inline std::string routeOf( uint32_t label, const std::vector< std::string >& vias ) {
    return joinText( R"({"label":)", label, R"(,"vias":[)", joined( vias ), "]}" );
 }
-/// A table of routes in the native format.
-inline LabelTable tableOf( const std::vector< std::string >& routes ) {
-   LabelTable table =
-      parseLabelTable( R"({"velmplsLabelTable":1,"routes":[)" + joined( routes ) + "]}", "t" );
+/// A table of routes in the native format; `definitions` are further fields, each with a comma.
+inline LabelTable tableOf( const std::vector< std::string >& routes,
+                           const std::string& definitions = "" ) {
+   LabelTable table = parseLabelTable(
+      R"({"velmplsLabelTable":1,)" + definitions + R"("routes":[)" + joined( routes ) + "]}", "t" );
    for ( const ImportError& error : table.errors ) {
       ADD_FAILURE() << error.text();
    }
@@ -61,6 +62,9 @@ struct Programmed {
                         const std::vector< Neighbor >& neighbors = {},
                         LabelAgentSettings settings = {} ) {
       LfibPlan plan;
+      if ( settings.withFecs ) {
+         plan.neighborsAre( { "n", neighbors, {} } );
+      }
       for ( const LabelTable& table : tables ) {
          plan.add( table );
       }
@@ -82,13 +86,56 @@ struct Programmed {
                     : joinText( name( route->state ), route->reason.empty() ? "" : ": ",
                                 route->reason );
    }
-   /// Versions of the routes that the hardware was asked for.
+   /// What changes when a route is programmed anew: the number of its FEC in hardware, or without
+   /// FECs its version.
    std::map< uint32_t, U64 > versions() const {
       std::map< uint32_t, U64 > out;
-      for ( const auto& [key, route] : agent->hwConfig()->route() ) {
-         out[key.topLabel().value()] = route.version;
+      for ( const auto& [key, route] : agent->hardware().vrf( LabelAgent::vrfId )->route ) {
+         out[key.topLabel().value()] = route.fec ? route.fec->hwId : route.version;
       }
       return out;
+   }
+   /// Sends an empty IPv4 packet with the label: "INTERFACE label 17", "INTERFACE ip", or "drop".
+   std::string forward( uint32_t label ) const {
+      Driver::Bytes frame( 12, 2 );
+      for ( const uint32_t byte : { 0x88U,
+                                    0x47U,
+                                    label >> 12,
+                                    label >> 4 & 0xFFU,
+                                    ( label & 0xFU ) << 4 | 1U,
+                                    64U,
+                                    0x45U,
+                                    0U,
+                                    0U,
+                                    20U,
+                                    0U,
+                                    1U,
+                                    0U,
+                                    0U,
+                                    64U,
+                                    59U,
+                                    0x26U,
+                                    0xECU,
+                                    10U,
+                                    0U,
+                                    0U,
+                                    1U,
+                                    10U,
+                                    0U,
+                                    0U,
+                                    2U } ) {
+         frame.push_back( static_cast< uint8_t >( byte ) );
+      }
+      const Driver::ForwardResult result = agent->hardware().forward( LabelAgent::vrfId, frame );
+      if ( result.frames.empty() ) {
+         return "drop";
+      }
+      const Driver::OutgoingFrame& out = result.frames.front();
+      const Driver::Bytes& bytes = out.bytes;
+      return agent->interfaces().name( out.intf ) +
+             ( bytes[12] == 0x08
+                  ? " ip"
+                  : joinText( " label ", bytes[14] << 12 | bytes[15] << 4 | bytes[16] >> 4 ) );
    }
 
    std::unique_ptr< LabelAgent > agent;
