@@ -1,94 +1,24 @@
-#include "agent/Audit.h"
-
-#include <algorithm>
-
-#include "agent/LfibIntent.h"
-#include "driver/SwitchStatus.h"
-#include "mpls/VelMplsSm.h"
+#include "agent/AuditComparison.h"
 
 namespace Vel::Agent {
-
-namespace {
 
 using L2Adj = Mpls::Hardware::L2Adjacency;
 using Mpls::RouteKey;
 using Mpls::RouteStatusCode;
 
-/// One run. Members that end in nothing else are what the stages say of the label in hand.
-class Comparison {
- public:
-   Comparison( const EntityManager& entities, const InterfaceName& name, size_t limit );
-   AuditReport run();
-
- private:
-   std::vector< RouteKey > allLabels() const;
-   void readQueues();
-   void compareLabel( RouteKey key );
-   void compareWritten();
-   void compareReported();
-   void compareReportedAdjacency();
-   void comparePublished();
-   void comparePublishedAdjacency( const Mpls::Hardware::Route& route );
-   void allowWhatFecsUse();
-   void compareRouting();
-   void compareL2Adjacencies();
-   void compareNextHops();
-   void compareWatched( const NextHopKey& key );
-
-   void needNextHops( bool required );
-   const L3Adjacency* l3Adjacency() const;
-   std::string_view queuedFor() const;
-   std::string_view excuse( AuditStage stage ) const;
-   template< class Expected, class Found >
-   void differ( AuditStage stage, const Expected& expected, const Found& found );
-   void objectDiffers( AuditStage stage, std::string object, std::string expected,
-                       std::string found );
-
-   std::string intentText() const;
-   std::string viasOf( const Ptr< L2Adj >& adjacency ) const;
-   std::string versionText( const MplsHwRoute& route ) const;
-   std::string refusalText() const;
-   std::string adjacencyRefusal( U64 index ) const;
-   static std::string publishedText( const Mpls::RouteInfo* info );
-
-   const InterfaceName& name_;
-   const size_t limit_;
-   const LfibIntent inputs_;
-   const Mpls::LfibHwStatus& lfibHwStatus_;
-   const Mpls::Hardware::Status& hwMplsStatus_;
-   const ProactiveArpNexthopSm& arp_;
-   const RouteReactorConfig& watched_;
-   const Route6ReactorConfig& watched6_;
-   const MplsHwVrfConfig* config_ = nullptr; // null while there is none
-   const MplsHwVrfStatus* status_ = nullptr;
-   const VrfMplsState* state_ = nullptr;
-   const Driver::SwitchStatus* switch_ = nullptr; // null with another driver
-   const Driver::SwitchVrfStatus* refusals_ = nullptr;
-
-   RouteKey key_;
-   Intent intent_;
-   const MplsHwRoute* written_ = nullptr;
-   const MplsHwRoute* reported_ = nullptr;
-   bool refused_ = false; // listed as unprogrammed
-   bool differs_ = false;
-   std::string_view waitsFor_;
-
-   HashSet< const L2Adj* > used_; // by written routes
-   HashSet< const Mpls::Hardware::Adjacency* >
-      viasCompared_;                 // whose vias are those of its L2 adjacency
-   Hash< NextHopKey, bool > needed_; // true: must be watched, false: may be
-   AuditReport report_;
-};
-
-Comparison::Comparison( const EntityManager& entities, const InterfaceName& name, size_t limit )
+AuditComparison::AuditComparison( const EntityManager& entities, const InterfaceName& name,
+                                  size_t limit )
    : name_( name ),
      limit_( limit ),
      inputs_( entities ),
+     sm_( mountedRoot< MplsSm >( entities, "mplsSm" ) ),
      lfibHwStatus_( mountedRoot< Mpls::LfibHwStatus >( entities, "lfibHwStatus" ) ),
      hwMplsStatus_( mountedRoot< Mpls::Hardware::Status >( entities, "routingHwMplsStatus" ) ),
      arp_( mountedRoot< ProactiveArpNexthopSm >( entities, "proactiveArpNexthopSm" ) ),
      watched_( mountedRoot< RouteReactorConfig >( entities, "routeReactorConfig" ) ),
      watched6_( mountedRoot< Route6ReactorConfig >( entities, "route6ReactorConfig" ) ),
+     request_( entities.root< FecIdToHwFecIdRequest >( "hwFecIdRequest" ) ),
+     response_( entities.root< FecIdToHwFecIdResponse >( "hwFecIdResponse" ) ),
      switch_( entities.root< Driver::SwitchStatus >( "softwareSwitch" ) ) {
    const auto& numbers =
       mountedRoot< Routing::Hardware::RouteStatus >( entities, "routingHwRouteStatus" );
@@ -98,10 +28,13 @@ Comparison::Comparison( const EntityManager& entities, const InterfaceName& name
       status_ = mountedRoot< MplsHwStatus >( entities, "mplsHwStatus" ).vrfStatus( vrfId );
       refusals_ = switch_ ? switch_->vrf( vrfId ) : nullptr;
    }
-   state_ = mountedRoot< MplsSm >( entities, "mplsSm" ).mplsState( LfibIntent::vrf() );
+   state_ = sm_.mplsState( LfibIntent::vrf() );
+   VEL_ASSERT_TEXT( !sm_.forwardingIntoExternalFecsSupported() || ( request_ && response_ ),
+                    "request_ && response_", "an entity is not mounted", "velmpls",
+                    "hwFecIdRequest, hwFecIdResponse" );
 }
 
-AuditReport Comparison::run() {
+AuditReport AuditComparison::run() {
    readQueues();
    used_.reserve( config_ ? config_->l2Adjacencys() : 0 );
    viasCompared_.reserve( hwMplsStatus_.adjacencys() );
@@ -115,10 +48,11 @@ AuditReport Comparison::run() {
    compareRouting();
    compareL2Adjacencies();
    compareNextHops();
+   compareFecs();
    return std::move( report_ );
 }
 
-std::vector< RouteKey > Comparison::allLabels() const {
+std::vector< RouteKey > AuditComparison::allLabels() const {
    LabelSet<> found;
    inputs_.lfib().lfibRouteEach(
       [&]( const Mpls::LfibRoute& route ) { found.insert( route.routeKey ); },
@@ -150,7 +84,7 @@ std::vector< RouteKey > Comparison::allLabels() const {
 
 // --- What is on its way.
 
-void Comparison::readQueues() {
+void AuditComparison::readQueues() {
    AuditQueues& queues = report_.queues;
    queues.lfib = inputs_.lfib().ringLag();
    if ( queues.lfib == 0 && inputs_.lfib().pollPending() ) {
@@ -164,14 +98,8 @@ void Comparison::readQueues() {
    }
 }
 
-/// The state machine's adjacency for the label in hand, or null.
-const L3Adjacency* Comparison::l3Adjacency() const {
-   const MplsRoute* const route = state_ ? state_->route( key_ ) : nullptr;
-   return route ? route->l3Adj().get() : nullptr;
-}
-
 /// What the label in hand is queued for itself, or through an adjacency.
-std::string_view Comparison::queuedFor() const {
+std::string_view AuditComparison::queuedFor() const {
    if ( report_.queues.review + report_.queues.publishing == 0 ) {
       return {};
    }
@@ -181,20 +109,23 @@ std::string_view Comparison::queuedFor() const {
    if ( state_->routeKeyForPublishHas( key_ ) ) {
       return "publishing";
    }
-   if ( const L3Adjacency* const l3Adj = l3Adjacency() ) {
-      if ( state_->l3AdjForReviewHas( l3Adj->index() ) ) {
-         return "the review of its L3 adjacency";
-      }
-      if ( l3Adj->l2Adjacency() && state_->l2AdjForReviewHas( l3Adj->l2Adjacency()->index() ) ) {
-         return "the review of its L2 adjacency";
-      }
+   if ( l3Adj_ && state_->l3AdjForReviewHas( l3Adj_->index() ) ) {
+      return "the review of its L3 adjacency";
+   }
+   if ( l3Adj_ && l3Adj_->l2Adjacency() &&
+        state_->l2AdjForReviewHas( l3Adj_->l2Adjacency()->index() ) ) {
+      return "the review of its L2 adjacency";
+   }
+   if ( l3Adj_ && l3Adj_->backupAdj() &&
+        state_->l3AdjForReviewHas( l3Adj_->backupAdj()->index() ) ) {
+      return "the review of its backup";
    }
    return {};
 }
 
 /// What may explain a difference at that stage, although it is not known to concern the label or
 /// object in hand.
-std::string_view Comparison::excuse( AuditStage stage ) const {
+std::string_view AuditComparison::excuse( AuditStage stage ) const {
    const AuditQueues& queues = report_.queues;
    if ( stage != AuditStage::reported && queues.lfib != 0 ) {
       return "the LFIB's announcements";
@@ -205,23 +136,8 @@ std::string_view Comparison::excuse( AuditStage stage ) const {
    return {};
 }
 
-template< class Expected, class Found >
-void Comparison::differ( AuditStage stage, const Expected& expected, const Found& found ) {
-   if ( waitsFor_.empty() ) {
-      waitsFor_ = excuse( stage );
-   }
-   if ( !waitsFor_.empty() ) {
-      return;
-   }
-   differs_ = true;
-   ++report_.differenceCount;
-   if ( report_.differences.size() < limit_ ) {
-      report_.differences.push_back( { key_, {}, stage, expected(), found() } );
-   }
-}
-
-void Comparison::objectDiffers( AuditStage stage, std::string object, std::string expected,
-                                std::string found ) {
+void AuditComparison::objectDiffers( AuditStage stage, std::string object, std::string expected,
+                                     std::string found ) {
    std::string_view waitsFor = excuse( stage );
    if ( waitsFor.empty() && stage == AuditStage::written && report_.queues.review != 0 ) {
       waitsFor = "a review";
@@ -242,27 +158,16 @@ void Comparison::objectDiffers( AuditStage stage, std::string object, std::strin
 
 // --- One label.
 
-void Comparison::compareLabel( RouteKey key ) {
+void AuditComparison::compareLabel( RouteKey key ) {
    key_ = key;
    inputs_.read( key, intent_ );
-   // Whether an adjacency is programmed as a FEC is the platform's doing, not the inputs'.
-   const L3Adjacency* const l3Adj = l3Adjacency();
-   const bool byFec = l3Adj && l3Adj->extFecInfo();
-   needNextHops( !byFec );
-   if ( byFec && intent_.accepted() ) {
-      intent_.kind = IntentKind::elsewhere;
-      intent_.reason = "forwards into a FEC";
-   }
-   written_ = config_ ? config_->route().find( key ) : nullptr;
-   reported_ = status_ ? status_->route().find( key ) : nullptr;
-   refused_ = status_ && status_->unprogrammedRouteHas( key );
+   findRecords();
    differs_ = false;
+   fecAgrees_ = false;
    waitsFor_ = queuedFor();
-   compareWritten();
-   if ( intent_.kind != IntentKind::elsewhere || written_ ) {
-      compareReported();
-      comparePublished();
-   }
+   compareStages();
+   // Where the FEC is not as it should be, it may not have been looked at yet.
+   needNextHops( !byFec() || fecAgrees_ );
    if ( differs_ ) {
       ++report_.differing;
    } else if ( !waitsFor_.empty() ) {
@@ -277,14 +182,37 @@ void Comparison::compareLabel( RouteKey key ) {
    }
 }
 
-void Comparison::needNextHops( bool required ) {
+void AuditComparison::findRecords() {
+   route_ = state_ ? state_->route( key_ ) : nullptr;
+   l3Adj_ = route_ ? route_->l3Adj().get() : nullptr;
+   fec_ = l3Adj_ ? l3Adj_->extFecInfo().get() : nullptr;
+   written_ = config_ ? config_->route().find( key_ ) : nullptr;
+   reported_ = status_ ? status_->route().find( key_ ) : nullptr;
+   refused_ = status_ && status_->unprogrammedRouteHas( key_ );
+}
+
+void AuditComparison::compareStages() {
+   if ( byFec() ) {
+      compareFecWritten();
+      compareFecReported();
+      comparePublished();
+      return;
+   }
+   compareWritten();
+   if ( intent_.kind != IntentKind::elsewhere || written_ ) {
+      compareReported();
+      comparePublished();
+   }
+}
+
+void AuditComparison::needNextHops( bool required ) {
    for ( const NextHopKey& nextHop : intent_.nextHops ) {
       bool& must = *needed_.emplace( nextHop, false ).first;
       must = must || required;
    }
 }
 
-void Comparison::compareWritten() {
+void AuditComparison::compareWritten() {
    const auto expected = [&] { return intentText(); };
    const auto found = [&]( std::string_view text ) {
       differ( AuditStage::written, expected, [&] { return std::string( text ); } );
@@ -310,7 +238,7 @@ void Comparison::compareWritten() {
    }
 }
 
-void Comparison::compareReported() {
+void AuditComparison::compareReported() {
    if ( !written_ ) {
       if ( reported_ || refused_ ) {
          differ(
@@ -332,7 +260,7 @@ void Comparison::compareReported() {
 }
 
 // An adjacency that was refused may still be there as it was before, and its routes with it.
-void Comparison::compareReportedAdjacency() {
+void AuditComparison::compareReportedAdjacency() {
    const Ptr< L2Adj >& adjacency = written_->l2Adjacency;
    if ( !adjacency || !config_->l2AdjacencyHas( adjacency ) ) {
       return; // has been said
@@ -353,10 +281,10 @@ void Comparison::compareReportedAdjacency() {
       } );
 }
 
-void Comparison::comparePublished() {
+void AuditComparison::comparePublished() {
    const Mpls::RouteInfo* const info = lfibHwStatus_.unprogrammedRoute().find( key_ );
    const Mpls::Hardware::Route* const route = hwMplsStatus_.route().find( key_ );
-   const bool inHardware = reported_ && !refused_;
+   const bool held = inHardware();
    const auto differs = [&]( std::string_view expected, std::string_view found ) {
       differ(
          AuditStage::published, [&] { return std::string( expected ); },
@@ -368,31 +296,51 @@ void Comparison::comparePublished() {
       }
       return;
    }
-   if ( !info && !route && !inHardware && intent_.kind == IntentKind::awaited ) {
+   if ( !info && !route && !held && intent_.kind == IntentKind::awaited ) {
       return; // nothing is known of it yet
    }
-   if ( !inHardware ) {
+   if ( !held ) {
       if ( !info || info->statusCode != RouteStatusCode::notProgrammed ) {
          differs( "notProgrammed", publishedText( info ) );
       }
    } else if ( intent_.kind == IntentKind::forwarded ) {
-      const RouteStatusCode code = intent_.unresolvedVias != 0
-                                      ? RouteStatusCode::partiallyProgrammed
-                                      : RouteStatusCode::programmed;
-      if ( !info || info->statusCode != code ) {
-         differs( textOf( code ), publishedText( info ) );
+      if ( !info || info->statusCode != codeInHardware() ) {
+         differs( textOf( codeInHardware() ), publishedText( info ) );
       }
-   } else if ( !info || info->statusCode == RouteStatusCode::notProgrammed ) {
+   } else if ( !info || ( info->statusCode == RouteStatusCode::notProgrammed &&
+                          intent_.kind != IntentKind::unresolved ) ) {
       differs( "programmed", publishedText( info ) );
    }
    if ( !route ) {
       differs( "a published route", "none" );
-   } else if ( inHardware ) {
+   } else if ( held && byFec() ) {
+      comparePublishedFec( *route );
+   } else if ( held ) {
       comparePublishedAdjacency( *route );
    }
 }
 
-void Comparison::comparePublishedAdjacency( const Mpls::Hardware::Route& route ) {
+// Of what is wanted. A FEC that is not as it should be is published with what it has. One without
+// any way out is in hardware all the same, and its labels do not forward.
+RouteStatusCode AuditComparison::codeInHardware() const {
+   size_t vias = intent_.nextHops.size();
+   size_t unresolved = intent_.unresolvedVias;
+   bool guarded = !intent_.fec.backup.empty();
+   if ( const Mpls::Hardware::Adjacency* const published =
+           byFec() && !fecAgrees_ && l3Adj_ ? hwMplsStatus_.adjacency( l3Adj_->index() )
+                                            : nullptr ) {
+      vias = published->vias();
+      unresolved = published->unresolvedVias();
+      guarded = !!l3Adj_->backupAdj();
+   }
+   if ( unresolved == 0 ) {
+      return RouteStatusCode::programmed;
+   }
+   return byFec() && unresolved == vias && !guarded ? RouteStatusCode::notProgrammed
+                                                    : RouteStatusCode::partiallyProgrammed;
+}
+
+void AuditComparison::comparePublishedAdjacency( const Mpls::Hardware::Route& route ) {
    const Mpls::Hardware::Adjacency* const adjacency = route.adjacency.get();
    const L2Adj* const l2Adj = adjacency ? adjacency->l2Adjacency().get() : nullptr;
    const auto indexText = []( const L2Adj* of ) {
@@ -404,26 +352,31 @@ void Comparison::comparePublishedAdjacency( const Mpls::Hardware::Route& route )
          [&] { return indexText( l2Adj ); } );
       return;
    }
-   if ( viasCompared_.has( adjacency ) ) {
+   comparePublishedVias( *adjacency, l2Adj->l2ViaSet().l2Via() );
+}
+
+void AuditComparison::comparePublishedVias( const Mpls::Hardware::Adjacency& adjacency,
+                                            const std::vector< Mpls::Hardware::L2Via >& expected ) {
+   if ( viasCompared_.has( &adjacency ) ) {
       return;
    }
    std::vector< Mpls::Hardware::L2Via > vias;
-   for ( const auto& [index, via] : adjacency->via() ) {
+   for ( const auto& [index, via] : adjacency.via() ) {
       vias.insert( vias.end(), via.l2Via.l2Via().begin(), via.l2Via.l2Via().end() );
    }
    sortEachOnce( vias );
-   if ( vias == l2Adj->l2ViaSet().l2Via() ) {
-      viasCompared_.insert( adjacency );
+   if ( vias == expected ) {
+      viasCompared_.insert( &adjacency );
       return;
    }
    differ(
-      AuditStage::published, [&] { return viasOf( reported_->l2Adjacency ); },
+      AuditStage::published, [&] { return viasText( expected, name_ ); },
       [&] { return viasText( vias, name_ ); } );
 }
 
 // --- What is no label.
 
-void Comparison::compareRouting() {
+void AuditComparison::compareRouting() {
    const auto text = []( bool on ) { return std::string( on ? "on" : "off" ); };
    const bool written = config_ && config_->mplsRouting();
    const bool reported = status_ && status_->mplsRouting();
@@ -438,7 +391,7 @@ void Comparison::compareRouting() {
 
 // An adjacency that is programmed as a FEC, or that protects another, has an L2 adjacency and next
 // hops that no written route leads to.
-void Comparison::allowWhatFecsUse() {
+void AuditComparison::allowWhatFecsUse() {
    if ( !state_ ) {
       return;
    }
@@ -455,7 +408,7 @@ void Comparison::allowWhatFecsUse() {
    }
 }
 
-void Comparison::compareL2Adjacencies() {
+void AuditComparison::compareL2Adjacencies() {
    const auto object = []( const Ptr< L2Adj >& adjacency ) {
       return joinText( "L2 adjacency ", adjacency->index() );
    };
@@ -487,7 +440,7 @@ void Comparison::compareL2Adjacencies() {
    }
 }
 
-void Comparison::compareNextHops() {
+void AuditComparison::compareNextHops() {
    for ( const ProactiveArpEntry& entry : arp_.entry() ) {
       compareWatched( { entry.intf, entry.addr } );
    }
@@ -506,7 +459,7 @@ void Comparison::compareNextHops() {
    }
 }
 
-void Comparison::compareWatched( const NextHopKey& key ) {
+void AuditComparison::compareWatched( const NextHopKey& key ) {
    if ( !needed_.erase( key ) ) {
       objectDiffers( AuditStage::written, nextHopText( key.addr, key.intf, name_ ),
                      "not watched: no label needs it", "watched" );
@@ -515,42 +468,43 @@ void Comparison::compareWatched( const NextHopKey& key ) {
 
 // --- Words.
 
-std::string Comparison::intentText() const {
+std::string AuditComparison::intentText() const {
+   if ( intent_.intoFec ) {
+      return fecIntentText();
+   }
    return intent_.kind == IntentKind::forwarded ? viasText( intent_.vias, name_ )
                                                 : "no route: " + intent_.reason;
 }
 
-std::string Comparison::viasOf( const Ptr< L2Adj >& adjacency ) const {
+std::string AuditComparison::viasOf( const Ptr< L2Adj >& adjacency ) const {
    return adjacency ? viasText( adjacency->l2ViaSet().l2Via(), name_ )
                     : "a route without an L2 adjacency";
 }
 
-std::string Comparison::versionText( const MplsHwRoute& route ) const {
+std::string AuditComparison::versionText( const MplsHwRoute& route ) const {
    return joinText( "version ", route.version, " with ",
                     route.l2Adjacency ? joinText( "L2 adjacency ", route.l2Adjacency->index() )
                                       : "no L2 adjacency" );
 }
 
 // A driver has one reason for all that it refuses; the software switch knows each.
-std::string Comparison::refusalText() const {
+std::string AuditComparison::refusalText() const {
    const UnprogrammedReason reason = refusals_ && refusals_->refusedRouteHas( key_ )
                                         ? refusals_->refusedRoute( key_ )
                                         : status_->unprogrammedReason();
    return joinText( "refused: ", reason );
 }
 
-std::string Comparison::adjacencyRefusal( U64 index ) const {
+std::string AuditComparison::adjacencyRefusal( U64 index ) const {
    const UnprogrammedReason reason = refusals_ && refusals_->refusedAdjacencyHas( index )
                                         ? refusals_->refusedAdjacency( index )
                                         : status_->unprogrammedReason();
    return joinText( "refused: ", reason );
 }
 
-std::string Comparison::publishedText( const Mpls::RouteInfo* info ) {
+std::string AuditComparison::publishedText( const Mpls::RouteInfo* info ) {
    return info ? textOf( info->statusCode ) : "no status";
 }
-
-} // namespace
 
 std::string_view name( AuditStage stage ) {
    switch ( stage ) {
@@ -565,7 +519,7 @@ std::string_view name( AuditStage stage ) {
 }
 
 AuditReport Audit::run( size_t limit ) const {
-   return Comparison( entities_, name_, limit ).run();
+   return AuditComparison( entities_, name_, limit ).run();
 }
 
 } // namespace Vel::Agent

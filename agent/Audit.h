@@ -10,20 +10,31 @@
 //                           as unprogrammed
 //    reported -> published  the published code and the adjacency of the published route
 //
-// Beside the labels: label forwarding as a whole, L2 adjacencies that no route uses or that only
-// the driver knows, and next hops that are watched for nobody or not watched at all.
+// A route into a FEC is not in the two in the middle. It goes through the requests and answers for
+// the FEC and through a call of the driver, of which the records tell:
+//
+//    intent -> written      what the FEC shall be made of, backup included, and what is requested
+//    of
+//                           it, together with the pop that travels with the route
+//    written -> reported    the hardware id, the FEC that the route is in, and what is refused
+//    reported -> published  as above, and the FEC of the published route
+//
+// Beside the labels: label forwarding as a whole, L2 adjacencies and FECs that no route uses or
+// that only the driver knows, numbers in use without a FEC, and next hops that are watched for
+// nobody or not watched at all.
 //
 // A route that is refused by the hardware differs between what is written and what is reported, and
 // not again where it is published as not programmed. A route whose next hops are not resolved, or
 // with a via that cannot be forwarded with, agrees when nothing is written. What the state machine,
-// the LFIB's ring or the driver has not got to yet is pending, and not a difference. Routes into
-// FECs are followed as far as the hardware configuration has a say in them: it must not hold them.
+// the LFIB's ring or the driver has not got to yet is pending, and not a difference. Protection
+// that the LFIB asks for and the library cannot give is a difference, which says why. What is in
+// the FECs of other agents is theirs.
 //
 // An audit only reads, and needs entities alone: whoever has an entity manager can run it, at any
 // time.
 //
-// Cost: 0.7 microseconds a label where labels share via sets, 2 where each has its own; a bit a
-// label and an entry for each next hop and adjacency.
+// Cost: 0.7 microseconds a label where labels share via sets, 2 where each has its own, measured
+// without FECs; a bit a label and an entry for each next hop, adjacency and FEC.
 
 #pragma once
 
@@ -72,7 +83,7 @@ struct AuditReport {
    size_t agree = 0;           ///< at every stage, with nothing pending
    size_t pending = 0;         ///< labels
    size_t differing = 0;       ///< labels with a difference that nothing pending explains
-   size_t elsewhere = 0;       ///< of those that agree: not followed into FECs
+   size_t elsewhere = 0;       ///< of those that agree: replicated, and not followed
    size_t differenceCount = 0; ///< of labels and objects
    size_t pendingCount = 0;    ///< labels and objects
    AuditQueues queues;

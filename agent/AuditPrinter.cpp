@@ -47,8 +47,7 @@ bool printText( std::ostream& out, const AuditReport& report ) {
                 report.differing, " differ, ", report.pending, " pending; ",
                 counted( report.differenceCount, "difference", "differences" ), "\n" );
    if ( report.elsewhere != 0 ) {
-      text += counted( report.elsewhere, "label forwards into a FEC and is",
-                       "labels forward into FECs and are" ) +
+      text += counted( report.elsewhere, "label is replicated and", "labels are replicated and" ) +
               " not followed there\n";
    }
    for ( const AuditFinding& one : report.differences ) {

@@ -1,12 +1,11 @@
-#include "agent/Explain.h"
+#include "agent/ExplainChain.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <set>
 
-#include "driver/SwitchStatus.h"
-#include "mpls/VelMplsSm.h"
+#include "agent/ReportText.h"
 
 namespace Vel::Agent {
 
@@ -23,105 +22,7 @@ Json secondsOrNull( double seconds ) {
    return seconds == neverTime ? Json() : Json( seconds );
 }
 
-std::string counted( size_t count, std::string_view one, std::string_view many ) {
-   return joinText( count, " ", count == 1 ? one : many );
-}
-
-/// Who reads: the roots, and where the label stands in each.
-class ChainReader {
- public:
-   ChainReader( const EntityManager& roots, RouteKey key,
-                const Explanation::InterfaceName& interfaceName, std::string ignoredReason );
-
-   const std::string& fault() const { return fault_; }
-   double now() const { return clock_->now(); }
-   ExplainState state( const ChainLink* blocker ) const;
-   bool ignored() const {
-      const Mpls::LfibViaType type = route_.viaSetKey.viaType();
-      return !!route_ && type != Mpls::viaTypeMplsIp && type != Mpls::viaTypeExternalFec;
-   }
-   bool inHardware() const {
-      return status_ && status_->mplsRouting() &&
-             ( status_->routeHas( key_ ) ||
-               ( fec_ && record_ && record_->extFecInfo() && !record_->unprogrammed() ) );
-   }
-
-   ChainLink lfibRoute() const;
-   ChainLink viaSet() const;
-   ChainLink admission() const;
-   ChainLink l3Adjacency() const;
-   ChainLink nextHops() const;
-   ChainLink l2Adjacency() const;
-   bool hasFec() const { return fec_ != nullptr; }
-   ChainLink fec() const;
-   ChainLink hwConfig() const;
-   ChainLink driver() const;
-   ChainLink published() const;
-
- private:
-   template< class T >
-   const T* required( const EntityManager& roots, std::string_view name );
-   void findVrf( const EntityManager& roots );
-   void findRecords();
-
-   double recordSince() const { return record_ ? record_->unprogrammedSince() : neverTime; }
-   double viaSetSince() const;
-   double nextRetry() const;
-   bool leftOver() const;
-   std::string viaSetFault() const;
-   std::string nextHopText( const IpGenAddr& address, IntfId intf ) const;
-   std::string unresolvedWhy( const IpGenAddr& address, IntfId intf ) const;
-   std::string exitsText( const Mpls::Hardware::L2ViaSet& exits ) const;
-   std::string l2ViaText( const Mpls::Hardware::L2Via& via ) const;
-   void readNextHop( const Mpls::Hardware::AdjacencyVia& via, ChainLink& link ) const;
-   UnprogrammedReason adjacencyReason() const;
-   UnprogrammedReason routeReason() const;
-   U32 adjacencyWritten() const;
-   U32 adjacencyCarriedOut() const;
-   bool adjacencyRefused() const;
-   std::string configFault() const;
-   void readFecRoute( ChainLink& link ) const;
-   void readUnconfirmed( ChainLink& link ) const;
-   RouteStatusCode expectedCode() const;
-   bool publishingPending() const {
-      return vrf_ && ( vrf_->routeKeyForReviewHas( key_ ) || vrf_->routeKeyForPublishHas( key_ ) );
-   }
-
-   static void fails( ChainLink& link, std::string text, double since, std::string waitsFor );
-   void failsUntilReview( ChainLink& link, std::string text ) const;
-   void failsUntilRetry( ChainLink& link, std::string text, double since, U64 tries ) const;
-
-   RouteKey key_;
-   const Explanation::InterfaceName& interfaceName_;
-   std::string ignoredReason_;
-   std::string fault_;
-   // The roots.
-   const Clock* clock_ = nullptr;
-   const MplsSm* sm_ = nullptr;
-   const Mpls::LfibStatus* lfib_ = nullptr;
-   const Mpls::LfibHwStatus* lfibHwStatus_ = nullptr;
-   const Mpls::Hardware::Status* hwMpls_ = nullptr;
-   const MplsHwConfig* hwConfig_ = nullptr;
-   const MplsHwStatus* hwStatus_ = nullptr;
-   const VelL3Status* l3Status_ = nullptr;        // may be missing, as what follows
-   const Mpls::LfibInfo* lfibInfo_ = nullptr;     //
-   const Driver::SwitchStatus* switch_ = nullptr; // another driver has none
-   const Driver::SwitchVrfStatus* refused_ = nullptr;
-   // What they hold of the VRF and the label; null where they hold nothing.
-   L3::VrfName vrfName_ = L3::VrfName::defaultVrf();
-   const VrfMplsState* vrf_ = nullptr;
-   const MplsHwVrfConfig* config_ = nullptr;
-   const MplsHwVrfStatus* status_ = nullptr;
-   Mpls::LfibRoute route_;
-   Mpls::LfibViaSet viaSet_;
-   const MplsRoute* record_ = nullptr;
-   const L3Adjacency* l3Adj_ = nullptr;
-   const MplsL2Adjacency* l2Adj_ = nullptr;
-   const ExternalFecInfo* fec_ = nullptr;
-   const Mpls::Hardware::Adjacency* hwAdj_ = nullptr;
-   const MplsHwRoute* written_ = nullptr;  // what the driver is asked for
-   const MplsHwRoute* reported_ = nullptr; // what it says to hold
-};
+} // namespace
 
 // --- Finding.
 
@@ -139,6 +40,8 @@ ChainReader::ChainReader( const EntityManager& roots, RouteKey key,
    l3Status_ = roots.root< VelL3Status >( "velL3Status" );
    lfibInfo_ = roots.root< Mpls::LfibInfo >( "lfibInfo" );
    switch_ = roots.root< Driver::SwitchStatus >( "softwareSwitch" );
+   fecRequest_ = roots.root< FecIdToHwFecIdRequest >( "hwFecIdRequest" );
+   fecResponse_ = roots.root< FecIdToHwFecIdResponse >( "hwFecIdResponse" );
    if ( fault_.empty() ) {
       findVrf( roots );
       findRecords();
@@ -162,10 +65,10 @@ void ChainReader::findVrf( const EntityManager& roots ) {
    if ( numbers == nullptr || !numbers->vrfStatusHas( vrfName_ ) ) {
       return;
    }
-   const VrfId vrfId = numbers->vrfStatus( vrfName_ );
-   config_ = hwConfig_->vrfConfig( vrfId );
-   status_ = hwStatus_->vrfStatus( vrfId );
-   refused_ = switch_ ? switch_->vrf( vrfId ) : nullptr;
+   vrfId_ = numbers->vrfStatus( vrfName_ );
+   config_ = hwConfig_->vrfConfig( *vrfId_ );
+   status_ = hwStatus_->vrfStatus( *vrfId_ );
+   refused_ = switch_ ? switch_->vrf( *vrfId_ ) : nullptr;
 }
 
 void ChainReader::findRecords() {
@@ -194,8 +97,9 @@ ExplainState ChainReader::state( const ChainLink* blocker ) const {
    if ( blocker ) {
       return ExplainState::unprogrammed;
    }
-   return hwAdj_ && hwAdj_->unresolvedVias() != 0 ? ExplainState::partiallyProgrammed
-                                                  : ExplainState::programmed;
+   const bool unresolved = hwAdj_ && hwAdj_->unresolvedVias() != 0 && primariesUsable();
+   return unresolved || inOlderFec() || byBackupOnly() ? ExplainState::partiallyProgrammed
+                                                       : ExplainState::programmed;
 }
 
 // --- Obstacles.
@@ -358,11 +262,14 @@ ChainLink ChainReader::l3Adjacency() const {
                         joinText( index, ", of the earlier via set ", l3Adj_->lFibViaSetKey() ) );
       return link;
    }
-   const std::string waits = sm_->backupWaitReason( *vrf_, *l3Adj_ );
+   // Of an external FEC it would say nothing: protection is the other agent's affair.
+   const std::string waits = l3Adj_->lFibViaSetKey().viaType() == Mpls::viaTypeExternalFec
+                                ? std::string()
+                                : sm_->backupWaitReason( *vrf_, *l3Adj_ );
    if ( !waits.empty() && hwAdj_ && hwAdj_->vias() == 0 ) {
       link.facts["backup"] = waits;
-      fails( link, joinText( index, ", not programmed before its backup is: ", waits ),
-             recordSince(), "the backup of the via set" );
+      fails( link, joinText( index, ", waits for its backup: ", waits ), recordSince(),
+             backupWaitsFor() );
       return link;
    }
    if ( pending && hwAdj_ && hwAdj_->vias() == 0 && fec_ == nullptr ) {
@@ -452,9 +359,9 @@ void ChainReader::readNextHop( const Mpls::Hardware::AdjacencyVia& via, ChainLin
 
 ChainLink ChainReader::nextHops() const {
    ChainLink link( "nextHops", "next hops" );
-   if ( fec_ ) {
+   if ( fec_ && hwAdj_ && isForeign() ) {
       link.holds = true;
-      link.text = "the FEC resolves them";
+      link.text = "the other agent's, or the tunnel's";
       return link;
    }
    if ( hwAdj_ == nullptr || hwAdj_->vias() == 0 ) {
@@ -482,6 +389,9 @@ ChainLink ChainReader::nextHops() const {
    link.degraded = link.holds && resolved != seen.size();
    link.text = joinText( resolved, " of ", seen.size(), " resolved" );
    link.obstacle.waitsFor = std::move( waitsFor ); // while it does not hold, all of them
+   if ( fec_ ) {
+      readFecNextHops( link );
+   }
    return link;
 }
 
@@ -521,13 +431,12 @@ std::string ChainReader::l2ViaText( const Mpls::Hardware::L2Via& via ) const {
 
 ChainLink ChainReader::l2Adjacency() const {
    ChainLink link( "l2Adjacency", "L2 adjacency" );
-   if ( fec_ ) {
-      link.holds = true;
-      link.text = "none: programmed as a FEC";
+   if ( l2Adj_ == nullptr && !fec_ ) {
+      failsUntilReview( link, "none" );
       return link;
    }
    if ( l2Adj_ == nullptr ) {
-      failsUntilReview( link, "none" );
+      readFecL2Adjacency( link );
       return link;
    }
    const U32 written = adjacencyWritten();
@@ -540,6 +449,10 @@ ChainLink ChainReader::l2Adjacency() const {
       link.facts["l2Vias"].push_back( link.details.back() );
    }
    link.text = textOf( l2Adj_->index() );
+   if ( fec_ ) {
+      readFecL2Adjacency( link );
+      return link;
+   }
    if ( !refused ) {
       link.holds = true;
       return link;
@@ -553,29 +466,6 @@ ChainLink ChainReader::l2Adjacency() const {
       return link;
    }
    failsUntilRetry( link, link.text, l2Adj_->unprogrammedSince(), written );
-   return link;
-}
-
-ChainLink ChainReader::fec() const {
-   ChainLink link( "fec", "FEC" );
-   const Fib::FecId fecId = fec_->fecId();
-   const std::string text = // as in the LFIB's text of a via into it
-      joinText( "fec:", fecId.value() >> Fib::adjTypePos(), ":", fecId.index() );
-   link.facts["fecId"] = text;
-   link.facts["hwId"] = fec_->hwId();
-   link.text = joinText( text, ", hardware id ", fec_->hwId() );
-   if ( fec_->hwId() != 0 ) {
-      link.holds = true;
-      return link;
-   }
-   link.text += ": not answered yet";
-   if ( switch_ && switch_->waitingFecHas( fec_->fecId() ) ) {
-      const UnprogrammedReason reason = switch_->waitingFec( fec_->fecId() );
-      link.facts["reason"] = stringValue( reason );
-      link.text += joinText( ": ", reason );
-   }
-   fails( link, link.text, recordSince(),
-          "the hardware layer's answer to the request for the FEC" );
    return link;
 }
 
@@ -627,19 +517,6 @@ ChainLink ChainReader::hwConfig() const {
                     : joinText( "label forwarding is on; route version ", written_->version,
                                 ", adjacency version ", adjacencyWritten(), " written" );
    return link;
-}
-
-// Into a FEC a route is written without versions, by calls that answer at once.
-void ChainReader::readFecRoute( ChainLink& link ) const {
-   if ( record_->extFecInfo() && !record_->unprogrammed() ) {
-      link.holds = true;
-      link.text = "the route forwards into the FEC";
-   } else if ( status_->unprogrammedRouteHas( key_ ) ) {
-      failsUntilRetry( link, joinText( "refused: ", routeReason() ), recordSince(),
-                       record_->unconfirmedWrites() );
-   } else {
-      failsUntilReview( link, "the route is not written" );
-   }
 }
 
 // The route has been written, and what the driver reports is not it.
@@ -722,7 +599,9 @@ ChainLink ChainReader::published() const {
    std::string text = info ? textOf( info->statusCode ) : "nothing";
    text += adjacency ? joinText( ", L3 adjacency ", adjacency->index() ) : "";
    const RouteStatusCode expected = expectedCode();
-   if ( info && adjacency && adjacency == hwAdj_ && info->statusCode == expected &&
+   const ExternalFecInfo* const in = record_ ? record_->extFecInfo().get() : nullptr;
+   const bool sameFec = route && route->fecId == ( in ? in->fecId() : Fib::FecId() );
+   if ( info && adjacency && adjacency == hwAdj_ && sameFec && info->statusCode == expected &&
         expected != RouteStatusCode::notProgrammed ) {
       link.holds = true;
       link.degraded = pending;
@@ -736,8 +615,6 @@ ChainLink ChainReader::published() const {
    }
    return link;
 }
-
-} // namespace
 
 std::string_view name( ExplainState state ) {
    switch ( state ) {

@@ -32,7 +32,8 @@ namespace Vel::Agent {
 
 enum class ExplainState : uint8_t {
    programmed,          ///< forwards by all of its vias
-   partiallyProgrammed, ///< forwards, without the vias whose next hop is not resolved
+   partiallyProgrammed, ///< forwards, but not by all that is meant: next hops are not resolved, the
+                        ///< backup stands in, or it stays in the FEC of before
    unprogrammed,        ///< does not forward, or not as the LFIB wants it now
    ignored,             ///< in the LFIB, and not for MPLS forwarding
    absent               ///< not in the LFIB
@@ -77,7 +78,7 @@ class Explanation {
    ExplainState state() const { return state_; }
    /// The time of the explanation, in seconds.
    double now() const { return now_; }
-   /// From the LFIB down. The FEC is there only where the adjacency has one.
+   /// From the LFIB down. The FEC is there only where the adjacency or the route has one.
    const std::vector< ChainLink >& links() const { return links_; }
    /// The first link that does not hold; null when all do, and for an ignored label, where nothing
    /// is wanted.

@@ -9,6 +9,16 @@ namespace Vel::Agent {
 using Mpls::Hardware::AdjacencyVia;
 using Mpls::Hardware::L2Via;
 
+namespace {
+
+/// What is behind the interface is another agent's.
+bool leadsElsewhere( IntfId intf ) {
+   return intf.kind() == IntfId::Kind::nexthopGroup || intf.kind() == IntfId::Kind::dynamicTunnel ||
+          intf.kind() == IntfId::Kind::hierarchicalFec;
+}
+
+} // namespace
+
 std::string ImpactTarget::text( const InterfaceName& name ) const {
    return nextHop ? nextHopText( *nextHop, intf, name ) : "interface " + name( intf );
 }
@@ -18,7 +28,13 @@ Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
      nextHops_( entities ),
      hwMplsStatus_( mountedRoot< Mpls::Hardware::Status >( entities, "routingHwMplsStatus" ) ),
      lfibHwStatus_( mountedRoot< Mpls::LfibHwStatus >( entities, "lfibHwStatus" ) ),
-     state_( mountedRoot< MplsSm >( entities, "mplsSm" ).mplsState( LfibIntent::vrf() ) ) {
+     state_( mountedRoot< MplsSm >( entities, "mplsSm" ).mplsState( LfibIntent::vrf() ) ),
+     adjHwStatus_( nextHops_.status().adjHwStatus().get() ) {
+   const auto& numbers =
+      mountedRoot< Routing::Hardware::RouteStatus >( entities, "routingHwRouteStatus" );
+   if ( numbers.vrfStatusHas( LfibIntent::vrf() ) ) {
+      vrfId_ = numbers.vrfStatus( LfibIntent::vrf() );
+   }
    known_ = someNextHop( entities );
    if ( !target.nextHop && target.intf.empty() ) {
       return; // nothing goes
@@ -29,6 +45,7 @@ Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
    std::ranges::sort( l3Adjacencies_, {}, &ImpactedAdjacency::index );
    std::ranges::sort( l2Adjacencies_, {}, &ImpactedAdjacency::index );
    std::ranges::sort( fecs_, {}, &ImpactedFec::fecId );
+   std::ranges::sort( foreign_, {}, &ForeignWay::fecId );
 }
 
 // --- What goes.
@@ -98,6 +115,12 @@ void Impact::eachWay( const Adjacency& adjacency, const F& call ) {
 
 WaysLeft Impact::waysOf( const Adjacency& adjacency ) {
    WaysLeft ways;
+   for ( const auto& [index, via] : adjacency.via() ) {
+      if ( leadsElsewhere( via.intf ) ) {
+         ++ways.of; // taken for untouched
+         ++ways.left;
+      }
+   }
    eachWay( adjacency, [&]( const AdjacencyVia&, const WayOut&, bool gone ) {
       ++ways.of;
       ways.left += !gone;
@@ -107,42 +130,92 @@ WaysLeft Impact::waysOf( const Adjacency& adjacency ) {
 
 void Impact::findL3Adjacencies() {
    for ( const auto& [index, adjacency] : hwMplsStatus_.adjacency() ) {
-      ImpactedAdjacency hit{ index, waysOf( *adjacency ), {} };
-      if ( !hit.ways.hit() ) {
-         continue;
+      const WaysLeft ways = waysOf( *adjacency );
+      const L3Adjacency* const l3Adj = state_ ? state_->l3Adjacency( index ) : nullptr;
+      if ( ways.hit() ) {
+         const L3Adjacency* const backup = l3Adj ? protectorOf( *l3Adj ) : nullptr;
+         const bool stays = backup && !waysOf( *hwMplsStatus_.adjacency( backup->index() ) ).none();
+         l3Adjacencies_.push_back(
+            { index, ways, stays ? std::optional( backup->index() ) : std::nullopt } );
       }
-      if ( const L3Adjacency* const l3Adj = state_ ? state_->l3Adjacency( index ) : nullptr ) {
-         hit.protectedBy = protectorOf( *l3Adj );
-         addUsers( *l3Adj, hit );
+      if ( l3Adj ) {
+         addUsers( *l3Adj, ways );
+         countForeign( *l3Adj, *adjacency );
       }
-      l3Adjacencies_.push_back( hit );
    }
 }
 
-/// The backup, if that would not go as well.
-std::optional< U64 > Impact::protectorOf( const L3Adjacency& l3Adj ) {
-   const L3Adjacency* const backup = l3Adj.backupAdj().get();
-   const Adjacency* const adjacency = backup ? hwMplsStatus_.adjacency( backup->index() ) : nullptr;
-   if ( adjacency == nullptr || waysOf( *adjacency ).none() ) {
-      return std::nullopt;
-   }
-   return backup->index();
+/// The adjacency whose FEC stands by in that of this one; null when none does.
+const L3Adjacency* Impact::protectorOf( const L3Adjacency& l3Adj ) const {
+   const ExternalFecInfo* const fec = l3Adj.extFecInfo().get();
+   const L3Adjacency* const backup =
+      fec && fec->backupExtFecInfo() ? l3Adj.backupAdj().get() : nullptr;
+   return backup && hwMplsStatus_.adjacency( backup->index() ) ? backup : nullptr;
 }
 
-void Impact::addUsers( const L3Adjacency& l3Adj, const ImpactedAdjacency& hit ) {
-   for ( const Mpls::RouteKey key : l3Adj.routeKey() ) {
-      const Mpls::RouteInfo* const info = lfibHwStatus_.unprogrammedRoute().find( key );
-      if ( info && info->statusCode != Mpls::RouteStatusCode::notProgrammed ) {
-         labels_.push_back( { key, hit.ways, hit.protectedBy } );
-      }
+bool Impact::leavesByBackup( const L3Adjacency& l3Adj, const WaysLeft& primaries ) const {
+   return primaries.of == 0 ||
+          ( adjHwStatus_ && vrfId_ &&
+            adjHwStatus_->adjHwState( { *vrfId_, l3Adj.extFecInfo()->fecId() } ) ==
+               AdjHwState::backupActive );
+}
+
+bool Impact::inHardware( Mpls::RouteKey key ) const {
+   const Mpls::RouteInfo* const info = lfibHwStatus_.unprogrammedRoute().find( key );
+   return info && info->statusCode != Mpls::RouteStatusCode::notProgrammed;
+}
+
+/// Labels and FEC of the adjacency, by what they leave by now.
+void Impact::addUsers( const L3Adjacency& l3Adj, WaysLeft ways ) {
+   const L3Adjacency* backup = protectorOf( l3Adj );
+   const bool onBackup = backup && leavesByBackup( l3Adj, ways );
+   if ( backup ) {
+      const WaysLeft ofBackup = waysOf( *hwMplsStatus_.adjacency( backup->index() ) );
+      ways = onBackup ? ofBackup : ways;
+      backup = onBackup || ofBackup.none() ? nullptr : backup;
    }
-   if ( !l3Adj.extFecInfo() ) {
+   if ( !ways.hit() ) {
       return;
    }
-   const Fib::FecId fecId = l3Adj.extFecInfo()->fecId();
+   const std::optional< U64 > by = backup ? std::optional( backup->index() ) : std::nullopt;
+   for ( const Mpls::RouteKey key : l3Adj.routeKey() ) {
+      if ( inHardware( key ) ) {
+         labels_.push_back( { key, ways, by, onBackup } );
+      }
+   }
+   if ( l3Adj.extFecInfo() ) {
+      addFec( l3Adj.extFecInfo()->fecId(), ways, backup );
+   }
+}
+
+void Impact::addFec( Fib::FecId fecId, WaysLeft ways, const L3Adjacency* backup ) {
    const auto same = std::ranges::find( fecs_, fecId, &ImpactedFec::fecId );
    if ( same == fecs_.end() ) {
-      fecs_.push_back( { fecId, hit.ways, hit.protectedBy } );
+      fecs_.push_back(
+         { fecId, ways, backup ? std::optional( backup->extFecInfo()->fecId() ) : std::nullopt } );
+   }
+}
+
+void Impact::countForeign( const L3Adjacency& l3Adj, const Adjacency& adjacency ) {
+   Fib::FecId fecId;
+   bool elsewhere = false;
+   for ( const auto& [index, via] : adjacency.via() ) {
+      elsewhere = elsewhere || leadsElsewhere( via.intf );
+      fecId = std::max( fecId, Fib::FecIdIntfId::intfIdToFecId( via.intf ) ); // of a tunnel: none
+   }
+   if ( !elsewhere ) {
+      return;
+   }
+   size_t labels = 0;
+   for ( const Mpls::RouteKey key : l3Adj.routeKey() ) {
+      labels += inHardware( key );
+   }
+   if ( fecId == Fib::FecId() ) {
+      tunnelLabels_ += labels;
+   } else if ( labels != 0 ) {
+      const auto same = std::ranges::find( foreign_, fecId, &ForeignWay::fecId );
+      ( same == foreign_.end() ? foreign_.emplace_back( ForeignWay{ fecId } ) : *same ).labels +=
+         labels;
    }
 }
 

@@ -9,6 +9,11 @@
 // loses an L2 via when the last way out that comes to it goes; others that resolve to the same
 // rewrite keep it. Labels that are not in hardware are not forwarded, and lose nothing.
 //
+// Where the hardware has FECs, a label leaves by its primary vias, and by its backup when none of
+// them is a way out, or when hardware says that the backup is in use. It loses what it leaves by
+// now; a label that would change over to its backup is protected. What is in the FECs of other
+// agents and in tunnels is not known here: it is counted, and taken for untouched.
+//
 //    const Impact impact( entityManager, { .nextHop = address } );
 //    if ( impact.known() ) ... impact.labels() ...
 //
@@ -47,10 +52,22 @@ struct WaysLeft {
    friend bool operator==( const WaysLeft&, const WaysLeft& ) = default;
 };
 
+/// Whoever would change over to its backup.
+template< class Hit >
+bool changesOver( const Hit& hit ) {
+   return hit.ways.none() && hit.protectedBy.has_value();
+}
+/// Whoever would be left without a way out.
+template< class Hit >
+bool losesAll( const Hit& hit ) {
+   return hit.ways.none() && !hit.protectedBy;
+}
+
 struct ImpactedLabel {
    Mpls::RouteKey label;
    WaysLeft ways;
-   std::optional< U64 > protectedBy; ///< L3 adjacency that would take over
+   std::optional< U64 > protectedBy; ///< L3 adjacency that would take over, or would still stand by
+   bool onBackup = false;            ///< the ways are those of its backup, by which it leaves now
 };
 
 struct ImpactedAdjacency {
@@ -62,7 +79,13 @@ struct ImpactedAdjacency {
 struct ImpactedFec {
    Fib::FecId fecId;
    WaysLeft ways;
-   std::optional< U64 > protectedBy;
+   std::optional< Fib::FecId > protectedBy; ///< the FEC that would take over
+};
+
+/// Labels that leave by what is not known here.
+struct ForeignWay {
+   Fib::FecId fecId; ///< of another agent
+   size_t labels = 0;
 };
 
 class Impact {
@@ -78,6 +101,10 @@ class Impact {
    const std::vector< ImpactedAdjacency >& l3Adjacencies() const { return l3Adjacencies_; }
    const std::vector< ImpactedAdjacency >& l2Adjacencies() const { return l2Adjacencies_; }
    const std::vector< ImpactedFec >& fecs() const { return fecs_; }
+   /// FECs of other agents that labels in hardware leave by, whatever goes; in the order of ids.
+   const std::vector< ForeignWay >& foreign() const { return foreign_; }
+   /// Labels in hardware that leave by tunnels, whatever goes.
+   size_t tunnelLabels() const { return tunnelLabels_; }
 
  private:
    using Adjacency = Mpls::Hardware::Adjacency;
@@ -90,21 +117,29 @@ class Impact {
    WaysLeft waysOf( const Adjacency& adjacency );
    bool someNextHop( const EntityManager& entities ) const;
    void findL3Adjacencies();
-   std::optional< U64 > protectorOf( const L3Adjacency& l3Adj );
-   void addUsers( const L3Adjacency& l3Adj, const ImpactedAdjacency& hit );
+   const L3Adjacency* protectorOf( const L3Adjacency& l3Adj ) const;
+   bool inHardware( Mpls::RouteKey key ) const;
+   void addUsers( const L3Adjacency& l3Adj, WaysLeft ways );
+   void addFec( Fib::FecId fecId, WaysLeft ways, const L3Adjacency* backup );
+   void countForeign( const L3Adjacency& l3Adj, const Adjacency& adjacency );
+   bool leavesByBackup( const L3Adjacency& l3Adj, const WaysLeft& primaries ) const;
    void findL2Adjacencies();
 
    const ImpactTarget target_;
    const NextHopView nextHops_;
    const Mpls::Hardware::Status& hwMplsStatus_;
    const Mpls::LfibHwStatus& lfibHwStatus_;
-   const VrfMplsState* state_;  // null while there is none
+   const VrfMplsState* state_;      // null while there is none
+   const AdjHwStatus* adjHwStatus_; // null where hardware does not report protection
+   std::optional< VrfId > vrfId_;
    std::vector< WayOut > ways_; // memory for one via
    bool known_ = false;
    std::vector< ImpactedLabel > labels_;
    std::vector< ImpactedAdjacency > l3Adjacencies_;
    std::vector< ImpactedAdjacency > l2Adjacencies_;
    std::vector< ImpactedFec > fecs_;
+   std::vector< ForeignWay > foreign_;
+   size_t tunnelLabels_ = 0;
 };
 
 /// What the reader is told to have asked for.
@@ -114,7 +149,8 @@ struct ImpactQuestion {
    std::string text;
 };
 
-/// A summary in the first line, then who loses all, then who loses some. False when the stream
+/// A summary in the first line, then who loses all, who changes over to a backup, and who loses
+/// some. False when the stream
 /// could not take it.
 bool printText( std::ostream& out, const Impact& impact, const ImpactQuestion& question );
 /// One JSON object.

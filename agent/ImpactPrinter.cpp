@@ -1,6 +1,7 @@
 #include "agent/Impact.h"
 
 #include <algorithm>
+#include <array>
 #include <ostream>
 
 namespace Vel::Agent {
@@ -13,15 +14,21 @@ std::string leftText( const WaysLeft& ways ) {
    return joinText( ways.left, " of ", counted( ways.of, "way", "ways" ), " left" );
 }
 
-template< class Hit >
-std::string protectedText( const Hit& hit ) {
-   return hit.protectedBy ? joinText( ", protected by L3 adjacency ", *hit.protectedBy ) : "";
+/// What takes over, or stands by: "L3 adjacency 7", "FEC 10:3".
+std::string standby( U64 l3Adjacency ) {
+   return joinText( "L3 adjacency ", l3Adjacency );
+}
+std::string standby( Fib::FecId fecId ) {
+   return "FEC " + fecIdText( fecId );
 }
 
-template< class Hits >
-size_t losingAll( const Hits& hits ) {
-   return static_cast< size_t >(
-      std::ranges::count_if( hits, []( const auto& hit ) { return hit.ways.none(); } ) );
+template< class Hit >
+std::string fateText( const Hit& hit ) {
+   if ( changesOver( hit ) ) {
+      return "moves to its backup, " + standby( *hit.protectedBy );
+   }
+   return leftText( hit.ways ) +
+          ( hit.protectedBy ? ", protected by " + standby( *hit.protectedBy ) : "" );
 }
 
 /// Hands text on in large pieces.
@@ -50,29 +57,66 @@ class Lines {
    std::string text_;
 };
 
-void addLabels( Lines& lines, const Impact& impact, bool all ) {
-   for ( const ImpactedLabel& hit : impact.labels() ) {
-      if ( hit.ways.none() == all ) {
-         const bool stops = all && !hit.protectedBy;
-         lines.add( joinText( hit.label, "  ", stops ? "stops forwarding" : leftText( hit.ways ),
-                              protectedText( hit ), "\n" ) );
+/// Who loses all, who changes over, who loses some: in this order.
+enum class Fate : uint8_t { losesAll, changesOver, losesSome };
+constexpr std::array fates{ Fate::losesAll, Fate::changesOver, Fate::losesSome };
+
+template< class Hit >
+Fate fateOf( const Hit& hit ) {
+   return losesAll( hit )      ? Fate::losesAll
+          : changesOver( hit ) ? Fate::changesOver
+                               : Fate::losesSome;
+}
+
+template< class Hits >
+size_t countOf( const Hits& hits, Fate fate ) {
+   return static_cast< size_t >(
+      std::ranges::count_if( hits, [fate]( const auto& hit ) { return fateOf( hit ) == fate; } ) );
+}
+
+void addLabels( Lines& lines, const Impact& impact ) {
+   for ( const Fate fate : fates ) {
+      for ( const ImpactedLabel& hit : impact.labels() ) {
+         if ( fateOf( hit ) == fate ) {
+            lines.add( joinText( hit.label, "  ",
+                                 fate == Fate::losesAll ? "stops forwarding" : fateText( hit ),
+                                 hit.onBackup ? ", is on its backup now\n" : "\n" ) );
+         }
       }
    }
 }
 
 template< class Hits, class Number >
 void addHits( Lines& lines, std::string_view what, const Hits& hits, const Number& number ) {
-   for ( const bool all : { true, false } ) {
+   for ( const Fate fate : fates ) {
       for ( const auto& hit : hits ) {
-         if ( hit.ways.none() == all ) {
-            lines.add( joinText( what, " ", number( hit ), "  ", leftText( hit.ways ),
-                                 protectedText( hit ), "\n" ) );
+         if ( fateOf( hit ) == fate ) {
+            lines.add( joinText( what, " ", number( hit ), "  ", fateText( hit ), "\n" ) );
          }
       }
    }
 }
 
-/// `"loseAll":[...],"loseSome":[{..., "left":1,"of":2}],"protected":[...]`.
+void addForeign( Lines& lines, const Impact& impact ) {
+   for ( const ForeignWay& way : impact.foreign() ) {
+      lines.add( joinText( counted( way.labels, "label leaves", "labels leave" ), " through FEC ",
+                           fecIdText( way.fecId ), " of another agent: taken for untouched\n" ) );
+   }
+   if ( impact.tunnelLabels() != 0 ) {
+      lines.add( counted( impact.tunnelLabels(), "label leaves", "labels leave" ) +
+                 " through tunnels: taken for untouched\n" );
+   }
+}
+
+std::string jsonStandby( U64 l3Adjacency ) {
+   return textOf( l3Adjacency );
+}
+std::string jsonStandby( Fib::FecId fecId ) {
+   return jsonText( fecIdText( fecId ) );
+}
+
+/// `"loseAll":[...],"loseSome":[{..., "left":1,"of":2}],"protected":[{..., "by":7}]`, each hit in
+/// one of the three.
 template< class Hits, class Value >
 void addJsonHits( Lines& lines, const Hits& hits, std::string_view member, const Value& value ) {
    std::string_view separator;
@@ -86,7 +130,7 @@ void addJsonHits( Lines& lines, const Hits& hits, std::string_view member, const
    };
    lines.add( "\"loseAll\":[" );
    for ( const auto& hit : hits ) {
-      if ( hit.ways.none() ) {
+      if ( losesAll( hit ) ) {
          one( hit, "", "" );
       }
    }
@@ -101,9 +145,9 @@ void addJsonHits( Lines& lines, const Hits& hits, std::string_view member, const
    lines.add( "],\"protected\":[" );
    separator = "";
    for ( const auto& hit : hits ) {
-      if ( hit.protectedBy ) {
+      if ( changesOver( hit ) ) {
          one( hit, joinText( "{\"", member, "\":" ),
-              joinText( ",\"by\":", *hit.protectedBy, "}" ) );
+              joinText( ",\"by\":", jsonStandby( *hit.protectedBy ), "}" ) );
       }
    }
    lines.add( "]" );
@@ -113,17 +157,22 @@ void addJsonHits( Lines& lines, const Hits& hits, std::string_view member, const
 
 bool printText( std::ostream& out, const Impact& impact, const ImpactQuestion& question ) {
    Lines lines( out );
-   const size_t all = losingAll( impact.labels() );
-   const size_t some = impact.labels().size() - all;
-   lines.add( joinText( "if ", harmlessText( question.text ),
-                        " goes: ", counted( all, "label loses", "labels lose" ), " all ways out, ",
-                        counted( some, "label loses", "labels lose" ), " some\n" ) );
-   addLabels( lines, impact, true );
-   addLabels( lines, impact, false );
+   const size_t all = countOf( impact.labels(), Fate::losesAll );
+   const size_t moving = countOf( impact.labels(), Fate::changesOver );
+   const size_t some = countOf( impact.labels(), Fate::losesSome );
+   lines.add( joinText(
+      "if ", harmlessText( question.text ), " goes: ", counted( all, "label loses", "labels lose" ),
+      " all ways out, ",
+      moving == 0 ? ""
+                  : counted( moving, "label moves to its backup, ", "labels move to a backup, " ),
+      counted( some, "label loses", "labels lose" ), " some\n" ) );
+   addLabels( lines, impact );
    const auto index = []( const ImpactedAdjacency& hit ) { return hit.index; };
    addHits( lines, "L3 adjacency", impact.l3Adjacencies(), index );
    addHits( lines, "L2 adjacency", impact.l2Adjacencies(), index );
-   addHits( lines, "FEC", impact.fecs(), []( const ImpactedFec& hit ) { return hit.fecId; } );
+   addHits( lines, "FEC", impact.fecs(),
+            []( const ImpactedFec& hit ) { return fecIdText( hit.fecId ); } );
+   addForeign( lines, impact );
    return lines.finish();
 }
 
@@ -144,16 +193,18 @@ bool printJson( std::ostream& out, const Impact& impact, const ImpactQuestion& q
    addJsonHits( lines, impact.l3Adjacencies(), "index", index );
    lines.add( "},\n\"l2Adjacencies\":{" );
    addJsonHits( lines, impact.l2Adjacencies(), "index", index );
-   lines.add( "},\n\"fecs\":[" );
+   lines.add( "},\n\"fecs\":{" );
+   addJsonHits( lines, impact.fecs(), "fec", []( std::string& text, const ImpactedFec& hit ) {
+      text += jsonText( fecIdText( hit.fecId ) );
+   } );
+   lines.add( "},\n\"foreign\":[" );
    std::string_view separator;
-   for ( const ImpactedFec& hit : impact.fecs() ) {
-      lines.add( joinText(
-         separator, "{\"fecId\":", hit.fecId, ",\"left\":", hit.ways.left, ",\"of\":", hit.ways.of,
-         hit.protectedBy ? joinText( ",\"protectedBy\":", *hit.protectedBy ) : std::string(),
-         "}" ) );
+   for ( const ForeignWay& way : impact.foreign() ) {
+      lines.add( joinText( separator, "{\"fec\":", jsonText( fecIdText( way.fecId ) ),
+                           ",\"labels\":", way.labels, "}" ) );
       separator = ",";
    }
-   lines.add( "]}\n" );
+   lines.add( joinText( "],\"tunnelLabels\":", impact.tunnelLabels(), "}\n" ) );
    return lines.finish();
 }
 

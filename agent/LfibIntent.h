@@ -1,10 +1,11 @@
 // LfibIntent: what the inputs say shall happen to a label.
 //
 // The LFIB names a label's vias, the L3 layer says where their next hops are; from the two follows
-// by which L2 vias frames with the label shall leave. The function is naive on purpose: it goes
-// from the label to the ways out each time, remembers nothing and knows no history. It shares no
-// code with the state machine, which comes to the same by events, records and work sets: where the
-// two agree, they agree for different reasons.
+// by which L2 vias frames with the label shall leave, and what the FEC shall be made of where the
+// hardware has FECs. The function is naive on purpose: it goes from the label to the ways out each
+// time, remembers nothing and knows no history. It shares no code with the state machine, which
+// comes to the same by events, records and work sets: where the two agree, they agree for different
+// reasons. Of the state machine it asks one thing, whether the hardware has FECs.
 //
 //    const LfibIntent inputs( entityManager );
 //    Intent intent;
@@ -12,7 +13,8 @@
 //
 // NextHopView is the half that knows next hops.
 //
-// Cost: a look-up for the route, one for the via set and two for each via.
+// Cost: a look-up for the route, one for the via set and two for each via; for the backup the same
+// without the resolution.
 
 #pragma once
 
@@ -21,6 +23,7 @@
 
 #include "platform/Assert.h"
 #include "platform/EntityManager.h"
+#include "platform/FecTables.h"
 #include "platform/HwMplsStatus.h"
 #include "platform/L3Status.h"
 #include "platform/LfibStatus.h"
@@ -59,15 +62,30 @@ enum class IntentKind : uint8_t {
    unsound,    ///< some via cannot be forwarded with
    unresolved, ///< no next hop is resolved
    forwarded,  ///< by `vias`
-   elsewhere   ///< into a FEC or a replication group, which L2 vias do not tell
+   elsewhere   ///< into a replication group, which neither L2 vias nor FECs tell
+};
+
+/// What a via set asks of its FEC.
+struct FecIntent {
+   /// The FEC of another agent, whose content is that agent's; else none.
+   Fib::FecId foreign;
+   /// In via order, each with its whole operation; a drop for each where the primary vias may not
+   /// be used.
+   std::vector< Fib::FecVia > vias;
+   Mpls::LfibViaSetKey backup;            ///< the via set that shall protect it; empty: none
+   std::vector< Fib::FecVia > backupVias; ///< of the backup
+   std::string backupFault;               ///< why the backup cannot be one; empty when it can
 };
 
 struct Intent {
    IntentKind kind = IntentKind::absent;
    std::string reason;                        ///< why it is not forwarded; empty when it is
+   Mpls::LfibViaSetKey viaSetKey;             ///< empty where there is no route
    std::vector< Mpls::Hardware::L2Via > vias; ///< sorted, each once; of `forwarded` only
    size_t unresolvedVias = 0;                 ///< vias of the LFIB without a way out
    std::vector< NextHopKey > nextHops;        ///< that have to be watched for it
+   bool intoFec = false;                      ///< forwarded by `fec`, which resolves for itself
+   FecIntent fec;
 
    /// The route counts as one: it is published, be it as not programmed.
    bool accepted() const {
@@ -78,7 +96,8 @@ struct Intent {
 
 class LfibIntent {
  public:
-   /// Takes "transitLfib", what NextHopView takes, and "mplsRoutingInfo" where it is mounted.
+   /// Takes "transitLfib", "mplsSm", what NextHopView takes, and "mplsRoutingInfo" where it is
+   /// mounted.
    explicit LfibIntent( const EntityManager& entities );
 
    /// `intent` is overwritten and its memory used again.
@@ -89,13 +108,23 @@ class LfibIntent {
    static const L3::VrfName& vrf() { return L3::VrfName::defaultVrf(); }
 
  private:
+   enum class Leads : uint8_t { toNextHops, toGroup, toTunnel };
+
+   void readExternal( const Mpls::LfibViaSet& viaSet, Intent& intent ) const;
    void readVias( const Mpls::LfibViaSet& viaSet, Intent& intent ) const;
-   void addVia( const Mpls::LfibMplsVia& via, Intent& intent ) const;
+   std::string collect( const Mpls::LfibViaSet& viaSet, Leads& leads ) const;
+   void readFec( const Mpls::LfibViaSet& viaSet, Leads leads, Intent& intent ) const;
+   void readBackup( Mpls::LfibViaSetKey key, FecIntent& fec ) const;
+   void addWays( const Mpls::LfibMplsVia& via, Intent& intent ) const;
+   bool byFec( Mpls::LfibViaSetKey key, Leads leads ) const;
 
    const Mpls::LfibStatus& lfib_;
    const Mpls::RoutingInfo* routing_;
    NextHopView nextHops_;
-   mutable std::vector< WayOut > ways_; // memory for one via
+   const bool hasFecs_;
+   const bool fecsOnly_;                                // next hops are FECs too
+   mutable std::vector< WayOut > ways_;                 // memory for one via
+   mutable std::vector< Mpls::LfibMplsVia > collected_; // ... and for one via set
 };
 
 /// Sorts, and leaves one of those that are equal.

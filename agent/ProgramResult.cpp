@@ -219,8 +219,11 @@ ProgramResult::WaysOut ProgramResult::waysOut( Mpls::LfibViaSetKey viaSetKey ) c
 // What the published status says against what the hardware holds.
 std::string_view ProgramResult::contradiction( const Found& found ) const {
    if ( found.info == nullptr || found.info->statusCode == RouteStatusCode::notProgrammed ) {
-      return found.hardware ? "published as not programmed, but the hardware still forwards with it"
-                            : "";
+      // A FEC that leads nowhere is in hardware, and forwards nothing.
+      const bool idle = found.fec() && waysOut( found.lfib.viaSetKey ) == WaysOut::none;
+      return found.hardware && !idle
+                ? "published as not programmed, but the hardware still forwards with it"
+                : "";
    }
    if ( found.hardware == nullptr ) {
       return "published as programmed, but the hardware does not hold it";

@@ -36,6 +36,21 @@ void appendStack( std::string& out, Mpls::RouteKey key ) {
    out += ']';
 }
 
+/// What a via does with the label: "swap 17", "pop ipv4 uniform".
+template< class Via >
+void appendOperation( std::string& out, const Via& via ) {
+   appendText( out, via.labelAction );
+   for ( size_t i = 0; i < via.labelStack.stackSize(); ++i ) {
+      out += joinText( i == 0 ? " " : "/", via.labelStack.label( i ) );
+   }
+   if ( via.payloadType != Mpls::PayloadType::undefined ) {
+      out += joinText( " ", via.payloadType );
+   }
+   if ( via.ttlMode != Mpls::TtlMode::undefined ) {
+      out += joinText( " ", via.ttlMode );
+   }
+}
+
 } // namespace
 
 void appendJsonKey( std::string& out, Mpls::RouteKey key ) {
@@ -70,20 +85,37 @@ std::string viasText( const std::vector< Mpls::Hardware::L2Via >& vias,
                       const InterfaceName& name ) {
    std::string out;
    for ( const Mpls::Hardware::L2Via& via : vias ) {
-      out += joinText( out.empty() ? "" : ", ", via.labelAction );
-      for ( size_t i = 0; i < via.labelStack.stackSize(); ++i ) {
-         out += joinText( i == 0 ? " " : "/", via.labelStack.label( i ) );
-      }
-      if ( via.payloadType != Mpls::PayloadType::undefined ) {
-         out += joinText( " ", via.payloadType );
-      }
-      if ( via.ttlMode != Mpls::TtlMode::undefined ) {
-         out += joinText( " ", via.ttlMode );
-      }
+      out += out.empty() ? "" : ", ";
+      appendOperation( out, via );
       out += joinText( " to ", via.macAddr, " on ", intfText( via.intf, name ) );
       if ( via.vlanId != 0 ) {
          out += joinText( " vlan ", via.vlanId );
       }
+   }
+   return out.empty() ? "no vias" : out;
+}
+
+std::string fecIdText( Fib::FecId fecId ) {
+   return joinText( fecId.value() >> Fib::adjTypePos(), ":", fecId.index() );
+}
+
+std::string fecViasText( const std::vector< Fib::FecVia >& vias, const InterfaceName& name ) {
+   std::string out;
+   for ( const Fib::FecVia& via : vias ) {
+      out += out.empty() ? "" : ", ";
+      if ( via.drop ) {
+         out += "drop";
+         continue;
+      }
+      const bool plain =
+         via.labelAction == MplsLabelAction::none && via.labelStack.stackSize() == 0;
+      if ( via.intf.kind() == IntfId::Kind::hierarchicalFec && plain ) {
+         out += "into FEC " + fecIdText( Fib::FecIdIntfId::intfIdToFecId( via.intf ) );
+         continue;
+      }
+      appendOperation( out, via );
+      out += via.nextHop.empty() ? "" : joinText( " to ", via.nextHop );
+      out += via.intf.empty() ? "" : " on " + intfText( via.intf, name );
    }
    return out.empty() ? "no vias" : out;
 }

@@ -1,6 +1,7 @@
 // The audit: it must agree with what is sound, and find what anybody does to any stage behind the
 // state machine's back.
 
+#include "tests/agent/MountedRig.h"
 #include "tests/agent/ProgramFixtures.h"
 
 #include <cstdlib>
@@ -40,9 +41,25 @@ std::vector< std::string > linesOf( const AuditReport& report ) {
    return lines;
 }
 
-/// A route over all vias, one over a part of them, an unresolved, an unsound and an ignored one.
+/// The stages, "label stage" or "object stage", in order.
+std::vector< std::string > stagesOf( const AuditReport& report ) {
+   std::vector< std::string > stages;
+   for ( const AuditFinding& found : report.differences ) {
+      const std::string object = found.object.substr( 0, found.object.find_last_of( ' ' ) );
+      const std::string subject = !found.label.null()                  ? textOf( found.label )
+                                  : found.object == "label forwarding" ? found.object
+                                  : object.starts_with( "next hop" )   ? "next hop"
+                                                                       : object;
+      stages.push_back( joinText( subject, " ", name( found.stage ) ) );
+      EXPECT_NE( found.expected, found.found );
+   }
+   return stages;
+}
+
+/// Without FECs. A route over all vias, one over a part of them, an unresolved, an unsound and an
+/// ignored one.
 struct Audited : Programmed {
-   explicit Audited( LabelAgentSettings settings = {} )
+   explicit Audited( Driver::SwitchSettings hardware = {} )
       : Programmed( { tableOf( { routeOf( 100, { swapVia( 21, "10.0.0.1", "a" ) } ),
                                  routeOf( 200, { swapVia( 22, "10.0.0.1", "a" ),
                                                  swapVia( 22, "10.0.0.9", "a" ) } ),
@@ -54,7 +71,7 @@ struct Audited : Programmed {
                                  R"("payload":"ipv4","nextHop":"10.0.0.1","interface":"a"}]})",
                                  R"({"label":700,"kind":"decapsulation"})" } ) },
                     { neighborOf( "10.0.0.1", "a", 1 ), neighborOf( "fe80::2", "b", 2, 20 ) },
-                    std::move( settings ) ) {
+                    { .hardware = std::move( hardware ), .withFecs = false } ) {
       apply( 0 );
    }
    template< class T >
@@ -101,7 +118,12 @@ TEST( Audit, AgreesAfterWhateverHistory ) {
    std::mt19937_64 random( testSeed() );
    const auto below = [&]( uint64_t end ) { return random() % end; };
    const auto address = [&] { return "10.0.0." + std::to_string( 1 + below( 4 ) ); };
-   for ( int round = 0; round < 10; ++round ) {
+   const auto pop = []( const std::string& nextHop, const std::string& interface ) {
+      return joinText( R"({"action":"pop","payload":"ipv4","nextHop":")", nextHop,
+                       R"(","interface":")", interface, "\"}" );
+   };
+   for ( int round = 0; round < 16; ++round ) {
+      const bool withFecs = round % 2 != 0;
       std::vector< LabelTable > tables;
       for ( int table = 0; table < 8; ++table ) {
          std::vector< std::string > routes;
@@ -116,13 +138,22 @@ TEST( Audit, AgreesAfterWhateverHistory ) {
             if ( below( 12 ) == 0 ) {
                vias.emplace_back( R"({"action":"swap","outLabels":[28],"interface":"a"})" );
             }
-            if ( !vias.empty() ) {
+            if ( below( 6 ) == 0 ) {
+               vias = { pop( address(), "a" ) };
+            }
+            if ( !vias.empty() && withFecs && below( 3 ) == 0 ) {
+               const std::string backup =
+                  below( 2 ) ? pop( "10.0.0.2", "b" ) : swapVia( 100, address(), "a" );
+               routes.push_back( joinText(
+                  R"({"label":)", label, R"(,"vias":[)", joined( vias ), R"(],"backupVias":[)",
+                  backup, R"(],"usableAsPrimaryVias":)", below( 4 ) ? "true" : "false", "}" ) );
+            } else if ( !vias.empty() ) {
                routes.push_back( routeOf( label, vias ) );
             }
          }
          tables.push_back( tableOf( routes ) );
       }
-      Programmed made( tables );
+      Programmed made( tables, {}, { .withFecs = withFecs } );
       for ( size_t table = 0; table < tables.size(); ++table ) {
          Neighbor neighbor = neighborOf( address(), below( 2 ) ? "a" : "b",
                                          static_cast< uint8_t >( 1 + below( 2 ) ) );
@@ -262,24 +293,14 @@ TEST( Audit, FindsWhatEachStageWasDoneTo ) {
       const Audited made;
       one.tamper( made );
       const AuditReport report = audited( *made.agent );
-      std::vector< std::string > stages;
-      for ( const AuditFinding& found : report.differences ) {
-         const std::string object = found.object.substr( 0, found.object.find_last_of( ' ' ) );
-         const std::string subject = !found.label.null()                  ? textOf( found.label )
-                                     : found.object == "label forwarding" ? found.object
-                                     : object.starts_with( "next hop" )   ? "next hop"
-                                                                          : object;
-         stages.push_back( joinText( subject, " ", name( found.stage ) ) );
-         EXPECT_NE( found.expected, found.found );
-      }
-      EXPECT_EQ( stages, one.stages ) << testing::PrintToString( linesOf( report ) );
+      EXPECT_EQ( stagesOf( report ), one.stages ) << testing::PrintToString( linesOf( report ) );
       EXPECT_FALSE( report.clean() );
    }
 }
 
 TEST( Audit, RefusedRoutesDifferOnceAndSayWhy ) {
    const auto lines = []( Driver::SwitchSettings hardware ) {
-      const Audited made( { .hardware = std::move( hardware ) } );
+      const Audited made( std::move( hardware ) );
       return linesOf( audited( *made.agent ) );
    };
    const auto refuse = []( uint32_t label ) {
@@ -361,19 +382,282 @@ TEST( Audit, WhatIsOnItsWayIsPendingAndNoDifference ) {
    }
 }
 
-TEST( Audit, RoutesIntoFecsAreNotFollowedButMustNotBeWritten ) {
-   const Audited made;
-   const Ptr< L3Adjacency > l3Adj = made.state().route( RouteKey( 300 ) )->l3Adj();
-   l3Adj->extFecInfoIs( make< ExternalFecInfo >( Fib::FecId( 77 ), nullptr ) );
-   EXPECT_THAT(
-      linesOf( audited( *made.agent ) ),
-      ElementsAre( HasSubstr( "300 intent -> written: no route: forwards into a FEC" ) ) );
-   made.config().routeDel( RouteKey( 300 ) );
-   made.settle();
+// --- Routes into FECs.
+
+/// Protected, with the pop in the routes, IPv6, in part unresolved, into what other agents have, by
+/// the backup alone, and unsound.
+struct IntoFecs : Programmed {
+   explicit IntoFecs( Driver::SwitchSettings hardware = {} )
+      : Programmed( { table() },
+                    { neighborOf( "10.0.0.1", "a", 1 ), neighborOf( "10.0.0.2", "b", 2 ),
+                      neighborOf( "fe80::2", "b", 2 ), neighborOf( "10.0.0.3", "c", 3 ) },
+                    { .hardware = std::move( hardware ) } ) {
+      apply( 0 );
+   }
+   static LabelTable table() {
+      const auto pop = []( const std::string& nextHop, const std::string& interface ) {
+         return joinText( R"({"action":"pop","payload":"ipv4","nextHop":")", nextHop,
+                          R"(","interface":")", interface, "\"}" );
+      };
+      const auto guarded = []( uint32_t label, const std::string& via, const std::string& backup,
+                               const std::string& rest = "" ) {
+         return joinText( R"({"label":)", label, R"(,"vias":[)", via, R"(],"backupVias":[)", backup,
+                          "]", rest, "}" );
+      };
+      return tableOf(
+         { guarded( 100, swapVia( 21, "10.0.0.1", "a" ), swapVia( 22, "10.0.0.2", "b" ) ),
+           guarded( 200, pop( "10.0.0.1", "a" ), pop( "10.0.0.3", "c" ) ),
+           routeOf( 300, { swapVia( 23, "fe80::2", "b" ) } ),
+           routeOf( 400, { swapVia( 24, "10.0.0.1", "a" ), swapVia( 24, "10.0.0.9", "a" ) } ),
+           routeOf( 500, { R"({"action":"swap","outLabels":[25],"nextHopGroup":"g"})" } ),
+           routeOf( 510, { R"({"action":"swap","outLabels":[26],"tunnel":"t"})" } ),
+           R"({"label":520,"externalFec":"x"})",
+           guarded( 530, swapVia( 27, "10.0.0.1", "a" ), swapVia( 28, "10.0.0.2", "b" ),
+                    R"(,"usableAsPrimaryVias":false)" ),
+           routeOf( 600, { swapVia( 29, "10.0.0.8" ) } ) },
+         R"("nextHopGroups":[{"name":"g","vias":[{"nextHop":"10.0.0.1","interface":"a"}]}],)"
+         R"("tunnels":[{"name":"t","vias":[{"nextHop":"10.0.0.1","interface":"a"}]}],)"
+         R"("externalFecs":[{"name":"x","vias":[{"nextHop":"10.0.0.1","interface":"a"}]}],)" );
+   }
+   template< class T >
+   T& root( const std::string& rootName ) const {
+      return *agent->entityManager().root< T >( rootName );
+   }
+   const MplsSm& sm() const { return root< MplsSm >( "mplsSm" ); }
+   VrfMplsState& state() const {
+      return *root< MplsSm >( "mplsSm" ).mplsState( L3::VrfName::defaultVrf() );
+   }
+   FecIdToHwFecIdRequest& request() const {
+      return root< FecIdToHwFecIdRequest >( "hwFecIdRequest" );
+   }
+   FecIdToHwFecIdResponse& response() const {
+      return root< FecIdToHwFecIdResponse >( "hwFecIdResponse" );
+   }
+   Mpls::Hardware::Status& published() const {
+      return root< Mpls::Hardware::Status >( "routingHwMplsStatus" );
+   }
+   ExternalFecInfo& fecOf( uint32_t label ) const {
+      return *state().route( RouteKey( label ) )->l3Adj()->extFecInfo();
+   }
+   /// Does something to the content of the label's FEC as it is requested.
+   template< class F >
+   void rewrite( uint32_t label, const F& change ) const {
+      Fib::Fec fec = request().fec( fecOf( label ).fecId() );
+      change( fec );
+      request().fecIs( fec );
+      settle();
+   }
+};
+
+TEST( Audit, AgreesWithRoutesIntoFecs ) {
+   const IntoFecs made;
+   ASSERT_TRUE( made.fecOf( 200 ).popLabelActionRemoved() );
    const AuditReport report = audited( *made.agent );
-   EXPECT_THAT( linesOf( report ), IsEmpty() ); // its L2 adjacency and next hop are no leftovers
-   EXPECT_EQ( report.elsewhere, 1U );
-   l3Adj->extFecInfoIs( nullptr );
+   EXPECT_THAT( linesOf( report ), IsEmpty() );
+   EXPECT_TRUE( report.clean() );
+   EXPECT_EQ( report.agree, 9U );
+   EXPECT_EQ( report.elsewhere, 0U );
+}
+
+TEST( Audit, FindsWhatEachStageOfAFecWasDoneTo ) {
+   struct Case {
+      std::string what;
+      std::function< void( const IntoFecs& ) > tamper;
+      std::vector< std::string > stages;
+      std::string found; ///< part of the first one's text
+   };
+   const std::string written = " intent -> written";
+   const std::string reported = " written -> reported";
+   const std::string published = " reported -> published";
+   const Fib::FecId strange( U64{ 10 } << 56 | 77 );
+   for ( const Case& one : std::vector< Case >{
+            { "another label goes on",
+              []( const IntoFecs& made ) {
+                 made.rewrite( 100, []( Fib::Fec& fec ) { fec.via[0].labelStack = { 99 }; } );
+              },
+              { "100" + written },
+              "swap 99 to 10.0.0.1 on a" },
+            { "a via is missing",
+              []( const IntoFecs& made ) {
+                 made.rewrite( 400, []( Fib::Fec& fec ) { fec.via.pop_back(); } );
+              },
+              { "400" + written },
+              "swap 24 to 10.0.0.1 on a" },
+            { "the backup is missing",
+              []( const IntoFecs& made ) {
+                 made.rewrite( 100, []( Fib::Fec& fec ) {
+                    fec.via.pop_back();
+                    fec.backupFecId = {};
+                 } );
+              },
+              { "100" + written },
+              ", without a backup" },
+            { "a pop in the FEC and in the routes",
+              []( const IntoFecs& made ) {
+                 made.rewrite(
+                    200, []( Fib::Fec& fec ) { fec.via[0].labelAction = MplsLabelAction::pop; } );
+              },
+              { "200" + written },
+              "pop ipv4" },
+            { "a pop in neither",
+              []( const IntoFecs& made ) { made.fecOf( 200 ).popLabelActionRemovedIs( false ); },
+              { "200" + written },
+              "none" },
+            { "vias that are not to be used are",
+              []( const IntoFecs& made ) {
+                 made.rewrite( 530, []( Fib::Fec& fec ) { fec.via[0] = fec.via[1]; } );
+              },
+              { "530" + written },
+              "into FEC" },
+            { "a FEC and a number that nothing uses",
+              [strange]( const IntoFecs& made ) {
+                 made.request().fecIs( { strange, { {} }, {} } );
+                 made.request().hwFecIdRequestIs( { strange, L3::VrfName::defaultVrf() } );
+                 made.sm().numAllocator()->getNumber();
+                 made.settle();
+              },
+              { "FEC" + written, "FEC number" + written },
+              "requested" },
+            { "content without a request, and an answer",
+              [strange]( const IntoFecs& made ) {
+                 made.request().fecIs( { strange, { {} }, {} } );
+                 made.settle();
+                 made.response().hwFecIdIs( strange, { 9 } );
+              },
+              { "FEC" + written, "FEC" + reported },
+              "none" },
+            { "a number in use is given back",
+              []( const IntoFecs& made ) {
+                 made.sm().numAllocator()->releaseNumber( made.fecOf( 100 ).fecId().index() );
+              },
+              { "FEC" + written },
+              "not in use" },
+            { "the answer is withdrawn",
+              []( const IntoFecs& made ) {
+                 made.response().hwFecIdDel( made.fecOf( 300 ).fecId() );
+                 made.settle();
+              },
+              { "300" + reported },
+              "no answer for FEC 11:" },
+            { "another answer, which the state machine has not got to see",
+              []( const IntoFecs& made ) { made.fecOf( 300 ).hwIdIs( 99 ); },
+              { "300" + reported },
+              ", and 99 in use" },
+            { "the record says that the route is not in hardware",
+              []( const IntoFecs& made ) {
+                 made.state().route( RouteKey( 520 ) )->unprogrammedIs( true );
+              },
+              { "520" + reported, "520" + published },
+              "no route" },
+            { "another FEC is published, and another code",
+              []( const IntoFecs& made ) {
+                 Mpls::Hardware::Route route = made.published().route( RouteKey( 500 ) );
+                 route.fecId = made.fecOf( 300 ).fecId();
+                 made.published().routeIs( route );
+                 made.root< Mpls::LfibHwStatus >( "lfibHwStatus" )
+                    .unprogrammedRouteIs( { RouteKey( 400 ), RouteStatusCode::programmed } );
+              },
+              { "400" + published, "500" + published },
+              "programmed" },
+            { "another adjacency is published",
+              []( const IntoFecs& made ) {
+                 Mpls::Hardware::Route route = made.published().route( RouteKey( 510 ) );
+                 route.adjacency = made.published().route( RouteKey( 300 ) ).adjacency;
+                 made.published().routeIs( route );
+              },
+              { "510" + published },
+              "L3 adjacency" } } ) {
+      SCOPED_TRACE( one.what );
+      const IntoFecs made;
+      one.tamper( made );
+      const AuditReport report = audited( *made.agent );
+      ASSERT_EQ( stagesOf( report ), one.stages ) << testing::PrintToString( linesOf( report ) );
+      EXPECT_THAT( report.differences.front().found, HasSubstr( one.found ) );
+   }
+}
+
+TEST( Audit, SaysWhyAFecIsNotAsWanted ) {
+   using Vel::Test::RigSettings;
+   struct Case {
+      std::string what;
+      std::function< void( MountedRig& ) > make;
+      std::vector< std::string > lines; ///< part of each, in order
+      Driver::SwitchSettings hardware{};
+   };
+   const auto two = []( MountedRig& rig ) {
+      rig.viaSetIs( 1, MountedRig::swapOut( 1, 1 ) );
+      rig.routeIs( 16, 1 );
+      rig.settle();
+      rig.viaSetIs( 2, MountedRig::swapOut( 2, 2 ) );
+      rig.routeIs( 17, 2 );
+   };
+   Driver::SwitchSettings notReady;
+   EXPECT_EQ( notReady.faults.parse( "not-ready b",
+                                     []( std::string_view ) { return IntfId::ordinary( 2 ); } ),
+              std::nullopt );
+   Driver::SwitchSettings refuses;
+   EXPECT_EQ(
+      refuses.faults.parse( "refuse label 17", []( std::string_view ) { return IntfId(); } ),
+      std::nullopt );
+   for ( const Case& one : std::vector< Case >{
+            { "no room",
+              two,
+              { "17 written -> reported: a route into FEC 10:1 / no answer for FEC "
+                "10:1, refused: AdjacencyFull" },
+              { .fecCapacity = 1 } },
+            { "not ready",
+              two,
+              { "no answer for FEC 10:1, refused: InterfaceNotReady" },
+              notReady },
+            { "refused", two, { "a route into FEC 10:1 / refused: InterfaceNotReady" }, refuses },
+            { "another agent's FEC is not there",
+              []( MountedRig& rig ) { rig.externalIs( 16, Fib::FecId( U64{ 7 } << 56 | 5 ) ); },
+              { "no answer for FEC 7:5 of another agent" } },
+            { "the backup is missing",
+              []( MountedRig& rig ) {
+                 rig.protectedIs( 1, MountedRig::swapOut( 1, 1 ), 2 );
+                 rig.routeIs( 16, 1 );
+              },
+              { "16 intent -> written: swap 100 to 10.0.0.1 on intf1, backup "
+                "ldp/viaTypeMplsIp/unicast/2 / no FEC, waits for its backup: backup viaSet idx 2 "
+                "viaType viaTypeMplsIp missing from lfib" } },
+            { "the backup has a backup",
+              []( MountedRig& rig ) {
+                 rig.protectedIs( 1, MountedRig::swapOut( 1, 1 ), 2 );
+                 rig.protectedIs( 2, MountedRig::swapOut( 2, 2 ), 3 );
+                 rig.viaSetIs( 3, MountedRig::swapOut( 3, 3 ) );
+                 rig.routeIs( 16, 1 );
+              },
+              { ", without a backup: the backup has a backup" } },
+            { "mutual backups",
+              []( MountedRig& rig ) {
+                 rig.protectedIs( 1, MountedRig::swapOut( 1, 1 ), 2 );
+                 rig.protectedIs( 2, MountedRig::swapOut( 2, 2 ), 1 );
+                 rig.routeIs( 16, 1 );
+                 rig.routeIs( 17, 2 );
+              },
+              { "16 intent -> written", "17 intent -> written" } },
+            { "the FEC of another family has no room, and the route stays",
+              []( MountedRig& rig ) {
+                 rig.viaSetIs( 1, MountedRig::swapOut( 1, 1 ) );
+                 rig.routeIs( 16, 1 );
+                 rig.settle();
+                 rig.l3.neighborIs( "fe80::1", 1, 9 );
+                 rig.viaSetIs( 1, { Vel::Test::swapVia( 3, "fe80::1", 1, 100 ) } );
+              },
+              { "no answer for FEC 11:1, refused: AdjacencyFull, a route into FEC 10:0 stays" },
+              { .fecCapacity = 1 } } } ) {
+      SCOPED_TRACE( one.what );
+      MountedRig rig( { .hardware = one.hardware, .withFecs = true } );
+      rig.neighbors( 3 );
+      one.make( rig );
+      rig.settle();
+      const std::vector< std::string > lines = linesOf( Audit( *rig.entities ).run() );
+      ASSERT_EQ( lines.size(), one.lines.size() ) << testing::PrintToString( lines );
+      for ( size_t i = 0; i < lines.size(); ++i ) {
+         EXPECT_THAT( lines[i], HasSubstr( one.lines[i] ) );
+      }
+   }
 }
 
 TEST( Audit, TextAndJsonCountWhatTheLimitLeavesOut ) {
@@ -411,7 +695,9 @@ TEST( Audit, CommandsEndWithTheStatusOfWhatTheyFound ) {
    for ( const auto& [arguments, status] : std::vector< std::pair< std::string, int > >{
             { "audit" + all, 0 },
             { "audit" + labels, 0 },
-            { "audit --fault 'forget label 16002' --limit 0 --format json" + all, 3 },
+            { "audit --fault 'refuse label 16002' --limit 0 --format json" + all, 3 },
+            { "audit --without-fecs" + all, 0 },
+            { "audit --without-fecs --fault 'forget label 16002'" + all, 3 },
             { "audit --route-capacity 9" + all, 3 },
             { "audit", 2 },
             { "audit --limit -1" + all, 2 },

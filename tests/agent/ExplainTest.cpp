@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdio>
+#include <functional>
 #include <sstream>
 
 #include <sys/wait.h>
@@ -13,7 +14,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/LabelRig.h"
+#include "agent/ReportText.h"
+#include "tests/agent/MountedRig.h"
 #include "tests/agent/ProgramFixtures.h"
 
 namespace VelTest {
@@ -26,26 +28,14 @@ using Vel::Test::viaSetKey;
 
 constexpr U32 label = 16;
 
-/// A state machine that no LabelAgent has made: an explanation needs the entities alone. Route 16
-/// leaves by the neighbour 10.0.0.1 on the interface 1.
-class World : public Vel::Test::LabelRig {
+/// Route 16 leaves by the neighbour 10.0.0.1 on the interface 1.
+class World : public MountedRig {
  public:
-   explicit World( const std::string& faults = "", bool withFecs = false )
-      : LabelRig( { .hardware = planOf( faults ), .withFecs = withFecs } ) {
-      entities->rootIs( "clock", clock );
-      entities->rootIs( "mplsSm", sm );
-      entities->rootIs( "transitLfib", lfib );
-      entities->rootIs( "lfibHwStatus", lfibHwStatus );
-      entities->rootIs( "routingHwMplsStatus", hwMplsStatus );
-      entities->rootIs( "routingHwRouteStatus", routeStatus );
-      entities->rootIs( "mplsHwConfig", hwConfig );
-      entities->rootIs( "mplsHwStatus", hwStatus );
-      entities->rootIs( "velL3Status", l3Status );
-      entities->rootIs( "softwareSwitch", hardware->status() );
+   explicit World( const std::string& faults = "", bool withFecs = false, size_t fecCapacity = 0 )
+      : MountedRig( { .hardware = planOf( faults, fecCapacity ), .withFecs = withFecs } ) {
       viaSetIs( 1, { swapVia( 1, "10.0.0.1", 1, 100 ) } );
       routeIs( label, 1 );
    }
-   ~World() { entities->rootIs( "mplsSm", nullptr ); }
 
    void neighbor() { l3.neighborIs( "10.0.0.1", 1, 0x020000000001 ); }
    /// Works up to `seconds` after the start.
@@ -85,8 +75,9 @@ class World : public Vel::Test::LabelRig {
    static constexpr double start = 100.0;
 
  private:
-   static Driver::SwitchSettings planOf( const std::string& faults ) {
+   static Driver::SwitchSettings planOf( const std::string& faults, size_t fecCapacity ) {
       Driver::SwitchSettings settings;
+      settings.fecCapacity = fecCapacity;
       const auto find = []( std::string_view name ) {
          return IntfId::ordinary( name == "eth1" ? 1 : 2 );
       };
@@ -304,15 +295,182 @@ TEST( Explain, RefusedAdjacencyThatIsInHardwareForwards ) {
    EXPECT_TRUE( linkOf( told, "driver" ).degraded );
 }
 
-TEST( Explain, WhereTheHardwareHasFecs ) {
+// --- Hardware with FECs.
+
+struct FecCase {
+   std::string what;
+   std::function< void( World& ) > make; // behind which it works for a second
+   std::string verdict;                  // of route 16: state, blocker, what it waits for
+   std::string link;
+   std::string text; // part of that link's
+   std::string faults{};
+   size_t fecCapacity = 0;
+};
+
+Fib::FecId externalFec() {
+   return Fib::FecId( U64{ 7 } << 56 | 5 );
+}
+Fib::FecVia out( U32 intf ) {
+   Fib::FecVia via;
+   via.nextHop = Vel::Test::ip( joinText( "10.0.0.", intf ) );
+   via.intf = IntfId::ordinary( intf );
+   return via;
+}
+void fill( World& world ) { // the only FEC that there is room for
+   world.viaSetIs( 9, MountedRig::swapOut( 9, 2 ) );
+   world.routeDel( label );
+   world.routeIs( 99, 9 );
+   world.settle();
+   world.routeIs( label, 1 );
+}
+void protect( World& world ) {
+   world.protectedIs( 1, MountedRig::swapOut( 1, 1 ), 2 );
+   world.viaSetIs( 2, MountedRig::swapOut( 2, 2 ) );
+   world.settle();
+}
+void external( World& world, bool there ) {
+   world.externalIs( label, externalFec() );
+   if ( there ) {
+      world.hardware->fecUnit()->foreignFecIs( externalFec(), { out( 1 ) } );
+      world.settle();
+   }
+}
+
+TEST( Explain, EveryStateOfAFec ) {
+   const std::string answer = "the hardware layer's answer to the request for the FEC";
+   const std::string owner = "the agent that owns FEC 7:5 to make it known";
+   const std::string second = "ldp/viaTypeMplsIp/unicast/2";
+   const auto nothing = []( World& ) {};
+   for ( const FecCase& one : std::vector< FecCase >{
+            { "all is well", nothing, "programmed", "fec", "10:0, hardware id 1" },
+            { "not answered", nothing, "unprogrammed fec: " + answer, "fec",
+              "10:0, not answered yet", "late 100" },
+            { "no room", fill, "unprogrammed fec: room for another FEC in the hardware", "fec",
+              ", not answered yet: AdjacencyFull", "", 1 },
+            { "not ready", nothing, "unprogrammed fec: an interface of its vias to become ready",
+              "fec", ", not answered yet: InterfaceNotReady", "not-ready eth1" },
+            { "refused", nothing, "unprogrammed driver: ", "driver", "refused: InterfaceNotReady",
+              "refuse label 16" },
+            { "no next hop", []( World& world ) { world.l3.neighborDel( "10.0.0.1", 1 ); },
+              "unprogrammed+ nextHops: the neighbour 10.0.0.1 on " +
+                 textOf( IntfId::ordinary( 1 ) ),
+              "nextHops", "0 of 1 resolved" },
+            { "the backup is missing",
+              []( World& world ) { world.protectedIs( 1, MountedRig::swapOut( 1, 1 ), 2 ); },
+              "unprogrammed l3Adjacency: the via set " + second + " in the LFIB", "l3Adjacency",
+              "waits for its backup: backup viaSet idx 2" },
+            { "the backup of a backup does not protect",
+              []( World& world ) {
+                 world.protectedIs( 1, MountedRig::swapOut( 1, 1 ), 2 );
+                 world.protectedIs( 2, MountedRig::swapOut( 2, 2 ), 3 );
+                 world.viaSetIs( 3, MountedRig::swapOut( 3, 3 ) );
+              },
+              "programmed", "fec", ", not protected: viaSet idx 2 with backup viaSet idx 3" },
+            { "two that protect each other",
+              []( World& world ) {
+                 world.routeIs( 17, 2 );
+                 world.protectedIs( 1, MountedRig::swapOut( 1, 1 ), 2 );
+                 world.protectedIs( 2, MountedRig::swapOut( 2, 2 ), 1 );
+              },
+              "unprogrammed l3Adjacency: the via set " + second + " to lose its own backup",
+              "l3Adjacency", "waits for its backup: " },
+            { "in order", protect, "programmed", "fec", ", hardware id " },
+            { "the backup is in use",
+              []( World& world ) {
+                 protect( world );
+                 world.linkIs( 1, false );
+              },
+              "partiallyProgrammed", "fec", ", leaves by its backup" },
+            { "the backup is in use for want of a next hop",
+              []( World& world ) {
+                 protect( world );
+                 world.l3.neighborDel( "10.0.0.1", 1 );
+                 world.hardware->fecUnit()->reportStates();
+              },
+              "partiallyProgrammed", "nextHops", "0 of 1 resolved; the backup is in use" },
+            { "neither its own vias nor a backup",
+              []( World& world ) {
+                 Mpls::LfibViaSet viaSet( viaSetKey( 1 ) );
+                 viaSet.viaKeyAdd( Vel::Test::viaKey( 1 ) );
+                 viaSet.usableAsPrimaryViasIs( false );
+                 world.writer.viaSetIs( viaSet );
+              },
+              "unprogrammed+ fec: a backup, or the leave to use its own vias", "fec",
+              ": its vias are disabled, and it has no backup" },
+            { "both are down",
+              []( World& world ) {
+                 protect( world );
+                 world.linkIs( 1, false );
+                 world.linkIs( 2, false );
+              },
+              "unprogrammed+ fec: a link or a neighbour of its vias or of its backup", "fec",
+              "neither its vias nor its backup lead out" },
+            { "another agent's, not there yet", []( World& world ) { external( world, false ); },
+              "unprogrammed fec: " + owner, "fec", "7:5, of another agent, not there yet" },
+            { "another agent's", []( World& world ) { external( world, true ); }, "programmed",
+              "nextHops", "the other agent's" },
+            { "another agent's, vanished",
+              []( World& world ) {
+                 external( world, true );
+                 world.hardware->fecUnit()->foreignFecDel( externalFec() );
+              },
+              "unprogrammed fec: " + owner, "fec", "7:5, of another agent, not there yet" },
+            { "no room for the FEC of another family, the route stays",
+              []( World& world ) {
+                 world.settle();
+                 world.l3.neighborIs( "fe80::1", 1, 9 );
+                 world.viaSetIs( 1, { swapVia( 3, "fe80::1", 1, 100 ) } );
+              },
+              "partiallyProgrammed", "fec", "; the route stays in FEC 10:0", "", 1 } } ) {
+      SCOPED_TRACE( one.what );
+      World world( one.faults, true, one.fecCapacity );
+      world.neighbors( 3 );
+      one.make( world );
+      world.settle();
+      const Explanation told = world.explain();
+      const ChainLink* const blocker = told.blocker();
+      EXPECT_EQ( joinText( name( told.state() ), told.inHardware() && blocker ? "+" : "",
+                           blocker
+                              ? joinText( " ", blocker->name, ": ", blocker->obstacle.waitsFor )
+                              : "" ),
+                 one.verdict );
+      EXPECT_THAT( linkOf( told, one.link ).text, HasSubstr( one.text ) );
+      // The L2 adjacency is information: the route does not use it.
+      EXPECT_TRUE( linkOf( told, "l2Adjacency" ).holds || told.blocker()->name == "l3Adjacency" );
+      if ( told.state() == ExplainState::partiallyProgrammed ) {
+         EXPECT_TRUE( linkOf( told, one.link ).degraded );
+      }
+   }
+}
+
+TEST( Explain, FecLinkTellsWhatIsInTheFec ) {
+   World world( "", true );
+   world.neighbors( 2 );
+   const auto pop = []( U32 via, U32 intf ) {
+      Mpls::LfibMplsVia made = MountedRig::swapOut( via, intf ).front();
+      made.labelAction = MplsLabelAction::pop;
+      made.labelStack = {};
+      made.payloadType = Mpls::PayloadType::ipv4;
+      return std::vector{ made };
+   };
+   world.protectedIs( 1, pop( 1, 1 ), 2 );
+   world.viaSetIs( 2, pop( 2, 2 ) );
+   world.settle();
+   const ChainLink fec = linkOf( world.explain(), "fec" );
+   const std::string backup = fecIdText( world.l3Adj( 2 )->extFecInfo()->fecId() );
+   EXPECT_EQ( fec.facts["fecId"], fecIdText( world.l3Adj( 1 )->extFecInfo()->fecId() ) );
+   EXPECT_EQ( fec.facts["backupFecId"], backup );
+   EXPECT_EQ( fec.facts["popWithRoute"], true );
+   EXPECT_EQ( fec.facts["backupState"], "primaryActive" );
+   EXPECT_THAT( fec.details, testing::Contains( HasSubstr( "10.0.0.1 on " ) ) );
+   EXPECT_THAT( fec.details, testing::Contains( HasSubstr( "backup FEC " + backup ) ) );
+   EXPECT_THAT( fec.details, testing::Contains( HasSubstr( "the pop is in the route" ) ) );
+   EXPECT_THAT( fec.details, testing::Contains( HasSubstr( ", primaryActive" ) ) );
+}
+
+TEST( Explain, RefusedRouteIntoAFecIsTriedWhenItIsSaid ) {
    World world( "not-ready eth1 until 5; refuse label 16 from 4 until 8", true );
    world.neighbor();
-   world.runUntil( 1 );
-   EXPECT_EQ( world.verdict(),
-              "unprogrammed fec 0.000 0 the hardware layer's answer to the request "
-              "for the FEC" );
-   EXPECT_EQ( linkOf( world.explain(), "fec" ).text,
-              "fec:10:0, hardware id 0: not answered yet: InterfaceNotReady" );
    world.runUntil( 6 );
    EXPECT_THAT( world.verdict(), StartsWith( "unprogrammed driver 0.000" ) );
    EXPECT_NE( linkOf( world.explain(), "fec" ).facts["hwId"], 0 );
@@ -340,25 +498,28 @@ TEST( Explain, AgreesWithTheProgramResult ) {
    for ( const std::string faults :
          { "", "refuse label 16003", "forget label 16004; not-ready to-seattle",
            "adjacency-capacity 4", "route-capacity 4; late 3" } ) {
-      LabelAgentSettings settings;
-      ASSERT_EQ( settings.hardware.faults.parse(
-                    faults, []( std::string_view ) { return IntfId::ordinary( 1 ); } ),
-                 std::nullopt );
-      Programmed made( { loadLabelTable( examplePath( "labels" ) ),
-                         loadLabelTable( examplePath( "labels-link-down" ) ) },
-                       {}, settings );
-      NeighborTable neighbors = loadNeighborTable( examplePath( "neighbors" ) );
-      neighbors.neighbors.pop_back();
-      made.agent->neighborsAre( neighbors );
-      for ( size_t table = 0; table < 2; ++table ) {
-         made.apply( table );
-         const ProgramResult result( *made.agent );
-         ASSERT_NE( result.routes(), 0U );
-         for ( size_t i = 0; i < result.routes(); ++i ) {
-            const Explanation told( made.agent->entityManager(), result.key( i ),
-                                    []( IntfId intf ) { return textOf( intf ); } );
-            EXPECT_EQ( name( told.state() ), name( result.state( i ) ) )
-               << textOf( result.key( i ) ) << ' ' << faults;
+      for ( const bool withFecs : { false, true } ) {
+         LabelAgentSettings settings;
+         settings.withFecs = withFecs;
+         ASSERT_EQ( settings.hardware.faults.parse(
+                       faults, []( std::string_view ) { return IntfId::ordinary( 1 ); } ),
+                    std::nullopt );
+         Programmed made( { loadLabelTable( examplePath( "labels" ) ),
+                            loadLabelTable( examplePath( "labels-link-down" ) ) },
+                          {}, settings );
+         NeighborTable neighbors = loadNeighborTable( examplePath( "neighbors" ) );
+         neighbors.neighbors.pop_back();
+         made.agent->neighborsAre( neighbors );
+         for ( size_t table = 0; table < 2; ++table ) {
+            made.apply( table );
+            const ProgramResult result( *made.agent );
+            ASSERT_NE( result.routes(), 0U );
+            for ( size_t i = 0; i < result.routes(); ++i ) {
+               const Explanation told( made.agent->entityManager(), result.key( i ),
+                                       []( IntfId intf ) { return textOf( intf ); } );
+               EXPECT_EQ( name( told.state() ), name( result.state( i ) ) )
+                  << textOf( result.key( i ) ) << ' ' << faults << ' ' << withFecs;
+            }
          }
       }
    }

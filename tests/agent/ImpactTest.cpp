@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <nlohmann/json.hpp>
+
 #include "agent/Impact.h"
 
 namespace VelTest {
@@ -24,7 +26,8 @@ Programmed small() {
            R"({"stack":[600,601],"vias":[)" + swapVia( 26, "10.0.0.3", "b" ) + "]}" } ) },
       { neighborOf( "10.0.0.1", "a", 1 ), neighborOf( "fe80::1", "a", 1 ),
         neighborOf( "10.0.0.2", "a", 2 ), neighborOf( "10.0.0.2", "b", 2 ),
-        neighborOf( "10.0.0.3", "b", 3 ), neighborOf( "fe80::5", "c", 5 ) } );
+        neighborOf( "10.0.0.3", "b", 3 ), neighborOf( "fe80::5", "c", 5 ) },
+      { .withFecs = false } );
    made.apply( 0 );
    return made;
 }
@@ -148,34 +151,121 @@ TEST( Impact, TouchesNothing ) {
    EXPECT_EQ( everything(), before ) << "and nothing was queued";
 }
 
-TEST( Impact, RefusedLabelsLoseNothingAndBackupsProtect ) {
+TEST( Impact, RefusedLabelsLoseNothing ) {
    const Programmed made = small();
    const EntityManager& roots = made.agent->entityManager();
-   VrfMplsState& state = *roots.root< MplsSm >( "mplsSm" )->mplsState( L3::VrfName::defaultVrf() );
-   const auto adjacencyOf = [&]( uint32_t label ) {
-      return state.route( RouteKey( label ) )->l3Adj();
-   };
-   const ImpactTarget target = targetOf( *made.agent, "10.0.0.1", "" );
    roots.root< Mpls::LfibHwStatus >( "lfibHwStatus" )
       ->unprogrammedRouteIs( { RouteKey( 101 ), Mpls::RouteStatusCode::notProgrammed } );
-   EXPECT_EQ( labelsText( Impact( roots, target ) ), "100 0/1, 200 1/2" );
-   const auto fec = make< ExternalFecInfo >( Fib::FecId( 77 ), nullptr );
-   adjacencyOf( 100 )->extFecInfoIs( fec );
-   adjacencyOf( 100 )->backupAdjIs( adjacencyOf( 300 ) );
-   const Impact safe( roots, target );
-   EXPECT_EQ( safe.labels().front().protectedBy, adjacencyOf( 300 )->index() );
-   ASSERT_EQ( safe.fecs().size(), 1U );
-   EXPECT_EQ( safe.fecs().front().fecId, Fib::FecId( 77 ) );
+   EXPECT_EQ( labelsText( Impact( roots, targetOf( *made.agent, "10.0.0.1", "" ) ) ),
+              "100 0/1, 200 1/2" );
+}
+
+// --- Hardware with FECs.
+
+/// 100 changes over from a to b, 110 only loses a part, 120 has its backup on a too, 130 is meant
+/// to leave by its backup on b; the rest leaves by what other agents have.
+Programmed guarded() {
+   const auto route = []( uint32_t label, const std::vector< std::string >& vias,
+                          const std::string& backup, const std::string& rest = "" ) {
+      return joinText( R"({"label":)", label, R"(,"vias":[)", joined( vias ), R"(],"backupVias":[)",
+                       backup, "]", rest, "}" );
+   };
+   Programmed made(
+      { tableOf(
+         { route( 100, { swapVia( 21, "10.0.0.1", "a" ) }, swapVia( 22, "10.0.0.2", "b" ) ),
+           route( 110, { swapVia( 23, "10.0.0.1", "a" ), swapVia( 23, "10.0.0.3", "c" ) },
+                  swapVia( 22, "10.0.0.2", "b" ) ),
+           route( 120, { swapVia( 24, "10.0.0.1", "a" ) }, swapVia( 25, "10.0.0.4", "a" ) ),
+           route( 130, { swapVia( 26, "10.0.0.1", "a" ) }, swapVia( 22, "10.0.0.2", "b" ),
+                  R"(,"usableAsPrimaryVias":false)" ),
+           routeOf( 140, { R"({"action":"swap","outLabels":[27],"nextHopGroup":"g"})" } ),
+           routeOf( 150, { R"({"action":"swap","outLabels":[28],"tunnel":"t"})" } ) },
+         R"("nextHopGroups":[{"name":"g","vias":[{"nextHop":"10.0.0.1","interface":"a"}]}],)"
+         R"("tunnels":[{"name":"t","vias":[{"nextHop":"10.0.0.1","interface":"a"}]}],)" ) },
+      { neighborOf( "10.0.0.1", "a", 1 ), neighborOf( "10.0.0.2", "b", 2 ),
+        neighborOf( "10.0.0.3", "c", 3 ), neighborOf( "10.0.0.4", "a", 4 ) } );
+   made.apply( 0 );
+   return made;
+}
+
+/// "loses all; changes over; loses some".
+std::string fatesText( const Impact& impact ) {
+   std::string all;
+   std::string over;
+   std::string some;
+   for ( const ImpactedLabel& hit : impact.labels() ) {
+      std::string& out = losesAll( hit ) ? all : changesOver( hit ) ? over : some;
+      out += joinText( out.empty() ? "" : " ", hit.label, hit.onBackup ? "!" : "" );
+   }
+   return all + "; " + over + "; " + some;
+}
+
+TEST( Impact, WhoHasABackupChangesOver ) {
+   const Programmed made = guarded();
+   const EntityManager& roots = made.agent->entityManager();
+   const auto fates = [&]( const std::string& interface ) {
+      return fatesText( Impact( roots, targetOf( *made.agent, "", interface ) ) );
+   };
+   EXPECT_EQ( fates( "a" ), "120; 100; 110" );
+   EXPECT_EQ( fates( "b" ), "130!; ; " );
+   EXPECT_EQ( fates( "c" ), "; ; 110" );
+   const Impact impact( roots, targetOf( *made.agent, "", "a" ) );
+   ASSERT_EQ( impact.foreign().size(), 1U );
+   EXPECT_EQ( impact.foreign().front().labels, 1U );
+   EXPECT_EQ( impact.tunnelLabels(), 1U );
+   const auto adjacency = [&]( uint32_t label ) {
+      return roots.root< MplsSm >( "mplsSm" )
+         ->mplsState( L3::VrfName::defaultVrf() )
+         ->route( RouteKey( label ) )
+         ->l3Adj();
+   };
+   const std::string fec = fecIdText( adjacency( 100 )->extFecInfo()->fecId() );
+   const std::string byFec = fecIdText( adjacency( 100 )->backupAdj()->extFecInfo()->fecId() );
+   const U64 by = adjacency( 100 )->backupAdj()->index();
    std::ostringstream text;
-   EXPECT_TRUE( printText( text, safe, { "", "", "it" } ) );
-   const std::string by =
-      joinText( "protected by L3 adjacency ", adjacencyOf( 300 )->index(), "\n" );
-   EXPECT_THAT( text.str(), testing::HasSubstr( "\n100  0 of 1 way left, " + by ) );
-   EXPECT_THAT( text.str(), testing::HasSubstr( "\nFEC 77  0 of 1 way left, " + by ) );
-   adjacencyOf( 100 )->backupAdjIs( adjacencyOf( 101 ) ); // goes as well
-   EXPECT_EQ( Impact( roots, target ).labels().front().protectedBy, std::nullopt );
-   adjacencyOf( 100 )->backupAdjIs( nullptr );
-   adjacencyOf( 100 )->extFecInfoIs( nullptr );
+   EXPECT_TRUE( printText( text, impact, { "", "a", "interface a" } ) );
+   EXPECT_TRUE( text.str().starts_with( joinText(
+      "if interface a goes: 1 label loses all ways out, 1 label moves to its backup, 1 label loses "
+      "some\n120  stops forwarding\n100  moves to its backup, L3 adjacency ",
+      by, "\n110  1 of 2 ways left, protected by L3 adjacency ", by, "\n" ) ) )
+      << text.str();
+   EXPECT_THAT( text.str(), testing::HasSubstr( "\nFEC " + fec + "  moves to its backup, FEC " +
+                                                byFec + "\n" ) );
+   EXPECT_THAT( text.str(), testing::HasSubstr( "1 label leaves through FEC 3:" ) );
+   EXPECT_THAT( text.str(), testing::HasSubstr( "1 label leaves through tunnels" ) );
+   std::ostringstream json;
+   EXPECT_TRUE( printJson( json, impact, { "", "a", "interface a" } ) );
+   const auto read = nlohmann::json::parse( json.str() );
+   EXPECT_EQ( read["loseAll"], nlohmann::json::parse( "[120]" ) );
+   EXPECT_EQ( read["protected"][0]["label"], 100 );
+   EXPECT_EQ( read["protected"][0]["by"], by );
+   EXPECT_EQ( read["fecs"]["protected"][0]["fec"], fec );
+   EXPECT_EQ( read["fecs"]["protected"][0]["by"], byFec );
+   EXPECT_EQ( read["foreign"][0]["labels"], 1 );
+   EXPECT_EQ( read["tunnelLabels"], 1 );
+
+   // Hardware has changed over already: now the label lives by its backup.
+   made.agent->hardware().linkIs( *made.agent->interfaces().intf( "a" ), false );
+   made.settle();
+   EXPECT_EQ( fates( "a" ), "120; ; 110" );
+   EXPECT_EQ( fates( "b" ), "100! 130!; ; " );
+}
+
+// The prediction, carried out.
+TEST( Impact, ComesTrueWithBackups ) {
+   const Programmed made = guarded();
+   for ( const std::string address : { "10.0.0.1", "10.0.0.4" } ) {
+      made.agent->l3().neighborDel(
+         { *made.agent->interfaces().intf( "a" ), *IpGenAddr::parse( address ) } );
+   }
+   made.settle();
+   const ProgramResult after( *made.agent );
+   for ( const auto& [label, state] :
+         std::vector< std::pair< uint32_t, std::string > >{ { 100, "partiallyProgrammed" },
+                                                            { 110, "partiallyProgrammed" },
+                                                            { 120, "unprogrammed" } } ) {
+      EXPECT_EQ( name( after.route( RouteKey( label ) )->state ), state ) << label;
+   }
 }
 
 TEST( Impact, TextAndJson ) {
@@ -212,7 +302,8 @@ TEST( Impact, TextAndJson ) {
 "loseAll":[400,[600,601]],"loseSome":[{"label":200,"left":1,"of":2},{"label":300,"left":1,"of":2}],"protected":[],
 "l3Adjacencies":)" + hits( impact.l3Adjacencies() ) +
                              ",\n\"l2Adjacencies\":" + hits( impact.l2Adjacencies() ) +
-                             ",\n\"fecs\":[]}\n" );
+                             ",\n\"fecs\":{\"loseAll\":[],\"loseSome\":[],\"protected\":[]},\n"
+                             "\"foreign\":[],\"tunnelLabels\":0}\n" );
 }
 
 } // namespace

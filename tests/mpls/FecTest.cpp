@@ -283,6 +283,79 @@ TEST_F( FecTest, UnfitBackupsSettle ) {
    expectNothingLeft();
 }
 
+// A backup of whatever kind, fit or not: its primary is not left waiting.
+TEST_F( FecTest, BackupsOfOtherKindsLeaveThePrimaryForwarding ) {
+   Mpls::LfibMplsVia twoLabels = swapOut( 3, 3, 0 );
+   twoLabels.labelStack = { 5, 6 };
+   viaSetIs( 3, { twoLabels } );
+   extFecViaSetIs( 4, { Fib::FecId( U64{ 7 } << 56 | 5 ) } );
+   const auto protectedBy = [&]( U32 viaSet, Mpls::LfibViaSetKey backup ) {
+      Mpls::LfibViaSet set( viaSetKey( viaSet ) );
+      const Mpls::LfibMplsVia via = swapOut( viaSet + 100, 1, viaSet );
+      rig.writer.mplsViaIs( via );
+      set.viaKeyAdd( via.key );
+      set.backupViaSetKeyIs( backup );
+      rig.writer.viaSetIs( set );
+      rig.routeIs( 16000 + viaSet, viaSet );
+   };
+   Mpls::LfibViaSet lookup( viaSetKey( 9, Mpls::viaTypeIpLookup ) );
+   lookup.viaKeyAdd( viaKey( 9, Mpls::viaTypeIpLookup ) );
+   rig.writer.viaSetIs( lookup );
+   protectedBy( 11, viaSetKey( 3 ) );                           // not sane
+   protectedBy( 12, viaSetKey( 4, Mpls::viaTypeExternalFec ) ); // another agent's, not there
+   protectedBy( 13, viaSetKey( 9, Mpls::viaTypeIpLookup ) );    // another state machine's
+   rig.settle();
+   for ( const U32 viaSet : { 11, 12, 13 } ) {
+      EXPECT_EQ( forward( 16000 + viaSet ), joinText( "intf1 label ", viaSet ) );
+   }
+}
+
+// The looks that one missing backup used up are not missing for the next.
+TEST_F( FecTest, EachBackupIsWaitedForAnew ) {
+   viaSetIs( 1, { swapOut( 1, 1, 17 ) } );
+   rig.routeIs( 16001, 1 );
+   rig.settle();
+   viaSetIs( 1, { swapOut( 2, 2, 18 ) }, 2 ); // never comes
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf1 label 17" );
+   viaSetIs( 3, { swapOut( 3, 3, 19 ) } );
+   viaSetIs( 1, { swapOut( 4, 4, 20 ) }, 3 );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf4 label 20" );
+   rig.hardware->linkIs( IntfId::ordinary( 4 ), false );
+   EXPECT_EQ( forward( 16001 ), "intf3 label 19" );
+}
+
+// Ids from outside never reach our own numbers, nor an assertion.
+TEST_F( FecTest, IdsThatNobodyMayNameAreRefused ) {
+   viaSetIs( 1, { swapOut( 1, 1, 17 ) } );
+   rig.routeIs( 16001, 1 );
+   rig.settle();
+   U32 viaSet = 20;
+   for ( const Fib::FecId fecId : { fecOf( 1 )->fecId(), Fib::FecId( U64{ 22 } << 56 | 1 ),
+                                    Fib::FecId( U64{ 7 } << 56 | U64{ 1 } << 48 ),
+                                    Fib::FecId( U64{ 99 } << 56 | 1 ), Fib::FecId() } ) {
+      extFecViaSetIs( ++viaSet, { fecId } );
+      rig.routeIs( key( 16000 + viaSet ), viaSetKey( viaSet, Mpls::viaTypeExternalFec ) );
+   }
+   for ( const U64 type : { 10U, 99U } ) {
+      Mpls::LfibMplsVia intoGroup = swapVia( ++viaSet, "", 0, 17 );
+      intoGroup.intf = IntfId( IntfId::Kind::nexthopGroup, type << 48 | 1 );
+      viaSetIs( viaSet, { intoGroup } );
+      rig.routeIs( 16000 + viaSet, viaSet );
+   }
+   rig.settle();
+   EXPECT_EQ( rig.hardware->routes(), 1U );
+   EXPECT_EQ( forward( 16001 ), "intf1 label 17" );
+   for ( ; viaSet > 20; --viaSet ) {
+      EXPECT_EQ( rig.published( 16000 + viaSet ), RouteStatusCode::notProgrammed );
+      rig.routeDel( 16000 + viaSet );
+   }
+   rig.routeDel( 16001 );
+   rig.settle();
+   expectNothingLeft();
+}
+
 TEST_F( FecTest, ExternalFecsComeAndGo ) {
    const Fib::FecId first( U64{ 7 } << 56 | 5 );
    const Fib::FecId second( U64{ 7 } << 56 | 6 );
