@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "agent/HardwareState.h"
 #include "agent/Progress.h"
 #include "platform/SystemLog.h"
 
@@ -70,7 +71,23 @@ void addRunOptions( CLI::App& app, RunOptions& options ) {
       ->check( CLI::Range( 0.0, longestRunSeconds ) );
 }
 
-AgentRun::AgentRun( const RunOptions& options, Progress& progress ) {
+void addRestartOptions( CLI::App& app, RunOptions& options ) {
+   app.add_option(
+         "--hardware-state", options.hardwareStateFile,
+         "File in which the hardware outlives the run: the next run with the same file is "
+         "a restart while hardware goes on forwarding" )
+      ->type_name( "FILE" );
+   app.add_option(
+         "--max-stale-share", options.maxStaleShare,
+         "Share of the routes in hardware, 0 to 1, that a restart may remove unasked; all "
+         "when not given" )
+      ->type_name( "P" )
+      ->check( CLI::Range( 0.0, 1.0 ) );
+   app.add_flag( "--preview-sweep", options.previewSweep,
+                 "List the routes that a restart would remove, and remove none" );
+}
+
+AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( options ) {
    if ( const auto fault = traceOn( options.tables.trace ) ) {
       std::cerr << *fault << '\n';
       return;
@@ -94,6 +111,18 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) {
       return;
    }
    settings.hardware.faults = std::move( *plan );
+   if ( !options.hardwareStateFile.empty() ) {
+      std::string fault = "--hardware-state: hardware without FECs starts afresh";
+      auto recovered = settings.withFecs ? loadHardwareState( options.hardwareStateFile,
+                                                              loaded.plan.interfaces(), fault )
+                                         : std::nullopt;
+      if ( !recovered ) {
+         std::cerr << fault << '\n';
+         return;
+      }
+      settings.recovered = std::move( *recovered );
+      settings.maxStaleShare = options.previewSweep ? 0 : options.maxStaleShare;
+   }
    agent_ = std::make_unique< LabelAgent >( std::move( loaded.plan ), settings );
    logToStandardError( *agent_, progress );
    fault_ = applyTables( *agent_, loaded.neighbors, options.tables, progress );
@@ -101,12 +130,25 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) {
       progress.stage( "letting time pass" );
       fault_ = agent_->runFor( options.forSeconds );
    }
-   incomplete_ = incomplete_ || fault_.has_value();
+   incomplete_ = incomplete_ || fault_.has_value() ||
+                 ( agent_->mplsSm().staleSweepHeld() && !options.previewSweep );
 }
 
 AgentRun::~AgentRun() {
    systemLogSinkIs( {} );
    systemLogClockIs( nullptr );
+}
+
+bool AgentRun::leaveHardware() const {
+   if ( options_.hardwareStateFile.empty() || options_.previewSweep ) {
+      return true;
+   }
+   const auto fault = saveHardwareState( options_.hardwareStateFile, agent_->hardware().state(),
+                                         agent_->interfaces() );
+   if ( fault ) {
+      std::cerr << *fault << '\n';
+   }
+   return !fault;
 }
 
 void AgentRun::complain() const {

@@ -26,11 +26,16 @@ struct RunOptions {
    size_t adjacencyCapacity = 0;      ///< L2 adjacencies that fit; 0: no limit
    size_t fecCapacity = 0;            ///< FECs that fit; 0: no limit
    std::vector< std::string > faults; ///< fault plans, see docs/formats.md
+   std::string hardwareStateFile;     ///< in which the hardware outlives the run; empty: none
+   double maxStaleShare = 1;          ///< of what was in hardware that may be removed unasked
+   bool previewSweep = false;         ///< remove none of it, and keep the file as it is
    double forSeconds = 0;             ///< simulated time to go on after the last table has settled
 };
 
 /// Declares the options, those of the tables included. `options` must outlive the parsing.
 void addRunOptions( CLI::App& app, RunOptions& options );
+/// Declares the options of hardware that outlives the run.
+void addRestartOptions( CLI::App& app, RunOptions& options );
 
 class AgentRun {
  public:
@@ -45,11 +50,15 @@ class AgentRun {
    /// Something of the tables was left out, or the agent did not come to rest. What was shown is
    /// not the whole truth.
    bool incomplete() const { return incomplete_; }
+   /// Leaves the hardware behind for the next run, where that is asked for. False, with a
+   /// complaint, when it cannot.
+   bool leaveHardware() const;
    /// Complains about what the run could not do and about breaches of the driver contract; after
    /// the result has been shown.
    void complain() const;
 
  private:
+   const RunOptions options_;
    std::unique_ptr< LabelAgent > agent_;
    LabelAgent::Fault fault_;
    bool incomplete_ = false;

@@ -41,9 +41,9 @@ LabelAgent::LabelAgent( LfibPlan plan, LabelAgentSettings settings )
    l3_ = std::make_unique< L3Service >(
       plan_.interfaces(), entityManager_->root< VelL3Status >( "velL3Status" ),
       inputs.proactiveArpNhSm, inputs.routeReactorConfig, inputs.route6ReactorConfig );
-   switch_ = std::make_unique< Driver::SoftwareSwitch >( inputs.mplsHwConfig, inputs.mplsHwStatus,
-                                                         scheduler_, settings_.hardware,
-                                                         fecPlatform( inputs ) );
+   switch_ = std::make_unique< Driver::SoftwareSwitch >(
+      inputs.mplsHwConfig, inputs.mplsHwStatus, scheduler_, settings_.hardware,
+      fecPlatform( inputs ), settings_.recovered );
    entityManager_->rootIs( "softwareSwitch", switch_->status() );
    foreignFecs_ = std::make_unique< ForeignFecs >( *switch_, *l3_ );
    if ( Driver::FecUnit* const fecs = switch_->fecUnit() ) {
@@ -51,6 +51,7 @@ LabelAgent::LabelAgent( LfibPlan plan, LabelAgentSettings settings )
       l3_->onChangeIs( [fecs] { fecs->reportStates(); } );
    }
    mplsSm_ = MplsSmIs( std::move( inputs ) );
+   mplsSm_->maxStaleShareIs( settings_.maxStaleShare );
    entityManager_->rootIs( "mplsSm", mplsSm_ );
    entityManager_->rootIs( "mplsSmCounters", mplsSm_->counters() );
    startFault_ = settle(); // label forwarding is on in hardware before the first table comes
@@ -99,14 +100,13 @@ MplsSmInputs LabelAgent::makeEntities() {
    return inputs;
 }
 
-// No routes have survived from before: the sync map is empty and complete. Nor is there an LFIB of
-// before to wait for; the start is over when the first routes have been taken in.
+// The switch says which routes have survived from before. The state machine may begin at once: it
+// ends its start when the first table is whole, and not before.
 void LabelAgent::addFecEntities( MplsSmInputs& inputs ) {
    EntityManager& roots = *entityManager_;
    inputs.hwFecIdRequest = mounted< FecIdToHwFecIdRequest >( roots, "hwFecIdRequest" );
    inputs.hwFecIdResponse = mounted< FecIdToHwFecIdResponse >( roots, "hwFecIdResponse" );
    const auto syncMap = VelHelper::mplsRouteSyncMapFactory();
-   syncMap->readyIs( true );
    roots.rootIs( "mplsRouteSyncMap", syncMap );
    inputs.mplsRouteSyncMap = syncMap;
    const auto summary = mplsSmInputSummaryFactory();
@@ -126,10 +126,13 @@ Driver::FecPlatform LabelAgent::fecPlatform( const MplsSmInputs& inputs ) {
    }
    return { inputs.hwFecIdRequest,
             entityManager_->root< FecIdToHwFecIdResponse >( "hwFecIdResponse" ),
-            entityManager_->root< VelL3Status >( "velL3Status" ), startup_,
+            entityManager_->root< VelL3Status >( "velL3Status" ),
+            startup_,
             [this]( IntfId intf, const IpGenAddr& nextHop ) {
                return l3_->info( { intf, nextHop } );
-            } };
+            },
+            entityManager_->root< VelHelper::MplsRouteSyncMap >( "mplsRouteSyncMap" ),
+            [this]( IntfId intf ) { return plan_.interfaces().name( intf ); } };
 }
 
 // --- Tables.

@@ -43,6 +43,10 @@ struct LabelAgentSettings {
    /// A breach of the contract is shown with the result instead of ending the process.
    Driver::SwitchSettings hardware{ .breachIsFatal = false };
    bool withFecs = true; ///< the hardware has FECs
+   /// What hardware with FECs holds of an earlier agent.
+   Driver::HwState recovered{};
+   /// The share of that which may be removed unasked.
+   double maxStaleShare = 1;
    /// Called now and then while `settle` works, with what is left to do.
    std::function< void( size_t pendingWork ) > onProgress{};
    /// Runs of tasks after which `settle` gives up.

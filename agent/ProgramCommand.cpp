@@ -29,8 +29,10 @@ bool printResult( const ProgramResult& result, const ProgramOptions& options ) {
    if ( options.quiet ) {
       return true;
    }
-   return options.format == "json" ? printJson( std::cout, result )
-                                   : printText( std::cout, result, TextStyle::ofStandardOutput() );
+   const bool restarts = !options.run.hardwareStateFile.empty();
+   return options.format == "json"
+             ? printJson( std::cout, result, restarts )
+             : printText( std::cout, result, TextStyle::ofStandardOutput(), restarts );
 }
 
 bool writeMetrics( const LabelAgent& agent, const ProgramResult& result, const std::string& file ) {
@@ -64,6 +66,9 @@ int runProgram( const ProgramOptions& options ) {
       std::cerr << "velmpls: " << options.metricsFile << ": the metrics could not be written\n";
       return ExitStatus::badInput;
    }
+   if ( !run.leaveHardware() ) {
+      return ExitStatus::badInput;
+   }
    const bool complete =
       result.summary().complete() && !run.incomplete() && run.agent().hardware().breaches().empty();
    return complete ? ExitStatus::done : ExitStatus::incomplete;
@@ -77,6 +82,7 @@ void addProgramCommand( CLI::App& app, CommandRun& run ) {
                                      "each label what the hardware holds and why not" );
    const auto options = std::make_shared< ProgramOptions >();
    addRunOptions( *command, options->run );
+   addRestartOptions( *command, options->run );
    command
       ->add_option( "--format", options->format,
                     "Form of the result: text (when not given) or json" )

@@ -157,6 +157,22 @@ ProgramResult::Found ProgramResult::find( RouteKey key ) const {
    return found;
 }
 
+ResultStartup ProgramResult::startup() const {
+   ResultStartup startup;
+   const Driver::SwitchStatus& hardware = *agent_.hardware().status();
+   for ( const auto& [stage, seconds] : agent_.mplsSm().mplsSmStartupRecord()->timeTaken() ) {
+      startup.stages.push_back( { stringValue( stage ), seconds } );
+   }
+   startup.adopted = hardware.routesAdopted();
+   startup.changed = hardware.routesChanged();
+   startup.added = hardware.routesAdded();
+   startup.stale = hardware.routesStale();
+   for ( const RouteKey key : agent_.mplsSm().staleRecoveredRoute() ) {
+      startup.held.push_back( key );
+   }
+   return startup;
+}
+
 ProgramState ProgramResult::stateOf( const Found& found ) const {
    if ( found.ignored() ) {
       return ProgramState::ignored;

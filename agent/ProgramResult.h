@@ -83,12 +83,27 @@ struct ResultSummary {
    }
 };
 
+/// What a start made of the hardware that it found.
+struct ResultStartup {
+   struct Stage {
+      std::string_view name;
+      double seconds = 0; ///< that it lasted
+   };
+   std::vector< Stage > stages;
+   U64 adopted = 0; ///< routes of the table whose hardware entry was kept as it was
+   U64 changed = 0; ///< ... was rewritten
+   U64 added = 0;   ///< ... was not there before
+   U64 stale = 0;   ///< routes that were removed
+   std::vector< Mpls::RouteKey > held; ///< that are stale, and wait for a word
+};
+
 class ProgramResult {
  public:
    /// The agent must outlive the result, and have settled.
    explicit ProgramResult( const LabelAgent& agent );
 
    const ResultSummary& summary() const { return summary_; }
+   ResultStartup startup() const;
    const MplsSmCounters& counters() const { return *agent_.mplsSm().counters(); }
    size_t routes() const { return routes_.size(); }
    /// The keys in label order; a deeper stack stands before a shorter one that it begins with.

@@ -134,6 +134,45 @@ void appendRoute( std::string& out, const ResultRoute& route ) {
    out += route.usableAsPrimaryVias ? "}" : ",\"usableAsPrimaryVias\":false}";
 }
 
+void appendStartup( std::string& out, const ResultStartup& startup ) {
+   out += "\"startup\":{\"stages\":[";
+   std::string_view comma;
+   for ( const ResultStartup::Stage& stage : startup.stages ) {
+      out += joinText( comma, "{\"stage\":\"", stage.name, "\",\"seconds\":", stage.seconds, "}" );
+      comma = ",";
+   }
+   out += joinText( "],\"adopted\":", startup.adopted, ",\"changed\":", startup.changed,
+                    ",\"added\":", startup.added, ",\"stale\":", startup.stale );
+   if ( !startup.held.empty() ) {
+      out += ",\"held\":[";
+      comma = "";
+      for ( const Mpls::RouteKey key : startup.held ) {
+         out += comma;
+         if ( key.singleLabel() ) {
+            appendText( out, key.topLabel() );
+         } else {
+            appendList( out, stackOf( key ) );
+         }
+         comma = ",";
+      }
+      out += ']';
+   }
+   out += "},\n";
+}
+
+std::string startupText( const ResultStartup& startup ) {
+   std::string text =
+      joinText( "start: ", startup.adopted, " adopted, ", startup.changed, " changed, ",
+                startup.added, " added, ", startup.stale, " removed\n" );
+   if ( !startup.held.empty() ) {
+      text += joinText( "stale and not removed: ", startup.held.size(), "\n" );
+      for ( const Mpls::RouteKey key : startup.held ) {
+         text += joinText( "   ", key, "\n" );
+      }
+   }
+   return text;
+}
+
 /// Hands text on in large pieces.
 class Writer {
  public:
@@ -162,7 +201,7 @@ class Writer {
 
 } // namespace
 
-bool printJson( std::ostream& out, const ProgramResult& result ) {
+bool printJson( std::ostream& out, const ProgramResult& result, bool startup ) {
    Writer writer( out );
    std::string& text = writer.text();
    const ResultSummary& sum = result.summary();
@@ -178,7 +217,11 @@ bool printJson( std::ostream& out, const ProgramResult& result ) {
       text += joinText( comma, "\"", counter.name, "\":", ( result.counters().*counter.value )() );
       comma = ",";
    }
-   text += "},\n\"routes\":[";
+   text += "},\n";
+   if ( startup ) {
+      appendStartup( text, result.startup() );
+   }
+   text += "\"routes\":[";
    ResultRoute route;
    for ( size_t i = 0; i < result.routes() && out.good(); ++i ) {
       result.read( i, route );
@@ -382,7 +425,8 @@ TextStyle TextStyle::ofStandardOutput() {
    return style;
 }
 
-bool printText( std::ostream& out, const ProgramResult& result, const TextStyle& style ) {
+bool printText( std::ostream& out, const ProgramResult& result, const TextStyle& style,
+                bool startup ) {
    Writer writer( out );
    std::string& text = writer.text();
    if ( result.routes() != 0 ) {
@@ -403,6 +447,9 @@ bool printText( std::ostream& out, const ProgramResult& result, const TextStyle&
       sum.of( ProgramState::unprogrammed ), " unprogrammed, ", sum.of( ProgramState::ignored ),
       " ignored; ", counted( sum.l3Adjacencies, "L3 adjacency", "L3 adjacencies" ), ", ",
       counted( sum.l2Adjacencies, "L2 adjacency", "L2 adjacencies" ), "\n" );
+   if ( startup ) {
+      text += startupText( result.startup() );
+   }
    return writer.finish();
 }
 

@@ -24,8 +24,9 @@ struct TextStyle {
 };
 
 /// One JSON object, a line each route. False when the stream could not take it.
-bool printJson( std::ostream& out, const ProgramResult& result );
+bool printJson( std::ostream& out, const ProgramResult& result, bool startup = false );
 /// A table, a line each via, then what keeps a route out, and a summary in the last line.
-bool printText( std::ostream& out, const ProgramResult& result, const TextStyle& style = {} );
+bool printText( std::ostream& out, const ProgramResult& result, const TextStyle& style = {},
+                bool startup = false );
 
 } // namespace Vel::Agent

@@ -159,5 +159,54 @@ TEST_F( CommandTest, BackupTakesOverWhenTheLinkIsDown ) {
    EXPECT_THAT( full.out, HasSubstr( "10 routes: 3 programmed" ) );
 }
 
+TEST_F( CommandTest, HardwareOutlivesTheProgram ) {
+   const auto table = [&]( const std::string& name, const std::vector< std::string >& routes ) {
+      std::string text;
+      for ( const std::string& route : routes ) {
+         text += ( text.empty() ? "" : "," ) + route;
+      }
+      return " --lfib " + file( name, "{\"velmplsLabelTable\":1,\"routes\":[" + text + "]}" );
+   };
+   const auto route = []( int label, int out ) {
+      return joinText( "{\"label\":", label, ",\"vias\":[{\"action\":\"swap\",\"outLabels\":[", out,
+                       "],\"nextHop\":\"10.0.0.1\",\"interface\":\"eth1\"}]}" );
+   };
+   const std::string state = " --hardware-state " + folder_ + "/hw.json";
+   const std::string common =
+      " --format json --neighbors " +
+      file( "neigh", R"([{"dst":"10.0.0.1","dev":"eth1","lladdr":"02:00:00:00:00:01",)"
+                     R"("state":["REACHABLE"]}])" ) +
+      state;
+   const std::string before =
+      table( "a", { route( 16, 101 ), route( 17, 102 ), route( 18, 103 ) } );
+   const std::string after = table( "b", { route( 16, 101 ), route( 17, 109 ), route( 19, 104 ) } );
+   const auto counts = []( int adopted, int changed, int added, int stale ) {
+      return HasSubstr( joinText( "\"adopted\":", adopted, ",\"changed\":", changed,
+                                  ",\"added\":", added, ",\"stale\":", stale ) );
+   };
+   EXPECT_THAT( run( "program" + before + common ).out, counts( 0, 0, 3, 0 ) );
+   EXPECT_THAT( run( "program" + before + common ).out, counts( 3, 0, 0, 0 ) );
+   const Ran preview = run( "program --preview-sweep" + after + common );
+   EXPECT_THAT( preview.out, HasSubstr( "\"held\":[18]" ) );
+   const Ran held = run( "program --max-stale-share 0.1" + after + common );
+   EXPECT_EQ( held.status, 3 );
+   EXPECT_THAT( held.out, counts( 1, 1, 1, 0 ) ); // the preview has changed nothing
+   EXPECT_THAT( held.err, HasSubstr( "1 of 3 routes" ) );
+   const Ran swept = run( "program" + after + common );
+   EXPECT_EQ( swept.status, 0 );
+   EXPECT_THAT( swept.out, counts( 3, 0, 0, 1 ) );
+
+   EXPECT_THAT( run( "program --without-fecs" + after + common ).err, HasSubstr( "without FECs" ) );
+   for ( const std::string text : { "{", "[]", R"({"velmplsHardwareState":2})",
+                                    R"({"velmplsHardwareState":1,"nextHwId":2,"mplsRouting":[0],)"
+                                    R"("fecs":[],"routes":[{"vrf":0,"stack":[16],"hwId":1,)"
+                                    R"("action":"none","payload":null,"ttlMode":null}]})" } ) {
+      file( "hw.json", text );
+      const Ran bad = run( "program" + after + common );
+      EXPECT_EQ( bad.status, 2 ) << text;
+      EXPECT_THAT( bad.err, HasSubstr( "hw.json: not a state of the hardware" ) ) << text;
+   }
+}
+
 } // namespace
 } // namespace VelTest
