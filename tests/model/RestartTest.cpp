@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <random>
@@ -202,7 +203,7 @@ class Restart : public testing::Test {
 };
 
 TEST_F( Restart, atEveryPointOfAStartAndOfAChange ) {
-   for ( int round = 0; round < 6 && !HasFailure(); ++round ) {
+   for ( int round = 0; round < 20 && !HasFailure(); ++round ) {
       SCOPED_TRACE( joinText( "round ", round ) );
       const Table first = randomTable();
       const Table second = changed( first );
@@ -222,7 +223,7 @@ TEST_F( Restart, atEveryPointOfAStartAndOfAChange ) {
          restart( left[point], point < ofStart ? first : second, third );
       }
    }
-   RecordProperty( "points", points_ );
+   EXPECT_GT( points_, 500 );
 }
 
 TEST_F( Restart, onTheSameTableTouchesNothing ) {
@@ -269,6 +270,47 @@ TEST_F( Restart, waitsForWhatItNeeds ) {
    EXPECT_EQ( next.forward( 16 ), "1/100" );
    EXPECT_EQ( next.forward( 17 ), "" );
    EXPECT_EQ( next.rig.sm->mplsSmStartupRecord()->timeTakens(), 4U );
+}
+
+TEST_F( Restart, takesItsInputsInEveryOrder ) {
+   const Table table{ { 16, { 1, 100, 2 } }, { 17, { 3, 101, 0 } } };
+   const Table now{ { 16, { 1, 100, 2 } }, { 18, { 4, 101, 0 } } };
+   RestartRig rig( {} );
+   rig.tableIs( table );
+   rig.rig.start();
+   rig.run( [] {} );
+   const Driver::HwState left = rig.rig.hardware->state();
+   std::vector< int > order{ 0, 1, 2, 3 };
+   do {
+      if ( std::ranges::find( order, 3 ) < std::ranges::find( order, 2 ) ) {
+         continue; // an LFIB that calls itself whole without its routes has lost them
+      }
+      SCOPED_TRACE( joinText( order[0], order[1], order[2], order[3] ) );
+      RestartRig next( left, false );
+      bool started = false;
+      for ( const int input : order ) {
+         switch ( input ) {
+         case 0:
+            next.rig.start();
+            started = true;
+            break;
+         case 1:
+            next.rig.inputStatusSm->systemLfibReadyIs( true );
+            break;
+         case 2:
+            next.tableIs( now );
+            break;
+         default:
+            next.rig.writer.readyIs( true );
+            break;
+         }
+         if ( started ) {
+            next.run( [&] { ASSERT_EQ( next.forward( 16 ), "1/100" ); } );
+         }
+      }
+      EXPECT_EQ( next.rig.sm->mplsSmStartupStatus(), MplsSmStartupStatus::mplsSmNormal );
+      expectAsFresh( next, now );
+   } while ( std::ranges::next_permutation( order ).found );
 }
 
 TEST_F( Restart, doesNotDropMoreThanItMay ) {
