@@ -72,19 +72,21 @@ void addRunOptions( CLI::App& app, RunOptions& options ) {
 }
 
 void addRestartOptions( CLI::App& app, RunOptions& options ) {
-   app.add_option(
-         "--hardware-state", options.hardwareStateFile,
-         "File in which the hardware outlives the run: the next run with the same file is "
-         "a restart while hardware goes on forwarding" )
-      ->type_name( "FILE" );
+   CLI::Option* const state =
+      app.add_option( "--hardware-state", options.hardwareStateFile,
+                      "File in which the hardware outlives the run: the next run with the same "
+                      "file is a restart while hardware goes on forwarding" );
+   state->type_name( "FILE" );
    app.add_option(
          "--max-stale-share", options.maxStaleShare,
          "Share of the routes in hardware, 0 to 1, that a restart may remove unasked; all "
          "when not given" )
       ->type_name( "P" )
+      ->needs( state )
       ->check( CLI::Range( 0.0, 1.0 ) );
    app.add_flag( "--preview-sweep", options.previewSweep,
-                 "List the routes that a restart would remove, and remove none" );
+                 "List the routes that a restart would remove, and remove none" )
+      ->needs( state );
 }
 
 AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( options ) {

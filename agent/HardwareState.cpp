@@ -21,6 +21,14 @@ struct Unsound : std::runtime_error {
    using std::runtime_error::runtime_error;
 };
 
+U64 natural( const json& number, U64 largest ) {
+   if ( !number.is_number_unsigned() || number.get< U64 >() > largest ) {
+      throw Unsound( number.dump() + " is no number from 0 to " + std::to_string( largest ) );
+   }
+   return number.get< U64 >();
+}
+constexpr U64 largestHwId = U64{ 1 } << 62;
+
 // --- Words.
 
 template< class E >
@@ -125,7 +133,7 @@ Fib::FecVia viaFromJson( const json& in, Interfaces& interfaces ) {
       via.nextHop = *address;
    }
    for ( const json& label : in.value( "outLabels", json::array() ) ) {
-      if ( !via.labelStack.push( label.get< U32 >() ) ) {
+      if ( !via.labelStack.push( static_cast< U32 >( natural( label, MplsLabel::maxValue ) ) ) ) {
          throw Unsound( "more outgoing labels than hardware takes" );
       }
    }
@@ -159,15 +167,11 @@ Driver::HwState::Route routeFromJson( const json& in ) {
       throw Unsound( "a stack of " + std::to_string( labels.size() ) + " labels" );
    }
    for ( size_t i = 0; i < labels.size(); ++i ) {
-      const auto label = labels[i].get< U32 >();
-      if ( label > MplsLabel::maxValue ) {
-         throw Unsound( labels[i].dump() + " is no label" );
-      }
-      stack[i] = MplsLabel( label );
+      stack[i] = MplsLabel( static_cast< U32 >( natural( labels[i], MplsLabel::maxValue ) ) );
    }
-   return { in.at( "vrf" ).get< VrfId >(),
+   return { static_cast< VrfId >( natural( in.at( "vrf" ), 0 ) ), // there is one
             Mpls::RouteKey( stack[0], stack[1], stack[2] ),
-            in.at( "hwId" ).get< U64 >(),
+            natural( in.at( "hwId" ), largestHwId ),
             { valueOf< MplsLabelAction >( in.at( "action" ) ),
               optionalValue< Mpls::PayloadType >( payloads, in.at( "payload" ) ),
               optionalValue< Mpls::TtlMode >( ttlModes, in.at( "ttlMode" ) ) } };
@@ -176,27 +180,41 @@ Driver::HwState::Route routeFromJson( const json& in ) {
 // --- The whole.
 
 Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
-   if ( in.at( versionField ).get< int >() != knownVersion ) {
+   if ( in.at( versionField ) != json( knownVersion ) ) {
       throw Unsound( "version " + in.at( versionField ).dump() +
                      " is unknown; this program reads version 1" );
    }
    Driver::HwState state;
-   state.nextHwId = in.at( "nextHwId" ).get< U64 >();
-   state.mplsRouting = in.at( "mplsRouting" ).get< std::vector< VrfId > >();
-   HashSet< U64 > known;
+   state.nextHwId = natural( in.at( "nextHwId" ), largestHwId );
+   for ( const json& vrf : in.at( "mplsRouting" ) ) {
+      state.mplsRouting.push_back( static_cast< VrfId >( natural( vrf, 0 ) ) );
+   }
+   Hash< U64, U64 > known; // FECs, and their backups
+   HashSet< Mpls::RouteKey > routes;
    for ( const json& fec : in.at( "fecs" ) ) {
       Driver::HwState::Fec& made = state.fecs.emplace_back();
-      made.hwId = fec.at( "hwId" ).get< U64 >();
-      made.backupHwId = fec.value( "backupHwId", U64{ 0 } );
-      if ( made.hwId == 0 || made.hwId >= state.nextHwId || !known.insert( made.hwId ) ) {
+      made.hwId = natural( fec.at( "hwId" ), largestHwId );
+      made.backupHwId = natural( fec.value( "backupHwId", json( 0U ) ), largestHwId );
+      if ( made.hwId == 0 || made.hwId >= state.nextHwId ||
+           !known.emplace( made.hwId, made.backupHwId ).second ) {
          throw Unsound( "the FEC " + std::to_string( made.hwId ) + " cannot be" );
       }
       for ( const json& via : fec.at( "vias" ) ) {
          made.via.push_back( viaFromJson( via, interfaces ) );
       }
    }
+   for ( const Driver::HwState::Fec& fec : state.fecs ) {
+      const U64* const backups = known.find( fec.backupHwId ); // one level deep
+      if ( fec.backupHwId != 0 && ( backups == nullptr || *backups != 0 ) ) {
+         throw Unsound( "the FEC " + std::to_string( fec.hwId ) + " has the backup " +
+                        std::to_string( fec.backupHwId ) + ", which cannot be" );
+      }
+   }
    for ( const json& route : in.at( "routes" ) ) {
       state.routes.push_back( routeFromJson( route ) );
+      if ( !routes.insert( state.routes.back().key ) ) {
+         throw Unsound( "two routes for one label" );
+      }
       if ( !known.has( state.routes.back().hwId ) ) {
          throw Unsound( "a route into the FEC " + std::to_string( state.routes.back().hwId ) +
                         ", which is not there" );
@@ -221,6 +239,8 @@ std::optional< Driver::HwState > loadHardwareState( const std::string& path, Int
       return stateFromJson( json::parse( in ), interfaces );
    } catch ( const json::exception& wrong ) {
       fault = path + ": not a state of the hardware: " + wrong.what();
+   } catch ( const std::ios_base::failure& ) {
+      fault = path + ": cannot be read";
    } catch ( const Unsound& wrong ) {
       fault = path + ": not a state of the hardware: " + wrong.what();
    }

@@ -56,6 +56,7 @@ int runProgram( const ProgramOptions& options ) {
    progress->stage( "reading back" );
    const ProgramResult result( run.agent() );
    progress->hide();
+   const bool left = run.leaveHardware(); // before anything can go wrong with the result
    const bool printed = printResult( result, options );
    run.complain();
    if ( !printed ) {
@@ -66,7 +67,7 @@ int runProgram( const ProgramOptions& options ) {
       std::cerr << "velmpls: " << options.metricsFile << ": the metrics could not be written\n";
       return ExitStatus::badInput;
    }
-   if ( !run.leaveHardware() ) {
+   if ( !left ) {
       return ExitStatus::badInput;
    }
    const bool complete =

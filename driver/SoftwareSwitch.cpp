@@ -214,6 +214,11 @@ void SoftwareSwitch::handleVrfConfig( VrfId vrfId ) {
       makeVrf( vrfId );
    }
    queue_.push( { .kind = OperationKind::vrfMade, .vrfId = vrfId } );
+   if ( const HwVrf* const there = vrf( vrfId );
+        there && there->mplsRouting && !config->mplsRouting() ) {
+      // Of an earlier driver: what is not wanted any more was never wanted of this one.
+      queue_.push( { .kind = OperationKind::mplsRouting, .vrfId = vrfId, .version = 0 } );
+   }
    watch_.emplace( vrfId, std::make_unique< ConfigWatch >( *config, queue_, status_->breachLog_ ) );
 }
 
@@ -485,6 +490,17 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
    ++status_->operations_;
    HwVrf& vrf = makeVrf( vrfId );
    const Ptr< HwFec > fec = fecUnit_ ? fecUnit_->fec( hwFecId ) : nullptr;
+   const HwRoute* const before = vrf.route.find( key );
+   const bool same = before && fec && before->fec == fec && before->operation == operation;
+   const bool recovered = recoveredRoute_.erase( key );
+   if ( recovered ) {
+      countedRoute_.insert( key );
+      ++( same ? status_->routesAdopted_ : status_->routesChanged_ );
+   }
+   if ( same ) { // there is nothing to write
+      vrf.refused->refusedRouteDel( key );
+      return UnprogrammedReason::Success;
+   }
    const UnprogrammedReason reason = fecRouteRefusal( vrf, key, fec.get() );
    if ( reason != UnprogrammedReason::Success ) {
       ++status_->refused_;
@@ -496,15 +512,9 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
    vrf.refused->refusedRouteDel( key );
    const auto [route, made] = vrf.route.emplace( key );
    status_->routes_ += made;
-   const bool recovered = recoveredRoute_.erase( key );
-   const bool same = !made && route->fec == fec && route->operation == operation;
-   status_->routesAdded_ += made;
-   status_->routesAdopted_ += recovered && same;
-   status_->routesChanged_ += recovered && !same;
-   if ( !same ) {
-      routeMoved( *route, nullptr, fec );
-      route->operation = operation;
-   }
+   status_->routesAdded_ += made && countedRoute_.insert( key );
+   routeMoved( *route, nullptr, fec );
+   route->operation = operation;
    return UnprogrammedReason::Success;
 }
 

@@ -141,6 +141,7 @@ class SoftwareSwitch {
    Hash< VrfId, std::unique_ptr< Vrf > > vrf_;
    HwVrf* lastVrf_ = nullptr;                  // of the last operation
    LabelSet< Mpls::RouteKey > recoveredRoute_; // of an earlier driver, not written or removed since
+   LabelSet< Mpls::RouteKey > countedRoute_;   // into FECs, counted as adopted, changed or added
    Ptr< TimerTask > faultTask_;                // where a fault begins or ends
    Links links_;
    std::unique_ptr< FecUnit > fecUnit_;

@@ -480,6 +480,7 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
       return;
    }
    MPLS_TRACE( 3, "Create or update route ", routeKey, " fecId: ", info->fecId() );
+   recoveredRouteDel( routeKey ); // from here on it is this process's
    route.unconfirmedWritesIs( route.unconfirmedWrites() + 1 );
    counters_->routesWrittenInc();
    // A next-hop group does not pop for us.

@@ -290,6 +290,7 @@ void MplsSm::unprogramRouteIntoFec( const VrfMplsState& vrfState, Mpls::RouteKey
 void MplsSm::deleteRouteKeyAndRoute( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
    MPLS_TRACE_CALL( 3, " routeKey ", routeKey );
    MPLS_TRACE( 3, "delete routeKey ", routeKey );
+   dropRecoveredRoute( vrfState.vrfName(), routeKey );
    unprogramRouteKey( vrfState, routeKey );
    if ( MplsRoute* const route = vrfState.route( routeKey ) ) {
       if ( L3Adjacency* const l3Adj = route->l3Adj().get() ) {

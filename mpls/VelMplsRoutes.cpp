@@ -39,9 +39,6 @@ void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
            staleRecoveredRouteHas( routeKey ) ) {
          MPLS_TRACE_CALL( 3, ": ", "Remove from stale routes" );
          staleRecoveredRouteDel( routeKey );
-         if ( staleSweepHeld() && staleRecoveredRoutes() == 0 ) {
-            handleSyncDone(); // there is nothing left to ask about
-         }
       }
       MPLS_TRACE( 3, "add/update LFIB route ", routeKey );
       routeMake( vrfStateMake( vrf ), routeKey );
@@ -71,6 +68,7 @@ void MplsSm::routeUnprogrammedIs( MplsRoute& route, bool unprogrammed ) {
 // A route whose via set leads to what another state machine handles is none of ours (any more).
 void MplsSm::dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey ) {
    mplsIpRouteKeyDel( routeKey );
+   dropRecoveredRoute( vrf, routeKey );
    VrfMplsState* const vrfState = mplsState( vrf );
    if ( vrfState == nullptr ) {
       return;
@@ -471,6 +469,9 @@ void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
       return;
    }
    MPLS_TRACE( 3, "unprog routeKey ", routeKey );
+   if ( recoveredRouteHas( routeKey ) && !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) {
+      dropRecoveredRoute( vrfState.vrfName(), routeKey ); // else it waits for its FEC in hardware
+   }
    const bool outAlready = route.unprogrammed();
    const double since = route.unprogrammedSince();
    unprogramRouteKey( vrfState, routeKey ); // off the driver's list, which reads as an arrival

@@ -114,6 +114,7 @@ class VEL_EXPORT MplsSm : public Entity {
    SET( LabelSet, Mpls::RouteKey, mplsIpRouteKey )                           // accepted from the LFIB
    COLLECTION( Hash, Mpls::LfibViaSetKey, double, viaSetAwaited )             // missing or not sane when a route was processed; since when
    SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // in the sync map, not in the LFIB
+   SET( LabelSet, Mpls::RouteKey, recoveredRoute )                           // in the sync map, not written or removed since
    ATTRIBUTE_DEFAULT( double, maxStaleShare, { 1.0 } )                       // of the recovered routes; more are not dropped unasked
    ATTRIBUTE( bool, staleSweepHeld )                                         // for that reason, until it is approved
    ENTITY_END_IN_SOURCE
@@ -298,6 +299,9 @@ class VEL_EXPORT MplsSm : public Entity {
 
    void sweepStaleRoutes();
    bool maySweepStaleRoutes();
+   double staleShare() const;
+   void dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
+   void recordAdjSyncIds( const VrfMplsState& vrfState );
    VrfMplsState& vrfStateMake( const L3::VrfName& vrf );
    void routeMake( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
    void routeUnprogrammedIs( MplsRoute& route, bool unprogrammed );

@@ -64,7 +64,9 @@ void MplsSm::handleMplsRouteSyncMap() {
                 "inputStatusSummary()->status() == MplsSmInputStatus::mplsSmInputReady_", name() );
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
    for ( const auto& [routeKey, syncId] : in_.mplsRouteSyncMap->adjSyncId() ) {
-      if ( !in_.transitLfib->lfibRoute( routeKey ) ) {
+      const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+      recoveredRouteIs( routeKey );
+      if ( !lfibRoute || !routeSupported( lfibRoute ) || !mplsRoutingEnabled( vrf ) ) {
          staleRecoveredRouteIs( routeKey ); // stays in hardware for now
       } else {
          handleLFibRoute( routeKey );
@@ -75,10 +77,14 @@ void MplsSm::handleMplsRouteSyncMap() {
 }
 
 void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
+   const VrfMplsState* const vrfState = mplsState( vrf );
    if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmProcessingSyncMap ) {
+      if ( staleSweepHeld() && staleShare() <= maxStaleShare() &&
+           ( !vrfState || vrfState->routeKeyForReviews() + vrfState->l3AdjForReviews() == 0 ) ) {
+         handleSyncDone(); // what was missing has come after all
+      }
       return; // nearly always; no line of trace for each slice
    }
-   const VrfMplsState* const vrfState = mplsState( vrf );
    MPLS_TRACE( 3, "vrf: ", vrf, ", mplsStateExists: ", vrfState != nullptr );
    const size_t routeKeys = vrfState ? vrfState->routeKeyForReviews() : 0;
    const size_t l3Adjs = vrfState ? vrfState->l3AdjForReviews() : 0;
@@ -92,6 +98,9 @@ void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
    }
    MPLS_TRACE( 3, "No route or L3Adj for review, moving to waitingForSync stage" );
    mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmWaitingForSyncResponses );
+   if ( vrfState ) {
+      recordAdjSyncIds( *vrfState );
+   }
    in_.hwFecIdRequest->syncRequestsReadyIs( true );
 }
 
@@ -120,8 +129,8 @@ bool MplsSm::maySweepStaleRoutes() {
       return true;
    }
    const size_t recovered = in_.mplsRouteSyncMap->adjSyncIds();
-   const double share = static_cast< double >( stale ) / static_cast< double >( recovered );
-   staleSweepHeldIs( share > maxStaleShare() );
+   const double share = staleShare();
+   staleSweepHeldIs( !( share <= maxStaleShare() ) ); // no number holds as well
    SystemLogHandle& handle = staleSweepHeld() ? staleSweepWaits : staleSweep;
    const std::string text =
       joinText( stale, " of ", recovered, " routes that were in hardware before the restart (",
@@ -136,6 +145,53 @@ bool MplsSm::maySweepStaleRoutes() {
    return !staleSweepHeld();
 }
 
+double MplsSm::staleShare() const {
+   const size_t recovered = in_.mplsRouteSyncMap->adjSyncIds();
+   return recovered == 0
+             ? 0
+             : static_cast< double >( staleRecoveredRoutes() ) / static_cast< double >( recovered );
+}
+
+// A recovered route that is not to be forwarded any more, and that this process has not written:
+// hardware holds it as the one before left it. Before the sync is over it goes with the others.
+void MplsSm::dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey ) {
+   if ( !recoveredRouteHas( routeKey ) ) {
+      return;
+   }
+   if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmNormal ) {
+      staleRecoveredRouteIs( routeKey );
+      return;
+   }
+   recoveredRouteDel( routeKey );
+   in_.mplsSmHelper->deleteRoute( vrf, routeKey );
+}
+
+// What each FEC was before the restart, for the hardware layer to match: the sync id of most of its
+// adjacency's routes, which are all there only now.
+void MplsSm::recordAdjSyncIds( const VrfMplsState& vrfState ) {
+   for ( const auto& [index, l3Adj] : vrfState.l3Adjacency() ) {
+      if ( !l3Adj->extFecInfo() ) {
+         continue;
+      }
+      Hash< AdjSyncId, U64 > routesOf;
+      AdjSyncIdEntry entry{ l3Adj->extFecInfo()->fecId(), 0 };
+      U64 most = 0;
+      for ( const Mpls::RouteKey routeKey : l3Adj->routeKey() ) {
+         if ( in_.mplsRouteSyncMap->adjSyncIdHas( routeKey ) ) {
+            const AdjSyncId syncId = in_.mplsRouteSyncMap->adjSyncId( routeKey );
+            const U64 routes = ++*routesOf.emplace( syncId, U64{ 0 } ).first;
+            if ( routes > most ) {
+               most = routes;
+               entry.syncId = syncId;
+            }
+         }
+      }
+      if ( most != 0 ) {
+         in_.hwFecIdRequest->adjSyncIdMapIs( entry );
+      }
+   }
+}
+
 void MplsSm::approveStaleSweep() {
    MPLS_TRACE_CALL( 2 );
    maxStaleShareIs( 1.0 );
@@ -147,6 +203,9 @@ void MplsSm::approveStaleSweep() {
 void MplsSm::sweepStaleRoutes() {
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
    for ( const Mpls::RouteKey routeKey : staleRecoveredRoute() ) {
+      if ( !recoveredRouteDel( routeKey ) ) {
+         continue; // written since
+      }
       // The configuration of this process never held it: what is in hardware goes by the helper.
       if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
          unprogramRouteKey( *vrfState, routeKey );

@@ -313,6 +313,33 @@ TEST_F( Restart, takesItsInputsInEveryOrder ) {
    } while ( std::ranges::next_permutation( order ).found );
 }
 
+// What was in hardware and cannot be programmed any more goes, whichever way it became so.
+TEST_F( Restart, leavesNothingOfWhatItCannotWrite ) {
+   Table table;
+   for ( const U32 label : { 16, 17, 18, 19 } ) {
+      table[label] = { 1 + label % links, 100, 0 };
+   }
+   RestartRig rig( {} );
+   rig.tableIs( table );
+   rig.rig.start();
+   rig.run( [] {} );
+   RestartRig next( rig.rig.hardware->state() );
+   next.tableIs( table );
+   Mpls::LfibMplsVia twoLabels = swapVia( 90, "10.0.1.2", 1, 0 );
+   twoLabels.labelStack = { 100, 101 };
+   next.rig.viaSetIs( 90, { twoLabels } );
+   next.rig.routeIs( 16, 90 );
+   next.rig.routeIs( key( 17 ), viaSetKey( 1, Mpls::viaTypeVlan ) );
+   next.rig.start();
+   next.rig.lfib->poll( 1U << 20 );
+   next.rig.routeDel( 18 ); // after it was taken in, before it is written
+   next.run( [&] { ASSERT_EQ( next.forward( 19 ), wayOf( table[19] ) ); } );
+   EXPECT_EQ( next.rig.hardware->routes(), 1U );
+   EXPECT_EQ( next.rig.hardware->state().fecs.size(), 1U );
+   EXPECT_EQ( next.rig.hardware->status()->routesStale(), 3U );
+   EXPECT_EQ( next.rig.sm->recoveredRoutes(), 0U );
+}
+
 TEST_F( Restart, doesNotDropMoreThanItMay ) {
    const Table table{ { 16, { 1, 100, 0 } }, { 17, { 2, 100, 0 } }, { 18, { 3, 100, 0 } } };
    RestartRig rig( {} );
@@ -331,7 +358,7 @@ TEST_F( Restart, doesNotDropMoreThanItMay ) {
       logged.push_back( std::string( message.format ) );
    } );
    RestartRig held( left );
-   startWith( held, { { 16, { 1, 100, 0 } } }, 0.5 );
+   startWith( held, { { 16, { 1, 100, 0 } } }, 0.2 );
    EXPECT_TRUE( held.rig.sm->staleSweepHeld() );
    EXPECT_EQ( held.forward( 18 ), "3/100" );
    ASSERT_FALSE( logged.empty() );
