@@ -294,8 +294,8 @@ class FecModel {
    std::string forward( U32 label ) {
       Driver::Bytes frame( 12, 2 );
       const U32 entry = label << 12 | 1U << 8 | 64U;
-      for ( const U32 byte : { 0x88U, 0x47U, entry >> 24, entry >> 16 & 0xFFU, entry >> 8 & 0xFFU,
-                               entry & 0xFFU } ) {
+      for ( const U32 byte : { 0x88U, 0x47U, entry >> 24U, entry >> 16U & 0xFFU,
+                               entry >> 8U & 0xFFU, entry & 0xFFU } ) {
          frame.push_back( static_cast< uint8_t >( byte ) );
       }
       frame.insert( frame.end(),

@@ -73,8 +73,8 @@ class RestartRig {
    std::string forward( U32 label ) {
       Driver::Bytes frame( 12, 2 );
       const U32 entry = label << 12 | 1U << 8 | 64U;
-      for ( const U32 byte : { 0x88U, 0x47U, entry >> 24, entry >> 16 & 0xFFU, entry >> 8 & 0xFFU,
-                               entry & 0xFFU } ) {
+      for ( const U32 byte : { 0x88U, 0x47U, entry >> 24U, entry >> 16U & 0xFFU,
+                               entry >> 8U & 0xFFU, entry & 0xFFU } ) {
          frame.push_back( static_cast< uint8_t >( byte ) );
       }
       frame.insert( frame.end(),
@@ -316,7 +316,7 @@ TEST_F( Restart, takesItsInputsInEveryOrder ) {
 // What was in hardware and cannot be programmed any more goes, whichever way it became so.
 TEST_F( Restart, leavesNothingOfWhatItCannotWrite ) {
    Table table;
-   for ( const U32 label : { 16, 17, 18, 19 } ) {
+   for ( const U32 label : { 16U, 17U, 18U, 19U } ) {
       table[label] = { 1 + label % links, 100, 0 };
    }
    RestartRig rig( {} );

@@ -276,7 +276,7 @@ TEST_F( FecTest, UnfitBackupsSettle ) {
    rig.hardware->linkIs( IntfId::ordinary( 3 ), false );
    EXPECT_EQ( forward( 16004 ), "intf4 label 21" );
 
-   for ( const U32 label : { 16001, 16004, 16005 } ) {
+   for ( const U32 label : { 16001U, 16004U, 16005U } ) {
       rig.routeDel( label );
    }
    rig.settle();
@@ -305,7 +305,7 @@ TEST_F( FecTest, BackupsOfOtherKindsLeaveThePrimaryForwarding ) {
    protectedBy( 12, viaSetKey( 4, Mpls::viaTypeExternalFec ) ); // another agent's, not there
    protectedBy( 13, viaSetKey( 9, Mpls::viaTypeIpLookup ) );    // another state machine's
    rig.settle();
-   for ( const U32 viaSet : { 11, 12, 13 } ) {
+   for ( const U32 viaSet : { 11U, 12U, 13U } ) {
       EXPECT_EQ( forward( 16000 + viaSet ), joinText( "intf1 label ", viaSet ) );
    }
 }
@@ -445,7 +445,7 @@ class SmallFecTest : public FecTest {
 TEST_F( SmallFecTest, RoomComesBackByItself ) {
    viaSetIs( 1, { swapOut( 1, 1, 17 ) } );
    viaSetIs( 2, { swapOut( 2, 2, 18 ) } );
-   for ( const U32 label : { 16001, 16002, 16003 } ) {
+   for ( const U32 label : { 16001U, 16002U, 16003U } ) {
       rig.routeIs( label, 1 );
    }
    rig.settle();
@@ -455,7 +455,7 @@ TEST_F( SmallFecTest, RoomComesBackByItself ) {
    EXPECT_EQ( rig.published( 16003 ), RouteStatusCode::notProgrammed );
    EXPECT_EQ( rig.status()->unprogrammedReason(), UnprogrammedReason::RouteFull );
    EXPECT_EQ( rig.published( 16004 ), RouteStatusCode::notProgrammed ); // no room for its FEC
-   for ( const U32 label : { 16001, 16002, 16003 } ) {
+   for ( const U32 label : { 16001U, 16002U, 16003U } ) {
       rig.routeDel( label );
    }
    rig.settle();

@@ -226,7 +226,7 @@ TEST_P( Reports, edge ) {
    if ( GetParam().unprogrammedRoutes == 0 && !GetParam().logged.empty() ) {
       EXPECT_EQ( rig.status()->unprogrammedReason(), Success );
    }
-   for ( const U32 label : { 16, 17, 18 } ) { // ends the full message, which is the process's
+   for ( const U32 label : { 16U, 17U, 18U } ) { // ends the full message, which is the process's
       report( { Report::taken, label } );
    }
 }
