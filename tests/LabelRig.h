@@ -301,6 +301,19 @@ class LabelRig {
    Ptr< MplsSm > sm;
 };
 
+/// An Ethernet frame with that one label, TTL 64, above an IPv4 packet without payload.
+inline Driver::Bytes frameOf( U32 label ) {
+   Driver::Bytes frame( 12, 2 );
+   const U32 entry = label << 12 | 1U << 8 | 64U;
+   for ( const U32 byte :
+         { 0x88U, 0x47U, entry >> 24, entry >> 16 & 0xFFU, entry >> 8 & 0xFFU, entry & 0xFFU } ) {
+      frame.push_back( static_cast< uint8_t >( byte ) );
+   }
+   frame.insert( frame.end(),
+                 { 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2 } );
+   return frame;
+}
+
 /// Routes 16 to 16+n-1, each over a via set of its own.
 inline void addRoutes( LabelRig& rig, U32 n ) {
    rig.l3.neighborIs( "10.0.0.1", 1, 0x020000000001 );

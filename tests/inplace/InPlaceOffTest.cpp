@@ -39,13 +39,7 @@ class InPlaceOff : public testing::Test {
       return via;
    }
    bool forwards( U32 label ) {
-      Driver::Bytes frame( 12, 2 );
-      const U32 entry = label << 12 | 1U << 8 | 64U;
-      for ( const U32 byte : { 0x88U, 0x47U, entry >> 24U, entry >> 16U & 0xFFU,
-                               entry >> 8U & 0xFFU, entry & 0xFFU, 0x45U } ) {
-         frame.push_back( static_cast< uint8_t >( byte ) );
-      }
-      return !rig.hardware->forward( LabelRig::vrfId, frame ).frames.empty();
+      return !rig.hardware->forward( LabelRig::vrfId, frameOf( label ) ).frames.empty();
    }
    bool intoFec( U32 label ) {
       const Driver::HwRoute* const route = rig.hardware->route( LabelRig::vrfId, key( label ) );

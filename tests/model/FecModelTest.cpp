@@ -292,15 +292,8 @@ class FecModel {
    // --- Checks
 
    std::string forward( U32 label ) {
-      Driver::Bytes frame( 12, 2 );
-      const U32 entry = label << 12 | 1U << 8 | 64U;
-      for ( const U32 byte : { 0x88U, 0x47U, entry >> 24U, entry >> 16U & 0xFFU,
-                               entry >> 8U & 0xFFU, entry & 0xFFU } ) {
-         frame.push_back( static_cast< uint8_t >( byte ) );
-      }
-      frame.insert( frame.end(),
-                    { 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2 } );
-      const Driver::ForwardResult result = rig.hardware->forward( LabelRig::vrfId, frame );
+      const Driver::ForwardResult result =
+         rig.hardware->forward( LabelRig::vrfId, frameOf( label ) );
       if ( result.frames.empty() ) {
          return "";
       }

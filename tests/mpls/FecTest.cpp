@@ -60,16 +60,8 @@ class FecTest : public testing::Test {
    /// Where a frame with the label leaves and with which label: "intf2 label 17", or the reason for
    /// the drop.
    std::string forward( U32 label ) {
-      Driver::Bytes frame( 12, 2 );
-      for ( const U32 byte :
-            { 0x88U, 0x47U, label >> 12, label >> 4 & 0xFFU, ( label & 0xFU ) << 4 | 1U, 64U } ) {
-         frame.push_back( static_cast< uint8_t >( byte ) );
-      }
-      for ( const U32 byte : { 0x45U, 0U,    0U,  20U, 0U, 1U, 0U,  0U, 64U, 59U,
-                               0x26U, 0xECU, 10U, 0U,  0U, 1U, 10U, 0U, 0U,  2U } ) {
-         frame.push_back( static_cast< uint8_t >( byte ) );
-      }
-      const Driver::ForwardResult result = rig.hardware->forward( LabelRig::vrfId, frame );
+      const Driver::ForwardResult result =
+         rig.hardware->forward( LabelRig::vrfId, frameOf( label ) );
       if ( result.frames.empty() ) {
          return result.text;
       }
