@@ -129,7 +129,7 @@ class VEL_EXPORT MplsRoute : public Entity {
    // clang-format off
    IN_SLAB( MplsRoute )
    ENTITY( MplsRoute )
-   ATTRIBUTE( U32, metric ) // first, where the base leaves room for it
+   ATTRIBUTE( U32, metric )
    KEY( Mpls::RouteKey, routeKey )
    ATTRIBUTE_DEFAULT( bool, unprogrammed, { true } ) // until the driver reports it, nothing is in hardware
    ATTRIBUTE( bool, isInstalledWithMulticast )
