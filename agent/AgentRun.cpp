@@ -30,6 +30,17 @@ std::optional< Driver::FaultPlan > faultPlan( const std::vector< std::string >& 
    return plan;
 }
 
+// CLI::Range takes "nan" for a number between any two.
+CLI::Validator between( double low, double high ) {
+   const auto fault = [low, high]( const std::string& text ) -> std::string {
+      double value = 0;
+      return CLI::detail::lexical_cast( text, value ) && value >= low && value <= high
+                ? std::string()
+                : joinText( "Value ", text, " not in range ", low, " to ", high );
+   };
+   return { fault, joinText( "FLOAT in [", low, " - ", high, "]" ) };
+}
+
 // The operator's copy, with the simulated time.
 void logToStandardError( const LabelAgent& agent, Progress& progress ) {
    systemLogClockIs( agent.clock() );
@@ -68,7 +79,7 @@ void addRunOptions( CLI::App& app, RunOptions& options ) {
    app.add_option( "--for", options.forSeconds,
                    "Simulated seconds to go on after the last table, to watch what is tried again" )
       ->type_name( "SECONDS" )
-      ->check( CLI::Range( 0.0, longestRunSeconds ) );
+      ->check( between( 0.0, longestRunSeconds ) );
 }
 
 void addRestartOptions( CLI::App& app, RunOptions& options ) {
@@ -83,7 +94,7 @@ void addRestartOptions( CLI::App& app, RunOptions& options ) {
          "when not given" )
       ->type_name( "P" )
       ->needs( state )
-      ->check( CLI::Range( 0.0, 1.0 ) );
+      ->check( between( 0.0, 1.0 ) );
    app.add_flag( "--preview-sweep", options.previewSweep,
                  "List the routes that a restart would remove, and remove none" )
       ->needs( state );

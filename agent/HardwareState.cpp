@@ -1,6 +1,7 @@
 #include "agent/HardwareState.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -268,11 +269,14 @@ std::optional< std::string > saveHardwareState( const std::string& path,
    for ( const Driver::HwState::Route& route : state.routes ) {
       out["routes"].push_back( routeToJson( route ) );
    }
-   const std::string beside = path + ".new";
+   std::error_code unknown; // a link goes on naming the file that it names
+   const std::filesystem::path found = std::filesystem::weakly_canonical( path, unknown );
+   const std::string target = unknown ? path : found.string();
+   const std::string beside = target + ".new";
    std::ofstream file( beside );
    file << out.dump() << '\n';
    file.close();
-   if ( !file.good() || std::rename( beside.c_str(), path.c_str() ) != 0 ) {
+   if ( !file.good() || std::rename( beside.c_str(), target.c_str() ) != 0 ) {
       return path + ": the state of the hardware could not be written";
    }
    return std::nullopt;

@@ -20,6 +20,14 @@ bool isLabelFec( FecId fecId ) {
    return fecId.adjType() == Fib::AdjType::mplsV4Adj || fecId.adjType() == Fib::AdjType::mplsV6Adj;
 }
 
+std::set< MplsLabelAction > actionsOf( const std::vector< FecVia >& vias ) {
+   std::set< MplsLabelAction > actions;
+   for ( const FecVia& via : vias ) {
+      actions.insert( via.labelAction );
+   }
+   return actions;
+}
+
 } // namespace
 
 class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
@@ -30,6 +38,11 @@ class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
    void onFec( FecId fecId ) override { owner_.push( fecId ); }
    void onFec6( FecId fecId ) override { owner_.push( fecId ); }
    void onHwFecIdRequest( FecId fecId ) override { owner_.push( fecId ); }
+   void onMayReplace( FecId fecId ) override {
+      if ( notifier()->mayReplaceHas( fecId ) ) {
+         owner_.push( fecId );
+      }
+   }
    void onSyncRequestsReady() override {
       if ( notifier()->syncRequestsReady() ) {
          owner_.queue_.push( { .kind = OperationKind::syncRequested } );
@@ -196,13 +209,22 @@ void FecUnit::sync( FecId fecId ) {
    }
    const Ptr< HwFec >* const there = fecs_.find( fecId );
    Ptr< HwFec > fec = there ? *there : adopted( fecId, vias, backup );
-   const bool kept = !there && fec; // that takes no room
-   if ( !kept && !possible( fecId, vias ) ) {
+   const bool kept = !there && fec; // as it is, whatever its interfaces do
+   if ( !kept && !ready( vias ) ) {
+      waits( fecId, UnprogrammedReason::InterfaceNotReady );
       return;
    }
-   if ( !fec ) {
+   Ptr< HwFec > backupBefore;
+   if ( !fec && hasRoomFor( fecId ) ) {
       fec = Vel::make< HwFec >( nextHwId_++ );
       byHwId_.emplace( fec->hwId, fec.get() );
+   } else if ( !fec ) {
+      fec = replaced( fecId, vias );
+      if ( !fec ) {
+         waits( fecId, UnprogrammedReason::AdjacencyFull );
+         return;
+      }
+      backupBefore = fec->backup;
    }
    fec->fecId = fecId;
    fecs_.emplace( fecId, fec );
@@ -211,6 +233,9 @@ void FecUnit::sync( FecId fecId ) {
    platform_.response->hwFecIdIs( fecId, { fec->hwId } );
    status_.fecs_ = fecs_.size() + recovered_.size();
    changed( fecId );
+   if ( backupBefore ) {
+      maybeRelease( *backupBefore );
+   }
 }
 
 void FecUnit::contentIs( HwFec& fec, const std::vector< FecVia >& vias, FecId backup ) {
@@ -266,24 +291,21 @@ void FecUnit::changed( FecId fecId ) {
    }
 }
 
-// Whether hardware can take the FEC now. What is in hardware stays as it was while it cannot.
-bool FecUnit::possible( FecId fecId, const std::vector< FecVia >& vias ) {
-   UnprogrammedReason reason = UnprogrammedReason::Success;
+bool FecUnit::hasRoomFor( FecId fecId ) const {
    const size_t room = faults_.capacity( FaultKind::fecCapacity, clock_.now(), capacity_ );
-   if ( room != 0 && fecs_.size() + recovered_.size() >= room && !fecs_.has( fecId ) ) {
-      reason = UnprogrammedReason::AdjacencyFull;
-   } else if ( std::ranges::any_of( vias, [this]( const FecVia& via ) {
-                  return faults_.notReady( via.intf, clock_.now() );
-               } ) ) {
-      reason = UnprogrammedReason::InterfaceNotReady;
-   }
-   if ( reason == UnprogrammedReason::Success ) {
-      return true;
-   }
+   return room == 0 || fecs_.size() + recovered_.size() < room || fecs_.has( fecId );
+}
+
+bool FecUnit::ready( const std::vector< FecVia >& vias ) const {
+   return std::ranges::none_of(
+      vias, [this]( const FecVia& via ) { return faults_.notReady( via.intf, clock_.now() ); } );
+}
+
+// Hardware cannot take the FEC now. What is in hardware stays as it was.
+void FecUnit::waits( FecId fecId, UnprogrammedReason reason ) {
    ++status_.refused_;
    waiting_.insert( fecId );
    status_.waitingFecIs( fecId, reason );
-   return false;
 }
 
 void FecUnit::retryWaiting() {
@@ -400,6 +422,21 @@ Ptr< HwFec > FecUnit::adopted( FecId fecId, const std::vector< FecVia >& vias, F
       }
    }
    return nullptr;
+}
+
+// The FEC of the earlier driver whose routes all want what is requested, to be rewritten; or null.
+// Not where it would do something else with the label than before: a pop may move between a route
+// and its FEC, and the two cannot be rewritten in one step.
+Ptr< HwFec > FecUnit::replaced( FecId fecId, const std::vector< FecVia >& vias ) {
+   const U64 hwId = platform_.request->mayReplace( fecId );
+   const Ptr< HwFec >* const found = recovered_.find( hwId );
+   if ( found == nullptr || actionsOf( ( *found )->via ) != actionsOf( vias ) ) {
+      return nullptr;
+   }
+   const Ptr< HwFec > fec = *found;
+   recovered_.erase( hwId );
+   fec->replaced = true;
+   return fec;
 }
 
 void FecUnit::maybeRelease( HwFec& fec ) {

@@ -22,7 +22,9 @@
 // library says that it has written them (`syncRequestsReady`). Then a request whose sync id names a
 // FEC that has just the content that is wanted takes it over as it is, with its hardware id; any
 // other gets a FEC of its own, to which its routes then move. What nobody has taken over goes with
-// its last route. At the end `adjSyncDone` is set.
+// its last route. At the end `adjSyncDone` is set. Where there is no room for one more FEC, an old
+// one is given the new content in place, once the library says that all its routes want just that
+// (`mayReplace`).
 //
 // What cannot be made now (no room, an interface that is not ready) is made as soon as it can be;
 // until then there is no answer.
@@ -115,12 +117,15 @@ class FecUnit {
    struct Way;
 
    void push( Fib::FecId fecId );
-   bool possible( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias );
+   bool hasRoomFor( Fib::FecId fecId ) const;
+   bool ready( const std::vector< Fib::FecVia >& vias ) const;
+   void waits( Fib::FecId fecId, UnprogrammedReason reason );
    bool wanted( Fib::FecId fecId, std::vector< Fib::FecVia >& vias, Fib::FecId& backup ) const;
    void remove( Fib::FecId fecId );
    void syncHeld( Fib::FecId fecId );
    Ptr< HwFec > adopted( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias,
                          Fib::FecId backup );
+   Ptr< HwFec > replaced( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias );
    void contentIs( HwFec& fec, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
    void dependsOn( const HwFec& fec, bool depends );
    void changed( Fib::FecId fecId );

@@ -79,6 +79,7 @@ struct HwFec {
    Ptr< HwFec > backup;            ///< what does
    U64 routes = 0;                 ///< that forward into it
    U64 protects = 0;               ///< FECs whose backup it is
+   bool replaced = false;          ///< made of one of an earlier driver that had another content
 
    void backupIs( Ptr< HwFec > fec ) {
       if ( backup ) {

@@ -495,7 +495,7 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
    const bool recovered = recoveredRoute_.erase( key );
    if ( recovered ) {
       countedRoute_.insert( key );
-      ++( same ? status_->routesAdopted_ : status_->routesChanged_ );
+      ++( same && !fec->replaced ? status_->routesAdopted_ : status_->routesChanged_ );
    }
    if ( same ) { // there is nothing to write
       vrf.refused->refusedRouteDel( key );

@@ -453,6 +453,7 @@ void MplsSm::processHwFecIdResponse( Fib::FecId fecId, VrfMplsState& vrfState ) 
    MPLS_TRACE_CALL( 3, " vrf ", vrfState.vrfName(), " FecId ", fecId );
    if ( ExternalFecInfo* const info = vrfState.extFecInfo( fecId ) ) {
       info->hwIdIs( in_.hwFecIdResponse->hwFecId( fecId ).hwId ); // withdrawn: 0
+      in_.hwFecIdRequest->mayReplaceDel( fecId );
    }
 }
 
@@ -462,7 +463,7 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
    const L3::VrfName& vrf = vrfState.vrfName();
    const Mpls::RouteKey routeKey = route.routeKey();
    const Ptr< ExternalFecInfo > info = l3Adj.extFecInfo();
-   if ( !in_.velL3Status->vrfNameHas( in_.routingHwRouteStatus->vrfStatus( vrf ) ) ) {
+   if ( !mayNameRoutes( vrf ) ) {
       routeUnprogrammedIs( route, true ); // what cannot be named cannot be listed; the name comes
       return;
    }

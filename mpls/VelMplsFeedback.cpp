@@ -114,6 +114,7 @@ void MplsSm::handleVrfName( VrfId vrfId ) {
       }
       doMaybeScheduleReview( vrf );
    }
+   maybeSweepNamed( vrf );
    const MplsHwVrfStatus* const status = in_.mplsHwStatus->vrfStatus( vrfId );
    if ( status && status->mplsRouting() ) {
       MPLS_TRACE( 3, "platform enabled mplsRouting in vrf: ", vrf );

@@ -37,6 +37,7 @@ class MplsSmReactors::RouteStatusReactor : public Routing::Hardware::RouteStatus
            notifier()->vrfStatusHas( vrf ) ) {
          sm_.handleMplsRouting( true );
       }
+      sm_.maybeSweepNamed( vrf );
    }
 
  private:

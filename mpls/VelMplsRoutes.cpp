@@ -393,6 +393,9 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
       MPLS_TRACE( 3, "viaSetKey changed" );
       MPLS_TRACE( 3, "remove routeKey ", routeKey, " from l3Adj index ", bound->index() );
       bound->routeKeyDel( routeKey );
+      if ( recoveredRouteHas( routeKey ) ) {
+         in_.hwFecIdRequest->mayReplaceDelAll(); // it was to go with the others; now it is not
+      }
       vrfState.l3AdjForReviewIs( bound->index() ); // to be programmed without the route, or deleted
       route.l3AdjIs( nullptr );
    }

@@ -146,6 +146,7 @@ void MplsSm::clearOutputs() {
       in_.hwFecIdRequest->fec6DelAll();
       in_.hwFecIdRequest->hwFecIdRequestDelAll();
       in_.hwFecIdRequest->adjSyncIdMapDelAll();
+      in_.hwFecIdRequest->mayReplaceDelAll();
    }
 }
 

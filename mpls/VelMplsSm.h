@@ -291,6 +291,8 @@ class VEL_EXPORT MplsSm : public Entity {
    void handleMplsRouteSyncMap();
    void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
    void handleSyncDone();
+   /// The VRF has its name, or its number: stale routes may have waited for both.
+   void maybeSweepNamed( const L3::VrfName& vrf );
    /// An operator's word that the stale routes may be dropped, however many they are.
    void approveStaleSweep();
 
@@ -298,7 +300,10 @@ class VEL_EXPORT MplsSm : public Entity {
    friend MplsSmReactors;
 
    void sweepStaleRoutes();
+   bool awaitsSyncAnswers() const;
+   void offerRecoveredFecs( const VrfMplsState& vrfState );
    bool maySweepStaleRoutes();
+   bool mayNameRoutes( const L3::VrfName& vrf ) const;
    double staleShare() const;
    void dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
    void recordAdjSyncIds( const VrfMplsState& vrfState );

@@ -79,7 +79,7 @@ void MplsSm::handleMplsRouteSyncMap() {
 void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
    const VrfMplsState* const vrfState = mplsState( vrf );
    if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmProcessingSyncMap ) {
-      if ( staleSweepHeld() && staleShare() <= maxStaleShare() &&
+      if ( staleSweepHeld() && staleShare() <= maxStaleShare() && !awaitsSyncAnswers() &&
            ( !vrfState || vrfState->routeKeyForReviews() + vrfState->l3AdjForReviews() == 0 ) ) {
          handleSyncDone(); // what was missing has come after all
       }
@@ -112,6 +112,11 @@ void MplsSm::handleSyncDone() {
                   mplsSmStartupStatus_, ", NOT transitioning to normal stage for VelMplsSm" );
       return;
    }
+   const L3::VrfName vrf = L3::VrfName::defaultVrf();
+   if ( staleRecoveredRoutes() != 0 && !mayNameRoutes( vrf ) ) {
+      MPLS_TRACE( 3, "stale routes wait for the name of vrf ", vrf );
+      return;
+   }
    if ( !maySweepStaleRoutes() ) {
       return; // what is stale goes on forwarding
    }
@@ -119,6 +124,60 @@ void MplsSm::handleSyncDone() {
    in_.hwFecIdRequest->adjSyncIdMapDelAll();
    mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmNormal );
    MPLS_TRACE( 3, "Transitioned to normal stage" );
+   if ( const VrfMplsState* const vrfState = mplsState( vrf ) ) {
+      offerRecoveredFecs( *vrfState );
+   }
+}
+
+// Routes that come back while the sweep is held are to find what they had, as the others did.
+bool MplsSm::awaitsSyncAnswers() const {
+   for ( const auto& [fecId, entry] : in_.hwFecIdRequest->adjSyncIdMap() ) {
+      if ( in_.hwFecIdRequest->hwFecIdRequestHas( fecId ) &&
+           in_.hwFecIdResponse->hwFecId( fecId ).hwId == 0 ) {
+         return true;
+      }
+   }
+   return false;
+}
+
+// Hardware that has no room for another FEC could never make the new one of routes whose old one
+// fills its place. Where all routes that are left in an old FEC wait for the same new one, hardware
+// may turn the one into the other.
+void MplsSm::offerRecoveredFecs( const VrfMplsState& vrfState ) {
+   if ( recoveredRoutes() == 0 || mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmNormal ) {
+      return;
+   }
+   Hash< AdjSyncId, Fib::FecId > awaited; // none where they differ
+   for ( const Mpls::RouteKey routeKey : recoveredRoute() ) {
+      const MplsRoute* const route = vrfState.route( routeKey );
+      const L3Adjacency* const l3Adj = route ? route->l3Adj().get() : nullptr;
+      const ExternalFecInfo* const info = l3Adj ? l3Adj->extFecInfo().get() : nullptr;
+      const Fib::FecId fecId = info && info->hwId() == 0 ? info->fecId() : Fib::FecId();
+      const auto [there, first] =
+         awaited.emplace( in_.mplsRouteSyncMap->adjSyncId( routeKey ), fecId );
+      if ( !first && *there != fecId ) {
+         *there = Fib::FecId();
+      }
+   }
+   for ( const auto& [syncId, fecId] : awaited ) {
+      if ( fecId != Fib::FecId() ) {
+         MPLS_TRACE( 3, "FecId ", fecId, " may replace what was ", syncId );
+         in_.hwFecIdRequest->mayReplaceIs( fecId, syncId );
+      }
+   }
+}
+
+void MplsSm::maybeSweepNamed( const L3::VrfName& vrf ) {
+   if ( mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmWaitingForSyncResponses &&
+        in_.velL3StartupStagePrereqs->adjSyncDone() && mayNameRoutes( vrf ) ) {
+      handleSyncDone();
+   }
+}
+
+// A route into a FEC is known to hardware by the VRF's name and number.
+bool MplsSm::mayNameRoutes( const L3::VrfName& vrf ) const {
+   return in_.routingHwRouteStatus->vrfStatusHas( vrf ) &&
+          in_.velL3Status->vrfNameHas( in_.routingHwRouteStatus->vrfStatus( vrf ) );
 }
 
 // An LFIB that comes up nearly empty would take nearly everything out of hardware.

@@ -196,6 +196,12 @@ TEST_F( CommandTest, HardwareOutlivesTheProgram ) {
    EXPECT_EQ( swept.status, 0 );
    EXPECT_THAT( swept.out, counts( 3, 0, 0, 1 ) );
 
+   std::filesystem::rename( folder_ + "/hw.json", folder_ + "/elsewhere.json" );
+   std::filesystem::create_symlink( folder_ + "/elsewhere.json", folder_ + "/hw.json" );
+   EXPECT_THAT( run( "program" + before + common ).out, counts( 1, 1, 1, 1 ) );
+   EXPECT_TRUE( std::filesystem::is_symlink( folder_ + "/hw.json" ) );
+
+   EXPECT_EQ( run( "program --max-stale-share nan" + after + common ).status, 2 );
    EXPECT_THAT( run( "program --without-fecs" + after + common ).err, HasSubstr( "without FECs" ) );
    for ( const std::string text : { "{", "[]", R"({"velmplsHardwareState":2})",
                                     R"({"velmplsHardwareState":1,"nextHwId":2,"mplsRouting":[0],)"

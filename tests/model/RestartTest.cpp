@@ -35,8 +35,8 @@ using Table = std::map< U32, Ways >; // by label
 /// A rig that publishes tables, each distinct via set once.
 class RestartRig {
  public:
-   explicit RestartRig( const Driver::HwState& hardware, bool lfibReady = true )
-      : rig( { .withFecs = true, .lfibReady = lfibReady, .recovered = hardware, .start = false } ) {
+   explicit RestartRig( const Driver::HwState& hardware, RigSettings settings = {} )
+      : rig( settingsFor( hardware, std::move( settings ) ) ) {
       rig.scheduler->maxQueriesPerRunIs( 3 ); // many event boundaries
       for ( U32 link = 1; link <= links; ++link ) {
          rig.l3.neighborIs( joinText( "10.0.", link, ".2" ), link, 0x020000000000 + link );
@@ -84,6 +84,12 @@ class RestartRig {
    LabelRig rig;
 
  private:
+   static RigSettings settingsFor( const Driver::HwState& hardware, RigSettings settings ) {
+      settings.withFecs = true;
+      settings.recovered = hardware;
+      settings.start = false;
+      return settings;
+   }
    U32 viaSetOf( const Ways& ways ) {
       const auto [at, made] =
          viaSets_.try_emplace( ways, static_cast< U32 >( viaSets_.size() + 1 ) );
@@ -242,7 +248,7 @@ TEST_F( Restart, waitsForWhatItNeeds ) {
    rig.tableIs( table );
    rig.rig.start();
    rig.run( [] {} );
-   RestartRig next( rig.rig.hardware->state(), false );
+   RestartRig next( rig.rig.hardware->state(), { .lfibReady = false } );
    const auto forwarding = [&] {
       ASSERT_EQ( next.forward( 16 ), "1/100" );
       ASSERT_EQ( next.forward( 17 ), "3/101" );
@@ -279,7 +285,7 @@ TEST_F( Restart, takesItsInputsInEveryOrder ) {
          continue; // an LFIB that calls itself whole without its routes has lost them
       }
       SCOPED_TRACE( joinText( order[0], order[1], order[2], order[3] ) );
-      RestartRig next( left, false );
+      RestartRig next( left, { .lfibReady = false } );
       bool started = false;
       for ( const int input : order ) {
          switch ( input ) {
@@ -333,6 +339,89 @@ TEST_F( Restart, leavesNothingOfWhatItCannotWrite ) {
    EXPECT_EQ( next.rig.sm->recoveredRoutes(), 0U );
 }
 
+// What was programmed in full hardware, and has changed since, fits in as it did before.
+TEST_F( Restart, changesFullHardware ) {
+   const Table table{ { 16, { 1, 100, 2 } },
+                      { 17, { 1, 100, 2 } },
+                      { 18, { 3, 101, 0 } },
+                      { 19, { 3, 101, 0 } },
+                      { 20, { 4, 101, 0 } } };
+   RestartRig rig( {} );
+   rig.tableIs( table );
+   rig.rig.start();
+   rig.run( [] {} );
+   const Driver::HwState left = rig.rig.hardware->state();
+   const struct {
+      const char* name;
+      Table now;
+      size_t changed;
+   } cases[] = {
+      { "another way and another backup",
+        { { 16, { 2, 100, 1 } },
+          { 17, { 2, 100, 1 } },
+          { 18, { 3, 101, 0 } },
+          { 19, { 3, 101, 0 } },
+          { 20, { 4, 101, 0 } } },
+        2 },
+      { "one route of an old FEC is gone",
+        { { 16, { 1, 100, 2 } },
+          { 17, { 1, 100, 2 } },
+          { 19, { 2, 101, 0 } },
+          { 20, { 4, 101, 0 } } },
+        1 },
+      { "into the FEC of others",
+        { { 16, { 1, 100, 2 } },
+          { 17, { 1, 100, 2 } },
+          { 18, { 2, 101, 0 } },
+          { 19, { 2, 101, 0 } },
+          { 20, { 2, 101, 0 } } },
+        3 },
+      { "everything",
+        { { 16, { 3, 100, 0 } },
+          { 17, { 3, 100, 0 } },
+          { 18, { 4, 100, 1 } },
+          { 19, { 4, 100, 1 } },
+          { 20, { 2, 100, 0 } } },
+        5 },
+   };
+   for ( const auto& [name, now, changed] : cases ) {
+      SCOPED_TRACE( name );
+      RestartRig next( left, { .hardware = { .fecCapacity = left.fecs.size() } } );
+      next.tableIs( now );
+      next.rig.start();
+      next.run( [&] {
+         for ( const auto& [label, ways] : now ) {
+            if ( table.at( label ) == ways ) {
+               ASSERT_EQ( next.forward( label ), wayOf( ways ) );
+            }
+         }
+      } );
+      next.run( [] {} );
+      expectAsFresh( next, now );
+      EXPECT_EQ( next.rig.hardware->status()->routesChanged(), changed );
+      EXPECT_EQ( next.rig.fecRequest->mayReplaces(), 0U );
+   }
+}
+
+// The sweep is hardware's to carry out, which knows a VRF by its number.
+TEST_F( Restart, sweepsOnceTheVrfHasItsNumber ) {
+   RestartRig rig( {} );
+   rig.tableIs( { { 16, { 1, 100, 0 } }, { 17, { 2, 100, 0 } } } );
+   rig.rig.start();
+   rig.run( [] {} );
+   RestartRig next( rig.rig.hardware->state(), { .vrfHasNumber = false } );
+   next.tableIs( { { 16, { 1, 100, 0 } } } );
+   next.rig.start();
+   next.run( [&] { ASSERT_EQ( next.forward( 17 ), "2/100" ); } );
+   EXPECT_EQ( next.rig.sm->mplsSmStartupStatus(),
+              MplsSmStartupStatus::mplsSmWaitingForSyncResponses );
+   next.rig.vrfNumberIs();
+   next.run( [&] { ASSERT_EQ( next.forward( 16 ), "1/100" ); } );
+   EXPECT_EQ( next.rig.sm->mplsSmStartupStatus(), MplsSmStartupStatus::mplsSmNormal );
+   EXPECT_EQ( next.forward( 17 ), "" );
+   EXPECT_EQ( next.rig.hardware->status()->routesAdopted(), 1U );
+}
+
 TEST_F( Restart, doesNotDropMoreThanItMay ) {
    const Table table{ { 16, { 1, 100, 0 } }, { 17, { 2, 100, 0 } }, { 18, { 3, 100, 0 } } };
    RestartRig rig( {} );
@@ -372,6 +461,7 @@ TEST_F( Restart, doesNotDropMoreThanItMay ) {
    back.run( [&] { ASSERT_EQ( back.forward( 18 ), "3/100" ); } );
    EXPECT_EQ( back.rig.sm->mplsSmStartupStatus(), MplsSmStartupStatus::mplsSmNormal );
    EXPECT_EQ( back.rig.hardware->status()->routesStale(), 0U );
+   EXPECT_EQ( back.rig.hardware->status()->routesAdopted(), 3U );
    systemLogSinkIs( {} );
 }
 
