@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,17 +33,19 @@ class CommandTest : public testing::Test {
    /// Runs the program with the arguments as a shell reads them.
    Ran run( const std::string& arguments, const std::string& input = "" ) const {
       const std::string command =
-         joinText( "'", VELMPLS_PROGRAM, "' ", arguments, " < ", file( "in", input ), " > ",
-                   folder_, "/out 2> ", folder_, "/err" );
+         joinText( "'", VELMPLS_PROGRAM, "' < ", file( "in", input ), " > ", folder_, "/out 2> ",
+                   folder_, "/err ", arguments );
       const int status = std::system( command.c_str() ); // NOLINT: a shell is what people use
-      std::string fault;
-      return { WIFEXITED( status ) ? WEXITSTATUS( status ) : -1,
-               readFile( folder_ + "/out", fault ).value_or( "" ),
-               readFile( folder_ + "/err", fault ).value_or( "" ) };
+      return { WIFEXITED( status ) ? WEXITSTATUS( status ) : -1, contents( folder_ + "/out" ),
+               contents( folder_ + "/err" ) };
    }
    std::string file( const std::string& name, const std::string& text ) const {
       std::ofstream( folder_ + "/" + name ) << text;
       return folder_ + "/" + name;
+   }
+   static std::string contents( const std::string& path ) {
+      std::string fault;
+      return readFile( path, fault ).value_or( fault );
    }
 
    const std::string folder_ =
@@ -61,6 +64,7 @@ TEST_F( CommandTest, BadInputAndUsageEndWithTwoAndSayWhy ) {
       { "", "subcommand" },
       { "fly", "subcommand" },
       { "program", "--lfib" },
+      { "audit", "--lfib" },
       { "program --lfib", "--lfib" },
       { "program --fast" + labels, "--fast" },
       { "program --lfib " + folder_ + "/none.json", "none.json: cannot be opened" },
@@ -72,14 +76,25 @@ TEST_F( CommandTest, BadInputAndUsageEndWithTwoAndSayWhy ) {
       { "program --lfib-format native" + labels, "velmplsLabelTable" },
       { "program --lfib-format csv" + labels, "\"csv\" is not a format" },
       { "program --format xml" + labels, "\"xml\" is not a form" },
+      { "explain 16001 --format xml" + labels, "xml" },
       { "program --trace VelMplsSm" + labels, "--trace: " },
       { "program --trace VelMplsSn/3" + labels, "no handle \"VelMplsSn\"; there are" },
       { "program --neighbors " + cut + labels, "cut.json" },
+      { "program --max-stale-share nan" + labels, "--max-stale-share" },
       { "forward" + labels, "--frame" },
       { forward + "0203 --frame 'g0'", "--frame 2: character 1 is not a hexadecimal digit" },
       { forward + "02:0", "--frame 1: an odd number of hexadecimal digits (3)" },
       { forward + "' : '", "--frame 1: no bytes" },
-      { forward + huge, "longer than 9216 bytes" } };
+      { forward + huge, "longer than 9216 bytes" },
+      { "explain" + labels, "LABEL" },
+      { "explain none" + labels, "none" },
+      { "explain 16001/1048576" + labels, "1048576" },
+      { "audit --limit -1" + labels, "--limit" },
+      { "impact" + labels, "" },
+      { "impact --next-hop 10.3.6" + labels, "10.3.6" },
+      { "impact --next-hop 10.3.6.7" + labels, "10.3.6.7" },
+      { "impact --next-hop 10.3.6.6 --interface to-seattle" + labels, "10.3.6.6" },
+      { "impact --interface eth9" + labels, "eth9" } };
    for ( const auto& [arguments, complaint] : cases ) {
       const Ran ran = run( arguments );
       EXPECT_EQ( ran.status, 2 ) << arguments;
@@ -88,7 +103,30 @@ TEST_F( CommandTest, BadInputAndUsageEndWithTwoAndSayWhy ) {
    }
 }
 
-TEST_F( CommandTest, StatusSaysWhetherEveryRouteIsProgrammed ) {
+TEST_F( CommandTest, StatusSaysWhetherAllIsAsItShouldBe ) {
+   const std::string all = labels + neighbors;
+   const std::vector< std::pair< std::string, int > > cases{
+      { "program" + all + " > /dev/full", 2 },
+      { "explain 16001" + all, 0 },
+      { "explain 16001 --fault 'refuse label 16002'" + all, 0 },
+      { "explain 16002 --fault 'refuse label 16002' --format json" + all, 3 },
+      { "explain 15" + all, 3 },
+      { "explain 16001" + all + " > /dev/full", 2 },
+      { "audit" + all, 0 },
+      { "audit" + labels, 0 },
+      { "audit --fault 'refuse label 16002' --limit 0 --format json" + all, 3 },
+      { "audit --without-fecs" + all, 0 },
+      { "audit --without-fecs --fault 'forget label 16002'" + all, 3 },
+      { "audit --route-capacity 9" + all, 3 },
+      { "audit" + all + " > /dev/full", 2 },
+      { "impact --next-hop 10.3.6.6 --interface to-kansas-city" + all, 0 },
+      { "impact --interface to-seattle --format json" + labels, 0 } };
+   for ( const auto& [arguments, status] : cases ) {
+      EXPECT_EQ( run( arguments ).status, status ) << arguments;
+   }
+}
+
+TEST_F( CommandTest, ProgramPrintsWhatIsAskedFor ) {
    const Ran whole = run( "program" + labels + linkDown + neighbors );
    EXPECT_EQ( whole.status, 0 );
    EXPECT_THAT( whole.err, IsEmpty() );
@@ -98,13 +136,10 @@ TEST_F( CommandTest, StatusSaysWhetherEveryRouteIsProgrammed ) {
    const Ran part = run( "program --quiet" + labels );
    EXPECT_EQ( part.status, 3 );
    EXPECT_THAT( part.out + part.err, IsEmpty() );
-   std::string fault;
    const Ran piped = run( "program --format json --lfib -" + neighbors,
-                          *readFile( examplePath( "labels-iproute2" ), fault ) );
+                          contents( examplePath( "labels-iproute2" ) ) );
    EXPECT_EQ( piped.status, 0 );
    EXPECT_THAT( piped.out, StartsWith( R"({"summary":{"routes":10,"programmed":10,)" ) );
-   const Ran full = run( "program" + labels + neighbors + " > /dev/full 2> /dev/null #" );
-   EXPECT_EQ( full.status, 2 );
    EXPECT_THAT( run( "program --quiet --trace 'VelMplsSm/7'" + labels ).err,
                 HasSubstr( "VelMplsSm/7 process routeKey 16001" ) );
    EXPECT_THAT( run( "--version" ).out, StartsWith( "velmpls " ) );
@@ -131,28 +166,21 @@ TEST_F( CommandTest, KeepGoingTakesWhatIsSound ) {
 }
 
 TEST_F( CommandTest, FramesLeaveTheOtherWayWhenTheLinkIsDown ) {
-   const std::string frames = " --frame '020000000001 020000000002 88:47 03E81140 "
-                              "450000140000000040fd61e80a0001020a000304' --frame 0102";
-   const std::string rest = "020000000001884703e8113f450000140000000040fd61e80a0001020a000304\n"
-                            "drop: frame too short for an Ethernet header\n";
-   const Ran before = run( "forward" + labels + neighbors + frames );
-   EXPECT_EQ( before.out, "to-kansas-city 02000a030606" + rest );
-   EXPECT_EQ( before.status, 0 );
-   const Ran after = run( "forward" + labels + linkDown + neighbors + frames );
-   EXPECT_EQ( after.out, "to-sunnyvale 02000a030a0a" + rest );
-   EXPECT_EQ( after.status, 0 );
-}
-
-TEST_F( CommandTest, BackupTakesOverWhenTheLinkIsDown ) {
-   const std::string forward = "forward --lfib " + examplePath( "labels-backup" ) + neighbors +
-                               " --frame '020000000001 020000000002 88:47 03E84140 "
-                               "450000140000000040fd61e80a0001020a000304'";
+   const std::string frame = " --frame '020000000001 020000000002 88:47 03E84140 "
+                             "450000140000000040fd61e80a0001020a000304'";
    const std::string rest = "020000000001884703e8413f450000140000000040fd61e80a0001020a000304\n";
+   const std::string east = "to-kansas-city 02000a030606" + rest;
+   const std::string west = "to-sunnyvale 02000a030a0a" + rest;
+   const std::string tooShort = "drop: frame too short for an Ethernet header\n";
+   const std::string plain = "forward" + neighbors + frame + labels;
+   const std::string guarded =
+      "forward" + neighbors + frame + " --lfib " + examplePath( "labels-backup" );
    const std::string linkFails = " --fault 'link-down to-kansas-city from 5' --for ";
-   EXPECT_EQ( run( forward ).out, "to-kansas-city 02000a030606" + rest );
-   EXPECT_EQ( run( forward + linkFails + "4" ).out, "to-kansas-city 02000a030606" + rest );
-   EXPECT_EQ( run( forward + linkFails + "6" ).out, "to-sunnyvale 02000a030a0a" + rest );
-   EXPECT_THAT( run( forward + linkFails + "6 --without-fecs" ).out, StartsWith( "drop: " ) );
+   EXPECT_EQ( run( plain + " --frame 0102" ).out, east + tooShort );
+   EXPECT_EQ( run( plain + linkDown ).out, west ); // by the next table
+   EXPECT_EQ( run( guarded + linkFails + "4" ).out, east );
+   EXPECT_EQ( run( guarded + linkFails + "6" ).out, west ); // by its backup
+   EXPECT_THAT( run( guarded + linkFails + "6 --without-fecs" ).out, StartsWith( "drop: " ) );
    const Ran full = run( "program --fec-capacity 3" + labels + neighbors );
    EXPECT_EQ( full.status, 3 );
    EXPECT_THAT( full.out, HasSubstr( "hardware is full: FECs" ) );
@@ -160,55 +188,45 @@ TEST_F( CommandTest, BackupTakesOverWhenTheLinkIsDown ) {
 }
 
 TEST_F( CommandTest, HardwareOutlivesTheProgram ) {
-   const auto table = [&]( const std::string& name, const std::vector< std::string >& routes ) {
-      std::string text;
-      for ( const std::string& route : routes ) {
-         text += ( text.empty() ? "" : "," ) + route;
+   const auto table = [&]( const std::string& name, const std::map< U32, U32 >& swaps ) {
+      std::vector< std::string > routes;
+      for ( const auto& [label, out] : swaps ) {
+         routes.push_back( routeOf( label, { swapVia( out, "10.0.0.1", "eth1" ) } ) );
       }
-      return " --lfib " + file( name, "{\"velmplsLabelTable\":1,\"routes\":[" + text + "]}" );
+      return " --lfib " + file( name, tableText( routes ) );
    };
-   const auto route = []( int label, int out ) {
-      return joinText( "{\"label\":", label, ",\"vias\":[{\"action\":\"swap\",\"outLabels\":[", out,
-                       "],\"nextHop\":\"10.0.0.1\",\"interface\":\"eth1\"}]}" );
-   };
-   const std::string state = " --hardware-state " + folder_ + "/hw.json";
    const std::string common =
-      " --format json --neighbors " +
-      file( "neigh", R"([{"dst":"10.0.0.1","dev":"eth1","lladdr":"02:00:00:00:00:01",)"
-                     R"("state":["REACHABLE"]}])" ) +
-      state;
-   const std::string before =
-      table( "a", { route( 16, 101 ), route( 17, 102 ), route( 18, 103 ) } );
-   const std::string after = table( "b", { route( 16, 101 ), route( 17, 109 ), route( 19, 104 ) } );
+      " --hardware-state " + folder_ + "/hw.json --format json --neighbors " +
+      file( "neigh", R"([{"dst":"10.0.0.1","dev":"eth1","lladdr":"02:00:00:00:00:01"}])" );
+   const std::string before = table( "a", { { 16, 101 }, { 17, 102 }, { 18, 103 } } ) + common;
+   const std::string after = table( "b", { { 16, 101 }, { 17, 109 }, { 19, 104 } } ) + common;
    const auto counts = []( int adopted, int changed, int added, int stale ) {
       return HasSubstr( joinText( "\"adopted\":", adopted, ",\"changed\":", changed,
                                   ",\"added\":", added, ",\"stale\":", stale ) );
    };
-   EXPECT_THAT( run( "program" + before + common ).out, counts( 0, 0, 3, 0 ) );
-   EXPECT_THAT( run( "program" + before + common ).out, counts( 3, 0, 0, 0 ) );
-   const Ran preview = run( "program --preview-sweep" + after + common );
-   EXPECT_THAT( preview.out, HasSubstr( "\"held\":[18]" ) );
-   const Ran held = run( "program --max-stale-share 0.1" + after + common );
+   EXPECT_THAT( run( "program" + before ).out, counts( 0, 0, 3, 0 ) );
+   EXPECT_THAT( run( "program" + before ).out, counts( 3, 0, 0, 0 ) );
+   EXPECT_THAT( run( "program --preview-sweep" + after ).out, HasSubstr( "\"held\":[18]" ) );
+   const Ran held = run( "program --max-stale-share 0.1" + after );
    EXPECT_EQ( held.status, 3 );
    EXPECT_THAT( held.out, counts( 1, 1, 1, 0 ) ); // the preview has changed nothing
    EXPECT_THAT( held.err, HasSubstr( "1 of 3 routes" ) );
-   const Ran swept = run( "program" + after + common );
+   const Ran swept = run( "program" + after );
    EXPECT_EQ( swept.status, 0 );
    EXPECT_THAT( swept.out, counts( 3, 0, 0, 1 ) );
 
    std::filesystem::rename( folder_ + "/hw.json", folder_ + "/elsewhere.json" );
    std::filesystem::create_symlink( folder_ + "/elsewhere.json", folder_ + "/hw.json" );
-   EXPECT_THAT( run( "program" + before + common ).out, counts( 1, 1, 1, 1 ) );
+   EXPECT_THAT( run( "program" + before ).out, counts( 1, 1, 1, 1 ) );
    EXPECT_TRUE( std::filesystem::is_symlink( folder_ + "/hw.json" ) );
 
-   EXPECT_EQ( run( "program --max-stale-share nan" + after + common ).status, 2 );
-   EXPECT_THAT( run( "program --without-fecs" + after + common ).err, HasSubstr( "without FECs" ) );
+   EXPECT_THAT( run( "program --without-fecs" + after ).err, HasSubstr( "without FECs" ) );
    for ( const std::string text : { "{", "[]", R"({"velmplsHardwareState":2})",
                                     R"({"velmplsHardwareState":1,"nextHwId":2,"mplsRouting":[0],)"
                                     R"("fecs":[],"routes":[{"vrf":0,"stack":[16],"hwId":1,)"
                                     R"("action":"none","payload":null,"ttlMode":null}]})" } ) {
       file( "hw.json", text );
-      const Ran bad = run( "program" + after + common );
+      const Ran bad = run( "program" + after );
       EXPECT_EQ( bad.status, 2 ) << text;
       EXPECT_THAT( bad.err, HasSubstr( "hw.json: not a state of the hardware" ) ) << text;
    }

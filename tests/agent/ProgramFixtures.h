@@ -1,8 +1,7 @@
-// Tables in the native format, and an agent that has taken them.
+// Label tables, neighbours and faults in few words, and an agent that has taken them.
 
 #pragma once
 
-#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -14,22 +13,44 @@
 #include "agent/LabelAgent.h"
 #include "agent/ProgramResult.h"
 #include "agent/ResultPrinter.h"
+#include "tests/LabelRig.h"
 
 namespace VelTest {
 
 using namespace Vel;
 using namespace Vel::Agent;
 using Mpls::RouteKey;
+using Test::ip;
+using Test::viaKey;
+using Test::viaSetKey;
 
 inline std::string examplePath( const std::string& name ) {
    return std::string( VELMPLS_SOURCE_DIR ) + "/examples/abilene-denver-" + name + ".json";
 }
 
-/// A swap in the native format.
+/// A line each.
+inline std::string errorText( const std::vector< ImportError >& errors ) {
+   std::string out;
+   for ( const ImportError& error : errors ) {
+      out += error.text() + "\n";
+   }
+   return out;
+}
+
+// --- The native format.
+
 inline std::string swapVia( uint32_t outLabel, const std::string& nextHop,
                             const std::string& interface = "" ) {
    return joinText( R"({"action":"swap","outLabels":[)", outLabel, R"(],"nextHop":")", nextHop,
                     interface.empty() ? "\"" : R"(","interface":")" + interface + "\"", "}" );
+}
+inline std::string popVia( const std::string& nextHop, const std::string& interface ) {
+   return joinText( R"({"action":"pop","payload":"ipv4","nextHop":")", nextHop,
+                    R"(","interface":")", interface, "\"}" );
+}
+/// Swaps into a "tunnel" or "nextHopGroup".
+inline std::string intoVia( const std::string& kind, const std::string& name ) {
+   return joinText( R"({"action":"swap","outLabels":[17],")", kind, R"(":")", name, "\"}" );
 }
 inline std::string joined( const std::vector< std::string >& parts ) {
    std::string out;
@@ -38,38 +59,67 @@ inline std::string joined( const std::vector< std::string >& parts ) {
    }
    return out;
 }
-inline std::string routeOf( uint32_t label, const std::vector< std::string >& vias ) {
-   return joinText( R"({"label":)", label, R"(,"vias":[)", joined( vias ), "]}" );
+/// `rest`: further fields, each with a comma before it.
+inline std::string routeOf( uint32_t label, const std::vector< std::string >& vias,
+                            const std::string& rest = "" ) {
+   return joinText( R"({"label":)", label, R"(,"vias":[)", joined( vias ), "]", rest, "}" );
 }
-/// A table of routes in the native format; `definitions` are further fields, each with a comma.
+inline std::string guardedRoute( uint32_t label, const std::vector< std::string >& vias,
+                                 const std::string& backup, const std::string& rest = "" ) {
+   return routeOf( label, vias, R"(,"backupVias":[)" + backup + "]" + rest );
+}
+const std::string primariesDisabled = R"(,"usableAsPrimaryVias":false)";
+
+/// What another agent has under that name; `list`: "tunnels", "nextHopGroups" or "externalFecs".
+inline std::string defined( const std::string& list, const std::string& name,
+                            const std::string& via ) {
+   return joinText( "\"", list, R"(":[{"name":")", name, R"(","vias":[)", via, "]}]," );
+}
+/// `definitions`: further fields, each with a comma behind it.
+inline std::string tableText( const std::vector< std::string >& routes,
+                              const std::string& definitions = "" ) {
+   return R"({"velmplsLabelTable":1,)" + definitions + R"("routes":[)" + joined( routes ) + "]}";
+}
 inline LabelTable tableOf( const std::vector< std::string >& routes,
                            const std::string& definitions = "" ) {
-   LabelTable table = parseLabelTable(
-      R"({"velmplsLabelTable":1,)" + definitions + R"("routes":[)" + joined( routes ) + "]}", "t" );
-   for ( const ImportError& error : table.errors ) {
-      ADD_FAILURE() << error.text();
-   }
+   LabelTable table = parseLabelTable( tableText( routes, definitions ), "t" );
+   EXPECT_EQ( errorText( table.errors ), "" );
    return table;
 }
+
+// --- Neighbours and faults.
+
 inline Neighbor neighborOf( const std::string& address, const std::string& interface,
                             uint8_t lastOfMac, uint16_t vlan = 0 ) {
    return { address, interface, { 2, 0, 0, 0, 0, lastOfMac }, true, "REACHABLE", vlan };
 }
+/// Hardware with those faults, in which eth1 is the first interface that there is, and so on.
+inline Driver::SwitchSettings hardwareWith( const std::string& faults ) {
+   Driver::SwitchSettings hardware{ .breachIsFatal = true };
+   const auto fault = hardware.faults.parse( faults, []( std::string_view interface ) {
+      return IntfId::ordinary( static_cast< U32 >( interface.back() - '0' ) );
+   } );
+   EXPECT_EQ( fault, std::nullopt );
+   return hardware;
+}
+
+// --- The agent.
 
 /// An agent with neighbours, to which tables are applied one after the other.
 struct Programmed {
    explicit Programmed( const std::vector< LabelTable >& tables,
-                        const std::vector< Neighbor >& neighbors = {},
-                        LabelAgentSettings settings = {} ) {
+                        const std::vector< Neighbor >& neighbors = {}, bool withFecs = true,
+                        const std::string& faults = "" ) {
       LfibPlan plan;
-      if ( settings.withFecs ) {
+      if ( withFecs ) {
          plan.neighborsAre( { "n", neighbors, {} } );
       }
       for ( const LabelTable& table : tables ) {
          plan.add( table );
       }
-      settings.hardware.breachIsFatal = true;
-      agent = std::make_unique< LabelAgent >( std::move( plan ), settings );
+      agent = std::make_unique< LabelAgent >(
+         std::move( plan ),
+         LabelAgentSettings{ .hardware = hardwareWith( faults ), .withFecs = withFecs } );
       for ( const Neighbor& neighbor : neighbors ) {
          agent->l3().neighborIs( neighbor );
       }
@@ -79,6 +129,30 @@ struct Programmed {
       settle();
    }
    void settle() const { EXPECT_EQ( agent->settle(), std::nullopt ); }
+   void runFor( double seconds ) const { EXPECT_EQ( agent->runFor( seconds ), std::nullopt ); }
+   IntfId intf( const std::string& name ) const { return *agent->interfaces().intf( name ); }
+   bool neighborDel( const std::string& address, const std::string& interface ) const {
+      return agent->l3().neighborDel( { intf( interface ), ip( address ) } );
+   }
+
+   template< class T >
+   T& root( const std::string& rootName ) const {
+      return *agent->entityManager().root< T >( rootName );
+   }
+   Mpls::Hardware::Status& published() const {
+      return root< Mpls::Hardware::Status >( "routingHwMplsStatus" );
+   }
+   void codeIs( uint32_t label, Mpls::RouteStatusCode code ) const {
+      root< Mpls::LfibHwStatus >( "lfibHwStatus" )
+         .unprogrammedRouteIs( { RouteKey( label ), code } );
+   }
+   FecIdToHwFecIdRequest& request() const {
+      return root< FecIdToHwFecIdRequest >( "hwFecIdRequest" );
+   }
+   VrfMplsState& state() const {
+      return *root< MplsSm >( "mplsSm" ).mplsState( L3::VrfName::defaultVrf() );
+   }
+
    /// "state: reason", or the state alone.
    std::string stateOf( uint32_t label ) const {
       const auto route = ProgramResult( *agent ).route( RouteKey( label ) );
@@ -86,56 +160,17 @@ struct Programmed {
                     : joinText( name( route->state ), route->reason.empty() ? "" : ": ",
                                 route->reason );
    }
-   /// What changes when a route is programmed anew: the number of its FEC in hardware, or without
-   /// FECs its version.
-   std::map< uint32_t, U64 > versions() const {
-      std::map< uint32_t, U64 > out;
-      for ( const auto& [key, route] : agent->hardware().vrf( LabelAgent::vrfId )->route ) {
-         out[key.topLabel().value()] = route.fec ? route.fec->hwId : route.version;
-      }
-      return out;
-   }
-   /// Sends an empty IPv4 packet with the label: "INTERFACE label 17", "INTERFACE ip", or "drop".
+   /// Where a packet with the label goes: "INTERFACE label 17", or "drop".
    std::string forward( uint32_t label ) const {
-      Driver::Bytes frame( 12, 2 );
-      for ( const uint32_t byte : { 0x88U,
-                                    0x47U,
-                                    label >> 12,
-                                    label >> 4 & 0xFFU,
-                                    ( label & 0xFU ) << 4 | 1U,
-                                    64U,
-                                    0x45U,
-                                    0U,
-                                    0U,
-                                    20U,
-                                    0U,
-                                    1U,
-                                    0U,
-                                    0U,
-                                    64U,
-                                    59U,
-                                    0x26U,
-                                    0xECU,
-                                    10U,
-                                    0U,
-                                    0U,
-                                    1U,
-                                    10U,
-                                    0U,
-                                    0U,
-                                    2U } ) {
-         frame.push_back( static_cast< uint8_t >( byte ) );
-      }
-      const Driver::ForwardResult result = agent->hardware().forward( LabelAgent::vrfId, frame );
+      const Driver::ForwardResult result =
+         agent->hardware().forward( LabelAgent::vrfId, Test::frameOf( label ) );
       if ( result.frames.empty() ) {
          return "drop";
       }
       const Driver::OutgoingFrame& out = result.frames.front();
       const Driver::Bytes& bytes = out.bytes;
-      return agent->interfaces().name( out.intf ) +
-             ( bytes[12] == 0x08
-                  ? " ip"
-                  : joinText( " label ", bytes[14] << 12 | bytes[15] << 4 | bytes[16] >> 4 ) );
+      return joinText( agent->interfaces().name( out.intf ), " label ",
+                       bytes[14] << 12 | bytes[15] << 4 | bytes[16] >> 4 );
    }
 
    std::unique_ptr< LabelAgent > agent;
