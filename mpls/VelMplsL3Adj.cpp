@@ -286,16 +286,15 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
                adjType );
    MPLS_ASSERT( adjType == L3AdjLFibAdjType::adjTypeRegular,
                 "lFibAdjType == L3AdjLFibAdjType::adjTypeRegular_", subject( l3Adj ) );
-   Mpls::Hardware::L2ViaSet l2ViaSet;
+   std::vector< Mpls::Hardware::L2Via > exits;
+   exits.reserve( vias.vias() );
    HashSet< IpAddrIntfId > named;
    for ( const auto& [viaIndex, via] : vias.via() ) {
       MPLS_TRACE( 7, "LFib via ", via );
       const Mpls::Hardware::L2ViaSet resolved =
          resolveNextHop( vrfState, via, static_cast< U32 >( vias.vias() ), l3Adj );
       MPLS_TRACE( 7, "resolved nexthops: ", resolved );
-      for ( const Mpls::Hardware::L2Via& l2Via : resolved.l2Via() ) {
-         l2ViaSet.l2ViaIs( l2Via );
-      }
+      exits.insert( exits.end(), resolved.l2Via().begin(), resolved.l2Via().end() );
       MPLS_ASSERT( via.nextHop.af() == ipv4() || via.nextHop.af() == ipv6(),
                    "via.nextHop().af() == ipv4() || via.nextHop().af() == ipv6()", textOf( via ) );
       const IpAddrIntfId key{ via.nextHop, via.intf };
@@ -319,10 +318,10 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
          l3Adj.nextHopDel( key );
       }
    }
-   if ( l2ViaSet.empty() ) {
+   if ( exits.empty() ) {
       unbindL3AdjFromL2Adj( vrfState, l3Adj );
    } else {
-      bindL3AdjToL2Adj( vrfState, l3Adj, l2ViaSet );
+      bindL3AdjToL2Adj( vrfState, l3Adj, Mpls::Hardware::L2ViaSet( std::move( exits ) ) );
    }
 }
 

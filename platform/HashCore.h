@@ -25,7 +25,6 @@
 #include <memory>
 #include <new>
 #include <utility>
-#include <vector>
 
 #include "platform/Assert.h"
 #include "platform/Collection.h"
@@ -87,7 +86,8 @@ class HashCore {
       }
       // The end of an element may write this collection: it is empty and whole before the first one
       // ends.
-      const std::vector< Node* > chunks = std::exchange( chunks_, {} );
+      Chunks chunks;
+      chunks.take( chunks_ );
       uint32_t at = head_;
       index_.reset();
       old_.reset();
@@ -95,12 +95,9 @@ class HashCore {
       size_ = used_ = 0;
       head_ = tail_ = free_ = none;
       while ( at != none ) {
-         Node& gone = nodeIn( chunks, at );
+         Node& gone = chunks.node( at );
          at = gone.next;
          std::destroy_at( &gone );
-      }
-      for ( size_t i = 0; i < chunks.size(); ++i ) {
-         std::allocator< Node >().deallocate( chunks[i], size_t{ firstChunk } << i );
       }
    }
 
@@ -175,12 +172,53 @@ class HashCore {
    }
 
  private:
-   Node& node( uint32_t position ) const { return nodeIn( chunks_, position ); }
-   static Node& nodeIn( const std::vector< Node* >& chunks, uint32_t position ) {
-      const uint32_t shifted = position + firstChunk;
-      const auto chunk = static_cast< uint32_t >( std::bit_width( shifted ) ) - 3;
-      return chunks[chunk][shifted - ( firstChunk << chunk )];
-   }
+   /// The memory of the elements. Most collections stay within the first chunk, which needs no
+   /// table of chunks.
+   class Chunks {
+    public:
+      Chunks() = default;
+      Chunks( const Chunks& ) = delete;
+      Chunks& operator=( const Chunks& ) = delete;
+      ~Chunks() {
+         for ( uint32_t i = 0; i < size_; ++i ) {
+            std::allocator< Node >().deallocate( table_[i], size_t{ firstChunk } << i );
+         }
+         if ( table_ != &first_ ) {
+            delete[] table_;
+         }
+      }
+      Node& node( uint32_t position ) const {
+         const uint32_t shifted = position + firstChunk;
+         const auto chunk = static_cast< uint32_t >( std::bit_width( shifted ) ) - 3;
+         return table_[chunk][shifted - ( firstChunk << chunk )];
+      }
+      /// Whether there is room for that many elements.
+      bool reaches( uint32_t count ) const { return count <= ( firstChunk << size_ ) - firstChunk; }
+      void grow() {
+         if ( size_ == 1 ) {
+            table_ = new Node*[mostChunks];
+            table_[0] = first_;
+         }
+         table_[size_] = std::allocator< Node >().allocate( size_t{ firstChunk } << size_ );
+         ++size_;
+      }
+      /// What the other has, which is empty afterwards. This one is empty before.
+      void take( Chunks& other ) {
+         first_ = other.first_;
+         table_ = other.table_ == &other.first_ ? &first_ : other.table_;
+         size_ = std::exchange( other.size_, 0 );
+         other.table_ = &other.first_;
+      }
+
+    private:
+      static constexpr uint32_t mostChunks = 30; // of twice the size each, for 32-bit positions
+
+      Node* first_ = nullptr;
+      Node** table_ = &first_;
+      uint32_t size_ = 0;
+   };
+
+   Node& node( uint32_t position ) const { return chunks_.node( position ); }
 
    uint32_t takePosition() {
       if ( free_ != none ) {
@@ -189,10 +227,8 @@ class HashCore {
          return position;
       }
       const uint32_t position = used_++;
-      const uint32_t shifted = position + firstChunk;
-      if ( static_cast< size_t >( std::bit_width( shifted ) ) - 3 == chunks_.size() ) {
-         chunks_.push_back(
-            std::allocator< Node >().allocate( size_t{ firstChunk } << chunks_.size() ) );
+      if ( !chunks_.reaches( used_ ) ) {
+         chunks_.grow();
       }
       return position;
    }
@@ -244,7 +280,10 @@ class HashCore {
       return ( bucket & ( buckets - 1 ) ) - 1;
    }
    static uint32_t emptied( uint32_t buckets ) { return ~( buckets - 1 ); }
-   using Index = std::unique_ptr< uint32_t[], decltype( &std::free ) >;
+   struct Free {
+      void operator()( uint32_t* memory ) const { std::free( memory ); }
+   };
+   using Index = std::unique_ptr< uint32_t[], Free >;
    static Index makeIndex( uint32_t buckets ) {
       // Zeroed lazily by the system where it is large: growth must not cost a walk over a fresh
       // index.
@@ -252,7 +291,7 @@ class HashCore {
       if ( memory == nullptr ) {
          throw std::bad_alloc();
       }
-      return Index( static_cast< uint32_t* >( memory ), &std::free );
+      return Index( static_cast< uint32_t* >( memory ) );
    }
 
    uint32_t positionOf( const K& key ) const {
@@ -364,9 +403,9 @@ class HashCore {
       }
    }
 
-   std::vector< Node* > chunks_;
-   Index index_{ nullptr, &std::free };
-   Index old_{ nullptr, &std::free };
+   Chunks chunks_;
+   Index index_;
+   Index old_;
    Pass* passes_ = nullptr;
    uint32_t buckets_ = 0;
    uint32_t oldBuckets_ = 0;

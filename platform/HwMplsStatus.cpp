@@ -16,21 +16,37 @@ U64 L2Via::hash() const {
    return Vel::mixBits( mixed + labelStack.hash() );
 }
 
+const std::vector< L2Via > L2ViaSet::none_;
+
+L2ViaSet::L2ViaSet( std::vector< L2Via > vias ) {
+   if ( !vias.empty() ) {
+      std::ranges::sort( vias );
+      vias.erase( std::unique( vias.begin(), vias.end() ), vias.end() );
+      shared_ = Vel::make< Shared >( std::move( vias ) );
+   }
+}
+
 bool L2ViaSet::l2ViaIs( const L2Via& via ) {
-   const auto at = std::lower_bound( vias_.begin(), vias_.end(), via );
-   if ( at != vias_.end() && *at == via ) {
+   if ( std::ranges::binary_search( l2Via(), via ) ) {
       return false;
    }
-   vias_.insert( at, via );
+   if ( !shared_ || shared_->references() != 1 ) {
+      shared_ = Vel::make< Shared >( l2Via() );
+   }
+   std::vector< L2Via >& vias = shared_->vias;
+   vias.insert( std::ranges::lower_bound( vias, via ), via );
+   shared_->hash_ = 0;
    return true;
 }
 
-U64 L2ViaSet::hash() const {
-   U64 mixed = vias_.size();
-   for ( const L2Via& via : vias_ ) {
-      mixed = Vel::mixBits( mixed + via.hash() );
+U64 L2ViaSet::Shared::hash() const {
+   if ( hash_ == 0 ) {
+      hash_ = vias.size();
+      for ( const L2Via& via : vias ) {
+         hash_ = Vel::mixBits( hash_ + via.hash() );
+      }
    }
-   return mixed;
+   return hash_;
 }
 
 void appendText( std::string& out, const L2Via& via ) {

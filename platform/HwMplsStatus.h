@@ -37,18 +37,48 @@ struct L2Via {
 VEL_EXPORT void appendText( std::string& out, const L2Via& via );
 
 /// An ordered set of L2 vias; equal ways out collapse.
-class L2ViaSet {
+///
+/// A value whose copies share what they hold until one of them is changed: the same set stands in
+/// the records, in the entities, in the driver's queue and in its tables. One thread.
+class VEL_EXPORT L2ViaSet {
  public:
+   L2ViaSet() = default;
+   explicit L2ViaSet( std::vector< L2Via > vias );
+
    /// Adds the via; true when it was not there.
-   VEL_EXPORT bool l2ViaIs( const L2Via& via );
-   const std::vector< L2Via >& l2Via() const { return vias_; }
-   size_t l2Vias() const { return vias_.size(); }
-   bool empty() const { return vias_.empty(); }
-   VEL_EXPORT U64 hash() const;
-   friend auto operator<=>( const L2ViaSet&, const L2ViaSet& ) = default;
+   bool l2ViaIs( const L2Via& via );
+   const std::vector< L2Via >& l2Via() const { return shared_ ? shared_->vias : none_; }
+   size_t l2Vias() const { return l2Via().size(); }
+   bool empty() const { return l2Via().empty(); }
+   U64 hash() const { return shared_ ? shared_->hash() : 0; }
+   friend bool operator==( const L2ViaSet& a, const L2ViaSet& b ) {
+      return a.shared_ == b.shared_ || ( a.hash() == b.hash() && a.l2Via() == b.l2Via() );
+   }
+   friend auto operator<=>( const L2ViaSet& a, const L2ViaSet& b ) {
+      return a.l2Via() <=> b.l2Via();
+   }
 
  private:
-   std::vector< L2Via > vias_; // sorted
+   struct VEL_EXPORT Shared {
+      explicit Shared( std::vector< L2Via > sorted ) : vias( std::move( sorted ) ) {}
+      U64 hash() const;
+      void referenceAcquire() const { ++references_; }
+      void referenceRelease() const {
+         if ( --references_ == 0 ) {
+            delete this;
+         }
+      }
+      U32 references() const { return references_; }
+
+      std::vector< L2Via > vias;
+      mutable U64 hash_ = 0; // 0: not asked for yet
+
+    private:
+      mutable U32 references_ = 0;
+   };
+   static const std::vector< L2Via > none_;
+
+   Vel::Ptr< Shared > shared_; // null: empty
 };
 VEL_EXPORT void appendText( std::string& out, const L2ViaSet& viaSet );
 

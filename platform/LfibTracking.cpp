@@ -81,10 +81,8 @@ void LfibTrackingSm::handleViaSet( LfibViaSetKey key ) {
 }
 
 void LfibTrackingSm::handleVia( LfibViaKey key ) {
-   if ( const auto* const users = viaSetsOfVia_.find( key ) ) {
-      for ( const LfibViaSetKey user : **users ) {
-         backlogIs( user );
-      }
+   if ( const ViaUsers* const users = viaSetsOfVia_.find( key ) ) {
+      users->forEach( [this]( LfibViaSetKey user ) { backlogIs( user ); } );
    }
 }
 
@@ -97,6 +95,26 @@ void LfibTrackingSm::backlogIs( LfibViaSetKey key ) {
       for ( const RouteKey routeKey : *routes ) {
          tracking_->routeKeyBacklogIs( routeKey );
       }
+   }
+}
+
+void LfibTrackingSm::ViaUsers::insert( LfibViaSetKey key ) {
+   if ( !more_ && ( one_.empty() || one_ == key ) ) {
+      one_ = key;
+      return;
+   }
+   if ( !more_ ) {
+      more_ = std::make_unique< Vel::HashSet< LfibViaSetKey > >();
+      more_->insert( one_ );
+   }
+   more_->insert( key );
+}
+
+void LfibTrackingSm::ViaUsers::erase( LfibViaSetKey key ) {
+   if ( more_ ) {
+      more_->erase( key );
+   } else if ( one_ == key ) {
+      one_ = LfibViaSetKey();
    }
 }
 
@@ -114,18 +132,14 @@ void LfibTrackingSm::viasOfViaSetIs( LfibViaSetKey key, const LfibViaSet& viaSet
       return;
    }
    for ( const LfibViaKey via : before ) {
-      auto* const users = viaSetsOfVia_.find( via );
-      ( *users )->erase( key );
-      if ( ( *users )->empty() ) {
+      ViaUsers* const users = viaSetsOfVia_.find( via );
+      users->erase( key );
+      if ( users->empty() ) {
          viaSetsOfVia_.erase( via );
       }
    }
    for ( const LfibViaKey via : vias ) {
-      const auto [users, made] = viaSetsOfVia_.emplace( via );
-      if ( made ) {
-         *users = std::make_unique< ViaSetKeys >();
-      }
-      ( *users )->insert( key );
+      viaSetsOfVia_.emplace( via ).first->insert( key );
    }
    if ( vias.empty() ) {
       viasOfViaSet_.erase( key );

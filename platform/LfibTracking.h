@@ -120,12 +120,32 @@ class VEL_EXPORT LfibTrackingSm : public Vel::Entity {
    void viasOfViaSetIs( LfibViaSetKey key, const LfibViaSet& viaSet );
    void backlogIs( LfibViaSetKey key );
 
-   using ViaSetKeys = Vel::HashSet< LfibViaSetKey >;
+   /// The via sets that name a via: nearly always one.
+   class ViaUsers {
+    public:
+      bool empty() const { return more_ ? more_->empty() : one_.empty(); }
+      void insert( LfibViaSetKey key );
+      void erase( LfibViaSetKey key );
+      template< class Visit >
+      void forEach( const Visit& visit ) const {
+         if ( !more_ ) {
+            visit( one_ );
+            return;
+         }
+         for ( const LfibViaSetKey key : *more_ ) {
+            visit( key );
+         }
+      }
+
+    private:
+      LfibViaSetKey one_; // while there are not more
+      std::unique_ptr< Vel::HashSet< LfibViaSetKey > > more_;
+   };
 
    Vel::Ptr< const LfibStatus > lfib_;
    Vel::Ptr< LfibTrackingStatus > tracking_;
    Vel::Hash< LfibViaSetKey, std::vector< LfibViaKey > > viasOfViaSet_; // each via once
-   Vel::Hash< LfibViaKey, std::unique_ptr< ViaSetKeys > > viaSetsOfVia_;
+   Vel::Hash< LfibViaKey, ViaUsers > viaSetsOfVia_;
    LfibReactor reactor_;
 };
 

@@ -18,39 +18,46 @@ namespace Vel {
 
 namespace {
 constexpr size_t chunkSize = size_t{ 64 } << 10;
-constexpr size_t recordAlignment = alignof( std::max_align_t );
+constexpr size_t mostChunksOfBlock = 16;
+
+size_t roundedUp( size_t size, size_t alignment ) {
+   return ( size + alignment - 1 ) / alignment * alignment;
+}
 } // namespace
 
 // Chunks are aligned to their size, so that the chunk of a record is found by masking its address.
 struct SlabPool::Chunk {
    SlabPool* pool;
-   Chunk* next;
 };
 
-SlabPool::SlabPool( size_t recordSize )
-   : recordSize_( ( std::max( recordSize, sizeof( void* ) ) + recordAlignment - 1 ) /
-                  recordAlignment * recordAlignment ) {
+SlabPool::SlabPool( size_t recordSize, size_t alignment )
+   : recordSize_( roundedUp( std::max( recordSize, sizeof( void* ) ), alignment ) ),
+     alignment_( std::max( alignment, alignof( void* ) ) ) {
    VEL_ASSERT( recordSize_ <= chunkSize / 8 );
 }
 
 SlabPool::~SlabPool() {
-   while ( chunks_ ) {
-      Chunk* const chunk = chunks_;
-      chunks_ = chunk->next;
-      std::free( chunk );
+   for ( std::byte* const block : blocks_ ) {
+      std::free( block );
    }
 }
 
+// A block of many chunks spares the system a mapping for each.
 void SlabPool::grow() {
-   void* const memory = std::aligned_alloc( chunkSize, chunkSize );
-   if ( memory == nullptr ) {
-      throw std::bad_alloc();
+   if ( chunksLeft_ == 0 ) {
+      const size_t chunks = std::clamp< size_t >( chunksOfBlock_ * 2, 1, mostChunksOfBlock );
+      void* const memory = std::aligned_alloc( chunkSize, chunks * chunkSize );
+      if ( memory == nullptr ) {
+         throw std::bad_alloc();
+      }
+      blocks_.push_back( static_cast< std::byte* >( memory ) );
+      chunksOfBlock_ = chunksLeft_ = chunks;
    }
-   chunks_ = new ( memory ) Chunk{ this, chunks_ };
-   constexpr size_t header =
-      ( sizeof( Chunk ) + recordAlignment - 1 ) / recordAlignment * recordAlignment;
-   fresh_ = static_cast< std::byte* >( memory ) + header;
-   freshEnd_ = static_cast< std::byte* >( memory ) + chunkSize;
+   std::byte* const chunk = blocks_.back() + ( chunksOfBlock_ - chunksLeft_ ) * chunkSize;
+   --chunksLeft_;
+   new ( chunk ) Chunk{ this };
+   fresh_ = chunk + roundedUp( sizeof( Chunk ), alignment_ );
+   freshEnd_ = chunk + chunkSize;
 }
 
 void* SlabPool::allocate() {

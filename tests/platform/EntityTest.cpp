@@ -351,7 +351,7 @@ TEST( SlabTest, entitiesOutliveTheirParentAndTheirThread ) {
 
 TEST( SlabTest, recordsAreAlignedAndApart ) {
    for ( const size_t size : { 1U, 24U, 96U, 1000U, 8192U } ) {
-      auto* const pool = new Vel::SlabPool( size );
+      auto* const pool = new Vel::SlabPool( size, alignof( std::max_align_t ) );
       std::vector< std::byte* > records;
       const auto fill = [&]( size_t count ) {
          while ( records.size() < count ) {
