@@ -237,7 +237,9 @@ std::string_view ProgramResult::contradiction( const Found& found ) const {
    if ( found.info == nullptr || found.info->statusCode == RouteStatusCode::notProgrammed ) {
       // A FEC that leads nowhere is in hardware, and forwards nothing.
       const bool idle = found.fec() && waysOut( found.lfib.viaSetKey ) == WaysOut::none;
-      return found.hardware && !idle
+      // What a restart has found goes on forwarding while its new FEC waits for room.
+      const bool waits = found.fec() && !fecReason( found ).empty();
+      return found.hardware && !idle && !waits
                 ? "published as not programmed, but the hardware still forwards with it"
                 : "";
    }

@@ -20,6 +20,16 @@ bool isLabelFec( FecId fecId ) {
    return fecId.adjType() == Fib::AdjType::mplsV4Adj || fecId.adjType() == Fib::AdjType::mplsV6Adj;
 }
 
+U64 contentHash( const std::vector< FecVia >& vias ) {
+   U64 mixed = vias.size();
+   for ( const FecVia& via : vias ) {
+      mixed = mixBits( mixed + via.nextHop.hash() );
+      mixed = mixBits( mixed + via.intf.hash() );
+      mixed = mixBits( mixed + via.labelStack.hash() + static_cast< U64 >( via.labelAction ) );
+   }
+   return mixed;
+}
+
 std::set< MplsLabelAction > actionsOf( const std::vector< FecVia >& vias ) {
    std::set< MplsLabelAction > actions;
    for ( const FecVia& via : vias ) {
@@ -38,9 +48,9 @@ class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
    void onFec( FecId fecId ) override { owner_.push( fecId ); }
    void onFec6( FecId fecId ) override { owner_.push( fecId ); }
    void onHwFecIdRequest( FecId fecId ) override { owner_.push( fecId ); }
-   void onMayReplace( FecId fecId ) override {
-      if ( notifier()->mayReplaceHas( fecId ) ) {
-         owner_.push( fecId );
+   void onMayReplace( AdjSyncId syncId ) override {
+      if ( notifier()->mayReplaceHas( syncId ) && !owner_.waiting_.empty() ) {
+         owner_.queueOffers();
       }
    }
    void onSyncRequestsReady() override {
@@ -215,16 +225,17 @@ void FecUnit::sync( FecId fecId ) {
       return;
    }
    Ptr< HwFec > backupBefore;
-   if ( !fec && hasRoomFor( fecId ) ) {
-      fec = Vel::make< HwFec >( nextHwId_++ );
-      byHwId_.emplace( fec->hwId, fec.get() );
-   } else if ( !fec ) {
+   if ( !fec && !hasRoomFor( fecId ) ) {
       fec = replaced( fecId, vias );
-      if ( !fec ) {
+      if ( !fec && !makeRoomFor( fecId ) ) {
          waits( fecId, UnprogrammedReason::AdjacencyFull );
          return;
       }
-      backupBefore = fec->backup;
+      backupBefore = fec ? fec->backup : nullptr;
+   }
+   if ( !fec ) {
+      fec = Vel::make< HwFec >( nextHwId_++ );
+      byHwId_.emplace( fec->hwId, fec.get() );
    }
    fec->fecId = fecId;
    fecs_.emplace( fecId, fec );
@@ -235,6 +246,7 @@ void FecUnit::sync( FecId fecId ) {
    changed( fecId );
    if ( backupBefore ) {
       maybeRelease( *backupBefore );
+      retryWaiting(); // it may be what another one waits for
    }
 }
 
@@ -291,8 +303,12 @@ void FecUnit::changed( FecId fecId ) {
    }
 }
 
+size_t FecUnit::capacity() const {
+   return faults_.capacity( FaultKind::fecCapacity, clock_.now(), capacity_ );
+}
+
 bool FecUnit::hasRoomFor( FecId fecId ) const {
-   const size_t room = faults_.capacity( FaultKind::fecCapacity, clock_.now(), capacity_ );
+   const size_t room = capacity();
    return room == 0 || fecs_.size() + recovered_.size() < room || fecs_.has( fecId );
 }
 
@@ -306,12 +322,38 @@ void FecUnit::waits( FecId fecId, UnprogrammedReason reason ) {
    ++status_.refused_;
    waiting_.insert( fecId );
    status_.waitingFecIs( fecId, reason );
+   if ( reason == UnprogrammedReason::AdjacencyFull && !retrying_ &&
+        platform_.request->mayReplaces() != 0 ) {
+      queueOffers();
+   }
+}
+
+void FecUnit::queueOffers() {
+   if ( !std::exchange( offersQueued_, true ) ) {
+      queue_.push( { .kind = OperationKind::fecsOffered } );
+   }
+}
+
+void FecUnit::offered() {
+   offersQueued_ = false;
+   retryWaiting();
 }
 
 void FecUnit::retryWaiting() {
-   for ( const FecId fecId : waiting_ ) {
-      sync( fecId );
+   retryAgain_ = true;
+   if ( std::exchange( retrying_, true ) ) {
+      return;
    }
+   while ( std::exchange( retryAgain_, false ) ) {
+      for ( const bool takeOut : { false, true } ) {
+         mayTakeOut_ = takeOut;
+         for ( const FecId fecId : waiting_ ) {
+            sync( fecId );
+         }
+      }
+      mayTakeOut_ = false;
+   }
+   retrying_ = false;
 }
 
 // What still forwards into it meets a FEC without a way out.
@@ -321,6 +363,10 @@ void FecUnit::remove( FecId fecId ) {
       return;
    }
    const Ptr< HwFec > fec = *found;
+   if ( fec->recovered != 0 && fec->recovered == fec->routes ) {
+      giveBack( fecId, fec );
+      return;
+   }
    if ( !platform_.request->hwFecIdRequestHas( fecId ) && fec->routes != 0 ) {
       status_.breachLog_.add( joinText( "FEC ", fecId, " is no longer requested while ",
                                         fec->routes, " routes forward into it" ) );
@@ -341,8 +387,11 @@ void FecUnit::recover( const HwState& state ) {
    for ( const HwState::Fec& before : state.fecs ) {
       const Ptr< HwFec > fec = Vel::make< HwFec >( before.hwId );
       fec->via = before.via;
-      recovered_.emplace( before.hwId, fec );
+      recoveredIs( fec );
       byHwId_.emplace( before.hwId, fec.get() );
+   }
+   for ( const HwState::Route& before : state.routes ) {
+      fec( before.hwId )->routesOperate |= before.operation.action != MplsLabelAction::none;
    }
    for ( const HwState::Fec& before : state.fecs ) {
       if ( const Ptr< HwFec >* const backup = recovered_.find( before.backupHwId ) ) {
@@ -351,6 +400,23 @@ void FecUnit::recover( const HwState& state ) {
    }
    syncing_ = !recovered_.empty();
    status_.fecs_ = recovered_.size();
+}
+
+void FecUnit::recoveredIs( const Ptr< HwFec >& fec ) {
+   recovered_.emplace( fec->hwId, fec );
+   recoveredByContent_.emplace( contentHash( fec->via ) ).first->push_back( fec->hwId );
+}
+
+// Taken over, and not wanted any more before one of its routes was written: as it was found.
+void FecUnit::giveBack( FecId fecId, const Ptr< HwFec >& fec ) {
+   stateIs( *fec, AdjHwState::unknown );
+   dependsOn( *fec, false );
+   fec->fecId = {};
+   fec->backupFecId = {};
+   fecs_.erase( fecId );
+   recoveredIs( fec );
+   platform_.response->hwFecIdDel( fecId );
+   changed( fecId );
 }
 
 void FecUnit::addTo( HwState& state ) const {
@@ -368,13 +434,16 @@ void FecUnit::addTo( HwState& state ) const {
 
 void FecUnit::syncRequested() {
    if ( std::exchange( syncing_, false ) ) {
-      // Those with a backup first: they know what their backup was.
-      for ( const bool withBackup : { true, false } ) {
-         for ( const FecId fecId : held_ ) {
-            std::vector< FecVia > vias;
-            FecId backup;
-            if ( !withBackup || ( wanted( fecId, vias, backup ) && backup != FecId() ) ) {
-               syncHeld( fecId );
+      // Those with a backup first: they know what their backup was. And none by its content alone
+      // while it may be another's by its sync id.
+      for ( const bool byContent : { false, true } ) {
+         for ( const bool withBackup : { true, false } ) {
+            for ( const FecId fecId : held_ ) {
+               std::vector< FecVia > vias;
+               FecId backup;
+               if ( !withBackup || ( wanted( fecId, vias, backup ) && backup != FecId() ) ) {
+                  syncHeld( fecId, byContent );
+               }
             }
          }
       }
@@ -391,52 +460,107 @@ void FecUnit::syncRequested() {
 
 // A backup goes before what it protects, which may only be taken over together with it. A FEC that
 // is nothing but a backup has no sync id; it is known by the one that it protects.
-void FecUnit::syncHeld( FecId fecId ) {
-   if ( !held_.erase( fecId ) ) {
+void FecUnit::syncHeld( FecId fecId, bool byContent ) {
+   if ( !held_.has( fecId ) ) {
       return;
    }
    std::vector< FecVia > vias;
    FecId backup;
-   if ( wanted( fecId, vias, backup ) && backup != FecId() ) {
+   const bool isWanted = wanted( fecId, vias, backup );
+   if ( isWanted && backup != FecId() ) {
       const U64 syncId = platform_.request->adjSyncIdMap( fecId ).syncId;
       const Ptr< HwFec >* const before = recovered_.find( syncId );
       if ( before && ( *before )->backup ) {
          backupHint_.set( backup, ( *before )->backup->hwId );
       }
-      syncHeld( backup );
+      syncHeld( backup, byContent );
    }
+   if ( isWanted && !byContent && matched( fecId, vias, backup, false ) == nullptr ) {
+      return; // its turn comes
+   }
+   held_.erase( fecId );
    sync( fecId );
 }
 
-// The FEC of the earlier driver that is just what is wanted, or null. One with another content is
-// not rewritten: routes that are to go elsewhere still forward by it.
-Ptr< HwFec > FecUnit::adopted( FecId fecId, const std::vector< FecVia >& vias, FecId backup ) {
+// The FEC of the earlier driver that is just what is wanted, or null: by its sync id, by what it
+// protected, or by its content alone. One with another content is not rewritten: routes that are to
+// go elsewhere still forward by it.
+const Ptr< HwFec >* FecUnit::matched( FecId fecId, const std::vector< FecVia >& vias, FecId backup,
+                                      bool byContent ) const {
+   const auto fits = [&]( U64 hwId ) {
+      const Ptr< HwFec >* const found = recovered_.find( hwId );
+      return found && ( *found )->via == vias && ( *found )->backup.get() == fec( backup )
+                ? found
+                : nullptr;
+   };
    for ( const U64 hwId :
          { platform_.request->adjSyncIdMap( fecId ).syncId, backupHint_.lookup( fecId ) } ) {
-      const Ptr< HwFec >* const found = recovered_.find( hwId );
-      if ( found && ( *found )->via == vias && ( *found )->backup.get() == fec( backup ) ) {
-         const Ptr< HwFec > kept = *found;
-         recovered_.erase( hwId );
-         ++status_.fecsAdopted_;
-         return kept;
+      if ( const Ptr< HwFec >* const found = fits( hwId ) ) {
+         return found;
+      }
+   }
+   const std::vector< U64 >* const same =
+      byContent && !recovered_.empty() ? recoveredByContent_.find( contentHash( vias ) ) : nullptr;
+   if ( same != nullptr ) {
+      for ( const U64 hwId : *same ) {
+         if ( const Ptr< HwFec >* const found = fits( hwId ) ) {
+            return found;
+         }
       }
    }
    return nullptr;
 }
 
-// The FEC of the earlier driver whose routes all want what is requested, to be rewritten; or null.
-// Not where it would do something else with the label than before: a pop may move between a route
-// and its FEC, and the two cannot be rewritten in one step.
-Ptr< HwFec > FecUnit::replaced( FecId fecId, const std::vector< FecVia >& vias ) {
-   const U64 hwId = platform_.request->mayReplace( fecId );
-   const Ptr< HwFec >* const found = recovered_.find( hwId );
-   if ( found == nullptr || actionsOf( ( *found )->via ) != actionsOf( vias ) ) {
+Ptr< HwFec > FecUnit::adopted( FecId fecId, const std::vector< FecVia >& vias, FecId backup ) {
+   const Ptr< HwFec >* const found = matched( fecId, vias, backup, true );
+   if ( found == nullptr ) {
       return nullptr;
    }
-   const Ptr< HwFec > fec = *found;
-   recovered_.erase( hwId );
-   fec->replaced = true;
-   return fec;
+   Ptr< HwFec > kept = *found;
+   recovered_.erase( kept->hwId );
+   ++status_.fecsAdopted_;
+   return kept;
+}
+
+// The FEC of the earlier driver whose routes all wait for just this request, to be rewritten; or
+// null. Not one that protects another, whose frames may be in it; and not where what is done to the
+// label would move between the routes and the FEC, which cannot be rewritten in one step.
+Ptr< HwFec > FecUnit::replaced( FecId fecId, const std::vector< FecVia >& vias ) {
+   if ( !isLabelFec( fecId ) ) {
+      return nullptr;
+   }
+   for ( const auto& [hwId, wantedBy] : platform_.request->mayReplace() ) {
+      const Ptr< HwFec >* const found = wantedBy == fecId ? recovered_.find( hwId ) : nullptr;
+      if ( found && ( *found )->protects == 0 && !( *found )->routesOperate &&
+           actionsOf( ( *found )->via ) == actionsOf( vias ) ) {
+         const Ptr< HwFec > fec = *found;
+         recovered_.erase( fec->hwId );
+         fec->replaced = true;
+         return fec;
+      }
+   }
+   return nullptr;
+}
+
+// Takes out FECs of the earlier driver whose routes all wait for this request, or for several. What
+// waits for one other request is left to that. Where not all that is requested fits, what forwards
+// is worth more than what might.
+bool FecUnit::makeRoomFor( FecId fecId ) {
+   if ( !mayTakeOut_ || platform_.request->hwFecIdRequests() > capacity() ) {
+      return false;
+   }
+   for ( const auto& [hwId, wantedBy] : platform_.request->mayReplace() ) {
+      if ( hasRoomFor( fecId ) ) {
+         break;
+      }
+      const Ptr< HwFec >* const found = recovered_.find( hwId );
+      if ( found && ( *found )->protects == 0 && ( wantedBy == FecId() || wantedBy == fecId ) ) {
+         const Ptr< HwFec > fec = *found;
+         takeRoutesOut_( *fec );
+         maybeRelease( *fec );
+      }
+   }
+   return hasRoomFor( fecId );
 }
 
 void FecUnit::maybeRelease( HwFec& fec ) {

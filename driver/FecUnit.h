@@ -21,10 +21,15 @@
 // Restart. A switch that starts on what an earlier driver left holds all requests back until the
 // library says that it has written them (`syncRequestsReady`). Then a request whose sync id names a
 // FEC that has just the content that is wanted takes it over as it is, with its hardware id; any
-// other gets a FEC of its own, to which its routes then move. What nobody has taken over goes with
-// its last route. At the end `adjSyncDone` is set. Where there is no room for one more FEC, an old
-// one is given the new content in place, once the library says that all its routes want just that
-// (`mayReplace`).
+// other gets one with just that content that nobody else has taken, or a FEC of its own, to which
+// its routes then move. What nobody has taken over goes with its last route. At the end
+// `adjSyncDone` is set. A FEC that was taken over and is given up before any of its routes has been
+// written is again what it was.
+//
+// Where there is no room for one more FEC, room is made of an old one once the library says that
+// all its routes wait for new ones (`mayReplace`): it is given the new content in place, where that
+// is safe, or it is taken out with its routes, which then forward again as soon as the new one is
+// made.
 //
 // What cannot be made now (no room, an interface that is not ready) is made as soon as it can be;
 // until then there is no answer.
@@ -90,6 +95,11 @@ class FecUnit {
 
    /// What an earlier driver left; before anything else. `fecs` of the state, not its routes.
    void recover( const HwState& state );
+   /// Takes all routes into a FEC out of hardware.
+   using TakeRoutesOut = std::function< void( const HwFec& fec ) >;
+   void takeRoutesOutIs( TakeRoutesOut takeRoutesOut ) {
+      takeRoutesOut_ = std::move( takeRoutesOut );
+   }
    /// All requests have been written: takes over what can be taken over and answers.
    void syncRequested();
    /// The FEC of an earlier driver that no route needs any more goes.
@@ -102,6 +112,8 @@ class FecUnit {
    void capacityIs( size_t fecs ) { capacity_ = fecs; }
    /// Brings the FEC in hardware to what is requested of it now.
    void sync( Fib::FecId fecId );
+   /// The library has said what of an earlier driver may make room.
+   void offered();
    /// Time for what was not possible before.
    void retryWaiting();
    /// The FEC behind a hardware id, or null.
@@ -117,15 +129,22 @@ class FecUnit {
    struct Way;
 
    void push( Fib::FecId fecId );
+   size_t capacity() const;
    bool hasRoomFor( Fib::FecId fecId ) const;
    bool ready( const std::vector< Fib::FecVia >& vias ) const;
    void waits( Fib::FecId fecId, UnprogrammedReason reason );
    bool wanted( Fib::FecId fecId, std::vector< Fib::FecVia >& vias, Fib::FecId& backup ) const;
    void remove( Fib::FecId fecId );
-   void syncHeld( Fib::FecId fecId );
+   void syncHeld( Fib::FecId fecId, bool byContent );
+   const Ptr< HwFec >* matched( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias,
+                                Fib::FecId backup, bool byContent ) const;
    Ptr< HwFec > adopted( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias,
                          Fib::FecId backup );
    Ptr< HwFec > replaced( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias );
+   void queueOffers();
+   bool makeRoomFor( Fib::FecId fecId );
+   void recoveredIs( const Ptr< HwFec >& fec );
+   void giveBack( Fib::FecId fecId, const Ptr< HwFec >& fec );
    void contentIs( HwFec& fec, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
    void dependsOn( const HwFec& fec, bool depends );
    void changed( Fib::FecId fecId );
@@ -151,7 +170,14 @@ class FecUnit {
    /// Which FECs lead into one: by their vias, or as their backup.
    Hash< Fib::FecId, std::set< Fib::FecId > > dependents_;
    Hash< U64, Ptr< HwFec > > recovered_; // of an earlier driver, not taken over
-   bool syncing_ = false;                // what is requested is held
+   /// Which of them may have a content, by its hash. Those that were taken over stay listed.
+   Hash< U64, std::vector< U64 > > recoveredByContent_;
+   TakeRoutesOut takeRoutesOut_;
+   bool offersQueued_ = false;
+   bool mayTakeOut_ = false; // else what can be rewritten in place goes first
+   bool retrying_ = false;
+   bool retryAgain_ = false;
+   bool syncing_ = false; // what is requested is held
    HashSet< Fib::FecId > held_;
    Hash< Fib::FecId, U64 > backupHint_; // the hardware id that the backup of a matched FEC had
    Hash< Fib::FecId, std::vector< Fib::FecVia > > foreign_;

@@ -33,12 +33,12 @@ class HwAdjacency {
    /// The version in hardware, or that was there last.
    U32 version() const { return version_; }
    /// The ways out, in the order of the set that was written; not empty while in hardware.
-   const std::vector< Mpls::Hardware::L2Via >& l2Via() const { return l2Via_; }
+   const std::vector< Mpls::Hardware::L2Via >& l2Via() const { return vias_.l2Via(); }
    /// Why the last writing did not go into hardware; `Success` when it did.
    UnprogrammedReason refusal() const { return refusal_; }
 
    void programmed( const Mpls::Hardware::L2ViaSet& vias, U32 version ) {
-      l2Via_ = vias.l2Via();
+      vias_ = vias;
       version_ = version;
       inHardware_ = true;
       refusal_ = UnprogrammedReason::Success;
@@ -62,7 +62,7 @@ class HwAdjacency {
    U32 version_ = 0;
    UnprogrammedReason refusal_ = UnprogrammedReason::Success;
    bool inHardware_ = false;
-   std::vector< Mpls::Hardware::L2Via > l2Via_;
+   Mpls::Hardware::L2ViaSet vias_;
 };
 
 /// A FEC in hardware, as the hardware's side of its id.
@@ -78,6 +78,8 @@ struct HwFec {
    Fib::FecId backupFecId;         ///< what is to protect it
    Ptr< HwFec > backup;            ///< what does
    U64 routes = 0;                 ///< that forward into it
+   U64 recovered = 0;              ///< of these, what an earlier driver wrote and this one has not
+   bool routesOperate = false;     ///< some of those do something to the label themselves
    U64 protects = 0;               ///< FECs whose backup it is
    bool replaced = false;          ///< made of one of an earlier driver that had another content
 

@@ -29,13 +29,14 @@ enum class OperationKind : uint8_t {
    routeRemoved,
    fecChanged,    ///< the version is the FEC id
    syncRequested, ///< all requests of a start have been written
+   fecsOffered,   ///< room may be had from FECs of an earlier driver
 };
 } // namespace Vel::Driver
 
 template<>
 struct Vel::EnumNames< Vel::Driver::OperationKind > {
    using Kind = Vel::Driver::OperationKind;
-   static constexpr std::array< std::pair< Kind, std::string_view >, 9 > names{
+   static constexpr std::array< std::pair< Kind, std::string_view >, 10 > names{
       { { Kind::vrfMade, "vrfMade" },
         { Kind::vrfGone, "vrfGone" },
         { Kind::mplsRouting, "mplsRouting" },
@@ -44,7 +45,8 @@ struct Vel::EnumNames< Vel::Driver::OperationKind > {
         { Kind::routeWritten, "routeWritten" },
         { Kind::routeRemoved, "routeRemoved" },
         { Kind::fecChanged, "fecChanged" },
-        { Kind::syncRequested, "syncRequested" } } };
+        { Kind::syncRequested, "syncRequested" },
+        { Kind::fecsOffered, "fecsOffered" } } };
 };
 
 namespace Vel::Driver {

@@ -94,6 +94,7 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
       fecUnit_ = std::make_unique< FecUnit >( std::move( fecPlatform ), queue_, *status_,
                                               settings_.faults, links_, *scheduler->clock() );
       fecUnit_->capacityIs( settings_.fecCapacity );
+      fecUnit_->takeRoutesOutIs( [this]( const HwFec& fec ) { takeRoutesOut( fec ); } );
    }
    forgetEarlierDriver();
    if ( fecUnit_ ) {
@@ -140,6 +141,7 @@ void SoftwareSwitch::recover( const HwState& state, VelHelper::MplsRouteSyncMap*
       route.operation = before.operation;
       ++status_->routes_;
       recoveredRoute_.insert( before.key );
+      ++route.fec->recovered;
       if ( routeSyncMap ) {
          routeSyncMap->adjSyncIdIs( before.key, before.hwId );
       }
@@ -245,6 +247,10 @@ void SoftwareSwitch::carryOut( Operation operation ) {
       fecUnit_->syncRequested();
       return;
    }
+   if ( operation.kind == OperationKind::fecsOffered ) {
+      fecUnit_->offered();
+      return;
+   }
    // Already there when the status is made at once; made again when a VRF went and came back.
    HwVrf& vrf = makeVrf( operation.vrfId );
    switch ( operation.kind ) {
@@ -252,9 +258,16 @@ void SoftwareSwitch::carryOut( Operation operation ) {
    case OperationKind::vrfGone:
    case OperationKind::fecChanged:
    case OperationKind::syncRequested:
+   case OperationKind::fecsOffered:
       break;
    case OperationKind::mplsRouting:
-      vrf.mplsRouting = operation.version != 0;
+      // Of several changes in a row the last one counts: a library that starts again says no before
+      // it says yes.
+      if ( const MplsHwVrfConfig* const config = configOf( vrf ) ) {
+         vrf.mplsRouting = config->mplsRouting();
+      } else {
+         vrf.mplsRouting = operation.version != 0;
+      }
       vrf.status->mplsRoutingIs( vrf.mplsRouting );
       break;
    case OperationKind::adjacencyWritten:
@@ -298,6 +311,7 @@ void SoftwareSwitch::removeVrf( VrfId vrfId ) {
    status_->routes_ -= vrf.route.size();
    status_->adjacencies_ -= vrf.adjacency.size();
    for ( const auto& [key, route] : vrf.route ) {
+      claim( key, &route );
       routeMoved( route, nullptr, nullptr );
    }
    vrf.status->unprogrammedRouteDelAll(); // the library's own as well: nobody else can now
@@ -426,6 +440,7 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
    }
    const MplsHwRoute done{ key, operation.adjacency->l2Adjacency(), operation.version };
    const auto [route, made] = vrf.route.emplace( key );
+   status_->routesChanged_ += claim( key, route ) && countedRoute_.insert( key );
    routeMoved( *route, std::move( operation.adjacency ), nullptr );
    route->version = operation.version;
    status_->routes_ += made;
@@ -451,10 +466,35 @@ void SoftwareSwitch::removeRoute( HwVrf& vrf, RouteKey key ) {
 
 void SoftwareSwitch::takeRouteOut( HwVrf& vrf, RouteKey key ) {
    if ( HwRoute* const route = vrf.route.find( key ) ) {
+      if ( route->fec && recoveredRoute_.has( key ) ) {
+         --route->fec->recovered;
+      }
       routeMoved( *route, nullptr, nullptr );
       vrf.route.erase( key );
       --status_->routes_;
       vrf.status->routeDel( key );
+   }
+}
+
+// The route is this driver's from now on; true when it was an earlier one's until now.
+bool SoftwareSwitch::claim( RouteKey key, const HwRoute* route ) {
+   if ( !recoveredRoute_.erase( key ) ) {
+      return false;
+   }
+   if ( route && route->fec ) {
+      --route->fec->recovered;
+   }
+   return true;
+}
+
+// They stay an earlier driver's, which this one has taken out for others to have room.
+void SoftwareSwitch::takeRoutesOut( const HwFec& fec ) {
+   for ( const auto& [vrfId, vrf] : vrf_ ) {
+      for ( const auto& [key, route] : vrf->route ) {
+         if ( route.fec.get() == &fec ) {
+            takeRouteOut( *vrf, key );
+         }
+      }
    }
 }
 
@@ -492,16 +532,8 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
    const Ptr< HwFec > fec = fecUnit_ ? fecUnit_->fec( hwFecId ) : nullptr;
    const HwRoute* const before = vrf.route.find( key );
    const bool same = before && fec && before->fec == fec && before->operation == operation;
-   const bool recovered = recoveredRoute_.erase( key );
-   if ( recovered ) {
-      countedRoute_.insert( key );
-      ++( same && !fec->replaced ? status_->routesAdopted_ : status_->routesChanged_ );
-   }
-   if ( same ) { // there is nothing to write
-      vrf.refused->refusedRouteDel( key );
-      return UnprogrammedReason::Success;
-   }
-   const UnprogrammedReason reason = fecRouteRefusal( vrf, key, fec.get() );
+   const UnprogrammedReason reason =
+      same ? UnprogrammedReason::Success : fecRouteRefusal( vrf, key, fec.get() );
    if ( reason != UnprogrammedReason::Success ) {
       ++status_->refused_;
       VEL_RING( traceHandle, "refused routeKey, reason", key, reason );
@@ -510,6 +542,13 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
       return reason;
    }
    vrf.refused->refusedRouteDel( key );
+   if ( claim( key, before ) ) {
+      countedRoute_.insert( key );
+      ++( same && !fec->replaced ? status_->routesAdopted_ : status_->routesChanged_ );
+   }
+   if ( same ) { // there is nothing to write
+      return reason;
+   }
    const auto [route, made] = vrf.route.emplace( key );
    status_->routes_ += made;
    status_->routesAdded_ += made && countedRoute_.insert( key );

@@ -120,6 +120,8 @@ class SoftwareSwitch {
    void removeAdjacency( HwVrf& vrf, const Operation& operation );
    void writeRoute( HwVrf& vrf, Operation operation );
    void removeRoute( HwVrf& vrf, Mpls::RouteKey key );
+   bool claim( Mpls::RouteKey key, const HwRoute* route );
+   void takeRoutesOut( const HwFec& fec );
    void takeRouteOut( HwVrf& vrf, Mpls::RouteKey key );
    UnprogrammedReason fecRouteRefusal( const HwVrf& vrf, Mpls::RouteKey key, const HwFec* fec );
    void routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec );

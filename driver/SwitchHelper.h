@@ -35,11 +35,11 @@ class SwitchHelper : public VelHelper::MplsSmHelper {
    void deleteRoute( const L3::VrfName& vrf, Mpls::RouteKey key ) override;
 
  private:
-   const VrfId* vrfId( const L3::VrfName& vrf ) const;
+   bool named( const L3::VrfName& vrf ) const;
 
    SoftwareSwitch& hardware_;
    Ptr< const VelL3Status > l3Status_;
-   mutable VrfId found_ = 0;
+   mutable Hash< L3::VrfName, VrfId > known_; // also of VRFs that have no name just now
 };
 
 } // namespace Vel::Driver

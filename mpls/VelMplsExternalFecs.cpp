@@ -152,7 +152,6 @@ void MplsSm::maybeDeleteExtFecInfo( VrfMplsState& vrfState, Fib::FecId fecId ) {
       in_.hwFecIdRequest->fecDel( fecId );
       in_.hwFecIdRequest->fec6Del( fecId );
       in_.hwFecIdRequest->hwFecIdRequestDel( fecId );
-      in_.hwFecIdRequest->mayReplaceDel( fecId );
    }
 }
 

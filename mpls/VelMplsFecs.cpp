@@ -453,7 +453,7 @@ void MplsSm::processHwFecIdResponse( Fib::FecId fecId, VrfMplsState& vrfState ) 
    MPLS_TRACE_CALL( 3, " vrf ", vrfState.vrfName(), " FecId ", fecId );
    if ( ExternalFecInfo* const info = vrfState.extFecInfo( fecId ) ) {
       info->hwIdIs( in_.hwFecIdResponse->hwFecId( fecId ).hwId ); // withdrawn: 0
-      in_.hwFecIdRequest->mayReplaceDel( fecId );
+      recoveredFecsToOffer_ = true;
    }
 }
 
@@ -468,6 +468,7 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
       return;
    }
    if ( info->hwId() == 0 ) {
+      recoveredFecsToOffer_ = true;
       if ( const ExternalFecInfo* const there = route.extFecInfo().get();
            there && there != info && in_.hwFecIdResponse->hwFecId( there->fecId() ).hwId != 0 ) {
          MPLS_TRACE( 3, "hwId not yet allocated for l3Adj, but route still has hwFecId ",
@@ -482,7 +483,8 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
    }
    MPLS_TRACE( 3, "Create or update route ", routeKey, " fecId: ", info->fecId() );
    recoveredRouteDel( routeKey ); // from here on it is this process's
-   route.unconfirmedWritesIs( route.unconfirmedWrites() + 1 );
+   recoveredFecsToOffer_ = true;
+   route.unconfirmedWritesInc();
    counters_->routesWrittenInc();
    // A next-hop group does not pop for us.
    const Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( l3Adj.index() );

@@ -130,10 +130,10 @@ class VEL_EXPORT MplsRoute : public Entity {
    IN_SLAB( MplsRoute )
    ENTITY( MplsRoute )
    ATTRIBUTE( U32, metric )
-   KEY( Mpls::RouteKey, routeKey )
    ATTRIBUTE_DEFAULT( bool, unprogrammed, { true } ) // until the driver reports it, nothing is in hardware
    ATTRIBUTE( bool, isInstalledWithMulticast )
-   ATTRIBUTE( U32, unconfirmedWrites )               // since the driver last had it in hardware
+   ATTRIBUTE( U16, unconfirmedWrites )               // since the driver last had it in hardware; the count ends at 65,535
+   KEY( Mpls::RouteKey, routeKey )
    ATTRIBUTE_DEFAULT( double, unprogrammedSince, { neverTime } ) // clock time, seconds
    ATTRIBUTE( Ptr< L3Adjacency >, l3Adj )
    ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adj )
@@ -145,6 +145,11 @@ class VEL_EXPORT MplsRoute : public Entity {
  public:
    explicit MplsRoute( Mpls::RouteKey routeKey );
    ~MplsRoute() override;
+   void unconfirmedWritesInc() {
+      if ( unconfirmedWrites_ != std::numeric_limits< U16 >::max() ) {
+         unconfirmedWritesIs( static_cast< U16 >( unconfirmedWrites_ + 1 ) );
+      }
+   }
 };
 
 /// A next hop that some adjacency resolves through.

@@ -237,7 +237,6 @@ void MplsSm::doReviewUnprogrammedRoutes( VrfMplsState& vrfState ) {
    MPLS_TRACE( 2, "review unprogrammed routes ", vrfState.numUnprogrammedRoute() );
    vrfState.lastUnprogrammedReviewIs( now );
    retryUnprogrammed( vrfState );
-   offerRecoveredFecs( vrfState );
    queueForPublishing( vrfState );
 }
 

@@ -394,7 +394,8 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
       MPLS_TRACE( 3, "remove routeKey ", routeKey, " from l3Adj index ", bound->index() );
       bound->routeKeyDel( routeKey );
       if ( recoveredRouteHas( routeKey ) ) {
-         in_.hwFecIdRequest->mayReplaceDelAll(); // it was to go with the others; now it is not
+         // It was to go with the others; now it is not.
+         in_.hwFecIdRequest->mayReplaceDel( in_.mplsRouteSyncMap->adjSyncId( routeKey ) );
       }
       vrfState.l3AdjForReviewIs( bound->index() ); // to be programmed without the route, or deleted
       route.l3AdjIs( nullptr );
@@ -450,7 +451,7 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
       progHwL2Adj( vrf, l3Adj.hwL2Adjacency() ); // the VRF had no number when it was bound
    }
    route.versionInc();
-   route.unconfirmedWritesIs( route.unconfirmedWrites() + 1 );
+   route.unconfirmedWritesInc();
    counters_->routesWrittenInc();
    MPLS_TRACE( 3, "prog routeKey ", routeKey, " l2 adj ", l2Adj->index(), " unprogrammed ",
                route.unprogrammed() );
@@ -470,6 +471,11 @@ void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
                   " because adj review is pending. Add routeKey for review again" );
       vrfState.routeKeyForReviewIs( routeKey );
       return;
+   }
+   if ( !l3Adj.extFecInfo() && l3Adj.backupAwaitsReview() &&
+        ( route.extFecInfo() || route.l2Adj() ) ) {
+      MPLS_TRACE( 7, "not removing routeKey ", routeKey, " because its adj waits for a backup" );
+      return; // the adjacency is processed again with the backup, and its routes after it
    }
    MPLS_TRACE( 3, "unprog routeKey ", routeKey );
    if ( recoveredRouteHas( routeKey ) && !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) {

@@ -300,7 +300,7 @@ class VEL_EXPORT MplsSm : public Entity {
    friend MplsSmReactors;
 
    void sweepStaleRoutes();
-   bool awaitsSyncAnswers() const;
+   void maybeOfferRecoveredFecs( const VrfMplsState* vrfState );
    void offerRecoveredFecs( const VrfMplsState& vrfState );
    bool maySweepStaleRoutes();
    bool mayNameRoutes( const L3::VrfName& vrf ) const;
@@ -405,7 +405,8 @@ class VEL_EXPORT MplsSm : public Entity {
 
    const MplsSmInputs in_;
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
-   size_t viaSetsAwaitedLimit_ = 64; // from where those that nobody uses are looked for
+   bool recoveredFecsToOffer_ = false; // what waits for FECs may have changed
+   size_t viaSetsAwaitedLimit_ = 64;   // from where those that nobody uses are looked for
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;
    Ptr< Mpls::LfibTrackingSm > lfibTrackingSm_;

@@ -79,10 +79,11 @@ void MplsSm::handleMplsRouteSyncMap() {
 void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
    const VrfMplsState* const vrfState = mplsState( vrf );
    if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmProcessingSyncMap ) {
-      if ( staleSweepHeld() && staleShare() <= maxStaleShare() && !awaitsSyncAnswers() &&
+      if ( staleSweepHeld() && staleShare() <= maxStaleShare() &&
            ( !vrfState || vrfState->routeKeyForReviews() + vrfState->l3AdjForReviews() == 0 ) ) {
          handleSyncDone(); // what was missing has come after all
       }
+      maybeOfferRecoveredFecs( vrfState );
       return; // nearly always; no line of trace for each slice
    }
    MPLS_TRACE( 3, "vrf: ", vrf, ", mplsStateExists: ", vrfState != nullptr );
@@ -113,56 +114,71 @@ void MplsSm::handleSyncDone() {
       return;
    }
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
-   if ( staleRecoveredRoutes() != 0 && !mayNameRoutes( vrf ) ) {
-      MPLS_TRACE( 3, "stale routes wait for the name of vrf ", vrf );
+   recoveredFecsToOffer_ = true;
+   if ( recoveredRoutes() != 0 && !mayNameRoutes( vrf ) ) {
+      MPLS_TRACE( 3, "recovered routes wait for the name of vrf ", vrf );
       return;
    }
    if ( !maySweepStaleRoutes() ) {
+      maybeOfferRecoveredFecs( mplsState( vrf ) );
       return; // what is stale goes on forwarding
    }
    sweepStaleRoutes();
    in_.hwFecIdRequest->adjSyncIdMapDelAll();
    mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmNormal );
    MPLS_TRACE( 3, "Transitioned to normal stage" );
-   if ( const VrfMplsState* const vrfState = mplsState( vrf ) ) {
+   maybeOfferRecoveredFecs( mplsState( vrf ) );
+}
+
+// Hardware that has no room for another FEC could never make the new ones of routes whose old one
+// fills their place. Where all routes that are left in an old FEC wait for new ones, hardware may
+// take it: rewrite it where they wait for the same one, else take it out. Asked once the hardware
+// layer has matched what it could, and nothing is queued.
+void MplsSm::maybeOfferRecoveredFecs( const VrfMplsState* vrfState ) {
+   if ( !recoveredFecsToOffer_ || vrfState == nullptr || !in_.velL3StartupStagePrereqs ||
+        !in_.velL3StartupStagePrereqs->adjSyncDone() || !mayNameRoutes( vrfState->vrfName() ) ||
+        vrfState->routeKeyForReviews() + vrfState->l3AdjForReviews() != 0 ) {
+      return;
+   }
+   recoveredFecsToOffer_ = false;
+   const bool allAnswered =
+      in_.hwFecIdRequest->hwFecIdRequests() <= in_.hwFecIdResponse->hwFecIds();
+   if ( recoveredRoutes() == 0 || allAnswered ) {
+      in_.hwFecIdRequest->mayReplaceDelAll();
+   } else {
       offerRecoveredFecs( *vrfState );
    }
 }
 
-// Routes that come back while the sweep is held are to find what they had, as the others did.
-bool MplsSm::awaitsSyncAnswers() const {
-   for ( const auto& [fecId, entry] : in_.hwFecIdRequest->adjSyncIdMap() ) {
-      if ( in_.hwFecIdRequest->hwFecIdRequestHas( fecId ) &&
-           in_.hwFecIdResponse->hwFecId( fecId ).hwId == 0 ) {
-         return true;
-      }
-   }
-   return false;
-}
-
-// Hardware that has no room for another FEC could never make the new one of routes whose old one
-// fills its place. Where all routes that are left in an old FEC wait for the same new one, hardware
-// may turn the one into the other.
 void MplsSm::offerRecoveredFecs( const VrfMplsState& vrfState ) {
-   if ( recoveredRoutes() == 0 || mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmNormal ) {
-      return;
-   }
-   Hash< AdjSyncId, Fib::FecId > awaited; // none where they differ
+   struct Waiting {
+      Fib::FecId fecId; // for this one; for several: none
+      bool all = true;
+   };
+   Hash< AdjSyncId, Waiting > left;
    for ( const Mpls::RouteKey routeKey : recoveredRoute() ) {
       const MplsRoute* const route = vrfState.route( routeKey );
       const L3Adjacency* const l3Adj = route ? route->l3Adj().get() : nullptr;
       const ExternalFecInfo* const info = l3Adj ? l3Adj->extFecInfo().get() : nullptr;
-      const Fib::FecId fecId = info && info->hwId() == 0 ? info->fecId() : Fib::FecId();
-      const auto [there, first] =
-         awaited.emplace( in_.mplsRouteSyncMap->adjSyncId( routeKey ), fecId );
-      if ( !first && *there != fecId ) {
-         *there = Fib::FecId();
+      const bool waits = info && info->hwId() == 0;
+      const auto [there, first] = left.emplace( in_.mplsRouteSyncMap->adjSyncId( routeKey ) );
+      there->all &= waits;
+      if ( waits && ( first || there->fecId == info->fecId() ) ) {
+         there->fecId = info->fecId();
+      } else {
+         there->fecId = Fib::FecId();
       }
    }
-   for ( const auto& [syncId, fecId] : awaited ) {
-      if ( fecId != Fib::FecId() ) {
-         MPLS_TRACE( 3, "FecId ", fecId, " may replace what was ", syncId );
-         in_.hwFecIdRequest->mayReplaceIs( fecId, syncId );
+   for ( const auto& [syncId, fecId] : in_.hwFecIdRequest->mayReplace() ) {
+      const Waiting* const there = left.find( syncId );
+      if ( there == nullptr || !there->all ) {
+         in_.hwFecIdRequest->mayReplaceDel( syncId );
+      }
+   }
+   for ( const auto& [syncId, waiting] : left ) {
+      if ( waiting.all ) {
+         MPLS_TRACE( 3, "FecId ", waiting.fecId, " may replace what was ", syncId );
+         in_.hwFecIdRequest->mayReplaceIs( syncId, waiting.fecId );
       }
    }
 }
@@ -222,6 +238,7 @@ void MplsSm::dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey
       return;
    }
    recoveredRouteDel( routeKey );
+   recoveredFecsToOffer_ = true;
    in_.mplsSmHelper->deleteRoute( vrf, routeKey );
 }
 

@@ -113,7 +113,7 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
       virtual void onFec( Fib::FecId ) {}
       virtual void onFec6( Fib::FecId ) {}
       virtual void onHwFecIdRequest( Fib::FecId ) {}
-      virtual void onMayReplace( Fib::FecId ) {}
+      virtual void onMayReplace( AdjSyncId ) {}
       virtual void onSyncRequestsReady() {}
    };
 
@@ -124,7 +124,7 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
    VALUES( Hash, Fib::FecId, Fib6::Fec, fecId, fec6, onFec6 )
    VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
    VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
-   COLLECTION( Hash, Fib::FecId, AdjSyncId, mayReplace, onMayReplace ) // after the sync: all that still forwards there is to forward here
+   COLLECTION( Hash, AdjSyncId, Fib::FecId, mayReplace, onMayReplace ) // all that still forwards there waits for this one; for several: none
    ATTRIBUTE( bool, syncRequestsReady, onSyncRequestsReady )
    ENTITY_END_IN_SOURCE
    // clang-format on
