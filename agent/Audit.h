@@ -13,8 +13,7 @@
 // A route into a FEC is not in the two in the middle. It goes through the requests and answers for
 // the FEC and through a call of the driver, of which the records tell:
 //
-//    intent -> written      what the FEC shall be made of, backup included, and what is requested
-//    of
+//    intent -> written      what the FEC shall be made of, backup included, and what is requested of
 //                           it, together with the pop that travels with the route
 //    written -> reported    the hardware id, the FEC that the route is in, and what is refused
 //    reported -> published  as above, and the FEC of the published route

@@ -8,8 +8,6 @@ namespace Vel::Agent {
 
 namespace {
 
-constexpr size_t flushBytes = size_t{ 1 } << 16;
-
 std::string leftText( const WaysLeft& ways ) {
    return joinText( ways.left, " of ", counted( ways.of, "way", "ways" ), " left" );
 }
@@ -31,32 +29,6 @@ std::string fateText( const Hit& hit ) {
           ( hit.protectedBy ? ", protected by " + standby( *hit.protectedBy ) : "" );
 }
 
-/// Hands text on in large pieces.
-class Lines {
- public:
-   explicit Lines( std::ostream& out ) : out_( out ) {}
-   void add( std::string_view text ) {
-      text_ += text;
-      if ( text_.size() >= flushBytes ) {
-         hand();
-      }
-   }
-   bool finish() {
-      hand();
-      out_.flush();
-      return out_.good();
-   }
-
- private:
-   void hand() {
-      out_ << text_;
-      text_.clear();
-   }
-
-   std::ostream& out_;
-   std::string text_;
-};
-
 /// Who loses all, who changes over, who loses some: in this order.
 enum class Fate : uint8_t { losesAll, changesOver, losesSome };
 constexpr std::array fates{ Fate::losesAll, Fate::changesOver, Fate::losesSome };
@@ -74,7 +46,7 @@ size_t countOf( const Hits& hits, Fate fate ) {
       std::ranges::count_if( hits, [fate]( const auto& hit ) { return fateOf( hit ) == fate; } ) );
 }
 
-void addLabels( Lines& lines, const Impact& impact ) {
+void addLabels( TextOut& lines, const Impact& impact ) {
    for ( const Fate fate : fates ) {
       for ( const ImpactedLabel& hit : impact.labels() ) {
          if ( fateOf( hit ) == fate ) {
@@ -87,7 +59,7 @@ void addLabels( Lines& lines, const Impact& impact ) {
 }
 
 template< class Hits, class Number >
-void addHits( Lines& lines, std::string_view what, const Hits& hits, const Number& number ) {
+void addHits( TextOut& lines, std::string_view what, const Hits& hits, const Number& number ) {
    for ( const Fate fate : fates ) {
       for ( const auto& hit : hits ) {
          if ( fateOf( hit ) == fate ) {
@@ -97,7 +69,7 @@ void addHits( Lines& lines, std::string_view what, const Hits& hits, const Numbe
    }
 }
 
-void addForeign( Lines& lines, const Impact& impact ) {
+void addForeign( TextOut& lines, const Impact& impact ) {
    for ( const ForeignWay& way : impact.foreign() ) {
       lines.add( joinText( counted( way.labels, "label leaves", "labels leave" ), " through FEC ",
                            fecIdText( way.fecId ), " of another agent: taken for untouched\n" ) );
@@ -118,7 +90,7 @@ std::string jsonStandby( Fib::FecId fecId ) {
 /// `"loseAll":[...],"loseSome":[{..., "left":1,"of":2}],"protected":[{..., "by":7}]`, each hit in
 /// one of the three.
 template< class Hits, class Value >
-void addJsonHits( Lines& lines, const Hits& hits, std::string_view member, const Value& value ) {
+void addJsonHits( TextOut& lines, const Hits& hits, std::string_view member, const Value& value ) {
    std::string_view separator;
    const auto one = [&]( const auto& hit, std::string_view before, std::string_view after ) {
       std::string text( separator );
@@ -156,7 +128,7 @@ void addJsonHits( Lines& lines, const Hits& hits, std::string_view member, const
 } // namespace
 
 bool printText( std::ostream& out, const Impact& impact, const ImpactQuestion& question ) {
-   Lines lines( out );
+   TextOut lines( out );
    const size_t all = countOf( impact.labels(), Fate::losesAll );
    const size_t moving = countOf( impact.labels(), Fate::changesOver );
    const size_t some = countOf( impact.labels(), Fate::losesSome );
@@ -177,7 +149,7 @@ bool printText( std::ostream& out, const Impact& impact, const ImpactQuestion& q
 }
 
 bool printJson( std::ostream& out, const Impact& impact, const ImpactQuestion& question ) {
-   Lines lines( out );
+   TextOut lines( out );
    const auto textOrNull = []( const std::string& text ) {
       return text.empty() ? std::string( "null" ) : jsonText( text );
    };

@@ -2,8 +2,7 @@
 //
 //    { "velmplsLabelTable": 1,
 //      "routes": [ { "label": 16040, "vias": [ { "action": "swap", "outLabels": [ 16040 ],
-//                                                "nextHop": "10.0.1.2", "interface": "eth0" } ] } ]
-//                                                }
+//                                                "nextHop": "10.0.1.2", "interface": "eth0" } ] } ] }
 //
 // Beside routes it can define what other agents have and routes lead into: `nextHopGroups`,
 // `tunnels` and `externalFecs`, each with a name and vias.

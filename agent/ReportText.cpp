@@ -1,11 +1,30 @@
 #include "agent/ReportText.h"
 
 #include <algorithm>
+#include <ostream>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 namespace Vel::Agent {
+
+namespace {
+constexpr size_t flushBytes = size_t{ 1 } << 16;
+} // namespace
+
+void TextOut::lineDone() {
+   if ( text_.size() >= flushBytes ) {
+      out_.write( text_.data(), static_cast< std::streamsize >( text_.size() ) );
+      text_.clear();
+   }
+}
+
+bool TextOut::finish() {
+   out_.write( text_.data(), static_cast< std::streamsize >( text_.size() ) );
+   text_.clear();
+   out_.flush();
+   return out_.good();
+}
 
 void addReportFormat( CLI::App& app, std::string& format ) {
    app.add_option( "--format", format, "Form of the result: text (when not given) or json" )

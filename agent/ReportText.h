@@ -4,6 +4,7 @@
 #pragma once
 
 #include <functional>
+#include <iosfwd>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +19,25 @@ class App;
 }
 
 namespace Vel::Agent {
+
+/// Hands text on in large pieces.
+class TextOut {
+ public:
+   explicit TextOut( std::ostream& out ) : out_( out ) {}
+   /// What is to go out; call `lineDone` now and then.
+   std::string& text() { return text_; }
+   void lineDone();
+   void add( std::string_view text ) {
+      text_ += text;
+      lineDone();
+   }
+   /// False when not all of it could be written.
+   bool finish();
+
+ private:
+   std::ostream& out_;
+   std::string text_;
+};
 
 /// Gives an interface's name.
 using InterfaceName = std::function< std::string( IntfId ) >;

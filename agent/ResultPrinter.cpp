@@ -12,16 +12,11 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/Metrics.h"
+#include "agent/ReportText.h"
 
 namespace Vel::Agent {
 
 namespace {
-
-constexpr size_t flushBytes = size_t{ 1 } << 16;
-
-std::string quoted( const std::string& text ) {
-   return nlohmann::json( text ).dump( -1, ' ', false, nlohmann::json::error_handler_t::replace );
-}
 
 template< class T >
 void appendList( std::string& out, const std::vector< T >& values ) {
@@ -43,7 +38,7 @@ std::vector< MplsLabel > stackOf( Mpls::RouteKey key ) {
 }
 
 std::string quotedOrNull( const std::string& text ) {
-   return text.empty() ? "null" : quoted( text );
+   return text.empty() ? "null" : jsonText( text );
 }
 
 /// Where a via leaves: the interface of the LFIB, else the first one it resolved to.
@@ -54,7 +49,7 @@ const std::string& exitInterface( const ResultVia& via ) {
 // --- JSON.
 
 void appendExit( std::string& out, const ResultExit& exit ) {
-   out += joinText( "\"interface\":", quoted( exit.interface ), ",\"vlan\":", exit.vlan,
+   out += joinText( "\"interface\":", jsonText( exit.interface ), ",\"vlan\":", exit.vlan,
                     ",\"mac\":\"", exit.mac, "\"" );
 }
 
@@ -91,7 +86,7 @@ void appendVia( std::string& out, const ResultVia& via ) {
       out += ']';
    }
    if ( via.into ) {
-      out += joinText( ",\"", fieldOf( *via.into ), "\":", quoted( via.name ) );
+      out += joinText( ",\"", fieldOf( *via.into ), "\":", jsonText( via.name ) );
    }
    if ( via.fec != Fib::FecId() ) {
       out += joinText( ",\"fec\":\"", static_cast< U32 >( via.fec.adjType() ), ":", via.fec.index(),
@@ -117,7 +112,7 @@ void appendRoute( std::string& out, const ResultRoute& route ) {
    }
    out += joinText( ",\"state\":\"", name( route.state ), "\"" );
    if ( route.state != ProgramState::programmed ) {
-      out += ",\"reason\":" + quoted( route.reason );
+      out += ",\"reason\":" + jsonText( route.reason );
    }
    if ( route.l3Adjacency ) {
       out += joinText( ",\"l3Adjacency\":", *route.l3Adjacency );
@@ -173,36 +168,10 @@ std::string startupText( const ResultStartup& startup ) {
    return text;
 }
 
-/// Hands text on in large pieces.
-class Writer {
- public:
-   explicit Writer( std::ostream& out ) : out_( out ) {}
-   std::string& text() { return text_; }
-   void lineDone() {
-      if ( text_.size() >= flushBytes ) {
-         hand();
-      }
-   }
-   bool finish() {
-      hand();
-      out_.flush();
-      return out_.good();
-   }
-
- private:
-   void hand() {
-      out_.write( text_.data(), static_cast< std::streamsize >( text_.size() ) );
-      text_.clear();
-   }
-
-   std::ostream& out_;
-   std::string text_;
-};
-
 } // namespace
 
 bool printJson( std::ostream& out, const ProgramResult& result, bool startup ) {
-   Writer writer( out );
+   TextOut writer( out );
    std::string& text = writer.text();
    const ResultSummary& sum = result.summary();
    text += joinText( "{\"summary\":{\"routes\":", sum.routes );
@@ -403,10 +372,6 @@ class TextTable {
    std::vector< Row > rows_;
 };
 
-std::string counted( size_t count, std::string_view one, std::string_view many ) {
-   return joinText( count, " ", count == 1 ? one : many );
-}
-
 } // namespace
 
 TextStyle TextStyle::ofStandardOutput() {
@@ -427,7 +392,7 @@ TextStyle TextStyle::ofStandardOutput() {
 
 bool printText( std::ostream& out, const ProgramResult& result, const TextStyle& style,
                 bool startup ) {
-   Writer writer( out );
+   TextOut writer( out );
    std::string& text = writer.text();
    if ( result.routes() != 0 ) {
       TextTable table( result, style );

@@ -19,10 +19,10 @@
 // 2. `lFibViaSetToL3Adj[ a.lFibViaSetKey ] == a.index` for every live L3 adjacency.
 // 3. `a.l2Adjacency == l2` exactly when `a` is in `l2.l3Adjacency`.
 // 4. `a` is in `nh.resolvedByRR` or `nh.resolvedByMNH` only while `nh.nextHopInfo` is in
-// `a.nextHop`.
+//    `a.nextHop`.
 // 5. `b == a.backupAdj` exactly when `a.index` is in `b.primaryAdj`.
 // 6. Work sets never name the dead: an index in `l3AdjForReview`, `l2AdjForReview` or
-// `l2AdjPendingForDelete` exists.
+//    `l2AdjPendingForDelete` exists.
 
 #pragma once
 

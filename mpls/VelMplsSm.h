@@ -11,13 +11,24 @@
 //                                                next hops (ARP/ND,          │
 //                                                 route resolver)            └──> published status
 //
-// Inputs (entity: attributes)                          Outputs
-//    Mpls::LfibStatus: routes, via sets, vias             MplsHwConfig / MplsHwVrfConfig: all
-//    Mpls::RoutingInfo: mplsRouting                       MplsHwVrfStatus: unprogrammedReason,
-//    unprogrammedRoute Mpls::LfibInfo: nexthopResolutionAllowDefaultRoute   Mpls::Hardware::Status:
-//    all Routing::Hardware::RouteStatus: vrfStatus            Mpls::LfibHwStatus: all MplsHwStatus
-//    / MplsHwVrfStatus: what is programmed   RouteReactorConfig, Route6ReactorConfig: watched
-//    addresses VelL3Status: next hops, resolved addresses, names    ProactiveArpNexthopSm: entries
+// Inputs (entity: attributes)
+//    Mpls::LfibStatus                   routes, via sets, vias, ready
+//    Mpls::RoutingInfo                  mplsRouting
+//    Mpls::LfibInfo                     nexthopResolutionAllowDefaultRoute
+//    Routing::Hardware::RouteStatus     vrfStatus
+//    MplsHwStatus / MplsHwVrfStatus     what is programmed, what is refused
+//    VelL3Status                        next hops, resolved addresses, VRF names; adjHwStatus
+//    FecIdToHwFecIdResponse             hwFecId
+//    VelHelper::MplsRouteSyncMap, MplsSmInputSummary, L3StartupStagePrerequisitesStatus: the start
+//
+// Outputs
+//    MplsHwConfig / MplsHwVrfConfig     all
+//    MplsHwVrfStatus                    unprogrammedReason, unprogrammedRoute: beside the driver
+//    FecIdToHwFecIdRequest              all; routes into FECs go through VelHelper::MplsSmHelper
+//    Mpls::Hardware::Status             all
+//    Mpls::LfibHwStatus                 all
+//    RouteReactorConfig, Route6ReactorConfig: watched addresses
+//    ProactiveArpNexthopSm              entries
 //
 // How it works. A handler marks what its event touches in the work sets of `VrfMplsState` and
 // schedules a task; it does no work. Three tasks drain the sets in slices: "reviewVrf" processes L3
@@ -29,8 +40,10 @@
 //    handleLFibRoute( K )   record made, K for review
 //    processRouteKey( K )   S has no adjacency: one is made, for review; K waits for it
 //    processL3Adj( S )      next hops watched and resolved, bound to an L2 adjacency, which is
-//    programmed; K for review processRouteKey( K )   MplsHwRoute written handleProgrammedRoute  the
-//    driver confirms; K for publishing publishRouteKey( K )   the world may know
+//                           programmed; K for review
+//    processRouteKey( K )   MplsHwRoute written
+//    handleProgrammedRoute  the driver confirms; K for publishing
+//    publishRouteKey( K )   the world may know
 //
 // Yield points: before each item of a work set and after each VRF (`shouldTaskYield`).
 // Ownership: records see VelMplsRecords.h. Stopping is destruction. Threads: one.
@@ -48,47 +61,13 @@
 #include <string>
 #include <vector>
 
-#include "mcast/VelMcastGroupProgConfig.h"
 #include "mpls/VelMplsCounters.h"
-#include "mpls/VelMplsSmHelper.h"
+#include "mpls/VelMplsSmInputs.h"
 #include "mpls/VelMplsTypes.h"
-#include "platform/AttrLog.h"
-#include "platform/EntityManager.h"
-#include "platform/FecTables.h"
-#include "platform/LfibStatus.h"
 #include "platform/LfibTracking.h"
 #include "platform/NumAllocator.h"
-#include "platform/RoutingStatus.h"
-#include "platform/Scheduler.h"
 
 namespace Vel {
-
-/// What MplsSm is built from. Optional ones may be empty: they switch capabilities off.
-struct MplsSmInputs {
-   Ptr< const Mpls::LfibInfo > lfibInfo;
-   Ptr< const Mpls::RoutingInfo > mplsRoutingInfo;
-   Ptr< const Mpls::LfibStatus > transitLfib;
-   Ptr< Mpls::LfibHwStatus > lfibHwStatus;
-   Ptr< const Routing::Hardware::RouteStatus > routingHwRouteStatus;
-   Ptr< Mpls::Hardware::Status > routingHwMplsStatus;
-   Ptr< RouteReactorConfig > routeReactorConfig;
-   Ptr< Route6ReactorConfig > route6ReactorConfig;
-   Ptr< MplsHwConfig > mplsHwConfig;
-   Ptr< MplsHwStatus > mplsHwStatus;
-   Ptr< const VelL3Status > velL3Status;
-   Ptr< ProactiveArpNexthopSm > proactiveArpNhSm;
-   Ptr< EntityManager > entityManager;
-   Ptr< FecIdToHwFecIdRequest > hwFecIdRequest;                             ///< optional
-   Ptr< const FecIdToHwFecIdResponse > hwFecIdResponse;                     ///< optional
-   Ptr< VelHelper::MplsSmHelper > mplsSmHelper;                             ///< optional
-   Ptr< const VelHelper::MplsRouteSyncMap > mplsRouteSyncMap;               ///< non-stop forwarding
-   Ptr< const MplsSmInputSummary > inputStatusSummary;                      ///< non-stop forwarding
-   Ptr< const L3StartupStagePrerequisitesStatus > velL3StartupStagePrereqs; ///< non-stop forwarding
-   Ptr< const AttrLogSm > attrLogSm;                                        ///< optional
-   Ptr< McastGroupProgConfig > mcastGroupProgConfig;                        ///< multicast
-   Ptr< Clock > clock;
-   Ptr< Scheduler > scheduler;
-};
 
 class MplsSmReactors;
 

@@ -6,9 +6,21 @@
 //        │  └────────────────inputs ready────────────────────────────────────┤
 //        │                                                                   ▼
 //        │ no non-stop forwarding                              mplsSmProcessingSyncMap
-//        │                                                                   │ nothing queued, LFIB
-//        complete ▼                                                                   ▼
+//        │                                                                   │
+//        │                                         nothing queued, LFIB complete
+//        ▼                                                                   ▼
 //    mplsSmNormal <──adjSyncDone, stale routes removed── mplsSmWaitingForSyncResponses
+//
+// Inputs: MplsSmInputSummary::status, MplsRouteSyncMap, LfibStatus::ready, the stage prerequisites'
+// adjSyncDone, the VRF's name and number. Outputs: the request table's adjSyncIdMap, mayReplace and
+// syncRequestsReady; routes that go, through MplsSmHelper.
+//
+// Which routes are whose. `recoveredRoute` holds what the process before has programmed and this
+// one has neither written nor removed; `staleRecoveredRoute`, within it, what the LFIB does not
+// hold and the sweep takes out. A route leaves the first with its first writing.
+//
+// Cost: the replay is one look-up a route; a sweep, and each look for what full hardware may take,
+// one walk over what is left in the set.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"

@@ -3,12 +3,11 @@
 // What an entity is. A reference-counted object whose attributes are declared one a line; the
 // accessor family follows from the line. For an attribute `foo`:
 //
-//    foo()            its value                                fooIs( value )      writes it
-//    foo( key )       a collection's element (null if absent)  fooIs( key, value ) writes or makes
-//    an element foo()            a collection, to walk over               fooDel( key ) removes an
-//    element fooHas( key )    membership                               fooDelAll()         removes
-//    all, one after the other foos()           the count                                fooInc(
-//    delta )     counts up (counters)
+//    foo()        its value                                 fooIs( value )       writes it
+//    foo( key )   a collection's element (null if absent)   fooIs( key, value )  writes or makes one
+//    foo()        a collection, to walk over                fooDel( key )        removes one
+//    fooHas( key ) membership                               fooDelAll()          removes all in turn
+//    foos()       the count                                 fooInc( delta )      counts up (counters)
 //
 // Who hears of it. An entity declares a nested `Reactor` with one virtual handler for each thing
 // that can be heard of it. Notification is synchronous, once for each real change, in the order in

@@ -28,6 +28,7 @@
 
 #include "platform/Assert.h"
 #include "platform/Collection.h"
+#include "platform/ListPasses.h"
 #include "platform/Text.h"
 
 namespace Vel {
@@ -35,7 +36,7 @@ namespace Vel {
 /// What both shapes of hash collection are made of. Use `Hash` and `HashSet`.
 template< class K, class V >
 class HashCore {
-   static constexpr uint32_t none = 0xFFFF'FFFF;
+   static constexpr uint32_t none = ListPasses::none;
    static constexpr uint32_t firstChunk = 4;
    static constexpr uint32_t indexFrom = 8; // up to so many elements are found by looking at each
    static constexpr uint32_t migratedPerChange = 8;
@@ -54,7 +55,7 @@ class HashCore {
    HashCore( const HashCore& ) = delete;
    HashCore& operator=( const HashCore& ) = delete;
    ~HashCore() {
-      VEL_ASSERT( passes_ == nullptr );
+      VEL_ASSERT( passes_.empty() );
       clear();
    }
 
@@ -81,9 +82,7 @@ class HashCore {
    }
 
    void clear() {
-      for ( Pass* pass = passes_; pass; pass = pass->link_ ) {
-         pass->next_ = none;
-      }
+      passes_.allGo();
       // The end of an element may write this collection: it is empty and whole before the first one
       // ends.
       Chunks chunks;
@@ -102,31 +101,18 @@ class HashCore {
    }
 
    /// A walk that survives mutation. The collection must outlive it.
-   class Pass {
+   class Pass : private ListPasses::Pass {
     public:
       explicit Pass( const HashCore& owner )
-         : owner_( const_cast< HashCore& >( owner ) ),
-           next_( owner.head_ ),
-           last_( owner.tail_ ),
-           link_( owner_.passes_ ) {
-         owner_.passes_ = this;
-      }
-      Pass( const Pass& ) = delete;
-      Pass& operator=( const Pass& ) = delete;
-      ~Pass() {
-         Pass** at = &owner_.passes_;
-         while ( *at != this ) {
-            at = &( *at )->link_;
-         }
-         *at = link_;
-      }
+         : ListPasses::Pass( const_cast< HashCore& >( owner ).passes_, owner.head_, owner.tail_ ),
+           owner_( const_cast< HashCore& >( owner ) ) {}
       /// Moves to the next element; false at the end.
       bool next() {
-         current_ = next_;
+         current_ = this->next_;
          if ( current_ == none ) {
             return false;
          }
-         next_ = current_ == last_ ? none : owner_.node( current_ ).next;
+         this->next_ = current_ == this->last_ ? none : owner_.node( current_ ).next;
          return true;
       }
       /// The current element's key; copy it before erasing the element.
@@ -134,12 +120,8 @@ class HashCore {
       V& value() const { return owner_.node( current_ ).value; }
 
     protected:
-      friend HashCore;
       HashCore& owner_;
-      uint32_t next_;
-      uint32_t last_;
       uint32_t current_ = none;
-      Pass* link_;
    };
 
  protected:
@@ -239,13 +221,7 @@ class HashCore {
          migrate();
       }
       Node& gone = node( position );
-      for ( Pass* pass = passes_; pass; pass = pass->link_ ) {
-         if ( pass->next_ == position ) {
-            pass->next_ = position == pass->last_ ? none : gone.next;
-         } else if ( pass->last_ == position ) {
-            pass->last_ = gone.previous;
-         }
-      }
+      passes_.elementGoes( position, gone.previous, gone.next );
       ( gone.previous == none ? head_ : node( gone.previous ).next ) = gone.next;
       ( gone.next == none ? tail_ : node( gone.next ).previous ) = gone.previous;
       // Key or value may hold the last reference to something whose end writes this collection
@@ -406,7 +382,7 @@ class HashCore {
    Chunks chunks_;
    Index index_;
    Index old_;
-   Pass* passes_ = nullptr;
+   ListPasses passes_;
    uint32_t buckets_ = 0;
    uint32_t oldBuckets_ = 0;
    uint32_t migrated_ = 0;

@@ -5,12 +5,10 @@
 // the relations between the three, and fills one backlog in the tracking status:
 //
 //   routes    a route enters `routeKeyBacklog` when it is added, changed or removed, or when its
-//   via set, or a via
-//             that its via set names, is.
+//             via set, or a via that its via set names, is.
 //   viaSets   a via set enters `viaSetKeyBacklog` when it is added, changed or removed, or when a
-//   via that it names
-//             is. Routes are heard of from the LfibStatus itself; `viaSetKeyToRouteKeySet` says
-//             which use a via set.
+//             via that it names is. Routes are heard of from the LfibStatus itself;
+//             `viaSetKeyToRouteKeySet` says which use a via set.
 //
 // Whoever handles an entry deletes it from the backlog; an entry that stands there already is not
 // announced again.

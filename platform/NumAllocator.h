@@ -5,10 +5,11 @@
 // have rested go first, the longest rested first; only when there are none is a number used that
 // never was.
 //
-//    auto allocator = make< NumAllocator >( make< NumAllocatorConfig >( 1, 255 ), make<
-//    NumAllocatorStatus >(), clock ); const U64 id = allocator->getNumber(); if ( id ==
-//    allocator->invalidNumber() ) { ... }      // all in use or resting allocator->releaseNumber(
-//    id );
+//    auto allocator = make< NumAllocator >( make< NumAllocatorConfig >( 1, 255 ),
+//                                           make< NumAllocatorStatus >(), clock );
+//    const U64 id = allocator->getNumber();
+//    if ( id == allocator->invalidNumber() ) { ... }      // all in use or resting
+//    allocator->releaseNumber( id );
 //
 // The status lists the numbers in use. Others may enter numbers that the allocator has not handed
 // out, such as an earlier allocator's: they are in use, are not handed out, and may be released.

@@ -37,7 +37,7 @@ class RouteKeyLinks {
  private:
    friend RouteKeyGroup;
    using Id = uint32_t; // a label, or 2^20 plus the slot of a deeper key
-   static constexpr Id none = 0xFFFF'FFFF;
+   static constexpr Id none = ListPasses::none;
    static constexpr Id firstDeep = LabelBits::labels;
 
    struct Link {
@@ -137,13 +137,7 @@ class RouteKeyGroup {
       }
       const RouteKeyLinks::Link link = *found;
       const Id id = links_->idOf( key );
-      for ( Pass* pass = passes_; pass; pass = pass->link_ ) {
-         if ( pass->next_ == id ) {
-            pass->next_ = id == pass->last_ ? none : link.next;
-         } else if ( pass->last_ == id ) {
-            pass->last_ = link.previous;
-         }
-      }
+      passes_.elementGoes( id, link.previous, link.next );
       ( link.previous == none ? head_ : links_->at( link.previous ).next ) = link.next;
       ( link.next == none ? tail_ : links_->at( link.next ).previous ) = link.previous;
       links_->drop( key, id );
@@ -158,24 +152,12 @@ class RouteKeyGroup {
    }
 
    /// A walk that survives mutation.
-   class Pass {
+   class Pass : private ListPasses::Pass {
     public:
       explicit Pass( const RouteKeyGroup& owner )
-         : owner_( const_cast< RouteKeyGroup& >( owner ) ),
-           next_( owner.head_ ),
-           last_( owner.tail_ ),
-           link_( owner.passes_ ) {
-         owner_.passes_ = this;
-      }
-      Pass( const Pass& ) = delete;
-      Pass& operator=( const Pass& ) = delete;
-      ~Pass() {
-         Pass** at = &owner_.passes_;
-         while ( *at != this ) {
-            at = &( *at )->link_;
-         }
-         *at = link_;
-      }
+         : ListPasses::Pass( const_cast< RouteKeyGroup& >( owner ).passes_, owner.head_,
+                             owner.tail_ ),
+           owner_( owner ) {}
       bool next() {
          if ( next_ == none ) {
             return false;
@@ -188,11 +170,7 @@ class RouteKeyGroup {
       Key element() const { return key_; }
 
     private:
-      friend RouteKeyGroup;
-      RouteKeyGroup& owner_;
-      Id next_;
-      Id last_;
-      Pass* link_;
+      const RouteKeyGroup& owner_;
       Key key_;
    };
 
@@ -203,7 +181,7 @@ class RouteKeyGroup {
 
  private:
    std::shared_ptr< RouteKeyLinks > links_;
-   Pass* passes_ = nullptr;
+   ListPasses passes_;
    Id head_ = none;
    Id tail_ = none;
    size_t size_ = 0;

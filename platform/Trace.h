@@ -4,8 +4,7 @@
 //
 //    TraceHandle traceHandle( "VelMplsSm" );
 //    VEL_TRACE( traceHandle, 7, "process routeKey ", key, " vrf ", vrf );
-//    VEL_TRACE_CALL( traceHandle, 3, " vrf ", vrf );      // "void Vel::MplsSm::review(...) vrf
-//    default"
+//    VEL_TRACE_CALL( traceHandle, 3, " vrf ", vrf ); // "void Vel::MplsSm::review(...) vrf default"
 //
 // A line is formatted only when its level is on, and goes to a sink that the process's owner sets.
 // The setting "VelMplsSm/3,VelMplsDecapSm/8" turns on levels 0 to 3 of the one and 0 to 8 of the

@@ -146,6 +146,19 @@ class L3Layer {
    Rr6Reactor rr6Reactor_;
 };
 
+/// An Ethernet frame with that one label, TTL 64, above an IPv4 packet without payload.
+inline Driver::Bytes frameOf( U32 label ) {
+   Driver::Bytes frame( 12, 2 );
+   const U32 entry = label << 12 | 1U << 8 | 64U;
+   for ( const U32 byte :
+         { 0x88U, 0x47U, entry >> 24, entry >> 16 & 0xFFU, entry >> 8 & 0xFFU, entry & 0xFFU } ) {
+      frame.push_back( static_cast< uint8_t >( byte ) );
+   }
+   frame.insert( frame.end(),
+                 { 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2 } );
+   return frame;
+}
+
 struct RigSettings {
    Mpls::LfibCapacities capacities{};
    Driver::SwitchSettings hardware{};
@@ -269,6 +282,18 @@ class LabelRig {
       return lfibHwStatus->unprogrammedRoute( key( label ) ).statusCode;
    }
 
+   /// "interface/label" where a frame with the label leaves, label 0 without one; or nothing.
+   std::string leavesBy( U32 label ) {
+      const Driver::ForwardResult result = hardware->forward( vrfId, frameOf( label ) );
+      if ( result.frames.empty() ) {
+         return "";
+      }
+      const Driver::Bytes& out = result.frames[0].bytes;
+      const U32 outLabel =
+         out[12] == 0x08 ? 0 : static_cast< U32 >( out[14] << 12 | out[15] << 4 | out[16] >> 4 );
+      return joinText( result.frames[0].intf.payload(), "/", outLabel );
+   }
+
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
    static constexpr VrfId vrfId = 7;
 
@@ -300,19 +325,6 @@ class LabelRig {
    std::unique_ptr< Driver::SoftwareSwitch > hardware;
    Ptr< MplsSm > sm;
 };
-
-/// An Ethernet frame with that one label, TTL 64, above an IPv4 packet without payload.
-inline Driver::Bytes frameOf( U32 label ) {
-   Driver::Bytes frame( 12, 2 );
-   const U32 entry = label << 12 | 1U << 8 | 64U;
-   for ( const U32 byte :
-         { 0x88U, 0x47U, entry >> 24, entry >> 16 & 0xFFU, entry >> 8 & 0xFFU, entry & 0xFFU } ) {
-      frame.push_back( static_cast< uint8_t >( byte ) );
-   }
-   frame.insert( frame.end(),
-                 { 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2 } );
-   return frame;
-}
 
 /// Routes 16 to 16+n-1, each over a via set of its own.
 inline void addRoutes( LabelRig& rig, U32 n ) {

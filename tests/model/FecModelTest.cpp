@@ -14,7 +14,7 @@
 #include <set>
 
 #include "tests/LabelRig.h"
-#include "tests/Seed.h"
+#include "tests/model/Churn.h"
 
 namespace Vel::Test {
 namespace {
@@ -291,18 +291,6 @@ class FecModel {
 
    // --- Checks
 
-   std::string forward( U32 label ) {
-      const Driver::ForwardResult result =
-         rig.hardware->forward( LabelRig::vrfId, frameOf( label ) );
-      if ( result.frames.empty() ) {
-         return "";
-      }
-      const Driver::Bytes& out = result.frames[0].bytes;
-      const U32 outLabel =
-         out[12] == 0x08 ? 0 : static_cast< U32 >( out[14] << 12 | out[15] << 4 | out[16] >> 4 );
-      return joinText( result.frames[0].intf.payload(), "/", outLabel );
-   }
-
    std::string describe( const Route& route ) const {
       if ( route.external ) {
          return joinText( "external ", route.viaSet, " link ", foreign_[route.viaSet] );
@@ -322,7 +310,7 @@ class FecModel {
    }
    void checkLabel( U32 i ) {
       SCOPED_TRACE( joinText( "label ", firstLabel + i ) );
-      const std::string left = forward( firstLabel + i );
+      const std::string left = rig.leavesBy( firstLabel + i );
       if ( !routes_[i] ) {
          EXPECT_EQ( left, "" );
          EXPECT_FALSE( rig.published( firstLabel + i ) );
@@ -437,18 +425,7 @@ class FecModel {
 };
 
 TEST( FecModel, recordsRequestsAndFramesAgree ) {
-   const U64 seed = VelTest::testSeed();
-   for ( U64 round = 0; round < 60 && !testing::Test::HasFailure(); ++round ) {
-      SCOPED_TRACE( "round " + std::to_string( round ) );
-      FecModel model( seed + round );
-      for ( int check = 0; check < 10 && !testing::Test::HasFailure(); ++check ) {
-         for ( int event = 0; event < 40; ++event ) {
-            model.randomEvent();
-         }
-         model.settleAndCheck();
-      }
-      model.clearAndCheck();
-   }
+   churn< FecModel >( 60 );
 }
 
 } // namespace

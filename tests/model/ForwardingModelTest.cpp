@@ -15,7 +15,7 @@
 #include <tuple>
 
 #include "tests/LabelRig.h"
-#include "tests/Seed.h"
+#include "tests/model/Churn.h"
 
 namespace Vel::Test {
 namespace {
@@ -298,15 +298,8 @@ class Model {
    }
 
    void checkFrame( U32 label, const std::set< WayOut >& ways ) {
-      // An IPv4 packet below one label.
-      std::vector< uint8_t > frame{ 2, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 9, 0x88, 0x47 };
-      const U32 entry = label << 12 | 1 << 8 | 64;
-      for ( int shift = 24; shift >= 0; shift -= 8 ) {
-         frame.push_back( static_cast< uint8_t >( entry >> shift ) );
-      }
-      frame.insert( frame.end(),
-                    { 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2 } );
-      const Driver::ForwardResult result = rig.hardware->forward( LabelRig::vrfId, frame );
+      const Driver::ForwardResult result =
+         rig.hardware->forward( LabelRig::vrfId, frameOf( label ) );
       ASSERT_EQ( result.frames.size(), 1U ) << result.text;
       const Driver::OutgoingFrame& out = result.frames[0];
       const bool popped = out.bytes[12] == 0x08;
@@ -384,18 +377,7 @@ class Model {
 };
 
 TEST( ForwardingModel, hardwareHoldsWhatTheInputsSay ) {
-   const U64 seed = VelTest::testSeed();
-   for ( U64 round = 0; round < 40 && !testing::Test::HasFailure(); ++round ) {
-      SCOPED_TRACE( "round " + std::to_string( round ) );
-      Model model( seed + round );
-      for ( int check = 0; check < 10 && !testing::Test::HasFailure(); ++check ) {
-         for ( int event = 0; event < 40; ++event ) {
-            model.randomEvent();
-         }
-         model.settleAndCheck();
-      }
-      model.clearAndCheck();
-   }
+   churn< Model >( 40 );
 }
 
 } // namespace

@@ -80,17 +80,7 @@ class RestartRig {
       }
    }
 
-   /// "link/label" where a frame with the label leaves, or nothing.
-   std::string forward( U32 label ) {
-      const Driver::ForwardResult result =
-         rig.hardware->forward( LabelRig::vrfId, frameOf( label ) );
-      if ( result.frames.empty() ) {
-         return "";
-      }
-      const Driver::Bytes& out = result.frames[0].bytes;
-      return joinText( result.frames[0].intf.payload(), "/",
-                       static_cast< U32 >( out[14] << 12 | out[15] << 4 | out[16] >> 4 ) );
-   }
+   std::string forward( U32 label ) { return rig.leavesBy( label ); }
 
    LabelRig rig;
 
