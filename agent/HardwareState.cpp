@@ -16,6 +16,7 @@ using nlohmann::json;
 
 constexpr std::string_view versionField = "velmplsHardwareState";
 constexpr int knownVersion = 1;
+constexpr int deepestProtection = 8; // what hardware follows
 
 /// What is wrong with a file, for the one place that catches it.
 struct Unsound : std::runtime_error {
@@ -205,10 +206,15 @@ Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
       }
    }
    for ( const Driver::HwState::Fec& fec : state.fecs ) {
-      const U64* const backups = known.find( fec.backupHwId ); // one level deep
-      if ( fec.backupHwId != 0 && ( backups == nullptr || *backups != 0 ) ) {
-         throw Unsound( "the FEC " + std::to_string( fec.hwId ) + " has the backup " +
-                        std::to_string( fec.backupHwId ) + ", which cannot be" );
+      // A FEC that was found by a restart may have a backup that has got one of its own meanwhile.
+      U64 backup = fec.backupHwId;
+      for ( int depth = 0; backup != 0; ++depth ) {
+         const U64* const next = known.find( backup );
+         if ( next == nullptr || depth == deepestProtection ) {
+            throw Unsound( "the FEC " + std::to_string( fec.hwId ) + " has the backup " +
+                           std::to_string( fec.backupHwId ) + ", which cannot be" );
+         }
+         backup = *next;
       }
    }
    for ( const json& route : in.at( "routes" ) ) {

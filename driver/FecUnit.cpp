@@ -220,9 +220,20 @@ void FecUnit::sync( FecId fecId ) {
    const Ptr< HwFec >* const there = fecs_.find( fecId );
    Ptr< HwFec > fec = there ? *there : adopted( fecId, vias, backup );
    const bool kept = !there && fec; // as it is, whatever its interfaces do
+   // Routes that are found in it may be to go elsewhere: it is rewritten only when they have gone.
+   const bool another =
+      there && fec->recovered != 0 && ( fec->via != vias || fec->backupFecId != backup );
    if ( !kept && !ready( vias ) ) {
       waits( fecId, UnprogrammedReason::InterfaceNotReady );
       return;
+   }
+   if ( another && full() ) {
+      waits( fecId, UnprogrammedReason::AdjacencyFull );
+      return;
+   }
+   if ( another ) {
+      giveBack( fecId, fec );
+      fec = nullptr;
    }
    Ptr< HwFec > backupBefore;
    if ( !fec && !hasRoomFor( fecId ) ) {
@@ -232,6 +243,8 @@ void FecUnit::sync( FecId fecId ) {
          return;
       }
       backupBefore = fec ? fec->backup : nullptr;
+   } else if ( kept ) {
+      backupBefore = fec->backup;
    }
    if ( !fec ) {
       fec = Vel::make< HwFec >( nextHwId_++ );
@@ -307,9 +320,13 @@ size_t FecUnit::capacity() const {
    return faults_.capacity( FaultKind::fecCapacity, clock_.now(), capacity_ );
 }
 
-bool FecUnit::hasRoomFor( FecId fecId ) const {
+bool FecUnit::full() const {
    const size_t room = capacity();
-   return room == 0 || fecs_.size() + recovered_.size() < room || fecs_.has( fecId );
+   return room != 0 && fecs_.size() + recovered_.size() >= room;
+}
+
+bool FecUnit::hasRoomFor( FecId fecId ) const {
+   return !full() || fecs_.has( fecId );
 }
 
 bool FecUnit::ready( const std::vector< FecVia >& vias ) const {
@@ -363,7 +380,7 @@ void FecUnit::remove( FecId fecId ) {
       return;
    }
    const Ptr< HwFec > fec = *found;
-   if ( fec->recovered != 0 && fec->recovered == fec->routes ) {
+   if ( fec->recovered == fec->routes && ( fec->recovered != 0 || protectsRecovered( *fec ) ) ) {
       giveBack( fecId, fec );
       return;
    }
@@ -391,7 +408,9 @@ void FecUnit::recover( const HwState& state ) {
       byHwId_.emplace( before.hwId, fec.get() );
    }
    for ( const HwState::Route& before : state.routes ) {
-      fec( before.hwId )->routesOperate |= before.operation.action != MplsLabelAction::none;
+      if ( HwFec* const there = fec( before.hwId ) ) {
+         there->routesOperate |= before.operation.action != MplsLabelAction::none;
+      }
    }
    for ( const HwState::Fec& before : state.fecs ) {
       if ( const Ptr< HwFec >* const backup = recovered_.find( before.backupHwId ) ) {
@@ -405,6 +424,17 @@ void FecUnit::recover( const HwState& state ) {
 void FecUnit::recoveredIs( const Ptr< HwFec >& fec ) {
    recovered_.emplace( fec->hwId, fec );
    recoveredByContent_.emplace( contentHash( fec->via ) ).first->push_back( fec->hwId );
+}
+
+bool FecUnit::protectsRecovered( const HwFec& fec ) const {
+   if ( fec.protects != 0 ) {
+      for ( const auto& [hwId, other] : recovered_ ) {
+         if ( other->backup.get() == &fec ) {
+            return true;
+         }
+      }
+   }
+   return false;
 }
 
 // Taken over, and not wanted any more before one of its routes was written: as it was found.
@@ -421,8 +451,9 @@ void FecUnit::giveBack( FecId fecId, const Ptr< HwFec >& fec ) {
 
 void FecUnit::addTo( HwState& state ) const {
    state.nextHwId = nextHwId_;
-   const auto add = [&state]( const HwFec& fec ) {
-      state.fecs.push_back( { fec.hwId, fec.via, fec.backup ? fec.backup->hwId : 0 } );
+   const auto add = [&state, this]( const HwFec& fec ) {
+      const bool has = fec.backup && byHwId_.has( fec.backup->hwId ); // it may have been taken out
+      state.fecs.push_back( { fec.hwId, fec.via, has ? fec.backup->hwId : 0 } );
    };
    for ( const auto& [fecId, fec] : fecs_ ) {
       add( *fec );
@@ -489,9 +520,12 @@ const Ptr< HwFec >* FecUnit::matched( FecId fecId, const std::vector< FecVia >& 
                                       bool byContent ) const {
    const auto fits = [&]( U64 hwId ) {
       const Ptr< HwFec >* const found = recovered_.find( hwId );
-      return found && ( *found )->via == vias && ( *found )->backup.get() == fec( backup )
-                ? found
-                : nullptr;
+      const HwFec* const was = found ? ( *found )->backup.get() : nullptr;
+      const HwFec* const is = fec( backup );
+      // Of two that are alike, another request may have taken the one that was its backup.
+      const bool sameBackup =
+         was == is || ( was && is && was->via == is->via && !was->backup && !is->backup );
+      return found && ( *found )->via == vias && sameBackup ? found : nullptr;
    };
    for ( const U64 hwId :
          { platform_.request->adjSyncIdMap( fecId ).syncId, backupHint_.lookup( fecId ) } ) {
@@ -532,6 +566,7 @@ Ptr< HwFec > FecUnit::replaced( FecId fecId, const std::vector< FecVia >& vias )
    for ( const auto& [hwId, wantedBy] : platform_.request->mayReplace() ) {
       const Ptr< HwFec >* const found = wantedBy == fecId ? recovered_.find( hwId ) : nullptr;
       if ( found && ( *found )->protects == 0 && !( *found )->routesOperate &&
+           ( *found )->recovered == ( *found )->routes &&
            actionsOf( ( *found )->via ) == actionsOf( vias ) ) {
          const Ptr< HwFec > fec = *found;
          recovered_.erase( fec->hwId );
@@ -542,11 +577,27 @@ Ptr< HwFec > FecUnit::replaced( FecId fecId, const std::vector< FecVia >& vias )
    return nullptr;
 }
 
+// FECs of the earlier driver that hardware keeps for now: those of routes that wait for nothing, and
+// what protects them.
+size_t FecUnit::staying() const {
+   size_t keeping = 0;
+   std::set< U64 > backups;
+   for ( const auto& [hwId, fec] : recovered_ ) {
+      if ( fec->routes != 0 && !platform_.request->mayReplaceHas( hwId ) ) {
+         ++keeping;
+         if ( fec->backup && fec->backup->routes == 0 && recovered_.has( fec->backup->hwId ) ) {
+            backups.insert( fec->backup->hwId );
+         }
+      }
+   }
+   return keeping + backups.size();
+}
+
 // Takes out FECs of the earlier driver whose routes all wait for this request, or for several. What
 // waits for one other request is left to that. Where not all that is requested fits, what forwards
 // is worth more than what might.
 bool FecUnit::makeRoomFor( FecId fecId ) {
-   if ( !mayTakeOut_ || platform_.request->hwFecIdRequests() > capacity() ) {
+   if ( !mayTakeOut_ || platform_.request->hwFecIdRequests() + staying() > capacity() ) {
       return false;
    }
    for ( const auto& [hwId, wantedBy] : platform_.request->mayReplace() ) {

@@ -114,6 +114,12 @@ class FecUnit {
    void sync( Fib::FecId fecId );
    /// The library has said what of an earlier driver may make room.
    void offered();
+   /// No route is left that was found in some FEC.
+   void foundRoutesGone() {
+      if ( !waiting_.empty() ) {
+         queueOffers();
+      }
+   }
    /// Time for what was not possible before.
    void retryWaiting();
    /// The FEC behind a hardware id, or null.
@@ -130,6 +136,9 @@ class FecUnit {
 
    void push( Fib::FecId fecId );
    size_t capacity() const;
+   bool full() const;
+   size_t staying() const;
+   bool protectsRecovered( const HwFec& fec ) const;
    bool hasRoomFor( Fib::FecId fecId ) const;
    bool ready( const std::vector< Fib::FecVia >& vias ) const;
    void waits( Fib::FecId fecId, UnprogrammedReason reason );

@@ -135,6 +135,9 @@ void SoftwareSwitch::recover( const HwState& state, VelHelper::MplsRouteSyncMap*
       makeVrf( vrfId ).mplsRouting = true;
    }
    for ( const HwState::Route& before : state.routes ) {
+      if ( fecUnit_->fec( before.hwId ) == nullptr ) {
+         continue; // it leads nowhere
+      }
       HwVrf& vrf = makeVrf( before.vrfId );
       HwRoute& route = *vrf.route.emplace( before.key ).first;
       routeMoved( route, nullptr, fecUnit_->fec( before.hwId ) );
@@ -162,7 +165,7 @@ HwState SoftwareSwitch::state() const {
          state.mplsRouting.push_back( vrfId );
       }
       for ( const auto& [key, route] : vrf->route ) {
-         if ( route.fec ) {
+         if ( route.fec && fecUnit_->fec( route.fec->hwId ) ) { // not one that was taken out
             state.routes.push_back( { vrfId, key, route.fec->hwId, route.operation } );
          }
       }
@@ -467,12 +470,18 @@ void SoftwareSwitch::removeRoute( HwVrf& vrf, RouteKey key ) {
 void SoftwareSwitch::takeRouteOut( HwVrf& vrf, RouteKey key ) {
    if ( HwRoute* const route = vrf.route.find( key ) ) {
       if ( route->fec && recoveredRoute_.has( key ) ) {
-         --route->fec->recovered;
+         foundRouteGoes( *route->fec );
       }
       routeMoved( *route, nullptr, nullptr );
       vrf.route.erase( key );
       --status_->routes_;
       vrf.status->routeDel( key );
+   }
+}
+
+void SoftwareSwitch::foundRouteGoes( HwFec& fec ) {
+   if ( --fec.recovered == 0 ) {
+      fecUnit_->foundRoutesGone();
    }
 }
 
@@ -482,7 +491,7 @@ bool SoftwareSwitch::claim( RouteKey key, const HwRoute* route ) {
       return false;
    }
    if ( route && route->fec ) {
-      --route->fec->recovered;
+      foundRouteGoes( *route->fec );
    }
    return true;
 }
@@ -567,8 +576,8 @@ void SoftwareSwitch::fecRouteDel( VrfId vrfId, RouteKey key ) {
    const HwRoute* const route = vrf.route.find( key );
    if ( route && route->fec ) {
       takeRouteOut( vrf, key );
-      status_->routesStale_ += recoveredRoute_.erase( key );
    }
+   status_->routesStale_ += recoveredRoute_.erase( key );
    if ( !vrf.listedRoute.has( key ) ) {
       vrf.refused->refusedRouteDel( key );
    }

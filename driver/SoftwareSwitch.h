@@ -122,6 +122,7 @@ class SoftwareSwitch {
    void removeRoute( HwVrf& vrf, Mpls::RouteKey key );
    bool claim( Mpls::RouteKey key, const HwRoute* route );
    void takeRoutesOut( const HwFec& fec );
+   void foundRouteGoes( HwFec& fec );
    void takeRouteOut( HwVrf& vrf, Mpls::RouteKey key );
    UnprogrammedReason fecRouteRefusal( const HwVrf& vrf, Mpls::RouteKey key, const HwFec* fec );
    void routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec );

@@ -45,6 +45,15 @@ void assertDefaultVrf( const L3::VrfName& vrfName ) {
                 vrfName.text() );
 }
 
+// The VRF of a report that must not be lost: what is configured is the default VRF's, also while it
+// has lost its name.
+L3::VrfName vrfOf( const MplsHwVrfStatus& status, const MplsSmInputs& inputs ) {
+   const L3::VrfName& named = inputs.velL3Status->vrfName( status.vrfId() );
+   return named.empty() && inputs.mplsHwConfig->vrfConfigHas( status.vrfId() )
+             ? L3::VrfName::defaultVrf()
+             : named;
+}
+
 } // namespace
 
 // --- Label forwarding switched on and off.
@@ -174,7 +183,7 @@ void MplsSm::handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey rout
 
 void MplsSm::handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey ) {
    MPLS_TRACE_CALL( 3, " routeKey ", routeKey );
-   const L3::VrfName& vrfName = in_.velL3Status->vrfName( status.vrfId() );
+   const L3::VrfName vrfName = vrfOf( status, in_ );
    assertDefaultVrf( vrfName );
    VrfMplsState* const vrfState = mplsState( vrfName );
    MplsRoute* const route = vrfState ? vrfState->route( routeKey ) : nullptr;
@@ -220,7 +229,7 @@ void MplsSm::handleUnprogrammedAdj( MplsHwVrfStatus& status,
                                     const Ptr< Mpls::Hardware::L2Adjacency >& adjacency ) {
    const U64 id = adjacency->index();
    MPLS_TRACE_CALL( 3, " adjacency ", id );
-   const L3::VrfName& vrfName = in_.velL3Status->vrfName( status.vrfId() );
+   const L3::VrfName vrfName = vrfOf( status, in_ );
    assertDefaultVrf( vrfName );
    VrfMplsState* const vrfState = mplsState( vrfName );
    if ( vrfState == nullptr ) {

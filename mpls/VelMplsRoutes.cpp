@@ -34,9 +34,7 @@ void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
    } else {
       counters_->routesAcceptedInc();
       mplsIpRouteKeyIs( routeKey );
-      if ( ( mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmProcessingSyncMap ||
-             mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmWaitingForSyncResponses ) &&
-           staleRecoveredRouteHas( routeKey ) ) {
+      if ( staleRecoveredRouteHas( routeKey ) ) {
          MPLS_TRACE_CALL( 3, ": ", "Remove from stale routes" );
          staleRecoveredRouteDel( routeKey );
       }

@@ -280,6 +280,7 @@ class VEL_EXPORT MplsSm : public Entity {
 
    void sweepStaleRoutes();
    void maybeOfferRecoveredFecs( const VrfMplsState* vrfState );
+   bool someFecUnanswered() const;
    void offerRecoveredFecs( const VrfMplsState& vrfState );
    bool maySweepStaleRoutes();
    bool mayNameRoutes( const L3::VrfName& vrf ) const;

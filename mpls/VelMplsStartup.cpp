@@ -153,13 +153,20 @@ void MplsSm::maybeOfferRecoveredFecs( const VrfMplsState* vrfState ) {
       return;
    }
    recoveredFecsToOffer_ = false;
-   const bool allAnswered =
-      in_.hwFecIdRequest->hwFecIdRequests() <= in_.hwFecIdResponse->hwFecIds();
-   if ( recoveredRoutes() == 0 || allAnswered ) {
-      in_.hwFecIdRequest->mayReplaceDelAll();
-   } else {
+   if ( recoveredRoutes() != 0 && someFecUnanswered() ) {
       offerRecoveredFecs( *vrfState );
+   } else {
+      in_.hwFecIdRequest->mayReplaceDelAll();
    }
+}
+
+bool MplsSm::someFecUnanswered() const {
+   for ( const auto& [fecId, request] : in_.hwFecIdRequest->hwFecIdRequest() ) {
+      if ( in_.hwFecIdResponse->hwFecId( fecId ).hwId == 0 ) {
+         return true;
+      }
+   }
+   return false;
 }
 
 void MplsSm::offerRecoveredFecs( const VrfMplsState& vrfState ) {
@@ -196,9 +203,15 @@ void MplsSm::offerRecoveredFecs( const VrfMplsState& vrfState ) {
 }
 
 void MplsSm::maybeSweepNamed( const L3::VrfName& vrf ) {
+   if ( !in_.velL3StartupStagePrereqs || !mayNameRoutes( vrf ) ) {
+      return;
+   }
+   recoveredFecsToOffer_ = true;
    if ( mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmWaitingForSyncResponses &&
-        in_.velL3StartupStagePrereqs->adjSyncDone() && mayNameRoutes( vrf ) ) {
+        in_.velL3StartupStagePrereqs->adjSyncDone() ) {
       handleSyncDone();
+   } else if ( mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmNormal ) {
+      sweepStaleRoutes(); // what went while the name was lost
    }
 }
 
@@ -245,7 +258,7 @@ void MplsSm::dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey
    if ( !recoveredRouteHas( routeKey ) ) {
       return;
    }
-   if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmNormal ) {
+   if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmNormal || !mayNameRoutes( vrf ) ) {
       staleRecoveredRouteIs( routeKey );
       return;
    }

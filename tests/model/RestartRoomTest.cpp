@@ -34,8 +34,10 @@ TEST_F( RestartRoom, isMadeForWhatHasChanged ) {
       { "the backup of another", tableOf( "16:1/100+2 18:1/100+2 17:2/100" ),
         tableOf( "16:1/100+3 18:3/101 17:4/101" ), 3 },
    };
-   for ( const auto& [name, before, now, changed] : cases ) {
-      SCOPED_TRACE( name );
+   for ( const auto& one : cases ) {
+      SCOPED_TRACE( one.name );
+      const Table& before = one.before;
+      const Table& now = one.now;
       const Driver::HwState left = programmed( before );
       RigSettings settings = full( left );
       settings.hardware.fecCapacity = std::max( left.fecs.size(), programmed( now ).fecs.size() );
@@ -50,7 +52,7 @@ TEST_F( RestartRoom, isMadeForWhatHasChanged ) {
          }
       } );
       expectAsFresh( next, now );
-      EXPECT_EQ( next.rig.hardware->status()->routesChanged(), changed );
+      EXPECT_EQ( next.rig.hardware->status()->routesChanged(), one.changed );
       EXPECT_EQ( next.rig.fecRequest->mayReplaces(), 0U );
    }
 }
@@ -116,6 +118,23 @@ TEST_F( RestartRoom, isNotMadeInVain ) {
    next.tableIs( tableOf( "16:1/100+3 18:3/101 17:4/101" ) );
    next.rig.start();
    next.run( [&] { ASSERT_EQ( next.forward( 16 ), "1/100" ); } );
+}
+
+TEST_F( RestartRoom, isNotMadeInVainWhileTheSweepIsHeld ) {
+   const Driver::HwState left = programmed( tableOf( "16:1/100 17:1/100 18:2/100" ) );
+   RestartRig next( left, full( left ) );
+   next.tableIs( tableOf( "16:3/100 17:4/100" ) );
+   next.rig.start();
+   next.rig.sm->maxStaleShareIs( 0.1 );
+   next.run( [&] {
+      for ( const U32 label : { 16U, 17U, 18U } ) {
+         ASSERT_NE( next.forward( label ), "" ) << label;
+      }
+   } );
+   ASSERT_TRUE( next.rig.sm->staleSweepHeld() );
+   next.rig.sm->approveStaleSweep();
+   next.run( [] {} );
+   expectAsFresh( next, tableOf( "16:3/100 17:4/100" ) );
 }
 
 TEST_F( RestartRoom, isNotNeededForWhatComesBack ) {

@@ -101,6 +101,79 @@ TEST_F( Restart, leavesALabelThatOthersJoin ) {
    EXPECT_EQ( next.rig.hardware->status()->routesChanged(), 2U );
 }
 
+// What was taken over is not rewritten under a label that is to keep it.
+TEST_F( Restart, leavesAHeldLabelWhereItIs ) {
+   const auto publish = []( LabelRig& rig, U32 via, U32 link ) {
+      rig.viaSetIs( 1, { swapVia( via, joinText( "10.0.", link, ".2" ), link, 100 ) } );
+      rig.routeIs( 16, 1 );
+   };
+   RestartRig rig( {} );
+   publish( rig.rig, 1, 1 );
+   rig.rig.routeIs( 17, 1 );
+   rig.rig.start();
+   rig.run( [] {} );
+   RestartRig next( rig.rig.hardware->state() );
+   publish( next.rig, 1, 1 );
+   next.rig.start();
+   next.rig.sm->maxStaleShareIs( 0.1 );
+   next.run( [] {} );
+   ASSERT_TRUE( next.rig.sm->staleSweepHeld() );
+   publish( next.rig, 2, 3 );
+   next.run( [&] { ASSERT_EQ( next.forward( 17 ), "1/100" ); } );
+   EXPECT_EQ( next.forward( 16 ), "3/100" );
+   next.rig.sm->approveStaleSweep();
+   next.run( [] {} );
+   EXPECT_EQ( next.forward( 17 ), "" );
+   EXPECT_EQ( next.rig.hardware->state().fecs.size(), 1U );
+}
+
+// A recovered route that goes while the VRF has lost its name goes with the name's return.
+TEST_F( Restart, dropsWhatGoesWhileTheNameIsLost ) {
+   RestartRig next( programmed( tableOf( "16:1/100" ) ) );
+   next.rig.routeIs( 16, 99 ); // its via set is still to come
+   next.rig.start();
+   next.run( [] {} );
+   ASSERT_EQ( next.rig.sm->mplsSmStartupStatus(), MplsSmStartupStatus::mplsSmNormal );
+   EXPECT_EQ( next.forward( 16 ), "1/100" );
+   next.rig.l3Status->vrfNameDel( LabelRig::vrfId );
+   next.rig.routeDel( 16 );
+   next.run( [] {} );
+   next.rig.vrfNumberIs();
+   next.run( [] {} );
+   EXPECT_EQ( next.rig.hardware->routes(), 0U );
+   EXPECT_EQ( next.rig.hardware->state().fecs.size(), 0U );
+}
+
+// What is left at any time is something that can be started on, also when a FEC of others has gone.
+TEST_F( Restart, startsOnWhateverIsLeft ) {
+   const Fib::FecId group = Fib::FecId::fecIdForAdjType( Fib::AdjType::nexthopGroupAdj, 5 );
+   Mpls::LfibMplsVia into = swapVia( 1, "", 0, 0 );
+   into.intf = Fib::FecId::fecIdToNexthopGroupIntfId( group );
+   into.labelAction = MplsLabelAction::pop;
+   into.labelStack = {};
+   into.payloadType = Mpls::PayloadType::ipv4;
+   Fib::FecVia out;
+   out.nextHop = ip( "10.0.1.2" );
+   out.intf = IntfId::ordinary( 1 );
+   out.labelAction = MplsLabelAction::push;
+   out.labelStack = { 300 };
+   RestartRig rig( {} );
+   rig.rig.viaSetIs( 1, { into } );
+   rig.rig.routeIs( 16, 1 );
+   rig.rig.hardware->fecUnit()->foreignFecIs( group, { out } );
+   rig.rig.start();
+   rig.run( [] {} );
+   ASSERT_NE( rig.forward( 16 ), "" );
+   rig.rig.hardware->fecUnit()->foreignFecDel( group );
+   rig.run( [&] {
+      const Driver::HwState left = rig.rig.hardware->state();
+      for ( const Driver::HwState::Route& route : left.routes ) {
+         ASSERT_TRUE( std::ranges::any_of(
+            left.fecs, [&]( const auto& fec ) { return fec.hwId == route.hwId; } ) );
+      }
+   } );
+}
+
 // A recovered route that hardware refuses to move is out of it, and counted once it is written.
 TEST_F( Restart, countsARefusedRouteWhenItIsWritten ) {
    RestartRig next( programmed( tableOf( "16:1/100" ) ) );
