@@ -13,8 +13,7 @@
 //
 // Inputs (entity: attributes)
 //    Mpls::LfibStatus                   routes, via sets, vias, ready
-//    Mpls::RoutingInfo                  mplsRouting
-//    Mpls::LfibInfo                     nexthopResolutionAllowDefaultRoute
+//    Mpls::RoutingInfo, LfibInfo        mplsRouting; nexthopResolutionAllowDefaultRoute
 //    Routing::Hardware::RouteStatus     vrfStatus
 //    MplsHwStatus / MplsHwVrfStatus     what is programmed, what is refused
 //    VelL3Status                        next hops, resolved addresses, VRF names; adjHwStatus
@@ -25,10 +24,8 @@
 //    MplsHwConfig / MplsHwVrfConfig     all
 //    MplsHwVrfStatus                    unprogrammedReason, unprogrammedRoute: beside the driver
 //    FecIdToHwFecIdRequest              all; routes into FECs go through VelHelper::MplsSmHelper
-//    Mpls::Hardware::Status             all
-//    Mpls::LfibHwStatus                 all
-//    RouteReactorConfig, Route6ReactorConfig: watched addresses
-//    ProactiveArpNexthopSm              entries
+//    Mpls::Hardware::Status, Mpls::LfibHwStatus: all
+//    RouteReactorConfig, Route6ReactorConfig, ProactiveArpNexthopSm: what is to be resolved
 //
 // How it works. A handler marks what its event touches in the work sets of `VrfMplsState` and
 // schedules a task; it does no work. Three tasks drain the sets in slices: "reviewVrf" processes L3
@@ -46,14 +43,11 @@
 //    publishRouteKey( K )   the world may know
 //
 // Yield points: before each item of a work set and after each VRF (`shouldTaskYield`).
-// Ownership: records see VelMplsRecords.h. Stopping is destruction. Threads: one.
-// Cost: a route passes a bounded number of label-indexed look-ups a stage; nothing grows with the
-// table but the full walks at the start and when routing is switched on.
+// Ownership: see VelMplsRecords.h. Stopping is destruction. Threads: one.
+// Cost: a bounded number of label-indexed look-ups a route and stage; nothing grows with the table
+// but the full walks at the start and when routing is switched on.
 //
-// The operations fill several rooms: VelMplsSm.cpp (frame, initialization), VelMplsRoutes.cpp,
-// VelMplsL3Adj.cpp, VelMplsNextHops.cpp (next hops, L2 adjacencies), VelMplsFeedback.cpp,
-// VelMplsReview.cpp, VelMplsPublish.cpp, VelMplsFecs.cpp, VelMplsExternalFecs.cpp (with backups),
-// VelMplsMulticast.cpp and VelMplsStartup.cpp.
+// The operations fill several rooms; the sections below name them.
 
 #pragma once
 
