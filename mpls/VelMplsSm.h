@@ -46,7 +46,6 @@
 // Ownership: see VelMplsRecords.h. Stopping is destruction. Threads: one.
 // Cost: a bounded number of label-indexed look-ups a route and stage; nothing grows with the table
 // but the full walks at the start and when routing is switched on.
-//
 // The operations fill several rooms; the sections below name them.
 
 #pragma once
@@ -273,6 +272,7 @@ class VEL_EXPORT MplsSm : public Entity {
    friend MplsSmReactors;
 
    void sweepStaleRoutes();
+   void settleRecovered( const VrfMplsState* vrfState );
    void maybeOfferRecoveredFecs( const VrfMplsState* vrfState );
    bool someFecUnanswered() const;
    void offerRecoveredFecs( const VrfMplsState& vrfState );

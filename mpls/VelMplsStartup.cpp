@@ -90,23 +90,19 @@ void MplsSm::handleMplsRouteSyncMap() {
 
 void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
    const VrfMplsState* const vrfState = mplsState( vrf );
-   if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmProcessingSyncMap ) {
-      if ( staleSweepHeld() && staleShare() <= maxStaleShare() &&
-           ( !vrfState || vrfState->routeKeyForReviews() + vrfState->l3AdjForReviews() == 0 ) ) {
-         handleSyncDone(); // what was missing has come after all
-      }
-      maybeOfferRecoveredFecs( vrfState );
-      return; // nearly always; no line of trace for each slice
-   }
    MPLS_TRACE( 3, "vrf: ", vrf, ", mplsStateExists: ", vrfState != nullptr );
    const size_t routeKeys = vrfState ? vrfState->routeKeyForReviews() : 0;
    const size_t l3Adjs = vrfState ? vrfState->l3AdjForReviews() : 0;
    const bool quiesced = in_.transitLfib->ready();
-   if ( routeKeys != 0 || l3Adjs != 0 || !quiesced ) {
+   if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmProcessingSyncMap || routeKeys != 0 ||
+        l3Adjs != 0 || !quiesced ) {
       MPLS_TRACE(
          3, "Not moving to waitingForSync stage - mplsSmStartupStatus: ", mplsSmStartupStatus_,
          ", routeKeyForReviews(): ", routeKeys, ", vrfMplsState->l3AdjForReviews(): ", l3Adjs,
          ", inputLfibQuiesced: ", quiesced );
+      if ( routeKeys + l3Adjs == 0 ) {
+         settleRecovered( vrfState );
+      }
       return;
    }
    MPLS_TRACE( 3, "No route or L3Adj for review, moving to waitingForSync stage" );
@@ -140,6 +136,15 @@ void MplsSm::handleSyncDone() {
    mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmNormal );
    MPLS_TRACE( 3, "Transitioned to normal stage" );
    maybeOfferRecoveredFecs( mplsState( vrf ) );
+}
+
+// Nothing is queued: what came back may be enough for a sweep that was held, and what waits for
+// FECs is known.
+void MplsSm::settleRecovered( const VrfMplsState* vrfState ) {
+   if ( staleSweepHeld() && staleShare() <= maxStaleShare() ) {
+      handleSyncDone(); // what was missing has come after all
+   }
+   maybeOfferRecoveredFecs( vrfState );
 }
 
 // Hardware that has no room for another FEC could never make the new ones of routes whose old one
