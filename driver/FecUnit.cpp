@@ -257,7 +257,7 @@ void FecUnit::sync( FecId fecId ) {
    platform_.response->hwFecIdIs( fecId, { fec->hwId } );
    status_.fecs_ = fecs_.size() + recovered_.size();
    changed( fecId );
-   if ( backupBefore ) {
+   if ( backupBefore && backupBefore != fec->backup ) {
       maybeRelease( *backupBefore );
       retryWaiting(); // it may be what another one waits for
    }
