@@ -346,6 +346,7 @@ TEST_F( Restart, doesNotDropMoreThanItMay ) {
       next.run( [] {} );
    };
    std::vector< std::string > logged;
+   systemLogClockIs( make< ManualClock >() ); // whatever was logged before
    systemLogSinkIs( [&]( const SystemLogMessage& message ) {
       logged.push_back( std::string( message.format ) );
    } );
@@ -373,6 +374,7 @@ TEST_F( Restart, doesNotDropMoreThanItMay ) {
    EXPECT_EQ( back.rig.hardware->status()->routesStale(), 0U );
    EXPECT_EQ( back.rig.hardware->status()->routesAdopted(), 3U );
    systemLogSinkIs( {} );
+   systemLogClockIs( nullptr );
 }
 
 } // namespace
