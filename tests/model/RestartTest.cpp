@@ -14,7 +14,7 @@ namespace Vel::Test {
 namespace {
 
 TEST_F( Restart, atEveryPointOfAStartAndOfAChange ) {
-   for ( int round = 0; round < 20 && !HasFailure(); ++round ) {
+   for ( int round = 0; round < 50 && !HasFailure(); ++round ) {
       SCOPED_TRACE( joinText( "round ", round ) );
       const Table first = randomTable();
       const Table second = changed( first );
@@ -34,7 +34,7 @@ TEST_F( Restart, atEveryPointOfAStartAndOfAChange ) {
          restart( left[point], point < ofStart ? first : second, third );
       }
    }
-   EXPECT_GT( points_, 500 );
+   EXPECT_GT( points_, 2000 );
 }
 
 // The LFIB changes at each boundary of the restart itself. No label is dark that all three tables
