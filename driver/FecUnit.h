@@ -23,8 +23,8 @@
 // FEC that has just the content that is wanted takes it over as it is, with its hardware id; any
 // other gets one with just that content that nobody else has taken, or a FEC of its own, to which
 // its routes then move. What nobody has taken over goes with its last route. At the end
-// `adjSyncDone` is set. A FEC that was taken over and is given up before any of its routes has been
-// written is again what it was.
+// `adjSyncDone` is set. A FEC that was taken over, and whose request changes or goes before all
+// routes of before have been written, is again what it was.
 //
 // Where there is no room for one more FEC, room is made of an old one once the library says that
 // all its routes wait for new ones (`mayReplace`): it is given the new content in place, where that

@@ -384,7 +384,8 @@ void MplsSm::requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib:
 }
 
 // What the FEC was before the restart, for the hardware layer to match: the sync id of the first
-// route that the sync map holds.
+// route that the sync map holds. At the end of the replay that of most routes takes its place; this
+// one stays for what is requested later.
 void MplsSm::recordAdjSyncId( const L3Adjacency& l3Adj, Fib::FecId fecId ) {
    if ( !in_.mplsRouteSyncMap || mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmNormal ) {
       return;
