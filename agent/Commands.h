@@ -20,5 +20,6 @@ void addForwardCommand( CLI::App& app, CommandRun& run );
 void addExplainCommand( CLI::App& app, CommandRun& run );
 void addAuditCommand( CLI::App& app, CommandRun& run );
 void addImpactCommand( CLI::App& app, CommandRun& run );
+void addSimulateCommand( CLI::App& app, CommandRun& run );
 
 } // namespace Vel::Agent

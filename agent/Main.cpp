@@ -27,6 +27,7 @@ int runVelmpls( int argc, char** argv ) {
    Vel::Agent::addExplainCommand( app, run );
    Vel::Agent::addAuditCommand( app, run );
    Vel::Agent::addImpactCommand( app, run );
+   Vel::Agent::addSimulateCommand( app, run );
    try {
       app.parse( argc, argv );
    } catch ( const CLI::ParseError& stop ) { // help and version come this way too

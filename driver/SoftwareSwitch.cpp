@@ -200,6 +200,12 @@ void SoftwareSwitch::capacityIs( size_t routes, size_t adjacencies ) {
    settings_.adjacencyCapacity = adjacencies;
 }
 
+void SoftwareSwitch::faultsAre( FaultPlan faults ) {
+   settings_.faults = std::move( faults );
+   settings_.faults.startIs( now() );
+   faultsChanged();
+}
+
 void SoftwareSwitch::linkIs( IntfId intf, bool up ) {
    if ( links_.upIs( intf, up ) && fecUnit_ ) {
       fecUnit_->reportStates();

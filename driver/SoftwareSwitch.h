@@ -86,6 +86,9 @@ class SoftwareSwitch {
 
    /// The capacities, from the next operation on. What is in hardware stays there.
    void capacityIs( size_t routes, size_t adjacencies );
+   /// The fault plan, in place of the one before; its times count from now. One that delays answers
+   /// has to follow one that does.
+   void faultsAre( FaultPlan faults );
    /// What hardware forwards with now, for the driver that comes after this one.
    HwState state() const;
 

@@ -1,0 +1,261 @@
+#include "sim/Watch.h"
+
+#include <algorithm>
+
+#include "platform/Text.h"
+
+namespace Vel::Sim {
+
+namespace {
+
+constexpr U32 flows = 3;
+
+bool contains( const Ways& ways, const Way& way ) {
+   return std::ranges::find( ways, way ) != ways.end();
+}
+
+std::string textOfWays( const Ways& ways ) {
+   std::string text;
+   for ( const Way& way : ways ) {
+      text += text.empty() ? "" : ", ";
+      appendText( text, way );
+   }
+   return text.empty() ? "nowhere" : text;
+}
+
+/// Only time passes, or is given to work: nobody wants anything else than before.
+bool changesIntents( EventKind kind ) {
+   switch ( kind ) {
+   case EventKind::answers:
+   case EventKind::fecAnswer:
+   case EventKind::reprogram:
+   case EventKind::poll:
+   case EventKind::run:
+   case EventKind::time:
+   case EventKind::clog:
+      return false;
+   default:
+      return true;
+   }
+}
+
+} // namespace
+
+Watch::Watch( World& world )
+   : world_( world ),
+     label_( world.inputs().route.size() ),
+     foreign_( Exit::firstExtFec + world.inputs().extFec.size() ) {}
+
+// An event after which a label may be dark for a while though it is meant to forward.
+bool Watch::disturbs( const Event& event ) const {
+   const Inputs& inputs = world_.inputs();
+   const auto& n = event.number;
+   switch ( event.kind ) {
+   case EventKind::agentRestart:
+      // Routes with an L2 adjacency do not outlive the software.
+      return inputs.settings.fecs == 0 || inputs.settings.nonStop == 0 ||
+             inputs.settings.inPlace == 0;
+   case EventKind::newStateMachine:
+   case EventKind::driverRestart:
+      return inputs.settings.fecs == 0;
+   case EventKind::vrfNumber:
+      return true;
+   case EventKind::routing:
+      return n[0] == 0;
+   case EventKind::corrupt:
+      return true;
+   case EventKind::republish:
+      return n[0] % 3 == 2;
+   case EventKind::capacity:
+   case EventKind::refuse:
+   case EventKind::notReady:
+      return true;
+   default:
+      return false;
+   }
+}
+
+void Watch::disturbed() {
+   for ( Label& label : label_ ) {
+      label.firm = false;
+   }
+}
+
+void Watch::after( const Event& event ) {
+   if ( changesIntents( event.kind ) ) {
+      intentsChanged();
+      if ( disturbs( event ) ) {
+         disturbed();
+      }
+   }
+   checkRecords( world_ );
+   checkFrames();
+}
+
+void Watch::intentsChanged() {
+   const Inputs& inputs = world_.inputs();
+   for ( U32 number = 1; number < foreign_.size(); ++number ) {
+      const Inputs::Foreign& now = inputs.foreign( number );
+      if ( foreign_[number].empty() || foreign_[number].back().stamp != now.stamp ) {
+         foreign_[number].push_back( now );
+      }
+   }
+   for ( U32 index = 0; index < label_.size(); ++index ) {
+      Label& label = label_[index];
+      label.intent = inputs.intentOf( index );
+      const Intent& intent = label.intent;
+      if ( std::ranges::find( label.meant, intent.exits ) == label.meant.end() &&
+           !intent.exits.empty() ) {
+         label.meant.push_back( intent.exits );
+      }
+      const auto alive = [&]( const Exits& exits ) {
+         return std::ranges::any_of( exits,
+                                     [&]( const Exit& exit ) { return inputs.alive( exit ); } );
+      };
+      const bool toForward =
+         intent.keeps || ( intent.exact && !( intent.primary.empty() && intent.backup.empty() ) );
+      // Without FECs, what goes over to next hops that are not answered yet leaves hardware.
+      const bool unanswered = inputs.settings.slowL3 != 0 && label.meant.size() > 1 &&
+                              !( inputs.settings.fecs != 0 && inputs.settings.inPlace != 0 );
+      label.firm =
+         label.firm && toForward && !unanswered && std::ranges::all_of( label.meant, alive );
+   }
+}
+
+bool Watch::wasMeant( const Exit& exit, const Way& way ) const {
+   const U32 below = exit.foreign != 0 ? 1 : 0;
+   if ( way.count != exit.count + below ||
+        !std::equal( exit.label.begin(), exit.label.begin() + exit.count,
+                     way.label.begin() + below ) ) {
+      return false;
+   }
+   return exit.foreign == 0
+             ? way.link == exit.link
+             : std::ranges::any_of( foreign_[exit.foreign], [&]( const Inputs::Foreign& was ) {
+                  return was.link == way.link && Inputs::foreignLabel + was.stamp == way.label[0];
+               } );
+}
+
+// The neighbour's address may be an older one until the rewrite has been carried out.
+bool Watch::wasMeant( const Label& label, const Way& way ) const {
+   return std::ranges::any_of( label.meant, [&]( const Exits& exits ) {
+      return std::ranges::any_of( exits,
+                                  [&]( const Exit& exit ) { return wasMeant( exit, way ); } );
+   } );
+}
+
+std::string Watch::describe( U32 index ) const {
+   const Inputs& inputs = world_.inputs();
+   const Inputs::Route& route = inputs.route[index];
+   std::string text = joinText( "label ", Inputs::labelOf( index ), " (" );
+   if ( !route.there ) {
+      text += "no route";
+   } else {
+      text += joinText( "type ", route.type, " set ", route.set );
+      if ( route.type == 0 ) {
+         const Inputs::ViaSet& set = inputs.viaSet[route.set];
+         text += joinText( " form ", static_cast< U32 >( set.form ), " backup ", set.backup,
+                           set.unusable ? " unusable" : "" );
+      }
+   }
+   const Intent& intent = label_[index].intent;
+   return text + joinText( "), meant: ", textOfWays( intent.primary ),
+                           "; backup: ", textOfWays( intent.backup ),
+                           intent.exact ? "" : "; not decided by the inputs alone" );
+}
+
+void Watch::checkFrames() {
+   flow_ = ( flow_ + 1 ) % flows;
+   const VrfId current = world_.vrfId();
+   for ( U32 index = 0; index < label_.size(); ++index ) {
+      for ( U32 i = 0; i < Inputs::vrfNumbers; ++i ) {
+         const VrfId vrfId = Inputs::firstVrfNumber + i;
+         const std::optional< Way > way = world_.forward( vrfId, index, flow_ );
+         ++framesSent_;
+         if ( way && !wasMeant( label_[index], *way ) ) {
+            throw Failure{ "frames", joinText( "vrf ", vrfId, ": a frame leaves by ", *way, "; ",
+                                               describe( index ) ) };
+         }
+         if ( !way && vrfId == current && label_[index].firm ) {
+            throw Failure{ "dark", joinText( "a frame is dropped; ", describe( index ) ) };
+         }
+      }
+   }
+}
+
+// --- At rest.
+
+void Watch::rest() {
+   if ( const std::string busy = world_.settle(); !busy.empty() ) {
+      throw Failure{ "rest", busy };
+   }
+   checkRecords( world_ );
+   if ( !world_.inputs().clogged && !world_.inputs().corrupt && world_.sm().initialized() ) {
+      checkRecordsAtRest( world_ );
+   }
+   for ( U32 index = 0; index < label_.size(); ++index ) {
+      checkLabelAtRest( index );
+   }
+   if ( world_.inputs().clean() ) {
+      for ( auto& was : foreign_ ) {
+         was.erase( was.begin(), was.end() - std::min< std::ptrdiff_t >( 1, std::ssize( was ) ) );
+      }
+   }
+}
+
+void Watch::checkLabelAtRest( U32 index ) {
+   Label& label = label_[index];
+   const bool decided = world_.inputs().clean() && label.intent.exact;
+   const Ways& expected = label.intent.primary.empty() ? label.intent.backup : label.intent.primary;
+   bool lit = true;
+   for ( U32 i = 0; i < Inputs::vrfNumbers; ++i ) {
+      const VrfId vrfId = Inputs::firstVrfNumber + i;
+      for ( U32 flow = 0; flow < flows; ++flow ) {
+         const std::optional< Way > way = world_.forward( vrfId, index, flow );
+         ++framesSent_;
+         if ( vrfId == world_.vrfId() ) {
+            lit = lit && way;
+         } else if ( decided && way ) {
+            throw Failure{ "exact",
+                           joinText( "vrf ", vrfId, ", which is nobody's: a frame leaves by ", *way,
+                                     "; ", describe( index ) ) };
+         }
+         if ( way && !( decided ? contains( expected, *way ) : wasMeant( label, *way ) ) ) {
+            throw Failure{ "exact",
+                           joinText( "a frame leaves by ", *way, "; ", describe( index ) ) };
+         }
+      }
+   }
+   if ( decided && !expected.empty() && !lit ) {
+      throw Failure{ "exact", joinText( "frames are dropped; ", describe( index ) ) };
+   }
+   label.firm = decided && !expected.empty();
+   if ( decided ) {
+      label.meant = { label.intent.exits };
+      checkPublished( index, label.intent );
+   }
+}
+
+void Watch::checkPublished( U32 index, const Intent& intent ) const {
+   const Mpls::LfibHwStatus& published = *world_.entities().lfibHwStatus;
+   const Mpls::RouteKey key = World::keyOf( index );
+   if ( published.unprogrammedRouteHas( key ) != intent.published ) {
+      throw Failure{ "published", joinText( intent.published ? "not published; " : "published; ",
+                                            describe( index ) ) };
+   }
+   if ( intent.code && published.unprogrammedRoute( key ).statusCode != *intent.code ) {
+      throw Failure{ "published",
+                     joinText( "published as ", published.unprogrammedRoute( key ).statusCode,
+                               " instead of ", *intent.code, "; ", describe( index ) ) };
+   }
+}
+
+void Watch::clear() {
+   world_.mend();
+   world_.clear();
+   intentsChanged();
+   rest();
+   checkNothingLeft( world_ );
+}
+
+} // namespace Vel::Sim

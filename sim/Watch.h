@@ -1,0 +1,75 @@
+// Watch: holds a world to account, at every event boundary and at rest.
+//
+// At every boundary
+//    records   what the records say of each other, and of the tables that they are written to
+//    frames    a frame leaves by a way that the inputs have meant since the last rest, or not at all
+//    dark      a label that has been meant to forward, and could, since it last did at rest, does
+//
+// At rest, besides
+//    rest      the world comes to rest: nothing works on for ever
+//    exact     frames take the ways that the inputs mean, where these alone decide it
+//    published what is published is what frames do
+//    left      nothing stands in a work set; and in the end nothing is left at all
+//
+// A fault is thrown as a `Failure`.
+
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "sim/World.h"
+
+namespace Vel::Sim {
+
+/// What does not hold: which check, and what about.
+struct Failure {
+   std::string check;
+   std::string text;
+};
+
+class Watch {
+ public:
+   explicit Watch( World& world );
+
+   /// After an event that has been carried out.
+   void after( const Event& event );
+   /// Has the world come to rest.
+   void rest();
+   /// Takes everything back and expects nothing to be left.
+   void clear();
+
+   U64 framesSent() const { return framesSent_; }
+
+ private:
+   struct Label {
+      Intent intent;
+      std::vector< Exits > meant; ///< at the last rest and since, each meaning once
+      bool firm = false;          ///< has forwarded since the last rest, and could all the time
+   };
+
+   void intentsChanged();
+   void disturbed();
+   bool disturbs( const Event& event ) const;
+   bool wasMeant( const Label& label, const Way& way ) const;
+   bool wasMeant( const Exit& exit, const Way& way ) const;
+   void checkFrames();
+   void checkLabelAtRest( U32 index );
+   void checkPublished( U32 index, const Intent& intent ) const;
+   std::string describe( U32 index ) const;
+
+   World& world_;
+   std::vector< Label > label_;
+   std::vector< std::vector< Inputs::Foreign > > foreign_; ///< what there was under each number
+   U32 flow_ = 0;
+   U64 framesSent_ = 0;
+};
+
+/// Throws when the records do not agree with each other.
+void checkRecords( const World& world );
+/// The same of what holds only at rest.
+void checkRecordsAtRest( const World& world );
+/// Throws when anything is left once everything has been taken back.
+void checkNothingLeft( const World& world );
+
+} // namespace Vel::Sim
