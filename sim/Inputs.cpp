@@ -147,6 +147,9 @@ void Inputs::apply( const Event& event ) {
       } else if ( set.form == ViaSetForm::group || set.form == ViaSetForm::tunnel ) {
          set.vias.resize( 1 );
       }
+      if ( set.form == ViaSetForm::mixedIntfs && set.vias.size() == 1 ) {
+         set.vias.push_back( set.vias[0] );
+      }
       if ( set.form == ViaSetForm::group && set.vias[0].action != MplsLabelAction::pop ) {
          set.vias[0].action = MplsLabelAction::none;
       }
@@ -348,10 +351,11 @@ U32 Inputs::backupOf( U32 number, bool& exact ) const {
    }
    const ViaSet& set = viaSet[backup];
    exact = exact && sane( set ) && ( set.backup == 0 || set.backup == backup );
-   return isFec( backup ) && set.form != ViaSetForm::group &&
-                viaSet[number].form != ViaSetForm::group
-             ? backup
-             : 0;
+   // A group's FEC is the group's, and protected by nobody; without its use there is one of our own.
+   const auto isGroup = []( const ViaSet& of ) {
+      return of.form == ViaSetForm::group && !of.unusable;
+   };
+   return isFec( backup ) && !isGroup( set ) && !isGroup( viaSet[number] ) ? backup : 0;
 }
 
 bool Inputs::backupThere( U32 number ) const {
@@ -371,32 +375,31 @@ Intent Inputs::viaSetIntent( U32 number, U32 label ) const {
    const bool asFec = isFec( number );
    const bool supported = settings.fecs != 0 || set.form == ViaSetForm::nextHops;
    // A route that is to go where nothing is yet, or whose via set does not hold, stays where it is.
-   intent.exact = set.there() && sane( set ) &&
-                  ( set.form != ViaSetForm::group || !supported || group.link != 0 );
+   intent.exact =
+      set.there() && sane( set ) &&
+      ( set.form != ViaSetForm::group || set.unusable || !supported || group.link != 0 );
    addVias( number, label, intent.primary, intent.exits );
-   intent.keeps = !set.there() || ( asFec && set.form == ViaSetForm::group && group.link == 0 ) ||
+   intent.keeps = !set.there() ||
+                  ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 ) ||
                   ( hasBackup( number ) && !backupThere( number ) && sane( set ) &&
                     !protectsSomebody( number ) );
    addVias( number, label, intent.primary, intent.exits );
-   intent.keeps = !set.there() || ( asFec && set.form == ViaSetForm::group && group.link == 0 ) ||
+   intent.keeps = !set.there() ||
+                  ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 ) ||
                   ( asFec && set.backup != 0 && set.backup != number &&
                     !viaSet[set.backup].there() && sane( set ) && !protectsSomebody( number ) );
    const U32 backup = backupOf( number, intent.exact );
    if ( backup != 0 ) {
       addVias( backup, label, intent.backup, intent.exits );
    }
-   if ( !set.unusable || set.form != ViaSetForm::group ) {
-      judge( set, intent );
-   } else {
-      intent.exact = false; // whether the vias of a group are used is its owner's affair
-   }
+   judge( set, intent );
    return intent;
 }
 
 // What is published of a label, where nobody but the library's own inputs has a say in it.
 void Inputs::judge( const ViaSet& set, Intent& intent ) const {
    const bool foreign = set.form != ViaSetForm::nextHops;
-   if ( someLinkDown() || ( foreign && intent.primary.empty() ) ) {
+   if ( someLinkDown() || ( foreign && !set.unusable && intent.primary.empty() ) ) {
       return;
    }
    const auto unresolved =

@@ -196,7 +196,9 @@ void Watch::rest() {
    for ( U32 index = 0; index < label_.size(); ++index ) {
       checkLabelAtRest( index );
    }
-   if ( world_.inputs().clean() ) {
+   const bool decided =
+      std::ranges::all_of( label_, []( const Label& label ) { return label.intent.exact; } );
+   if ( world_.inputs().clean() && decided ) { // else something of before may still be in use
       for ( auto& was : foreign_ ) {
          was.erase( was.begin(), was.end() - std::min< std::ptrdiff_t >( 1, std::ssize( was ) ) );
       }
