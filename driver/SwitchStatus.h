@@ -5,6 +5,7 @@
 
 #include "driver/ConfigWatch.h"
 #include "driver/Operation.h"
+#include "platform/FecTables.h"
 #include "platform/ReadOnly.h"
 
 namespace Vel::Driver {
@@ -26,6 +27,8 @@ class SwitchStatus : public Entity {
    READ_ONLY( U64, routesAdded )      // into FECs, not there before
    READ_ONLY( U64, routesStale )      // of an earlier driver, removed
    COLLECTION( Hash, Fib::FecId, UnprogrammedReason, waitingFec ) // requested and not possible now
+   COLLECTION( Hash, Fib::FecId, Fib::Fec, foreignFec ) // what other agents have made known
+   COLLECTION( Hash, IntfId, Fib::Fec, tunnel )         // ... and their tunnels
    DERIVED( breaches )                // of the contract, by the library
    READ_ONLY( U64, framesForwarded )
    READ_ONLY( U64, framesDropped )
