@@ -118,6 +118,8 @@ class FecUnit {
    void takeFoundOutIs( std::function< void() > takeFoundOut ) {
       takeFoundOut_ = std::move( takeFoundOut );
    }
+   /// What is requested is held.
+   bool syncing() const { return syncing_; }
    /// All requests have been written: takes over what can be taken over and answers.
    void syncRequested();
    /// The first route has come into the FEC, or the last one left it.

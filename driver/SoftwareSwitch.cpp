@@ -220,12 +220,20 @@ void SoftwareSwitch::handleVrfConfig( VrfId vrfId ) {
       makeVrf( vrfId );
    }
    queue_.push( { .kind = OperationKind::vrfMade, .vrfId = vrfId } );
-   if ( const HwVrf* const there = vrf( vrfId );
-        there && there->mplsRouting && !config->mplsRouting() ) {
-      // Of an earlier driver: what is not wanted any more was never wanted of this one.
-      queue_.push( { .kind = OperationKind::mplsRouting, .vrfId = vrfId, .version = 0 } );
+   if ( !fecUnit_ || !fecUnit_->syncing() ) {
+      routingOffUnlessWanted( vrfId );
    }
    watch_.emplace( vrfId, std::make_unique< ConfigWatch >( *config, queue_, status_->breachLog_ ) );
+}
+
+// Of an earlier driver: what is not wanted any more was never wanted of this one. A library that is
+// still starting may not have said what it wants.
+void SoftwareSwitch::routingOffUnlessWanted( VrfId vrfId ) {
+   const HwVrf* const there = vrf( vrfId );
+   const MplsHwVrfConfig* const config = config_->vrfConfig( vrfId );
+   if ( there && there->mplsRouting && config && !config->mplsRouting() ) {
+      queue_.push( { .kind = OperationKind::mplsRouting, .vrfId = vrfId, .version = 0 } );
+   }
 }
 
 void SoftwareSwitch::run() {
@@ -252,6 +260,9 @@ void SoftwareSwitch::carryOut( Operation operation ) {
    }
    if ( operation.kind == OperationKind::syncRequested ) {
       fecUnit_->syncRequested();
+      for ( const auto& [vrfId, vrf] : vrf_ ) {
+         routingOffUnlessWanted( vrfId );
+      }
       return;
    }
    if ( operation.kind == OperationKind::fecsRetried ) {

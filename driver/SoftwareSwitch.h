@@ -115,6 +115,7 @@ class SoftwareSwitch {
    void forgetEarlierDriver();
    void recover( const HwState& state, VelHelper::MplsRouteSyncMap* routeSyncMap );
    void handleVrfConfig( VrfId vrfId );
+   void routingOffUnlessWanted( VrfId vrfId );
    void run();
 
    HwVrf& makeVrf( VrfId vrfId );
