@@ -90,6 +90,7 @@ void FecUnit::giveBack( FecId fecId, const Ptr< HwFec >& fec ) {
    foundIs( *fec, true );
    platform_.response->hwFecIdDel( fecId );
    changed( fecId );
+   retrySoon(); // it may have been offered all along
 }
 
 void FecUnit::addTo( HwState& state ) const {
