@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "agent/Explain.h"
+#include "agent/ForeignWays.h"
 #include "driver/SwitchStatus.h"
 #include "mpls/VelMplsSm.h"
 
@@ -69,8 +70,10 @@ class ChainReader {
    // FECs and protection, ExplainFec.cpp.
    void readFecContent( ChainLink& link ) const;
    void readProtection( ChainLink& link ) const;
+   void readForeign( ChainLink& link ) const;
    void readFecNextHops( ChainLink& link ) const;
    void readFecL2Adjacency( ChainLink& link ) const;
+   std::string roomText() const;
    void readUnanswered( ChainLink& link ) const;
    void readFecRoute( ChainLink& link ) const;
    const Fib::Fec* requested( Fib::FecId fecId ) const;
@@ -98,6 +101,7 @@ class ChainReader {
 
    RouteKey key_;
    const Explanation::InterfaceName& interfaceName_;
+   const ForeignWays foreignWays_;
    std::string ignoredReason_;
    std::string fault_;
    // The roots.

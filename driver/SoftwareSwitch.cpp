@@ -90,6 +90,7 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
    }
    faultTask_->runAfter( settings_.faults.nextChange( now() ) - now() );
    const Ptr< VelHelper::MplsRouteSyncMap > routeSyncMap = fecPlatform.routeSyncMap;
+   status_->resolve_ = fecPlatform.resolve;
    if ( fecPlatform.present() ) {
       fecUnit_ = std::make_unique< FecUnit >( std::move( fecPlatform ), queue_, *status_,
                                               settings_.faults, links_, *scheduler->clock() );
@@ -109,6 +110,7 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
 
 SoftwareSwitch::~SoftwareSwitch() {
    status_->queue_ = nullptr;
+   status_->resolve_ = nullptr;
 }
 
 // Which listed keys are an earlier driver's: those of the configuration. The others are the

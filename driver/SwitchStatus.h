@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <functional>
+
 #include "driver/ConfigWatch.h"
 #include "driver/Operation.h"
 #include "platform/FecTables.h"
@@ -42,6 +44,10 @@ class SwitchStatus : public Entity {
    std::string name() const override { return "softwareSwitch"; }
    U64 queueLength() const { return queue_ ? queue_->size() : 0; }
    U64 breaches() const { return breachLog_.count(); }
+   /// What hardware with FECs resolves the next hop to by itself, watched or not.
+   NextHopInfo neighbor( const NextHopKey& key ) const {
+      return resolve_ ? resolve_( key.intf, key.addr ) : NextHopInfo();
+   }
 
  private:
    friend class SoftwareSwitch;
@@ -49,6 +55,7 @@ class SwitchStatus : public Entity {
 
    const OperationQueue* queue_; // null once the switch is gone
    BreachLog breachLog_;
+   std::function< NextHopInfo( IntfId, const IpGenAddr& ) > resolve_; // null once the switch is gone
 };
 
 } // namespace Vel::Driver

@@ -273,8 +273,8 @@ class VEL_EXPORT MplsSm : public Entity {
 
    void sweepStaleRoutes();
    void maybeEndSync();
-   void settleRecovered( VrfMplsState* vrfState );
-   void maybeOfferFecs( VrfMplsState* vrfState );
+   void settleRecovered( const VrfMplsState* vrfState );
+   void maybeOfferFecs( const VrfMplsState* vrfState );
    bool someFecUnanswered() const;
    void offerRecoveredFecs( const VrfMplsState& vrfState );
    Fib::FecId fecAwaitedByAll( const VrfMplsState& vrfState, const ExternalFecInfo& info ) const;

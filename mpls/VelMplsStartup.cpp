@@ -158,7 +158,7 @@ void MplsSm::maybeEndSync() {
 
 // Nothing is queued: what came back may be enough for a sweep that was held, and what waits for
 // FECs is known.
-void MplsSm::settleRecovered( VrfMplsState* vrfState ) {
+void MplsSm::settleRecovered( const VrfMplsState* vrfState ) {
    if ( staleSweepHeld() && enoughCameBack() ) {
       maybeEndSync(); // what was missing has come after all
    }
@@ -167,12 +167,15 @@ void MplsSm::settleRecovered( VrfMplsState* vrfState ) {
 
 // --- Room.
 
-void MplsSm::maybeOfferFecs( VrfMplsState* vrfState ) {
-   if ( !recoveredFecsToOffer_ || vrfState == nullptr || !in_.hwFecIdRequest ||
+void MplsSm::maybeOfferFecs( const VrfMplsState* vrfState ) {
+   if ( vrfState == nullptr || !in_.hwFecIdRequest ||
         vrfState->routeKeyForReviews() + vrfState->l3AdjForReviews() != 0 ) {
       return;
    }
    offerFecsBeingLeft( *vrfState );
+   if ( !recoveredFecsToOffer_ ) {
+      return;
+   }
    if ( recoveredRoutes() == 0 ) {
       recoveredFecsToOffer_ = false;
       in_.hwFecIdRequest->mayReplaceDelAll();
@@ -214,15 +217,22 @@ Fib::FecId MplsSm::fecAwaitedByAll( const VrfMplsState& vrfState,
 // Hardware that is full of FECs gives a FEC that is awaited the place of the one whose routes await
 // it.
 void MplsSm::offerFecsBeingLeft( const VrfMplsState& vrfState ) {
+   HashSet< Fib::FecId > offered;
    for ( const auto& [awaited, left] : in_.hwFecIdRequest->mayTakeOver() ) {
-      if ( fecAwaitedByAll( vrfState, *vrfState.extFecInfo( left ) ) != awaited ) {
+      if ( recoveredFecsToOffer_ && // else none of their routes has been told otherwise
+           fecAwaitedByAll( vrfState, *vrfState.extFecInfo( left ) ) != awaited ) {
          in_.hwFecIdRequest->mayTakeOverDel( awaited );
+      } else {
+         offered.insert( left );
       }
    }
    for ( const Fib::FecId left : fecsBeingLeft_ ) {
       const ExternalFecInfo* const info = vrfState.extFecInfo( left );
       if ( info == nullptr || info->dependentRouteKeys() == 0 ) {
          fecsBeingLeft_.erase( left );
+         continue;
+      }
+      if ( offered.has( left ) ) {
          continue;
       }
       const Fib::FecId awaited = fecAwaitedByAll( vrfState, *info );

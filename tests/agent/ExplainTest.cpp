@@ -445,7 +445,13 @@ TEST( Explain, FecOfAnotherAgent ) {
    world.writer.routeIs( { RouteKey( label ), viaSet.key(), 0 } );
    world.expect( "fec 7:5, of another agent, not there yet; waits for the agent that owns FEC 7:5",
                  "no answer for FEC 7:5 of another agent" );
-   world.hardware->fecUnit()->foreignFecIs( externalFec, { Fib::FecVia() } );
+   Fib::FecVia out;
+   out.nextHop = ip( "10.0.0.77" );
+   out.intf = IntfId::ordinary( 1 );
+   world.hardware->fecUnit()->foreignFecIs( externalFec, { out } );
+   world.expect( "nextHops FEC 7:5 of another agent leads nowhere: next hop 10.0.0.77 on",
+                 "FEC 7:5 of another agent leads nowhere" );
+   world.l3.neighborIs( "10.0.0.77", 1, 77 );
    world.expect( "programmed 7:5, hardware id 1, of another agent" );
    EXPECT_EQ( world.link( "nextHops" ).text, "the other agent's, or the tunnel's" );
    world.hardware->fecUnit()->foreignFecDel( externalFec );
