@@ -114,7 +114,15 @@ void FecUnit::stateIs( const HwFec& fec, AdjHwState state ) {
 // --- Requests.
 
 void FecUnit::push( FecId fecId ) {
+   ++*queued_.emplace( fecId, 0U ).first;
    queue_.push( Operation::ofFec( fecId ) );
+}
+
+void FecUnit::carryOut( FecId fecId ) {
+   if ( --*queued_.find( fecId ) == 0 ) {
+      queued_.erase( fecId );
+   }
+   sync( fecId );
 }
 
 // What the FEC is to be made of now; false when it is to go, or is still to come.
@@ -143,6 +151,7 @@ bool FecUnit::wanted( FecId fecId, std::vector< FecVia >& vias, FecId& backup ) 
    return true;
 }
 
+// Brings the FEC in hardware to what is requested of it now.
 void FecUnit::sync( FecId fecId ) {
    if ( syncing_ ) {
       held_.insert( fecId );
@@ -152,11 +161,15 @@ void FecUnit::sync( FecId fecId ) {
    FecId backup;
    waiting_.erase( fecId );
    status_.waitingFecDel( fecId );
-   if ( !wanted( fecId, vias, backup ) ) {
+   const bool isWanted = wanted( fecId, vias, backup );
+   const Ptr< HwFec >* const there = fecs_.find( fecId );
+   if ( there && queued_.has( fecId ) ) {
+      return; // its turn comes
+   }
+   if ( !isWanted ) {
       remove( fecId );
       return;
    }
-   const Ptr< HwFec >* const there = fecs_.find( fecId );
    Ptr< HwFec > fec = there ? *there : adopted( fecId, vias, backup );
    const bool kept = !there && fec; // as it is, whatever its interfaces do
    // Routes that are found in it may be to go elsewhere: it is rewritten only when they have gone.
@@ -356,9 +369,8 @@ Ptr< HwFec > FecUnit::takenOver( FecId fecId, const std::vector< FecVia >& vias 
 // the label by the routes, before or after, which could not be rewritten in one step with the FEC.
 bool FecUnit::fitsInPlace( const HwFec& fec, const std::vector< FecVia >& vias ) {
    return fec.protects == 0 && !fec.routesOperate &&
-          std::ranges::none_of( vias, []( const FecVia& via ) {
-             return via.labelAction == MplsLabelAction::none;
-          } );
+          std::ranges::none_of(
+             vias, []( const FecVia& via ) { return via.labelAction == MplsLabelAction::none; } );
 }
 
 void FecUnit::backupIs( HwFec& fec, Ptr< HwFec > backup ) {

@@ -6,8 +6,10 @@
 //        FECs of other agents, tunnels ────┘
 //
 // An operation on a FEC carries its id and nothing else: what is written is what the request table
-// says when its turn comes, so that of several changes in a row the last one counts. A FEC keeps
-// its hardware id while it is requested; its content is replaced in place, which no frame notices.
+// says when its turn comes. Of several changes in a row the last one counts: what is in hardware is
+// left alone until its turn, since routes that have been written elsewhere before it are still to
+// leave. A FEC keeps its hardware id while it is requested; its content is replaced in place, which
+// no frame notices.
 //
 // Who makes a FEC. Label FECs are made of what the request says. The FECs of other agents (next-hop
 // groups, external FECs) and the tunnels are made known here by whoever plays those agents; a
@@ -137,8 +139,8 @@ class FecUnit {
 
    /// How many FECs fit; 0: no limit.
    void capacityIs( size_t fecs ) { capacity_ = fecs; }
-   /// Brings the FEC in hardware to what is requested of it now.
-   void sync( Fib::FecId fecId );
+   /// An operation on the FEC has its turn.
+   void carryOut( Fib::FecId fecId );
    /// Tries what was not possible before. Only in the hardware's own turn.
    void retryWaiting();
    /// The FEC behind a hardware id, or null.
@@ -157,6 +159,7 @@ class FecUnit {
    static bool isLabelFec( Fib::FecId fecId );
    static bool fitsInPlace( const HwFec& fec, const std::vector< Fib::FecVia >& vias );
    void push( Fib::FecId fecId );
+   void sync( Fib::FecId fecId );
    size_t capacity() const;
    bool full() const;
    bool hasRoomFor( Fib::FecId fecId ) const;
@@ -205,7 +208,8 @@ class FecUnit {
    U64 nextHwId_ = 1;
    Hash< Fib::FecId, Ptr< HwFec > > fecs_;
    Hash< U64, HwFec* > byHwId_;
-   HashSet< Fib::FecId > waiting_; // requested, not possible now
+   Hash< Fib::FecId, U32 > queued_; // operations on each
+   HashSet< Fib::FecId > waiting_;  // requested, not possible now
    /// Which FECs lead into one: by their vias, or as their backup.
    Hash< Fib::FecId, std::set< Fib::FecId > > dependents_;
    Hash< U64, Ptr< HwFec > > recovered_; // of an earlier driver, not taken over
@@ -217,7 +221,7 @@ class FecUnit {
    bool retryQueued_ = false;
    bool retrying_ = false;
    bool mayTakeOut_ = false; // else what can be rewritten in place goes first
-   bool syncing_ = false; // what is requested is held
+   bool syncing_ = false;    // what is requested is held
    HashSet< Fib::FecId > held_;
    Hash< Fib::FecId, U64 > backupHint_; // the hardware id that the backup of a matched FEC had
    std::unique_ptr< RequestReactor > reactor_;

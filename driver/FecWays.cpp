@@ -137,7 +137,8 @@ void FecUnit::leave( const void* what, const Way& way ) {
 }
 
 bool FecUnit::follow( const HwFec& fec, Way& way, std::string& why ) const {
-   if ( !enter( &fec, [&] { return joinText( "FEC ", fec.fecId ); }, way, why ) ) {
+   if ( !enter(
+           &fec, [&] { return joinText( "FEC ", fec.fecId ); }, way, why ) ) {
       return false;
    }
    const Way before = way;
@@ -158,7 +159,8 @@ bool FecUnit::followTunnel( IntfId intf, Way& way, std::string& why ) const {
       why = joinText( "tunnel ", nameOf( intf ), " is not there" );
       return false;
    }
-   if ( !enter( tunnel, [&] { return "tunnel " + nameOf( intf ); }, way, why ) ) {
+   if ( !enter(
+           tunnel, [&] { return "tunnel " + nameOf( intf ); }, way, why ) ) {
       return false;
    }
    const Way before = way;

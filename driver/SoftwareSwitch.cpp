@@ -239,7 +239,8 @@ void SoftwareSwitch::routingOffUnlessWanted( VrfId vrfId ) {
 }
 
 void SoftwareSwitch::run() {
-   while ( queue_.ready() && !task_->shouldYield() ) {
+   // One at least, however short the slice is.
+   for ( bool first = true; queue_.ready() && ( first || !task_->shouldYield() ); first = false ) {
       carryOut( queue_.pop() );
       task_->workCountInc();
    }
@@ -257,7 +258,7 @@ void SoftwareSwitch::carryOut( Operation operation ) {
       return;
    }
    if ( operation.kind == OperationKind::fecChanged ) {
-      fecUnit_->sync( operation.fecId() );
+      fecUnit_->carryOut( operation.fecId() );
       return;
    }
    if ( operation.kind == OperationKind::syncRequested ) {

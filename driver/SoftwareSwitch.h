@@ -154,7 +154,7 @@ class SoftwareSwitch {
    LabelSet< Mpls::RouteKey > countedRoute_;   // into FECs, counted as adopted, changed or added
    /// Up to which operation the helper has overtaken those on a route. Empty while nothing waits.
    LabelIndexed< Mpls::RouteKey, U64 > overtaken_;
-   Ptr< TimerTask > faultTask_;                // where a fault begins or ends
+   Ptr< TimerTask > faultTask_; // where a fault begins or ends
    Links links_;
    std::unique_ptr< FecUnit > fecUnit_;
    // What hears of changes goes first.

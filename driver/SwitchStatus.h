@@ -55,7 +55,8 @@ class SwitchStatus : public Entity {
 
    const OperationQueue* queue_; // null once the switch is gone
    BreachLog breachLog_;
-   std::function< NextHopInfo( IntfId, const IpGenAddr& ) > resolve_; // null once the switch is gone
+   std::function< NextHopInfo( IntfId, const IpGenAddr& ) >
+      resolve_; // null once the switch is gone
 };
 
 } // namespace Vel::Driver

@@ -379,9 +379,18 @@ TEST( Explain, FecThatHardwareHasNotGot ) {
    otherFamily.settle();
    otherFamily.l3.neighborIs( "fe80::1", 1, 9 );
    otherFamily.viaSetIs( 1, { swapVia( 3, "fe80::1", 1, 100 ) } );
-   otherFamily.expect( "partiallyProgrammed fec 11:1, not answered yet: AdjacencyFull; the route "
-                       "stays in FEC 10:0, waiting for room for another FEC in the hardware",
-                       "refused: AdjacencyFull, a route into FEC 10:0 stays" );
+   otherFamily.expect( "programmed 11:1, hardware id 1" ); // in the place of the one before it
+
+   FecWorld leavesOthers( "fec-capacity 1" );
+   leavesOthers.routeIs( 99, 1 );
+   leavesOthers.settle();
+   leavesOthers.viaSetIs( 9, { swapVia( 9, "10.0.0.1", 1, 200 ) } );
+   leavesOthers.routeIs( label, 9 );
+   leavesOthers.expect(
+      "partiallyProgrammed fec 10:1, not answered yet: AdjacencyFull; the route stays in FEC 10:0, "
+      "waiting for room for another FEC in the hardware, or for the others in FEC 10:0, which is "
+      "still wanted, to leave it",
+      "refused: AdjacencyFull, a route into FEC 10:0 stays" );
 
    FecWorld refused( "refuse label 16" );
    refused.expect( "unprogrammed driver refused: InterfaceNotReady; waits for ",
