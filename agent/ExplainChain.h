@@ -30,7 +30,8 @@ class ChainReader {
       return !!route_ && type != Mpls::viaTypeMplsIp && type != Mpls::viaTypeExternalFec;
    }
    bool inHardware() const {
-      return status_ && status_->mplsRouting() && ( status_->routeHas( key_ ) || inFec() );
+      return status_ && status_->mplsRouting() &&
+             ( status_->routeHas( key_ ) || ( inFec() && !writingLost() ) );
    }
 
    ChainLink lfibRoute() const;
@@ -84,6 +85,8 @@ class ChainReader {
    bool isForeign() const;
    bool primariesUsable() const { return viaSet_.null() || viaSet_.usableAsPrimaryVias(); }
    bool inFec() const { return record_ && record_->extFecInfo() && !record_->unprogrammed(); }
+   /// The driver has answered the last writing into a FEC, and lost it.
+   bool writingLost() const { return refused_ && refused_->lostRouteHas( key_ ); }
    /// Still forwards into the FEC of before, until the one that is wanted now is answered.
    bool inOlderFec() const { return inFec() && record_->extFecInfo() != fec_; }
    bool byBackupOnly() const {

@@ -245,7 +245,7 @@ void ChainReader::readUnanswered( ChainLink& link ) const {
 
 // Into a FEC a route is written without versions, by calls that answer at once.
 void ChainReader::readFecRoute( ChainLink& link ) const {
-   if ( inFec() && refused_ && refused_->lostRouteHas( key_ ) ) {
+   if ( inFec() && writingLost() ) {
       fails( link, "the writing is lost: it was answered, and hardware does not have it", neverTime,
              "a change of the route, its via set or its next hops" );
    } else if ( inFec() ) {

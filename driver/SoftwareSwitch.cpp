@@ -239,8 +239,7 @@ void SoftwareSwitch::routingOffUnlessWanted( VrfId vrfId ) {
 }
 
 void SoftwareSwitch::run() {
-   // One at least, however short the slice is.
-   for ( bool first = true; queue_.ready() && ( first || !task_->shouldYield() ); first = false ) {
+   while ( queue_.ready() && !task_->shouldYield() ) {
       carryOut( queue_.pop() );
       task_->workCountInc();
    }

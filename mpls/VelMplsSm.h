@@ -387,10 +387,10 @@ class VEL_EXPORT MplsSm : public Entity {
 
    const MplsSmInputs in_;
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
-   bool syncAnswered_ = false;              // in the stage that waits for it
-   bool recoveredFecsToOffer_ = false;      // what waits for FECs may have changed
-   HashSet< Fib::FecId > fecsBeingLeft_;    // by routes that wait for another one's answer
-   size_t viaSetsAwaitedLimit_ = 64;   // from where those that nobody uses are looked for
+   bool syncAnswered_ = false;           // in the stage that waits for it
+   bool recoveredFecsToOffer_ = false;   // what waits for FECs may have changed
+   HashSet< Fib::FecId > fecsBeingLeft_; // by routes that wait for another one's answer
+   size_t viaSetsAwaitedLimit_ = 64;     // from where those that nobody uses are looked for
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;
    Ptr< Mpls::LfibTrackingSm > lfibTrackingSm_;
