@@ -9,6 +9,7 @@ using Mpls::RouteStatusCode;
 AuditComparison::AuditComparison( const EntityManager& entities, const InterfaceName& name,
                                   size_t limit )
    : name_( name ),
+     foreignWays_( entities, name ),
      limit_( limit ),
      inputs_( entities ),
      sm_( mountedRoot< MplsSm >( entities, "mplsSm" ) ),

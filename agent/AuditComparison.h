@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "agent/Audit.h"
+#include "agent/ForeignWays.h"
 #include "agent/LfibIntent.h"
 #include "driver/SwitchStatus.h"
 #include "mpls/VelMplsSm.h"
@@ -55,6 +56,7 @@ class AuditComparison {
    const Fib::Fec* requested( Fib::FecId fecId ) const;
    void compareFecReported();
    std::string answerFault( Fib::FecId fecId ) const;
+   std::string foreignFault() const;
    void comparePublishedFec( const Mpls::Hardware::Route& route );
    void compareFecs();
    void compareFecRecords( HashSet< U64 >& numbers );
@@ -81,6 +83,7 @@ class AuditComparison {
    static std::string publishedText( const Mpls::RouteInfo* info );
 
    const InterfaceName& name_;
+   const ForeignWays foreignWays_;
    const size_t limit_;
    const LfibIntent inputs_;
    const MplsSm& sm_;

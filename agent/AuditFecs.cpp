@@ -162,6 +162,8 @@ void AuditComparison::compareFecReported() {
       found( joinText( "hardware id ", hwId, " is granted, and ", fec_->hwId(), " in use" ) );
    } else if ( refused_ ) {
       found( refusalText() );
+   } else if ( refusals_ && refusals_->lostRouteHas( key_ ) ) {
+      differ( AuditStage::reported, expected, [] { return std::string( "the writing is lost" ); } );
    } else if ( in != fec_ || route_->unprogrammed() ) {
       differ( AuditStage::reported, expected,
               [&] { return route_->unprogrammed() ? "no route" : into( in ); } );
@@ -170,7 +172,31 @@ void AuditComparison::compareFecReported() {
       if ( std::string fault = answerFault( content->backupFecId ); !fault.empty() ) {
          found( "its backup: " + fault );
       }
+   } else if ( const std::string fault = foreignFault(); !fault.empty() ) {
+      differ(
+         AuditStage::reported, [] { return std::string( "a way out" ); },
+         [&] { return std::string( fault ); } );
    }
+}
+
+// Why nothing leaves by what other agents have; empty when something does, or when hardware does not
+// tell what is in it.
+std::string AuditComparison::foreignFault() const {
+   const Mpls::Hardware::Adjacency* const adjacency =
+      l3Adj_ ? hwMplsStatus_.adjacency( l3Adj_->index() ) : nullptr;
+   std::string fault;
+   for ( U32 i = 0; adjacency && i < adjacency->vias(); ++i ) {
+      const IntfId intf = adjacency->via( i ).intf;
+      if ( !ForeignWays::leadsElsewhere( intf ) ) {
+         return {};
+      }
+      const ForeignEnds ends = foreignWays_.read( intf );
+      if ( !ends.known || !ends.exits.empty() ) {
+         return {};
+      }
+      fault = joinText( foreignWays_.text( intf ), " leads nowhere: ", ends.why );
+   }
+   return fault;
 }
 
 // Why there is no hardware id for it; empty when there is one.

@@ -29,7 +29,10 @@ Json secondsOrNull( double seconds ) {
 ChainReader::ChainReader( const EntityManager& roots, RouteKey key,
                           const Explanation::InterfaceName& interfaceName,
                           std::string ignoredReason )
-   : key_( key ), interfaceName_( interfaceName ), ignoredReason_( std::move( ignoredReason ) ) {
+   : key_( key ),
+     interfaceName_( interfaceName ),
+     foreignWays_( roots, interfaceName ),
+     ignoredReason_( std::move( ignoredReason ) ) {
    clock_ = required< Clock >( roots, "clock" );
    sm_ = required< MplsSm >( roots, "mplsSm" );
    lfib_ = required< Mpls::LfibStatus >( roots, "transitLfib" );
@@ -360,8 +363,7 @@ void ChainReader::readNextHop( const Mpls::Hardware::AdjacencyVia& via, ChainLin
 ChainLink ChainReader::nextHops() const {
    ChainLink link( "nextHops", "next hops" );
    if ( fec_ && hwAdj_ && isForeign() ) {
-      link.holds = true;
-      link.text = "the other agent's, or the tunnel's";
+      readForeign( link );
       return link;
    }
    if ( hwAdj_ == nullptr || hwAdj_->vias() == 0 ) {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "agent/Explain.h"
+#include "agent/ForeignWays.h"
 #include "driver/SwitchStatus.h"
 #include "mpls/VelMplsSm.h"
 
@@ -29,7 +30,8 @@ class ChainReader {
       return !!route_ && type != Mpls::viaTypeMplsIp && type != Mpls::viaTypeExternalFec;
    }
    bool inHardware() const {
-      return status_ && status_->mplsRouting() && ( status_->routeHas( key_ ) || inFec() );
+      return status_ && status_->mplsRouting() &&
+             ( status_->routeHas( key_ ) || ( inFec() && !writingLost() ) );
    }
 
    ChainLink lfibRoute() const;
@@ -69,8 +71,10 @@ class ChainReader {
    // FECs and protection, ExplainFec.cpp.
    void readFecContent( ChainLink& link ) const;
    void readProtection( ChainLink& link ) const;
+   void readForeign( ChainLink& link ) const;
    void readFecNextHops( ChainLink& link ) const;
    void readFecL2Adjacency( ChainLink& link ) const;
+   std::string roomText() const;
    void readUnanswered( ChainLink& link ) const;
    void readFecRoute( ChainLink& link ) const;
    const Fib::Fec* requested( Fib::FecId fecId ) const;
@@ -81,6 +85,8 @@ class ChainReader {
    bool isForeign() const;
    bool primariesUsable() const { return viaSet_.null() || viaSet_.usableAsPrimaryVias(); }
    bool inFec() const { return record_ && record_->extFecInfo() && !record_->unprogrammed(); }
+   /// The driver has answered the last writing into a FEC, and lost it.
+   bool writingLost() const { return refused_ && refused_->lostRouteHas( key_ ); }
    /// Still forwards into the FEC of before, until the one that is wanted now is answered.
    bool inOlderFec() const { return inFec() && record_->extFecInfo() != fec_; }
    bool byBackupOnly() const {
@@ -98,6 +104,7 @@ class ChainReader {
 
    RouteKey key_;
    const Explanation::InterfaceName& interfaceName_;
+   const ForeignWays foreignWays_;
    std::string ignoredReason_;
    std::string fault_;
    // The roots.

@@ -96,6 +96,31 @@ std::string ChainReader::protectionLack() const {
 
 // --- Links that are different with a FEC.
 
+// Whose they are is not for us to mend, but where they lead nowhere, neither does the label.
+void ChainReader::readForeign( ChainLink& link ) const {
+   link.text = "the other agent's, or the tunnel's";
+   std::string fault;
+   size_t exits = 0;
+   bool known = true;
+   for ( const auto& [index, via] : hwAdj_->via() ) {
+      if ( !ForeignWays::leadsElsewhere( via.intf ) ) {
+         known = false; // its own next hop is the L3 layer's to tell
+         continue;
+      }
+      const ForeignEnds ends = foreignWays_.read( via.intf );
+      known = known && ends.known;
+      exits += ends.exits.size();
+      fault = joinText( foreignWays_.text( via.intf ), " leads nowhere: ", ends.why );
+      for ( const ForeignExit& exit : ends.exits ) {
+         link.details.push_back( nextHopText( exit.nextHop.addr, exit.nextHop.intf ) );
+      }
+   }
+   link.holds = !known || exits != 0 || fec_->hwId() == 0; // else the FEC says it
+   if ( !link.holds ) {
+      fails( link, std::move( fault ), neverTime, "the agent that owns it to lead out again" );
+   }
+}
+
 // What the FEC resolves to is no matter of the route's; whether anything does is.
 void ChainReader::readFecNextHops( ChainLink& link ) const {
    if ( !primariesUsable() ) {
@@ -181,6 +206,19 @@ void ChainReader::readFecContent( ChainLink& link ) const {
    }
 }
 
+// The place of the FEC that the route is in would do, if nobody else needed that.
+std::string ChainReader::roomText() const {
+   std::string text = "room for another FEC in the hardware";
+   const ExternalFecInfo* const in = inOlderFec() ? record_->extFecInfo().get() : nullptr;
+   if ( in == nullptr || fecRequest_->mayTakeOverHas( fec_->fecId() ) ) {
+      return text;
+   }
+   return joinText( text, ", or for the others in FEC ", fecIdText( in->fecId() ),
+                    in->dependentL3Adjacencys() + in->dependentPrimaryExtFecInfos() != 0
+                       ? ", which is still wanted, to leave it"
+                       : " to wait for the same one, or to leave it" );
+}
+
 void ChainReader::readUnanswered( ChainLink& link ) const {
    const FecId fecId = fec_->fecId();
    std::string waitsFor = "the hardware layer's answer to the request for the FEC";
@@ -191,7 +229,7 @@ void ChainReader::readUnanswered( ChainLink& link ) const {
       link.text += joinText( ": ", reason );
       waitsFor = reason == UnprogrammedReason::InterfaceNotReady
                     ? "an interface of its vias to become ready"
-                    : "room for another FEC in the hardware";
+                    : roomText();
    } else if ( !isLabelFec( fecId ) ) {
       waitsFor = joinText( "the agent that owns FEC ", fecIdText( fecId ), " to make it known" );
    }
@@ -207,7 +245,10 @@ void ChainReader::readUnanswered( ChainLink& link ) const {
 
 // Into a FEC a route is written without versions, by calls that answer at once.
 void ChainReader::readFecRoute( ChainLink& link ) const {
-   if ( inFec() ) {
+   if ( inFec() && writingLost() ) {
+      fails( link, "the writing is lost: it was answered, and hardware does not have it", neverTime,
+             "a change of the route, its via set or its next hops" );
+   } else if ( inFec() ) {
       link.holds = true;
       link.degraded = inOlderFec();
       link.text = link.degraded ? joinText( "the route forwards into the FEC of before, ",

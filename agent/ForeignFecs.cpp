@@ -1,6 +1,7 @@
 #include "agent/ForeignFecs.h"
 
 #include <algorithm>
+#include <set>
 
 namespace Vel::Agent {
 
@@ -57,26 +58,29 @@ const ForeignFecs::Vias* ForeignFecs::find( IntfId intf ) const {
    return at == known_.end() ? nullptr : &at->second.vias;
 }
 
+// Level by level, each once, where it is least deep.
 std::vector< NextHopInfo > ForeignFecs::exits( IntfId intf ) const {
    std::vector< NextHopInfo > out;
-   addExits( intf, 0, out );
+   std::set< IntfId > seen;
+   std::vector< IntfId > level{ intf };
+   for ( size_t depth = 0; depth < maxDepth && !level.empty(); ++depth ) {
+      std::vector< IntfId > below;
+      for ( const IntfId at : level ) {
+         const Vias* const vias = seen.insert( at ).second ? find( at ) : nullptr;
+         for ( size_t i = 0; vias && i < vias->size(); ++i ) {
+            const Fib::FecVia& via = ( *vias )[i];
+            Interfaces::foreignKind( via.intf ) ? below.push_back( via.intf ) : addExit( via, out );
+         }
+      }
+      level = std::move( below );
+   }
    return out;
 }
 
-void ForeignFecs::addExits( IntfId intf, size_t depth, std::vector< NextHopInfo >& out ) const {
-   const Vias* const vias = depth < maxDepth ? find( intf ) : nullptr;
-   if ( vias == nullptr ) {
-      return;
-   }
-   for ( const Fib::FecVia& via : *vias ) {
-      if ( Interfaces::foreignKind( via.intf ) ) {
-         addExits( via.intf, depth + 1, out );
-         continue;
-      }
-      const KnownNeighbor* const known = l3_.neighbor( { via.intf, via.nextHop } );
-      if ( known && known->info.resolved && std::ranges::find( out, known->info ) == out.end() ) {
-         out.push_back( known->info );
-      }
+void ForeignFecs::addExit( const Fib::FecVia& via, std::vector< NextHopInfo >& out ) const {
+   const KnownNeighbor* const known = l3_.neighbor( { via.intf, via.nextHop } );
+   if ( known && known->info.resolved && std::ranges::find( out, known->info ) == out.end() ) {
+      out.push_back( known->info );
    }
 }
 

@@ -47,7 +47,7 @@ class ForeignFecs {
    };
 
    void tell( IntfId intf, const Vias* vias );
-   void addExits( IntfId intf, size_t depth, std::vector< NextHopInfo >& out ) const;
+   void addExit( const Fib::FecVia& via, std::vector< NextHopInfo >& out ) const;
 
    Driver::FecUnit* fecs_;
    const L3Service& l3_;

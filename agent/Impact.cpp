@@ -9,16 +9,6 @@ namespace Vel::Agent {
 using Mpls::Hardware::AdjacencyVia;
 using Mpls::Hardware::L2Via;
 
-namespace {
-
-/// What is behind the interface is another agent's.
-bool leadsElsewhere( IntfId intf ) {
-   return intf.kind() == IntfId::Kind::nexthopGroup || intf.kind() == IntfId::Kind::dynamicTunnel ||
-          intf.kind() == IntfId::Kind::hierarchicalFec;
-}
-
-} // namespace
-
 std::string ImpactTarget::text( const InterfaceName& name ) const {
    return nextHop ? nextHopText( *nextHop, intf, name ) : "interface " + name( intf );
 }
@@ -26,6 +16,7 @@ std::string ImpactTarget::text( const InterfaceName& name ) const {
 Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
    : target_( target ),
      nextHops_( entities ),
+     foreignWays_( entities, noName_ ),
      hwMplsStatus_( mountedRoot< Mpls::Hardware::Status >( entities, "routingHwMplsStatus" ) ),
      lfibHwStatus_( mountedRoot< Mpls::LfibHwStatus >( entities, "lfibHwStatus" ) ),
      state_( mountedRoot< MplsSm >( entities, "mplsSm" ).mplsState( LfibIntent::vrf() ) ),
@@ -68,6 +59,14 @@ bool Impact::someNextHop( const EntityManager& entities ) const {
       if ( matches( key.addr, key.intf ) || matches( key.addr, info.l2Intf ) ) {
          return true;
       }
+   }
+   bool foreign = false;
+   foreignWays_.eachNextHop( [&]( const NextHopKey& key ) {
+      foreign = foreign || matches( key.addr, key.intf ) ||
+                matches( key.addr, foreignWays_.rewrite( key ).l2Intf );
+   } );
+   if ( foreign ) {
+      return true;
    }
    const auto& arp = mountedRoot< ProactiveArpNexthopSm >( entities, "proactiveArpNexthopSm" );
    for ( const ProactiveArpEntry& entry : arp.entry() ) {
@@ -116,9 +115,15 @@ void Impact::eachWay( const Adjacency& adjacency, const F& call ) {
 WaysLeft Impact::waysOf( const Adjacency& adjacency ) {
    WaysLeft ways;
    for ( const auto& [index, via] : adjacency.via() ) {
-      if ( leadsElsewhere( via.intf ) ) {
-         ++ways.of; // taken for untouched
-         ++ways.left;
+      if ( !ForeignWays::leadsElsewhere( via.intf ) ) {
+         continue;
+      }
+      const ForeignEnds ends = foreignWays_.read( via.intf );
+      ways.of += ends.exits.size() + !ends.known; // what is not known is taken for untouched
+      ways.left += !ends.known;
+      for ( const ForeignExit& exit : ends.exits ) {
+         ways.left += !matches( exit.nextHop.addr, exit.nextHop.intf ) &&
+                      !matches( exit.nextHop.addr, exit.rewrite.l2Intf );
       }
    }
    eachWay( adjacency, [&]( const AdjacencyVia&, const WayOut&, bool gone ) {
@@ -200,7 +205,8 @@ void Impact::countForeign( const L3Adjacency& l3Adj, const Adjacency& adjacency 
    Fib::FecId fecId;
    bool elsewhere = false;
    for ( const auto& [index, via] : adjacency.via() ) {
-      elsewhere = elsewhere || leadsElsewhere( via.intf );
+      elsewhere = elsewhere || ( ForeignWays::leadsElsewhere( via.intf ) &&
+                                 !foreignWays_.read( via.intf ).known );
       fecId = std::max( fecId, Fib::FecIdIntfId::intfIdToFecId( via.intf ) ); // of a tunnel: none
    }
    if ( !elsewhere ) {

@@ -11,8 +11,9 @@
 //
 // Where the hardware has FECs, a label leaves by its primary vias, and by its backup when none of
 // them is a way out, or when hardware says that the backup is in use. It loses what it leaves by
-// now; a label that would change over to its backup is protected. What is in the FECs of other
-// agents and in tunnels is not known here: it is counted, and taken for untouched.
+// now; a label that would change over to its backup is protected. Through the FECs of other agents
+// and tunnels it leaves by every neighbour behind them. Where hardware does not tell what is in them
+// the labels are counted, and taken for untouched.
 //
 //    const Impact impact( entityManager, { .nextHop = address } );
 //    if ( impact.known() ) ... impact.labels() ...
@@ -28,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/ForeignWays.h"
 #include "agent/LfibIntent.h"
 #include "agent/ReportText.h"
 #include "mpls/VelMplsRecords.h"
@@ -82,7 +84,7 @@ struct ImpactedFec {
    std::optional< Fib::FecId > protectedBy; ///< the FEC that would take over
 };
 
-/// Labels that leave by what is not known here.
+/// Labels that leave by what hardware does not tell.
 struct ForeignWay {
    Fib::FecId fecId; ///< of another agent
    size_t labels = 0;
@@ -101,9 +103,10 @@ class Impact {
    const std::vector< ImpactedAdjacency >& l3Adjacencies() const { return l3Adjacencies_; }
    const std::vector< ImpactedAdjacency >& l2Adjacencies() const { return l2Adjacencies_; }
    const std::vector< ImpactedFec >& fecs() const { return fecs_; }
-   /// FECs of other agents that labels in hardware leave by, whatever goes; in the order of ids.
+   /// FECs of other agents that labels in hardware leave by, where hardware does not tell what is in
+   /// them; in the order of ids.
    const std::vector< ForeignWay >& foreign() const { return foreign_; }
-   /// Labels in hardware that leave by tunnels, whatever goes.
+   /// Labels in hardware that leave by tunnels of which the same is true.
    size_t tunnelLabels() const { return tunnelLabels_; }
 
  private:
@@ -127,6 +130,8 @@ class Impact {
 
    const ImpactTarget target_;
    const NextHopView nextHops_;
+   const InterfaceName noName_ = []( IntfId ) { return std::string(); };
+   const ForeignWays foreignWays_;
    const Mpls::Hardware::Status& hwMplsStatus_;
    const Mpls::LfibHwStatus& lfibHwStatus_;
    const VrfMplsState* state_;      // null while there is none

@@ -6,8 +6,10 @@
 //        FECs of other agents, tunnels ────┘
 //
 // An operation on a FEC carries its id and nothing else: what is written is what the request table
-// says when its turn comes, so that of several changes in a row the last one counts. A FEC keeps
-// its hardware id while it is requested; its content is replaced in place, which no frame notices.
+// says when its turn comes. Of several changes in a row the last one counts: what is in hardware is
+// left alone until its turn, since routes that have been written elsewhere before it are still to
+// leave. A FEC keeps its hardware id while it is requested; its content is replaced in place, which
+// no frame notices.
 //
 // Who makes a FEC. Label FECs are made of what the request says. The FECs of other agents (next-hop
 // groups, external FECs) and the tunnels are made known here by whoever plays those agents; a
@@ -16,20 +18,34 @@
 // Ways out. A via leads out by an interface that is up to a neighbour that is resolved, or into
 // another FEC or a tunnel that has a way out, eight levels deep at most. A hash over the flow picks
 // one of the usable vias. Without one the FEC's backup is taken. Which of both is in use is
-// reported for every protected FEC in AdjHwStatus.
+// reported for every protected FEC in AdjHwStatus. FecWays.cpp.
 //
 // Restart. A switch that starts on what an earlier driver left holds all requests back until the
 // library says that it has written them (`syncRequestsReady`). Then a request whose sync id names a
 // FEC that has just the content that is wanted takes it over as it is, with its hardware id; any
 // other gets one with just that content that nobody else has taken, or a FEC of its own, to which
-// its routes then move. What nobody has taken over goes with its last route. At the end
-// `adjSyncDone` is set. A FEC that was taken over, and whose request changes or goes before all
-// routes of before have been written, is again what it was.
+// its routes then move. At the end `adjSyncDone` is set. A library that starts afresh instead wants
+// nothing of before: all of it goes, routes first. FecRestart.cpp.
 //
-// Where there is no room for one more FEC, room is made of an old one once the library says that
-// all its routes wait for new ones (`mayReplace`): it is given the new content in place, where that
-// is safe, or it is taken out with its routes, which then forward again as soon as the new one is
-// made.
+//    a FEC is     where            whose routes           until
+//    recovered    recovered_       an earlier driver's    matched: adopted; `mayReplace` names it:
+//                                                         offered; its last route has left: gone
+//    offered      recovered_       ... all waiting        wanted in place: made; in the way: gone with
+//                                                         its routes; the offer is withdrawn: recovered
+//    adopted      fecs_            both drivers'          all of before have been written: made;
+//                                                         request changes or goes: given back
+//    given back   recovered_       an earlier driver's    as recovered, which it is again
+//    made         fecs_            this driver's          the request goes: gone; `mayTakeOver` names
+//                                                         it, and the other one needs its place: made,
+//                                                         as that one
+//
+//    a request is held (held_) until syncRequestsReady, and waits (waiting_) while hardware cannot
+//
+// Room. Where there is no room for one more FEC, it is given the place of one that is left with
+// routes that wait for just this one. Its content is replaced in place, so that those routes have
+// moved with that and never been dark. Of FECs of before, such a one may also be taken out with its
+// routes, where they wait for several: those of a FEC of this driver stay where they are until there
+// is room. Only in the hardware's own turn, never while the library is in the middle of something.
 //
 // What cannot be made now (no room, an interface that is not ready) is made as soon as it can be;
 // until then there is no answer.
@@ -91,7 +107,7 @@ class FecUnit {
    /// Neighbours or links have changed: says of each protected FEC which way it takes now.
    void reportStates();
 
-   // --- Restart
+   // --- Restart, FecRestart.cpp
 
    /// What an earlier driver left; before anything else. `fecs` of the state, not its routes.
    void recover( const HwState& state );
@@ -100,27 +116,32 @@ class FecUnit {
    void takeRoutesOutIs( TakeRoutesOut takeRoutesOut ) {
       takeRoutesOut_ = std::move( takeRoutesOut );
    }
+   /// Takes all routes of an earlier driver out of hardware.
+   void takeFoundOutIs( std::function< void() > takeFoundOut ) {
+      takeFoundOut_ = std::move( takeFoundOut );
+   }
+   /// What is requested is held.
+   bool syncing() const { return syncing_; }
    /// All requests have been written: takes over what can be taken over and answers.
    void syncRequested();
-   /// The FEC of an earlier driver that no route needs any more goes.
-   void maybeRelease( HwFec& fec );
+   /// The first route has come into the FEC, or the last one left it.
+   void useChanged( HwFec& fec ) {
+      if ( fec.found ) {
+         reckon( fec );
+         maybeRelease( fec );
+      }
+   }
+   /// No route is left in it that was found there.
+   void foundRoutesGone() { retrySoon(); }
    void addTo( HwState& state ) const;
 
    // --- The switch
 
    /// How many FECs fit; 0: no limit.
    void capacityIs( size_t fecs ) { capacity_ = fecs; }
-   /// Brings the FEC in hardware to what is requested of it now.
-   void sync( Fib::FecId fecId );
-   /// The library has said what of an earlier driver may make room.
-   void offered();
-   /// No route is left that was found in some FEC.
-   void foundRoutesGone() {
-      if ( !waiting_.empty() ) {
-         queueOffers();
-      }
-   }
-   /// Time for what was not possible before.
+   /// An operation on the FEC has its turn.
+   void carryOut( Fib::FecId fecId );
+   /// Tries what was not possible before. Only in the hardware's own turn.
    void retryWaiting();
    /// The FEC behind a hardware id, or null.
    HwFec* fec( U64 hwId ) const;
@@ -132,13 +153,15 @@ class FecUnit {
 
  private:
    class RequestReactor;
+   struct Search;
    struct Way;
 
+   static bool isLabelFec( Fib::FecId fecId );
+   static bool fitsInPlace( const HwFec& fec, const std::vector< Fib::FecVia >& vias );
    void push( Fib::FecId fecId );
+   void sync( Fib::FecId fecId );
    size_t capacity() const;
    bool full() const;
-   size_t staying() const;
-   bool protectsRecovered( const HwFec& fec ) const;
    bool hasRoomFor( Fib::FecId fecId ) const;
    bool ready( const std::vector< Fib::FecVia >& vias ) const;
    void waits( Fib::FecId fecId, UnprogrammedReason reason );
@@ -150,9 +173,15 @@ class FecUnit {
    Ptr< HwFec > adopted( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias,
                          Fib::FecId backup );
    Ptr< HwFec > replaced( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias );
-   void queueOffers();
+   Ptr< HwFec > takenOver( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias );
+   void retrySoon();
    bool makeRoomFor( Fib::FecId fecId );
-   void recoveredIs( const Ptr< HwFec >& fec );
+   void foundIs( HwFec& fec, bool found );
+   void reckon( HwFec& fec );
+   void maybeRelease( HwFec& fec );
+   void clearFound();
+   void countFecs();
+   void backupIs( HwFec& fec, Ptr< HwFec > backup );
    void giveBack( Fib::FecId fecId, const Ptr< HwFec >& fec );
    void contentIs( HwFec& fec, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
    void dependsOn( const HwFec& fec, bool depends );
@@ -161,6 +190,10 @@ class FecUnit {
    bool follow( const HwFec& fec, Way& way, std::string& why ) const;
    bool follow( const Fib::FecVia& via, Way& way, std::string& why ) const;
    bool follow( const std::vector< Fib::FecVia >& vias, Way& way, std::string& why ) const;
+   static bool enter( const void* what, const std::function< std::string() >& name, Way& way,
+                      std::string& why );
+   static void leave( const void* what, const Way& way );
+   bool followTunnel( IntfId intf, Way& way, std::string& why ) const;
    void report( const HwFec& fec );
    AdjHwState stateOf( const HwFec& fec ) const;
    void stateIs( const HwFec& fec, AdjHwState state );
@@ -175,22 +208,22 @@ class FecUnit {
    U64 nextHwId_ = 1;
    Hash< Fib::FecId, Ptr< HwFec > > fecs_;
    Hash< U64, HwFec* > byHwId_;
-   HashSet< Fib::FecId > waiting_; // requested, not possible now
+   Hash< Fib::FecId, U32 > queued_; // operations on each
+   HashSet< Fib::FecId > waiting_;  // requested, not possible now
    /// Which FECs lead into one: by their vias, or as their backup.
    Hash< Fib::FecId, std::set< Fib::FecId > > dependents_;
    Hash< U64, Ptr< HwFec > > recovered_; // of an earlier driver, not taken over
+   size_t staying_ = 0;                  // of these, such as stay
    /// Which of them may have a content, by its hash. Those that were taken over stay listed.
    Hash< U64, std::vector< U64 > > recoveredByContent_;
    TakeRoutesOut takeRoutesOut_;
-   bool offersQueued_ = false;
-   bool mayTakeOut_ = false; // else what can be rewritten in place goes first
+   std::function< void() > takeFoundOut_;
+   bool retryQueued_ = false;
    bool retrying_ = false;
-   bool retryAgain_ = false;
-   bool syncing_ = false; // what is requested is held
+   bool mayTakeOut_ = false; // else what can be rewritten in place goes first
+   bool syncing_ = false;    // what is requested is held
    HashSet< Fib::FecId > held_;
    Hash< Fib::FecId, U64 > backupHint_; // the hardware id that the backup of a matched FEC had
-   Hash< Fib::FecId, std::vector< Fib::FecVia > > foreign_;
-   Hash< IntfId, std::vector< Fib::FecVia > > tunnels_;
    std::unique_ptr< RequestReactor > reactor_;
 };
 

@@ -65,7 +65,7 @@ class HwAdjacency {
    Mpls::Hardware::L2ViaSet vias_;
 };
 
-/// A FEC in hardware, as the hardware's side of its id.
+/// A FEC in hardware, as the hardware's side of its id. FecUnit.h tells what it goes through.
 struct HwFec {
    explicit HwFec( U64 hardwareId ) : hwId( hardwareId ) {}
    HwFec( const HwFec& ) = delete;
@@ -79,19 +79,13 @@ struct HwFec {
    Ptr< HwFec > backup;            ///< what does
    U64 routes = 0;                 ///< that forward into it
    U64 recovered = 0;              ///< of these, what an earlier driver wrote and this one has not
-   bool routesOperate = false;     ///< some of those do something to the label themselves
-   U64 protects = 0;               ///< FECs whose backup it is
+   bool routesOperate = false;     ///< some of those did something to the label themselves
    bool replaced = false;          ///< made of one of an earlier driver that had another content
-
-   void backupIs( Ptr< HwFec > fec ) {
-      if ( backup ) {
-         --backup->protects;
-      }
-      backup = std::move( fec );
-      if ( backup ) {
-         ++backup->protects;
-      }
-   }
+   bool found = false;             ///< of an earlier driver, not taken over
+   bool stays = false;             ///< ... and not to be given to anybody else
+   U64 protects = 0;               ///< FECs whose backup it is
+   U64 protectsFound = 0;          ///< of these, such as were found
+   U64 protectsStaying = 0;        ///< of these, such as stay
 
    void referenceAcquire() const { ++references_; }
    void referenceRelease() const {
@@ -136,6 +130,7 @@ class SwitchVrfStatus : public Entity {
    KEY( VrfId, vrfId )
    COLLECTION( LabelIndexed, Mpls::RouteKey, UnprogrammedReason, refusedRoute )
    COLLECTION( Hash, U64, UnprogrammedReason, refusedAdjacency ) // by the index of the L2 adjacency
+   SET( LabelSet, Mpls::RouteKey, lostRoute ) // into a FEC: the last writing was answered and lost
    ENTITY_END
    // clang-format on
 

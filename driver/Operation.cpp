@@ -12,7 +12,8 @@ void appendText( std::string& out, const Operation& operation ) {
    if ( operation.adjacency ) {
       out += joinText( " adjacency ", operation.adjacency->index() );
    }
-   out += joinText( " version ", operation.version );
+   out += operation.kind == OperationKind::fecChanged ? joinText( " fec ", operation.fecId() )
+                                                      : joinText( " version ", operation.version );
 }
 
 void OperationQueue::pushAdjacency( Operation operation ) {
@@ -46,6 +47,7 @@ Operation OperationQueue::pop() {
       dueAt_.pop();
    }
    readyAt_ = std::max( readyAt_, now() - serviceTimeSeconds_ ) + serviceTimeSeconds_;
+   ++popped_;
    return waiting_.pop();
 }
 

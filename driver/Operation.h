@@ -27,9 +27,9 @@ enum class OperationKind : uint8_t {
    adjacencyRemoved,
    routeWritten,
    routeRemoved,
-   fecChanged,    ///< the version is the FEC id
+   fecChanged,
    syncRequested, ///< all requests of a start have been written
-   fecsOffered,   ///< room may be had from FECs of an earlier driver
+   fecsRetried,   ///< FECs that wait may be possible now
 };
 } // namespace Vel::Driver
 
@@ -46,7 +46,7 @@ struct Vel::EnumNames< Vel::Driver::OperationKind > {
         { Kind::routeRemoved, "routeRemoved" },
         { Kind::fecChanged, "fecChanged" },
         { Kind::syncRequested, "syncRequested" },
-        { Kind::fecsOffered, "fecsOffered" } } };
+        { Kind::fecsRetried, "fecsRetried" } } };
 };
 
 namespace Vel::Driver {
@@ -54,9 +54,15 @@ namespace Vel::Driver {
 struct Operation {
    OperationKind kind = OperationKind::vrfMade;
    VrfId vrfId = 0;
-   U64 version = 0;                ///< of what was written
+   U64 version = 0;                ///< of what was written; for a FEC see `fecId`
    Mpls::RouteKey routeKey{};      ///< of a route
    Ptr< HwAdjacency > adjacency{}; ///< an adjacency, or that of a written route
+
+   /// FECs have no versions; the id takes that place.
+   static Operation ofFec( Fib::FecId fecId ) {
+      return { .kind = OperationKind::fecChanged, .version = fecId.value() };
+   }
+   Fib::FecId fecId() const { return Fib::FecId( version ); }
 };
 static_assert( sizeof( Operation ) == 32, "a million of them may wait" );
 /// "routeWritten vrf 0 routeKey 16001 adjacency 7 version 3"
@@ -116,6 +122,10 @@ class OperationQueue {
 
    size_t size() const { return waiting_.size(); }
    bool empty() const { return waiting_.empty(); }
+   /// How many have been taken out so far: the number of the last one, counted from 1.
+   U64 popped() const { return popped_; }
+   /// The number that the last one to come in will have then.
+   U64 pushed() const { return popped_ + waiting_.size(); }
    void push( Operation operation ) {
       if ( lateness_ ) {
          dueAt_.push( now() + lateness_( now() ) );
@@ -147,6 +157,7 @@ class OperationQueue {
    Ptr< TimerTask > task_;
    double serviceTimeSeconds_;
    double readyAt_ = 0; // of the first operation; with a service time only
+   U64 popped_ = 0;
    ChunkedQueue< Operation > waiting_;
    Lateness lateness_;
    ChunkedQueue< double > dueAt_; // of each operation that waits; with a lateness only

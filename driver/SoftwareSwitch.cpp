@@ -90,11 +90,13 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
    }
    faultTask_->runAfter( settings_.faults.nextChange( now() ) - now() );
    const Ptr< VelHelper::MplsRouteSyncMap > routeSyncMap = fecPlatform.routeSyncMap;
+   status_->resolve_ = fecPlatform.resolve;
    if ( fecPlatform.present() ) {
       fecUnit_ = std::make_unique< FecUnit >( std::move( fecPlatform ), queue_, *status_,
                                               settings_.faults, links_, *scheduler->clock() );
       fecUnit_->capacityIs( settings_.fecCapacity );
       fecUnit_->takeRoutesOutIs( [this]( const HwFec& fec ) { takeRoutesOut( fec ); } );
+      fecUnit_->takeFoundOutIs( [this] { takeFoundRoutesOut(); } );
    }
    forgetEarlierDriver();
    if ( fecUnit_ ) {
@@ -108,6 +110,7 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
 
 SoftwareSwitch::~SoftwareSwitch() {
    status_->queue_ = nullptr;
+   status_->resolve_ = nullptr;
 }
 
 // Which listed keys are an earlier driver's: those of the configuration. The others are the
@@ -225,18 +228,29 @@ void SoftwareSwitch::handleVrfConfig( VrfId vrfId ) {
       makeVrf( vrfId );
    }
    queue_.push( { .kind = OperationKind::vrfMade, .vrfId = vrfId } );
-   if ( const HwVrf* const there = vrf( vrfId );
-        there && there->mplsRouting && !config->mplsRouting() ) {
-      // Of an earlier driver: what is not wanted any more was never wanted of this one.
-      queue_.push( { .kind = OperationKind::mplsRouting, .vrfId = vrfId, .version = 0 } );
+   if ( !fecUnit_ || !fecUnit_->syncing() ) {
+      routingOffUnlessWanted( vrfId );
    }
    watch_.emplace( vrfId, std::make_unique< ConfigWatch >( *config, queue_, status_->breachLog_ ) );
+}
+
+// Of an earlier driver: what is not wanted any more was never wanted of this one. A library that is
+// still starting may not have said what it wants.
+void SoftwareSwitch::routingOffUnlessWanted( VrfId vrfId ) {
+   const HwVrf* const there = vrf( vrfId );
+   const MplsHwVrfConfig* const config = config_->vrfConfig( vrfId );
+   if ( there && there->mplsRouting && config && !config->mplsRouting() ) {
+      queue_.push( { .kind = OperationKind::mplsRouting, .vrfId = vrfId, .version = 0 } );
+   }
 }
 
 void SoftwareSwitch::run() {
    while ( queue_.ready() && !task_->shouldYield() ) {
       carryOut( queue_.pop() );
       task_->workCountInc();
+   }
+   if ( queue_.empty() && !overtaken_.empty() ) {
+      overtaken_.clear();
    }
    queue_.schedule();
 }
@@ -249,15 +263,18 @@ void SoftwareSwitch::carryOut( Operation operation ) {
       return;
    }
    if ( operation.kind == OperationKind::fecChanged ) {
-      fecUnit_->sync( Fib::FecId( operation.version ) );
+      fecUnit_->carryOut( operation.fecId() );
       return;
    }
    if ( operation.kind == OperationKind::syncRequested ) {
       fecUnit_->syncRequested();
+      for ( const auto& [vrfId, vrf] : vrf_ ) {
+         routingOffUnlessWanted( vrfId );
+      }
       return;
    }
-   if ( operation.kind == OperationKind::fecsOffered ) {
-      fecUnit_->offered();
+   if ( operation.kind == OperationKind::fecsRetried ) {
+      fecUnit_->retryWaiting();
       return;
    }
    // Already there when the status is made at once; made again when a VRF went and came back.
@@ -267,7 +284,7 @@ void SoftwareSwitch::carryOut( Operation operation ) {
    case OperationKind::vrfGone:
    case OperationKind::fecChanged:
    case OperationKind::syncRequested:
-   case OperationKind::fecsOffered:
+   case OperationKind::fecsRetried:
       break;
    case OperationKind::mplsRouting:
       // Of several changes in a row the last one counts: a library that starts again says no before
@@ -424,14 +441,12 @@ UnprogrammedReason SoftwareSwitch::routeRefusal( const HwVrf& vrf, const Operati
 
 void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
    const RouteKey key = operation.routeKey;
+   if ( overtaken( key ) ) {
+      return;
+   }
    if ( !settings_.faults.empty() && settings_.faults.forgets( operation, now() ) ) {
       ++status_->forgotten_;
       return;
-   }
-   const MplsHwVrfConfig* const wanted = configOf( vrf );
-   if ( const HwRoute* const there = vrf.route.find( key );
-        there && there->fec && !( wanted && wanted->routeHas( key ) ) ) {
-      return; // it has gone into a FEC meanwhile
    }
    const UnprogrammedReason reason = routeRefusal( vrf, operation );
    if ( reason != UnprogrammedReason::Success ) {
@@ -453,14 +468,14 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
    routeMoved( *route, std::move( operation.adjacency ), nullptr );
    route->version = operation.version;
    status_->routes_ += made;
+   vrf.refused->lostRouteDel( key );
    if ( vrf.status->unprogrammedRouteHas( key ) ) { // by whomever: the configuration holds it
       vrf.status->unprogrammedRouteDel( key );
    }
    vrf.status->routeIs( done );
 }
 
-// A route into a FEC has taken the place of the one with the adjacency; it is not the
-// configuration's to remove.
+// A route that is in a FEC is the helper's, which has overtaken what the configuration wrote.
 void SoftwareSwitch::removeRoute( HwVrf& vrf, RouteKey key ) {
    const HwRoute* const route = vrf.route.find( key );
    if ( route == nullptr || !route->fec ) {
@@ -483,6 +498,13 @@ void SoftwareSwitch::takeRouteOut( HwVrf& vrf, RouteKey key ) {
       --status_->routes_;
       vrf.status->routeDel( key );
    }
+}
+
+// Whether the helper has written the route after the operation that is being carried out was
+// queued.
+bool SoftwareSwitch::overtaken( RouteKey key ) const {
+   const U64* const upTo = overtaken_.find( key );
+   return upTo && queue_.popped() <= *upTo;
 }
 
 void SoftwareSwitch::foundRouteGoes( HwFec& fec ) {
@@ -513,15 +535,27 @@ void SoftwareSwitch::takeRoutesOut( const HwFec& fec ) {
    }
 }
 
+// For a library that wants nothing of before.
+void SoftwareSwitch::takeFoundRoutesOut() {
+   for ( const auto& [vrfId, vrf] : vrf_ ) {
+      for ( const auto& [key, route] : vrf->route ) {
+         if ( recoveredRoute_.has( key ) ) {
+            takeRouteOut( *vrf, key );
+            ++status_->routesStale_;
+         }
+      }
+   }
+   recoveredRoute_.clear();
+}
+
 void SoftwareSwitch::routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec ) {
-   if ( fec ) {
-      ++fec->routes;
+   if ( fec && fec->routes++ == 0 ) {
+      fecUnit_->useChanged( *fec );
    }
    const Ptr< HwFec > left = std::exchange( route.fec, std::move( fec ) );
    route.adjacency = std::move( adjacency );
-   if ( left ) {
-      --left->routes;
-      fecUnit_->maybeRelease( *left );
+   if ( left && --left->routes == 0 ) {
+      fecUnit_->useChanged( *left );
    }
 }
 
@@ -547,6 +581,18 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
    const Ptr< HwFec > fec = fecUnit_ ? fecUnit_->fec( hwFecId ) : nullptr;
    const HwRoute* const before = vrf.route.find( key );
    const bool same = before && fec && before->fec == fec && before->operation == operation;
+   if ( !same && !settings_.faults.empty() &&
+        settings_.faults.forgets( { .kind = OperationKind::routeWritten, .routeKey = key },
+                                  now() ) ) {
+      ++status_->forgotten_;
+      vrf.refused->lostRouteIs( key );
+      return UnprogrammedReason::Success; // as far as the library is told
+   }
+   vrf.refused->lostRouteDel( key );
+   vrf.listedRoute.erase( key ); // if it is listed, then by the library from now on
+   if ( !queue_.empty() ) {
+      overtaken_.set( key, queue_.pushed() );
+   }
    const UnprogrammedReason reason =
       same ? UnprogrammedReason::Success : fecRouteRefusal( vrf, key, fec.get() );
    if ( reason != UnprogrammedReason::Success ) {
@@ -569,6 +615,7 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
    status_->routesAdded_ += made && countedRoute_.insert( key );
    routeMoved( *route, nullptr, fec );
    route->operation = operation;
+   fec->routesOperate |= operation.action != MplsLabelAction::none;
    return UnprogrammedReason::Success;
 }
 
@@ -584,6 +631,7 @@ void SoftwareSwitch::fecRouteDel( VrfId vrfId, RouteKey key ) {
       takeRouteOut( vrf, key );
    }
    status_->routesStale_ += recoveredRoute_.erase( key );
+   vrf.refused->lostRouteDel( key );
    if ( !vrf.listedRoute.has( key ) ) {
       vrf.refused->refusedRouteDel( key );
    }

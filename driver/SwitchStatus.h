@@ -3,8 +3,11 @@
 
 #pragma once
 
+#include <functional>
+
 #include "driver/ConfigWatch.h"
 #include "driver/Operation.h"
+#include "platform/FecTables.h"
 #include "platform/ReadOnly.h"
 
 namespace Vel::Driver {
@@ -26,6 +29,8 @@ class SwitchStatus : public Entity {
    READ_ONLY( U64, routesAdded )      // into FECs, not there before
    READ_ONLY( U64, routesStale )      // of an earlier driver, removed
    COLLECTION( Hash, Fib::FecId, UnprogrammedReason, waitingFec ) // requested and not possible now
+   COLLECTION( Hash, Fib::FecId, Fib::Fec, foreignFec ) // what other agents have made known
+   COLLECTION( Hash, IntfId, Fib::Fec, tunnel )         // ... and their tunnels
    DERIVED( breaches )                // of the contract, by the library
    READ_ONLY( U64, framesForwarded )
    READ_ONLY( U64, framesDropped )
@@ -39,6 +44,10 @@ class SwitchStatus : public Entity {
    std::string name() const override { return "softwareSwitch"; }
    U64 queueLength() const { return queue_ ? queue_->size() : 0; }
    U64 breaches() const { return breachLog_.count(); }
+   /// What hardware with FECs resolves the next hop to by itself, watched or not.
+   NextHopInfo neighbor( const NextHopKey& key ) const {
+      return resolve_ ? resolve_( key.intf, key.addr ) : NextHopInfo();
+   }
 
  private:
    friend class SoftwareSwitch;
@@ -46,6 +55,8 @@ class SwitchStatus : public Entity {
 
    const OperationQueue* queue_; // null once the switch is gone
    BreachLog breachLog_;
+   std::function< NextHopInfo( IntfId, const IpGenAddr& ) >
+      resolve_; // null once the switch is gone
 };
 
 } // namespace Vel::Driver

@@ -455,6 +455,7 @@ void MplsSm::processHwFecIdResponse( Fib::FecId fecId, VrfMplsState& vrfState ) 
    if ( ExternalFecInfo* const info = vrfState.extFecInfo( fecId ) ) {
       info->hwIdIs( in_.hwFecIdResponse->hwFecId( fecId ).hwId ); // withdrawn: 0
       recoveredFecsToOffer_ = true;
+      takeOverRoutes( vrfState, *info );
    }
 }
 
@@ -475,6 +476,7 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
          MPLS_TRACE( 3, "hwId not yet allocated for l3Adj, but route still has hwFecId ",
                      in_.hwFecIdResponse->hwFecId( there->fecId() ),
                      ", so wait until new extFecInfo response is updated" );
+         fecsBeingLeft_.insert( there->fecId() );
          return;
       }
       if ( !route.l2Adj() ) { // else it stays with what it has until then

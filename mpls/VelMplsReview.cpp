@@ -138,11 +138,9 @@ void MplsSm::runReviewVrfsTask() {
 
 void MplsSm::doReviewVrf( const L3::VrfName& vrf ) {
    const Ptr< VrfMplsState > vrfState = mplsState( vrf );
-   if ( !vrfState ) {
-      return;
-   }
-   if ( !vrfState->needReview() ) {
+   if ( !vrfState || !vrfState->needReview() ) {
       MPLS_TRACE( 2, "nothing to be reviewed for vrf ", vrf );
+      maybeTransitionToWaitingForSync( vrf ); // it may have been waiting for what is gone
       return;
    }
    vrfState->vrfReviewCountInc();

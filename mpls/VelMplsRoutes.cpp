@@ -453,6 +453,7 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
    counters_->routesWrittenInc();
    MPLS_TRACE( 3, "prog routeKey ", routeKey, " l2 adj ", l2Adj->index(), " unprogrammed ",
                route.unprogrammed() );
+   recoveredRouteDel( routeKey ); // from here on it is this process's
    config->routeIs( { routeKey, l3Adj.hwL2Adjacency(), route.version() } );
    if ( fecBefore ) {
       deleteRouteKeyFromExtFecInfo( routeKey, *fecBefore );

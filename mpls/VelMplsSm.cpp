@@ -106,6 +106,11 @@ void MplsSm::doInitialize() {
    MPLS_ASSERT( in_.clock, "clock_", name() );
    MPLS_ASSERT( in_.proactiveArpNhSm, "proactiveArpNhSm()", name() );
    clearOutputs();
+   if ( in_.hwFecIdRequest && !mplsNonStopForwardingSupported() ) {
+      // There is nothing to wait for: the hardware layer clears what it held, and answers at once.
+      in_.hwFecIdRequest->startsAfreshIs( true );
+      in_.hwFecIdRequest->syncRequestsReadyIs( true );
+   }
    MPLS_ASSERT( in_.lfibInfo && in_.transitLfib && in_.mplsRoutingInfo && in_.mplsHwConfig,
                 "lfibInfo() && transitLfib() && mplsRoutingInfo() && mplsHwConfig()", name() );
    handleMplsRouting( mplsRoutingEnabled( L3::VrfName::defaultVrf() ) );
@@ -142,11 +147,13 @@ void MplsSm::clearOutputs() {
    }
    if ( in_.hwFecIdRequest ) {
       in_.hwFecIdRequest->syncRequestsReadyIs( false );
+      in_.hwFecIdRequest->startsAfreshIs( false );
       in_.hwFecIdRequest->fecDelAll();
       in_.hwFecIdRequest->fec6DelAll();
       in_.hwFecIdRequest->hwFecIdRequestDelAll();
       in_.hwFecIdRequest->adjSyncIdMapDelAll();
       in_.hwFecIdRequest->mayReplaceDelAll();
+      in_.hwFecIdRequest->mayTakeOverDelAll();
    }
 }
 

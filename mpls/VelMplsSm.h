@@ -85,7 +85,7 @@ class VEL_EXPORT MplsSm : public Entity {
    COLLECTION( Hash, Mpls::Hardware::L2ViaSet, Ptr< Mpls::Hardware::L2Adjacency >, viaSetToHwL2Adj )
    SET( LabelSet, Mpls::RouteKey, mplsIpRouteKey )                           // accepted from the LFIB
    COLLECTION( Hash, Mpls::LfibViaSetKey, double, viaSetAwaited )             // missing or not sane when a route was processed; since when
-   SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // in the sync map, not in the LFIB
+   SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // of the recovered ones: not wanted by the LFIB when it was last looked at
    SET( LabelSet, Mpls::RouteKey, recoveredRoute )                           // in the sync map, not written or removed since
    ATTRIBUTE_DEFAULT( double, maxStaleShare, { 1.0 } )                       // of the recovered routes; more are not dropped unasked
    ATTRIBUTE( bool, staleSweepHeld )                                         // for that reason, until it is approved
@@ -272,13 +272,21 @@ class VEL_EXPORT MplsSm : public Entity {
    friend MplsSmReactors;
 
    void sweepStaleRoutes();
+   void maybeEndSync();
    void settleRecovered( const VrfMplsState* vrfState );
-   void maybeOfferRecoveredFecs( const VrfMplsState* vrfState );
+   void maybeOfferFecs( const VrfMplsState* vrfState );
    bool someFecUnanswered() const;
    void offerRecoveredFecs( const VrfMplsState& vrfState );
+   Fib::FecId fecAwaitedByAll( const VrfMplsState& vrfState, const ExternalFecInfo& info ) const;
+   void offerFecsBeingLeft( const VrfMplsState& vrfState );
+   void withdrawTakeOvers( const VrfMplsState* vrfState );
+   void takeOverRoutes( VrfMplsState& vrfState, ExternalFecInfo& info );
    bool maySweepStaleRoutes();
    bool mayNameRoutes( const L3::VrfName& vrf ) const;
-   double staleShare() const;
+   double staleShare( size_t stale ) const;
+   bool recoveredRouteWanted( Mpls::RouteKey routeKey ) const;
+   void forgetWantedStale();
+   bool enoughCameBack();
    void dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
    void recordAdjSyncIds( const VrfMplsState& vrfState );
    VrfMplsState& vrfStateMake( const L3::VrfName& vrf );
@@ -379,8 +387,10 @@ class VEL_EXPORT MplsSm : public Entity {
 
    const MplsSmInputs in_;
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
-   bool recoveredFecsToOffer_ = false; // what waits for FECs may have changed
-   size_t viaSetsAwaitedLimit_ = 64;   // from where those that nobody uses are looked for
+   bool syncAnswered_ = false;           // in the stage that waits for it
+   bool recoveredFecsToOffer_ = false;   // what waits for FECs may have changed
+   HashSet< Fib::FecId > fecsBeingLeft_; // by routes that wait for another one's answer
+   size_t viaSetsAwaitedLimit_ = 64;     // from where those that nobody uses are looked for
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;
    Ptr< Mpls::LfibTrackingSm > lfibTrackingSm_;

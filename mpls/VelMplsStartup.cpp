@@ -12,15 +12,20 @@
 //    mplsSmNormal <──adjSyncDone, stale routes removed── mplsSmWaitingForSyncResponses
 //
 // Inputs: MplsSmInputSummary::status, MplsRouteSyncMap, LfibStatus::ready, the stage prerequisites'
-// adjSyncDone, the VRF's name and number. Outputs: the request table's adjSyncIdMap, mayReplace and
-// syncRequestsReady; routes that go, through MplsSmHelper.
+// adjSyncDone, the VRF's name and number. Outputs: the request table's adjSyncIdMap, mayReplace,
+// mayTakeOver and syncRequestsReady; routes that go, through MplsSmHelper.
 //
 // Which routes are whose. `recoveredRoute` holds what the process before has programmed and this
-// one has neither written nor removed; `staleRecoveredRoute`, within it, what the LFIB does not
-// hold and the sweep takes out. A route leaves the first with its first writing.
+// one has neither written nor removed. `staleRecoveredRoute` holds those of them that the LFIB was
+// not seen to want: what was missing may come back by more ways than one, so the sweep asks of each
+// once more, and takes out what is not wanted then. A route leaves both with its first writing.
 //
-// Cost: the replay is one look-up a route; a sweep, and each look for what full hardware may take,
-// one walk over what is left in the set.
+// Room in full hardware is the other half of this file: what is left with routes that all wait for
+// another FEC is offered to that one, be it of the process before (`mayReplace`) or of this one
+// (`mayTakeOver`), at a start or later.
+//
+// Cost: the replay is one look-up a route; a sweep one for each route that is stale; each look for
+// what full hardware may take, one walk over the routes of FECs that are being left.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
@@ -89,7 +94,7 @@ void MplsSm::handleMplsRouteSyncMap() {
 }
 
 void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
-   const VrfMplsState* const vrfState = mplsState( vrf );
+   VrfMplsState* const vrfState = mplsState( vrf );
    MPLS_TRACE( 3, "vrf: ", vrf, ", mplsStateExists: ", vrfState != nullptr );
    const size_t routeKeys = vrfState ? vrfState->routeKeyForReviews() : 0;
    const size_t l3Adjs = vrfState ? vrfState->l3AdjForReviews() : 0;
@@ -100,6 +105,7 @@ void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
          3, "Not moving to waitingForSync stage - mplsSmStartupStatus: ", mplsSmStartupStatus_,
          ", routeKeyForReviews(): ", routeKeys, ", vrfMplsState->l3AdjForReviews(): ", l3Adjs,
          ", inputLfibQuiesced: ", quiesced );
+      withdrawTakeOvers( vrfState );
       if ( routeKeys + l3Adjs == 0 ) {
          settleRecovered( vrfState );
       }
@@ -121,48 +127,159 @@ void MplsSm::handleSyncDone() {
                   mplsSmStartupStatus_, ", NOT transitioning to normal stage for VelMplsSm" );
       return;
    }
+   syncAnswered_ = true;
+   maybeEndSync();
+}
+
+// The hardware layer has answered, in the stage that waits for it: the sync ends as soon as hardware
+// can be told what goes, and as much may go.
+void MplsSm::maybeEndSync() {
+   if ( !syncAnswered_ ||
+        mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmWaitingForSyncResponses ) {
+      return;
+   }
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
    recoveredFecsToOffer_ = true;
    if ( recoveredRoutes() != 0 && !mayNameRoutes( vrf ) ) {
       MPLS_TRACE( 3, "recovered routes wait for the name of vrf ", vrf );
       return;
    }
+   forgetWantedStale();
    if ( !maySweepStaleRoutes() ) {
-      maybeOfferRecoveredFecs( mplsState( vrf ) );
+      maybeOfferFecs( mplsState( vrf ) );
       return; // what is stale goes on forwarding
    }
    sweepStaleRoutes();
    in_.hwFecIdRequest->adjSyncIdMapDelAll();
    mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmNormal );
    MPLS_TRACE( 3, "Transitioned to normal stage" );
-   maybeOfferRecoveredFecs( mplsState( vrf ) );
+   maybeOfferFecs( mplsState( vrf ) );
 }
 
 // Nothing is queued: what came back may be enough for a sweep that was held, and what waits for
 // FECs is known.
 void MplsSm::settleRecovered( const VrfMplsState* vrfState ) {
-   if ( staleSweepHeld() && staleShare() <= maxStaleShare() ) {
-      handleSyncDone(); // what was missing has come after all
+   if ( staleSweepHeld() && enoughCameBack() ) {
+      maybeEndSync(); // what was missing has come after all
    }
-   maybeOfferRecoveredFecs( vrfState );
+   maybeOfferFecs( vrfState );
 }
 
-// Hardware that has no room for another FEC could never make the new ones of routes whose old one
-// fills their place. Where all routes that are left in an old FEC wait for new ones, hardware may
-// take it: rewrite it where they wait for the same one, else take it out. Asked once the hardware
-// layer has matched what it could, and nothing is queued.
-void MplsSm::maybeOfferRecoveredFecs( const VrfMplsState* vrfState ) {
-   if ( !recoveredFecsToOffer_ || vrfState == nullptr || !in_.velL3StartupStagePrereqs ||
-        !in_.velL3StartupStagePrereqs->adjSyncDone() || !mayNameRoutes( vrfState->vrfName() ) ||
+// --- Room.
+
+void MplsSm::maybeOfferFecs( const VrfMplsState* vrfState ) {
+   if ( vrfState == nullptr || !in_.hwFecIdRequest ||
         vrfState->routeKeyForReviews() + vrfState->l3AdjForReviews() != 0 ) {
       return;
    }
+   offerFecsBeingLeft( *vrfState );
+   if ( !recoveredFecsToOffer_ ) {
+      return;
+   }
+   if ( recoveredRoutes() == 0 ) {
+      recoveredFecsToOffer_ = false;
+      in_.hwFecIdRequest->mayReplaceDelAll();
+      return;
+   }
+   if ( !syncAnswered_ || !mayNameRoutes( vrfState->vrfName() ) ) {
+      return; // there is more to offer then
+   }
    recoveredFecsToOffer_ = false;
-   if ( recoveredRoutes() != 0 && someFecUnanswered() ) {
+   if ( someFecUnanswered() ) {
       offerRecoveredFecs( *vrfState );
    } else {
       in_.hwFecIdRequest->mayReplaceDelAll();
    }
+}
+
+// The FEC that all routes in this one wait for, where hardware may rewrite it for them in one step:
+// nothing but these routes leads into it, and neither FEC leaves the pop to them. Else none.
+Fib::FecId MplsSm::fecAwaitedByAll( const VrfMplsState& vrfState,
+                                    const ExternalFecInfo& info ) const {
+   if ( info.dependentL3Adjacencys() + info.dependentPrimaryExtFecInfos() != 0 ||
+        info.hwId() == 0 || info.popLabelActionRemoved() ) {
+      return {};
+   }
+   const ExternalFecInfo* awaited = nullptr;
+   for ( const Mpls::RouteKey routeKey : info.dependentRouteKey() ) {
+      const MplsRoute* const route = vrfState.route( routeKey );
+      const L3Adjacency* const l3Adj = route ? route->l3Adj().get() : nullptr;
+      const ExternalFecInfo* const wanted = l3Adj ? l3Adj->extFecInfo().get() : nullptr;
+      if ( wanted == nullptr || wanted->hwId() != 0 || wanted->popLabelActionRemoved() ||
+           ( awaited && awaited != wanted ) ) {
+         return {};
+      }
+      awaited = wanted;
+   }
+   return awaited ? awaited->fecId() : Fib::FecId();
+}
+
+// Hardware that is full of FECs gives a FEC that is awaited the place of the one whose routes await
+// it.
+void MplsSm::offerFecsBeingLeft( const VrfMplsState& vrfState ) {
+   HashSet< Fib::FecId > offered;
+   for ( const auto& [awaited, left] : in_.hwFecIdRequest->mayTakeOver() ) {
+      if ( recoveredFecsToOffer_ && // else none of their routes has been told otherwise
+           fecAwaitedByAll( vrfState, *vrfState.extFecInfo( left ) ) != awaited ) {
+         in_.hwFecIdRequest->mayTakeOverDel( awaited );
+      } else {
+         offered.insert( left );
+      }
+   }
+   for ( const Fib::FecId left : fecsBeingLeft_ ) {
+      const ExternalFecInfo* const info = vrfState.extFecInfo( left );
+      if ( info == nullptr || info->dependentRouteKeys() == 0 ) {
+         fecsBeingLeft_.erase( left );
+         continue;
+      }
+      if ( offered.has( left ) ) {
+         continue;
+      }
+      const Fib::FecId awaited = fecAwaitedByAll( vrfState, *info );
+      if ( awaited != Fib::FecId() && !in_.hwFecIdRequest->mayTakeOverHas( awaited ) ) {
+         MPLS_TRACE( 3, "FecId ", awaited, " may take over the place of ", left );
+         in_.hwFecIdRequest->mayTakeOverIs( awaited, left );
+      }
+   }
+}
+
+// At once: what has been offered and is wanted again, or wanted by nobody any more.
+void MplsSm::withdrawTakeOvers( const VrfMplsState* vrfState ) {
+   if ( !in_.hwFecIdRequest ) {
+      return;
+   }
+   for ( const auto& [awaited, left] : in_.hwFecIdRequest->mayTakeOver() ) {
+      const ExternalFecInfo* const before = vrfState ? vrfState->extFecInfo( left ) : nullptr;
+      const ExternalFecInfo* const next = vrfState ? vrfState->extFecInfo( awaited ) : nullptr;
+      if ( before == nullptr || before->dependentL3Adjacencys() != 0 || next == nullptr ||
+           next->dependentL3Adjacencys() == 0 || next->hwId() != 0 ) {
+         in_.hwFecIdRequest->mayTakeOverDel( awaited );
+         recoveredFecsToOffer_ = true;
+      }
+   }
+}
+
+// The answer is the hardware id of the FEC whose place was offered: hardware has rewritten that one,
+// and its routes with it. They are in the new FEC from now on, also those that have been told
+// meanwhile to go elsewhere.
+void MplsSm::takeOverRoutes( VrfMplsState& vrfState, ExternalFecInfo& info ) {
+   const Fib::FecId left = in_.hwFecIdRequest->mayTakeOver( info.fecId() );
+   ExternalFecInfo* const before = vrfState.extFecInfo( left );
+   if ( before == nullptr || info.hwId() == 0 || before->hwId() != info.hwId() ) {
+      return;
+   }
+   MPLS_TRACE( 3, "FecId ", info.fecId(), " has taken over the routes of ", left );
+   in_.hwFecIdRequest->mayTakeOverDel( info.fecId() );
+   fecsBeingLeft_.insert( info.fecId() );
+   const Ptr< ExternalFecInfo > now = &info;
+   for ( const Mpls::RouteKey routeKey : before->dependentRouteKey() ) {
+      deleteRouteKeyFromExtFecInfo( routeKey, *before );
+      addRouteKeyToExtFecInfo( routeKey, info );
+      if ( MplsRoute* const route = vrfState.route( routeKey ) ) {
+         route->extFecInfoIs( now );
+      }
+   }
+   maybeDeleteExtFecInfo( vrfState, left );
 }
 
 bool MplsSm::someFecUnanswered() const {
@@ -174,6 +291,9 @@ bool MplsSm::someFecUnanswered() const {
    return false;
 }
 
+// At a start also where they wait for several: where all routes that are left in an old FEC wait for
+// new ones, hardware may take it, rewriting it where they wait for the same one, and else taking it
+// out. Asked once the hardware layer has matched what it could, and nothing is queued.
 void MplsSm::offerRecoveredFecs( const VrfMplsState& vrfState ) {
    struct Waiting {
       Fib::FecId fecId; // for this one; for several: none
@@ -207,15 +327,15 @@ void MplsSm::offerRecoveredFecs( const VrfMplsState& vrfState ) {
    }
 }
 
+// --- What is stale.
+
 void MplsSm::maybeSweepNamed( const L3::VrfName& vrf ) {
    if ( !in_.velL3StartupStagePrereqs || !mayNameRoutes( vrf ) ) {
       return;
    }
    recoveredFecsToOffer_ = true;
-   if ( mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmWaitingForSyncResponses &&
-        in_.velL3StartupStagePrereqs->adjSyncDone() ) {
-      handleSyncDone();
-   } else if ( mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmNormal ) {
+   maybeEndSync();
+   if ( mplsSmStartupStatus_ == MplsSmStartupStatus::mplsSmNormal ) {
       sweepStaleRoutes(); // what went while the name was lost
    }
 }
@@ -234,7 +354,7 @@ bool MplsSm::maySweepStaleRoutes() {
       return true;
    }
    const size_t recovered = in_.mplsRouteSyncMap->adjSyncIds();
-   const double share = staleShare();
+   const double share = staleShare( stale );
    staleSweepHeldIs( !( share <= maxStaleShare() ) ); // no number holds as well
    SystemLogHandle& handle = staleSweepHeld() ? staleSweepWaits : staleSweep;
    const std::string text =
@@ -250,11 +370,40 @@ bool MplsSm::maySweepStaleRoutes() {
    return !staleSweepHeld();
 }
 
-double MplsSm::staleShare() const {
+double MplsSm::staleShare( size_t stale ) const {
    const size_t recovered = in_.mplsRouteSyncMap->adjSyncIds();
-   return recovered == 0
-             ? 0
-             : static_cast< double >( staleRecoveredRoutes() ) / static_cast< double >( recovered );
+   return recovered == 0 ? 0 : static_cast< double >( stale ) / static_cast< double >( recovered );
+}
+
+// The question that decides about a recovered route: whether the LFIB has it now, with something
+// that can be forwarded with. A via set that is still to come may be what it has already.
+bool MplsSm::recoveredRouteWanted( Mpls::RouteKey routeKey ) const {
+   const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+   return !!lfibRoute && mplsRoutingEnabled( L3::VrfName::defaultVrf() ) &&
+          routeSupported( lfibRoute ) &&
+          ( in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey ).null() ||
+            lFibViaSetFault( lfibRoute.viaSetKey ).empty() );
+}
+
+void MplsSm::forgetWantedStale() {
+   for ( const Mpls::RouteKey routeKey : staleRecoveredRoute() ) {
+      if ( !recoveredRouteHas( routeKey ) || recoveredRouteWanted( routeKey ) ) {
+         staleRecoveredRouteDel( routeKey );
+      }
+   }
+}
+
+// Whether a sweep that was held may go on. Looks no further than the answer takes.
+bool MplsSm::enoughCameBack() {
+   size_t stale = 0;
+   for ( const Mpls::RouteKey routeKey : staleRecoveredRoute() ) {
+      if ( !recoveredRouteHas( routeKey ) || recoveredRouteWanted( routeKey ) ) {
+         staleRecoveredRouteDel( routeKey );
+      } else if ( !( staleShare( ++stale ) <= maxStaleShare() ) ) {
+         return false;
+      }
+   }
+   return true;
 }
 
 // A recovered route that is not to be forwarded any more, and that this process has not written:
@@ -302,16 +451,15 @@ void MplsSm::approveStaleSweep() {
    MPLS_TRACE_CALL( 2 );
    maxStaleShareIs( 1.0 );
    if ( staleSweepHeld() ) {
-      handleSyncDone();
+      maybeEndSync();
    }
 }
 
 void MplsSm::sweepStaleRoutes() {
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
+   forgetWantedStale();
    for ( const Mpls::RouteKey routeKey : staleRecoveredRoute() ) {
-      if ( !recoveredRouteDel( routeKey ) ) {
-         continue; // written since
-      }
+      recoveredRouteDel( routeKey );
       // The configuration of this process never held it: what is in hardware goes by the helper.
       if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
          unprogramRouteKey( *vrfState, routeKey );

@@ -114,6 +114,7 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
       virtual void onFec6( Fib::FecId ) {}
       virtual void onHwFecIdRequest( Fib::FecId ) {}
       virtual void onMayReplace( AdjSyncId ) {}
+      virtual void onMayTakeOver( Fib::FecId ) {}
       virtual void onSyncRequestsReady() {}
    };
 
@@ -125,6 +126,8 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
    VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
    VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
    COLLECTION( Hash, AdjSyncId, Fib::FecId, mayReplace, onMayReplace ) // all that still forwards there waits for this one; for several: none
+   COLLECTION( Hash, Fib::FecId, Fib::FecId, mayTakeOver, onMayTakeOver ) // the place of this requested one, whose routes all wait for the key's
+   ATTRIBUTE( bool, startsAfresh ) // nothing of the process before is wanted; set before syncRequestsReady
    ATTRIBUTE( bool, syncRequestsReady, onSyncRequestsReady )
    ENTITY_END_IN_SOURCE
    // clang-format on

@@ -379,9 +379,18 @@ TEST( Explain, FecThatHardwareHasNotGot ) {
    otherFamily.settle();
    otherFamily.l3.neighborIs( "fe80::1", 1, 9 );
    otherFamily.viaSetIs( 1, { swapVia( 3, "fe80::1", 1, 100 ) } );
-   otherFamily.expect( "partiallyProgrammed fec 11:1, not answered yet: AdjacencyFull; the route "
-                       "stays in FEC 10:0, waiting for room for another FEC in the hardware",
-                       "refused: AdjacencyFull, a route into FEC 10:0 stays" );
+   otherFamily.expect( "programmed 11:1, hardware id 1" ); // in the place of the one before it
+
+   FecWorld leavesOthers( "fec-capacity 1" );
+   leavesOthers.routeIs( 99, 1 );
+   leavesOthers.settle();
+   leavesOthers.viaSetIs( 9, { swapVia( 9, "10.0.0.1", 1, 200 ) } );
+   leavesOthers.routeIs( label, 9 );
+   leavesOthers.expect(
+      "partiallyProgrammed fec 10:1, not answered yet: AdjacencyFull; the route stays in FEC 10:0, "
+      "waiting for room for another FEC in the hardware, or for the others in FEC 10:0, which is "
+      "still wanted, to leave it",
+      "refused: AdjacencyFull, a route into FEC 10:0 stays" );
 
    FecWorld refused( "refuse label 16" );
    refused.expect( "unprogrammed driver refused: InterfaceNotReady; waits for ",
@@ -445,7 +454,13 @@ TEST( Explain, FecOfAnotherAgent ) {
    world.writer.routeIs( { RouteKey( label ), viaSet.key(), 0 } );
    world.expect( "fec 7:5, of another agent, not there yet; waits for the agent that owns FEC 7:5",
                  "no answer for FEC 7:5 of another agent" );
-   world.hardware->fecUnit()->foreignFecIs( externalFec, { Fib::FecVia() } );
+   Fib::FecVia out;
+   out.nextHop = ip( "10.0.0.77" );
+   out.intf = IntfId::ordinary( 1 );
+   world.hardware->fecUnit()->foreignFecIs( externalFec, { out } );
+   world.expect( "nextHops FEC 7:5 of another agent leads nowhere: next hop 10.0.0.77 on",
+                 "FEC 7:5 of another agent leads nowhere" );
+   world.l3.neighborIs( "10.0.0.77", 1, 77 );
    world.expect( "programmed 7:5, hardware id 1, of another agent" );
    EXPECT_EQ( world.link( "nextHops" ).text, "the other agent's, or the tunnel's" );
    world.hardware->fecUnit()->foreignFecDel( externalFec );

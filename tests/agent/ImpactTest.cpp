@@ -187,6 +187,7 @@ TEST( Impact, TextAndJson ) {
    const Impact impact = made.impact( "", "a" );
    const ImpactQuestion question{ "", "a", "interface a" };
    std::ostringstream out;
+   EXPECT_EQ( labelsText( made.impact( "10.0.0.5", "" ) ), "140 0/1, 150 0/1" );
    EXPECT_TRUE( printText( out, impact, question ) && printJson( out, impact, question ) );
    EXPECT_EQ( out.str(),
               R"(if interface a goes: 1 label loses all ways out, 1 label moves to its backup, )"
@@ -208,8 +209,6 @@ FEC 10:2  0 of 1 way left
 FEC 10:6  0 of 1 way left
 FEC 10:3  moves to its backup, FEC 10:1
 FEC 10:4  1 of 2 ways left, protected by FEC 10:1
-1 label leaves through FEC 3:1 of another agent: taken for untouched
-1 label leaves through tunnels: taken for untouched
 {"nextHop":null,"interface":"a",
 "loseAll":[120],"loseSome":[{"label":110,"left":1,"of":2}],"protected":[{"label":100,"by":6}],
 "l3Adjacencies":{"loseAll":[2,7],"loseSome":[{"index":1,"left":1,"of":2}],)"
@@ -217,7 +216,7 @@ FEC 10:4  1 of 2 ways left, protected by FEC 10:1
 "l2Adjacencies":{"loseAll":[9,10,12,13],"loseSome":[{"index":11,"left":1,"of":2}],"protected":[]},
 "fecs":{"loseAll":["10:2","10:6"],"loseSome":[{"fec":"10:4","left":1,"of":2}],)"
               R"("protected":[{"fec":"10:3","by":"10:1"}]},
-"foreign":[{"fec":"3:1","labels":1}],"tunnelLabels":1}
+"foreign":[],"tunnelLabels":0}
 )" );
 }
 
