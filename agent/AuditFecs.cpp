@@ -162,9 +162,9 @@ void AuditComparison::compareFecReported() {
       found( joinText( "hardware id ", hwId, " is granted, and ", fec_->hwId(), " in use" ) );
    } else if ( refused_ ) {
       found( refusalText() );
-   } else if ( in != fec_ || route_->unprogrammed() ) {
+   } else if ( in != fec_ || !inHardware() ) {
       differ( AuditStage::reported, expected,
-              [&] { return route_->unprogrammed() ? "no route" : into( in ); } );
+              [&] { return inHardware() ? into( in ) : "no route"; } );
    } else if ( const Fib::Fec* const content = isLabelFec( fecId ) ? requested( fecId ) : nullptr;
                content && content->backupFecId != FecId() ) {
       if ( std::string fault = answerFault( content->backupFecId ); !fault.empty() ) {

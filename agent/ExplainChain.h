@@ -80,7 +80,7 @@ class ChainReader {
    /// Whether next hops are somebody else's: of a next-hop group, a tunnel or an external FEC.
    bool isForeign() const;
    bool primariesUsable() const { return viaSet_.null() || viaSet_.usableAsPrimaryVias(); }
-   bool inFec() const { return record_ && record_->extFecInfo() && !record_->unprogrammed(); }
+   bool inFec() const { return record_ && MplsSm::inFecInHardware( *record_ ); }
    /// Still forwards into the FEC of before, until the one that is wanted now is answered.
    bool inOlderFec() const { return inFec() && record_->extFecInfo() != fec_; }
    bool byBackupOnly() const {
