@@ -304,7 +304,7 @@ void AuditComparison::comparePublished() {
       if ( !info || info->statusCode != RouteStatusCode::notProgrammed ) {
          differs( "notProgrammed", publishedText( info ) );
       }
-   } else if ( intent_.kind == IntentKind::forwarded ) {
+   } else if ( intent_.kind == IntentKind::forwarded || byFec() ) {
       if ( !info || info->statusCode != codeInHardware() ) {
          differs( textOf( codeInHardware() ), publishedText( info ) );
       }
@@ -321,24 +321,14 @@ void AuditComparison::comparePublished() {
    }
 }
 
-// Of what is wanted. A FEC that is not as it should be is published with what it has. One without
-// any way out is in hardware all the same, and its labels do not forward.
+// Whether a FEC leads out depends on its backup, and on what hardware says of it: what is published
+// is to be what these come to now.
 RouteStatusCode AuditComparison::codeInHardware() const {
-   size_t vias = intent_.nextHops.size();
-   size_t unresolved = intent_.unresolvedVias;
-   bool guarded = !intent_.fec.backup.empty();
-   if ( const Mpls::Hardware::Adjacency* const published =
-           byFec() && !fecAgrees_ && l3Adj_ ? hwMplsStatus_.adjacency( l3Adj_->index() )
-                                            : nullptr ) {
-      vias = published->vias();
-      unresolved = published->unresolvedVias();
-      guarded = !!l3Adj_->backupAdj();
+   if ( byFec() ) {
+      return sm_.statusCodeOf( *route_ );
    }
-   if ( unresolved == 0 ) {
-      return RouteStatusCode::programmed;
-   }
-   return byFec() && unresolved == vias && !guarded ? RouteStatusCode::notProgrammed
-                                                    : RouteStatusCode::partiallyProgrammed;
+   return intent_.unresolvedVias == 0 ? RouteStatusCode::programmed
+                                      : RouteStatusCode::partiallyProgrammed;
 }
 
 void AuditComparison::comparePublishedAdjacency( const Mpls::Hardware::Route& route ) {

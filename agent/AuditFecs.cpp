@@ -164,9 +164,9 @@ void AuditComparison::compareFecReported() {
       found( refusalText() );
    } else if ( refusals_ && refusals_->lostRouteHas( key_ ) ) {
       differ( AuditStage::reported, expected, [] { return std::string( "the writing is lost" ); } );
-   } else if ( in != fec_ || route_->unprogrammed() ) {
+   } else if ( in != fec_ || !inHardware() ) {
       differ( AuditStage::reported, expected,
-              [&] { return route_->unprogrammed() ? "no route" : into( in ); } );
+              [&] { return inHardware() ? into( in ) : "no route"; } );
    } else if ( const Fib::Fec* const content = isLabelFec( fecId ) ? requested( fecId ) : nullptr;
                content && content->backupFecId != FecId() ) {
       if ( std::string fault = answerFault( content->backupFecId ); !fault.empty() ) {

@@ -582,11 +582,7 @@ ChainLink ChainReader::driver() const {
 // --- Publishing.
 
 RouteStatusCode ChainReader::expectedCode() const {
-   if ( record_ == nullptr || record_->unprogrammed() ) {
-      return RouteStatusCode::notProgrammed;
-   }
-   return hwAdj_ && hwAdj_->unresolvedVias() != 0 ? RouteStatusCode::partiallyProgrammed
-                                                  : RouteStatusCode::programmed;
+   return l3Adj_ == nullptr ? RouteStatusCode::notProgrammed : sm_->statusCodeOf( *record_ );
 }
 
 ChainLink ChainReader::published() const {

@@ -84,7 +84,7 @@ class ChainReader {
    /// Whether next hops are somebody else's: of a next-hop group, a tunnel or an external FEC.
    bool isForeign() const;
    bool primariesUsable() const { return viaSet_.null() || viaSet_.usableAsPrimaryVias(); }
-   bool inFec() const { return record_ && record_->extFecInfo() && !record_->unprogrammed(); }
+   bool inFec() const { return record_ && MplsSm::inFecInHardware( *record_ ); }
    /// The driver has answered the last writing into a FEC, and lost it.
    bool writingLost() const { return refused_ && refused_->lostRouteHas( key_ ); }
    /// Still forwards into the FEC of before, until the one that is wanted now is answered.

@@ -47,7 +47,7 @@ LabelAgent::LabelAgent( LfibPlan plan, LabelAgentSettings settings )
    entityManager_->rootIs( "softwareSwitch", switch_->status() );
    foreignFecs_ = std::make_unique< ForeignFecs >( *switch_, *l3_ );
    if ( Driver::FecUnit* const fecs = switch_->fecUnit() ) {
-      inputs.mplsSmHelper = make< Driver::SwitchHelper >( *switch_, inputs.velL3Status );
+      inputs.mplsSmHelper = make< Driver::SwitchHelper >( *switch_ );
       l3_->onChangeIs( [fecs] { fecs->reportStates(); } );
    }
    mplsSm_ = MplsSmIs( std::move( inputs ) );

@@ -236,7 +236,9 @@ ProgramResult::WaysOut ProgramResult::waysOut( Mpls::LfibViaSetKey viaSetKey ) c
 std::string_view ProgramResult::contradiction( const Found& found ) const {
    if ( found.info == nullptr || found.info->statusCode == RouteStatusCode::notProgrammed ) {
       // A FEC that leads nowhere is in hardware, and forwards nothing.
-      const bool idle = found.fec() && waysOut( found.lfib.viaSetKey ) == WaysOut::none;
+      const bool idle =
+         found.fec() && ( found.inItsFec() ? stateIntoFec( found ) == ProgramState::unprogrammed
+                                           : waysOut( found.lfib.viaSetKey ) == WaysOut::none );
       // What a restart has found goes on forwarding while its new FEC waits for room.
       const bool waits = found.fec() && !fecReason( found ).empty();
       return found.hardware && !idle && !waits

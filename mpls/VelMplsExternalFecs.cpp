@@ -379,7 +379,7 @@ std::string MplsSm::backupWaitReason( const VrfMplsState& vrfState,
 void MplsSm::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {
    MPLS_TRACE( 3, "handleAdjHwState", " fecId ", globalFecId );
    MPLS_RING( "US handleAdjHwState fecId", globalFecId.fecId );
-   const L3::VrfName& vrf = in_.velL3Status->vrfName( globalFecId.vrfId );
+   const L3::VrfName vrf = vrfOfReport( globalFecId.vrfId );
    if ( vrf != L3::VrfName::defaultVrf() ) {
       MPLS_TRACE( 3, "  not default vrf" );
       MPLS_RING( "US   not default vrf" );
@@ -397,19 +397,35 @@ void MplsSm::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {
       MPLS_RING( "US   no ext fec info " );
       return;
    }
+   info->adjStateIs( in_.velL3Status->adjHwStatus()
+                        ? in_.velL3Status->adjHwStatus()->adjHwState( globalFecId )
+                        : AdjHwState::unknown );
+   for ( const Mpls::RouteKey routeKey : info->dependentRouteKey() ) {
+      vrfState->routeKeyForPublishIs( routeKey );
+   }
+   publishRoutesProtectedBy( *vrfState, *info );
+   doMaybeScheduleReview( vrfState->vrfName() );
    const Mpls::LfibViaSetKey viaSetKey = info->lFibViaSetKey();
    if ( viaSetKey.empty() || !vrfState->lFibViaSetToL3AdjHas( viaSetKey ) ) {
       MPLS_TRACE( 3, "  invalid via set key ", viaSetKey );
       MPLS_RING( "US   invalid via set key ", viaSetKey );
       return;
    }
-   info->adjStateIs( in_.velL3Status->adjHwStatus()
-                        ? in_.velL3Status->adjHwStatus()->adjHwState( globalFecId )
-                        : AdjHwState::unknown );
-   L3Adjacency& l3Adj = *vrfState->l3Adjacency( vrfState->lFibViaSetToL3Adj( viaSetKey ) );
-   setHwBackupAdjStatus( *vrfState, l3Adj );
-   in_.lfibHwStatus->viaSetIs( { viaSetKey, l3Adj.index(), l3Adj.unprogrammed(),
-                                 info->adjState() == AdjHwState::backupActive } );
+   for ( L3Adjacency* const l3Adj : info->dependentL3Adjacency() ) { // several may forward into one
+      setHwBackupAdjStatus( *vrfState, *l3Adj );
+      publishViaSetState( *l3Adj );
+   }
+}
+
+// Which way hardware takes by the via set's FEC, where it says so.
+void MplsSm::publishViaSetState( const L3Adjacency& l3Adj ) {
+   const ExternalFecInfo* const info = l3Adj.extFecInfo().get();
+   if ( info && info->adjState() != AdjHwState::unknown ) {
+      in_.lfibHwStatus->viaSetIs( { l3Adj.lFibViaSetKey(), l3Adj.index(), l3Adj.unprogrammed(),
+                                    info->adjState() == AdjHwState::backupActive } );
+   } else {
+      in_.lfibHwStatus->viaSetDel( l3Adj.lFibViaSetKey() );
+   }
 }
 
 } // namespace Vel

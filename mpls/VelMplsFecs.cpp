@@ -9,7 +9,11 @@
 // finds its adjacencies and routes, and its end is the end of the id. An adjacency whose FEC id
 // changes is bound to the new record at once; its routes move when the new one is answered, and the
 // old record goes with the last of them. What changes within a FEC keeps the id, and hardware
-// replaces the content in place.
+// replaces the content in place; but never under a label that means something else: while a label
+// that has left is still in the FEC, or behind a FEC that it protects, new content gets a new id.
+//
+// A number that was given back may be used again while its former FEC is still answered. Such a
+// number is set aside until the answer is withdrawn, so that no answer is taken for another's.
 //
 // Pop. Where a popping adjacency is protected by a popping one, the pop cannot be in the FECs,
 // since a frame would meet it once for the primary and once for the backup's own routes; it
@@ -59,12 +63,33 @@ Fib::FecVia dropVia() {
 
 // --- Identifiers.
 
-U64 MplsSm::fecNumber() {
-   const U64 index = numAllocator_->getNumber();
-   VEL_ASSERT_TEXT( index != NumAllocator::invalidNumber(),
-                    "index != numAllocator()->invalidNumber()",
-                    "FecId range exhausted, Not possible", "VelMplsSm", name() );
-   return index;
+Fib::FecId MplsSm::newFecId( Fib::AdjType type ) {
+   while ( true ) {
+      const U64 index = numAllocator_->getNumber();
+      VEL_ASSERT_TEXT( index != NumAllocator::invalidNumber(),
+                       "index != numAllocator()->invalidNumber()",
+                       "FecId range exhausted, Not possible", "VelMplsSm", name() );
+      const Fib::FecId fecId = Fib::FecId::fecIdForAdjType( type, index );
+      if ( !answered( fecId ) ) {
+         return fecId;
+      }
+      MPLS_TRACE( 3, "FecId ", fecId, " is still answered, set aside" );
+      fecIdSetAsideIs( fecId );
+   }
+}
+
+bool MplsSm::answered( Fib::FecId fecId ) const {
+   return ( in_.hwFecIdResponse && in_.hwFecIdResponse->hwFecIdHas( fecId ) ) ||
+          ( mplsMcastAdjResp_ && mplsMcastAdjResp_->hwFecIdHas( fecId ) );
+}
+
+// Whether anybody requests the id or not: the last answer to its former owner may have gone.
+void MplsSm::maybeReleaseSetAside( Fib::FecId fecId ) {
+   if ( fecIdSetAsideHas( fecId ) && !answered( fecId ) ) {
+      MPLS_TRACE( 3, "FecId ", fecId, " is no longer answered" );
+      fecIdSetAsideDel( fecId );
+      numAllocator_->releaseNumber( fecId.index() );
+   }
 }
 
 Fib::FecId MplsSm::getOrAllocateMplsFecId( Mpls::LfibViaSetKey viaSetKey, VrfMplsState& vrfState,
@@ -75,10 +100,9 @@ Fib::FecId MplsSm::getOrAllocateMplsFecId( Mpls::LfibViaSetKey viaSetKey, VrfMpl
    if ( cached != Fib::FecId() && cached.adjType() == wanted && !newFecIdRequired ) {
       return cached;
    }
-   const U64 index = fecNumber();
-   const Fib::FecId fecId = Fib::FecId::fecIdForAdjType( wanted, index );
+   const Fib::FecId fecId = newFecId( wanted );
    vrfState.lFibViaSetToFecIdIs( viaSetKey, fecId ); // the older one goes with its record
-   MPLS_TRACE_CALL( 8, ": index: ", index, ", fecId: ", fecId );
+   MPLS_TRACE_CALL( 8, ": index: ", fecId.index(), ", fecId: ", fecId );
    return fecId;
 }
 
@@ -90,10 +114,9 @@ Fib::FecId MplsSm::getOrAllocateMplsFecIdPerVia( VrfMplsState& vrfState,
       MPLS_TRACE_CALL( 8, ": cachedFecId: ", cached );
       return cached;
    }
-   const U64 index = fecNumber();
-   const Fib::FecId fecId = Fib::FecId::fecIdForAdjType( Fib::AdjType::mplsMcastViaAdj, index );
+   const Fib::FecId fecId = newFecId( Fib::AdjType::mplsMcastViaAdj );
    vrfState.viaKeyToFecIdIs( via.key, fecId );
-   MPLS_TRACE_CALL( 8, ": index: ", index, ", fecId: ", fecId );
+   MPLS_TRACE_CALL( 8, ": index: ", fecId.index(), ", fecId: ", fecId );
    return fecId;
 }
 
@@ -152,8 +175,9 @@ void MplsSm::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    const bool popRemoved = shouldRemovePop( vrfState, l3Adj );
    Fib::FecId fecId = getFecIdForRequest( l3Adj, *mplsVias, vrfState, popMoves );
    if ( const ExternalFecInfo* const there = vrfState.extFecInfo( fecId );
-        there && there->popLabelActionRemoved() != popRemoved ) {
-      // An earlier adjacency's, which routes are still in.
+        there && ( there->popLabelActionRemoved() != popRemoved ||
+                   rewritesOthers( vrfState, l3Adj, viaSet, *mplsVias, *there ) ) ) {
+      queuePrimariesOf( vrfState, *there ); // which name it as their backup
       fecId = getFecIdForRequest( l3Adj, *mplsVias, vrfState, true );
    }
    if ( fecId.adjType() == Fib::AdjType::nexthopGroupAdj ) {
@@ -161,6 +185,8 @@ void MplsSm::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    }
    const Ptr< ExternalFecInfo > before = l3Adj.extFecInfo();
    const bool backupBefore = before && before->backupExtFecInfo();
+   l3Adj.primaryViasDisabledIs( fecId.adjType() != Fib::AdjType::nexthopGroupAdj &&
+                                !mplsVias->usableAsPrimaryVias() );
    // Before the content, which depends on it; nothing can have been requested of a new one yet.
    extFecInfoMake( vrfState, fecId ).popLabelActionRemovedIs( popRemoved );
    createFecForRequestAndUpdateL3Adj( vrfState, l3Adj, viaSet, *mplsVias, fecId );
@@ -181,6 +207,76 @@ void MplsSm::queuePrimaries( VrfMplsState& vrfState, const L3Adjacency& l3Adj ) 
       MPLS_TRACE( 3, "add l3 adj ", primary, " for review" );
       vrfState.l3AdjForReviewIs( primary );
    }
+}
+
+// The adjacencies whose FECs name this one as their backup.
+void MplsSm::queuePrimariesOf( VrfMplsState& vrfState, const ExternalFecInfo& info ) {
+   for ( const ExternalFecInfo* const primary : info.dependentPrimaryExtFecInfo() ) {
+      for ( const L3Adjacency* const l3Adj : primary->dependentL3Adjacency() ) {
+         MPLS_TRACE( 3, "add l3 adj ", l3Adj->index(), " for review" );
+         vrfState.l3AdjForReviewIs( l3Adj->index() );
+      }
+   }
+}
+
+// Whether the adjacency's FEC would get another content under the wrong labels: under those that
+// forward by it and are not the adjacency's, or not any more; or, where nobody forwards by it now,
+// under those that come before hardware has replaced the content.
+bool MplsSm::rewritesOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                             const Mpls::LfibViaSet& viaSet, const CachedLFibMplsViaColl& mplsVias,
+                             const ExternalFecInfo& info ) const {
+   const Fib::FecId fecId = info.fecId();
+   if ( fecId.adjType() == Fib::AdjType::nexthopGroupAdj ) {
+      return false; // its content is not ours
+   }
+   const Fib::FecId backup =
+      backupFecIdToRequest( vrfState, l3Adj, viaSet, info.popLabelActionRemoved() );
+   const Fib::Fec wanted = fecOf( fecId, mplsVias, info.popLabelActionRemoved(), backup );
+   const Fib::Fec& requested = fecId.adjType() == Fib::AdjType::mplsV6Adj
+                                  ? in_.hwFecIdRequest->fec6( fecId )
+                                  : in_.hwFecIdRequest->fec( fecId );
+   if ( wanted == requested ) {
+      return false;
+   }
+   bool inUse = info.dependentRouteKeys() != 0;
+   for ( const Mpls::RouteKey routeKey : info.dependentRouteKey() ) {
+      const MplsRoute* const route = vrfState.route( routeKey );
+      if ( route->l3Adj().get() != &l3Adj || !stillUses( routeKey, l3Adj ) ) {
+         return true;
+      }
+   }
+   for ( const ExternalFecInfo* const primary : info.dependentPrimaryExtFecInfo() ) {
+      if ( protectsOthers( vrfState, l3Adj, *primary ) ) {
+         return true;
+      }
+      inUse |= primary->dependentRouteKeys() != 0;
+   }
+   return !inUse && info.hwId() != 0;
+}
+
+// Whether labels forward by a primary FEC that the adjacency is, or soon is, no backup of.
+bool MplsSm::protectsOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                             const ExternalFecInfo& primary ) const {
+   const L3Adjacency* protectedAdj = nullptr;
+   for ( const Mpls::RouteKey routeKey : primary.dependentRouteKey() ) {
+      const L3Adjacency* const uses = vrfState.route( routeKey )->l3Adj().get();
+      if ( uses == nullptr || uses->extFecInfo().get() != &primary ||
+           uses->backupAdj().get() != &l3Adj || !stillUses( routeKey, *uses ) ) {
+         return true;
+      }
+      if ( uses != protectedAdj &&
+           in_.transitLfib->lfibViaSet( uses->lFibViaSetKey() ).backupViaSetKey() !=
+              l3Adj.lFibViaSetKey() ) {
+         return true;
+      }
+      protectedAdj = uses;
+   }
+   return false;
+}
+
+// By the LFIB as it is now, which may be ahead of what has been processed.
+bool MplsSm::stillUses( Mpls::RouteKey routeKey, const L3Adjacency& l3Adj ) const {
+   return in_.transitLfib->lfibRoute( routeKey ).viaSetKey == l3Adj.lFibViaSetKey();
 }
 
 // Whether the adjacency's pop has to travel with its routes: when it pops, protects or is
@@ -273,6 +369,9 @@ void MplsSm::createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjace
       l3Adj.payloadTypeIs( first.payloadType );
       MPLS_TRACE( 7, "Set ttlMode and payloadType for pop label action, FEC ID: ", fecId,
                   " ttlMode: ", l3Adj.ttlMode(), " payloadType: ", l3Adj.payloadType() );
+   } else { // of an earlier content
+      l3Adj.ttlModeIs( Mpls::TtlMode::undefined );
+      l3Adj.payloadTypeIs( Mpls::PayloadType::undefined );
    }
    if ( popRemoved ) {
       MPLS_TRACE( 7, "Pop action removed from adjacency, FEC ID: ", fecId,
@@ -330,8 +429,8 @@ Fib::Fec MplsSm::fecOf( Fib::FecId fecId, const CachedLFibMplsViaColl& mplsVias,
 
 // --- Requests.
 
-// The record of a FEC id. A new one takes over what is already answered: another VRF's or an
-// earlier user's request may have brought it.
+// The record of a FEC id. A new one takes over what is already answered, which can only be another
+// agent's FEC: our own ids are new.
 ExternalFecInfo& MplsSm::extFecInfoMake( VrfMplsState& vrfState, Fib::FecId fecId ) {
    if ( ExternalFecInfo* const there = vrfState.extFecInfo( fecId ) ) {
       return *there;
@@ -409,6 +508,7 @@ void MplsSm::bindL3AdjToExtFecInfo( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    if ( info ) {
       info->dependentL3AdjacencyIs( &l3Adj );
    }
+   publishViaSetState( l3Adj );
    if ( before ) {
       before->dependentL3AdjacencyDel( &l3Adj );
       maybeDeleteExtFecInfo( vrfState, before->fecId() );
@@ -418,6 +518,7 @@ void MplsSm::bindL3AdjToExtFecInfo( VrfMplsState& vrfState, L3Adjacency& l3Adj,
 // --- Answers.
 
 void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
+   maybeReleaseSetAside( fecId );
    if ( !in_.hwFecIdRequest || !in_.hwFecIdRequest->hwFecIdRequestHas( fecId ) ) {
       MPLS_TRACE( 3, "no request for fecId ", fecId );
       return;
@@ -445,6 +546,7 @@ void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
          MPLS_TRACE( 7, "add route ", routeKey, " for review" );
          vrfState->routeKeyForReviewIs( routeKey );
       }
+      publishRoutesProtectedBy( *vrfState, *info );
    }
    processHwFecIdResponse( fecId, *vrfState );
    doMaybeScheduleReview( vrf );
@@ -461,12 +563,27 @@ void MplsSm::processHwFecIdResponse( Fib::FecId fecId, VrfMplsState& vrfState ) 
 
 // --- Routes into FECs.
 
+// Whether the adjacency's FEC is what its via set says now. One that is still to be processed, or
+// waits for its backup, may have the content of an earlier via set of that key: of another label.
+bool MplsSm::mayEnter( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const {
+   const bool waits =
+      !l3Adj.backupAwaited().empty() && l3Adj.lFibViaSetKey().viaType() != Mpls::viaTypeExternalFec;
+   return !waits && !isAdjPendingForReview( vrfState, l3Adj.index() );
+}
+
 void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
    const L3::VrfName& vrf = vrfState.vrfName();
    const Mpls::RouteKey routeKey = route.routeKey();
    const Ptr< ExternalFecInfo > info = l3Adj.extFecInfo();
-   if ( !mayNameRoutes( vrf ) ) {
-      routeUnprogrammedIs( route, true ); // what cannot be named cannot be listed; the name comes
+   if ( !in_.routingHwRouteStatus->vrfStatusHas( vrf ) ) {
+      // What is in hardware stays there, the VRF's number brings everything back. What leads
+      // nowhere any more goes at once, and what is not there is not in hardware.
+      if ( route.extFecInfo() && route.extFecInfo()->hwId() == 0 ) {
+         unprogramRouteKey( vrfState, routeKey );
+      }
+      if ( !route.extFecInfo() && !route.l2Adj() ) {
+         routeUnprogrammedIs( route, true );
+      }
       return;
    }
    if ( info->hwId() == 0 ) {
@@ -484,9 +601,17 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
       }
       return;
    }
+   if ( route.extFecInfo() != info && !mayEnter( vrfState, l3Adj ) ) {
+      MPLS_TRACE( 3, "routeKey ", routeKey, " waits until fec ", info->fecId(), " is up to date" );
+      if ( isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
+         vrfState.routeKeyForReviewIs( routeKey );
+      }
+      return; // else the adjacency is processed with its backup, and its routes after it
+   }
    MPLS_TRACE( 3, "Create or update route ", routeKey, " fecId: ", info->fecId() );
    recoveredRouteDel( routeKey ); // from here on it is this process's
    recoveredFecsToOffer_ = true;
+   const bool wasThere = inFecInHardware( route );
    route.unconfirmedWritesInc();
    counters_->routesWrittenInc();
    // A next-hop group does not pop for us.
@@ -495,15 +620,18 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
       info->popLabelActionRemoved() || ( info->fecId().adjType() == Fib::AdjType::nexthopGroupAdj &&
                                          hwAdj.via( 0 ).labelAction == MplsLabelAction::pop );
    const UnprogrammedReason reason = in_.mplsSmHelper->createOrUpdateRoute(
-      vrf, routeKey, info->hwId(), popsHere ? MplsLabelAction::pop : MplsLabelAction::none,
-      l3Adj.payloadType(), l3Adj.ttlMode() );
+      in_.routingHwRouteStatus->vrfStatus( vrf ), routeKey, info->hwId(),
+      popsHere ? MplsLabelAction::pop : MplsLabelAction::none, l3Adj.payloadType(),
+      l3Adj.ttlMode() );
    if ( reason == UnprogrammedReason::Success ) {
       if ( MplsHwVrfStatus* const status = velMplsHwVrfStatusNonConst( vrf ) ) {
          status->unprogrammedRouteDel( routeKey );
       }
-      routeUnprogrammedIs( route, false );
       route.unconfirmedWritesIs( 0 );
       counters_->routesConfirmedInc();
+      if ( !wasThere ) {
+         retrySoon( vrfState ); // where one found room, others may
+      }
    } else {
       MPLS_TRACE( 3, "adding route ", routeKey, " to unprogrammed list, reason ", reason );
       addUnprogrammedRoute( vrfState, routeKey, UnprogrammedReason::RouteFull );
@@ -517,6 +645,7 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
       addRouteKeyToExtFecInfo( routeKey, *info );
       route.extFecInfoIs( info );
    }
+   judgeRouteIntoFec( vrfState, route );
 }
 
 } // namespace Vel

@@ -1,9 +1,18 @@
-// MplsSm: hardware feedback. What the driver reports, label forwarding switched on and off, and how
-// a route leaves.
+// MplsSm: hardware feedback. What the driver reports, label forwarding switched on and off, the
+// VRF's number, and how a route leaves.
+//
+// Numbers. The VRF's state remembers the number under which things are written. While the number is
+// lost, nothing is written, and what goes is taken out under the remembered one at once. When the
+// VRF has another number, everything goes under the former one before it is written anew. All
+// configuration is the default VRF's: a report for a number that has any is about it, whatever that
+// number is called by now.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
 #include "platform/SystemLog.h"
+
+#include <algorithm>
+#include <utility>
 
 namespace Vel {
 
@@ -34,27 +43,84 @@ SystemLogHandle resourceNormal( {
 } );
 bool resourceFullLogged = false; // a full message waits for its normal one
 
-void logIfAllowed( SystemLogHandle& handle ) {
-   if ( handle.allowed() ) {
-      handle.log();
-   }
-}
-
 void assertDefaultVrf( const L3::VrfName& vrfName ) {
    MPLS_ASSERT( vrfName == L3::VrfName::defaultVrf(), "vrfName == L3::VrfName::defaultVrf()",
                 vrfName.text() );
 }
 
-// The VRF of a report that must not be lost: what is configured is the default VRF's, also while it
-// has lost its name.
-L3::VrfName vrfOf( const MplsHwVrfStatus& status, const MplsSmInputs& inputs ) {
-   const L3::VrfName& named = inputs.velL3Status->vrfName( status.vrfId() );
-   return named.empty() && inputs.mplsHwConfig->vrfConfigHas( status.vrfId() )
+} // namespace
+
+// --- Which VRF, under which number.
+
+L3::VrfName MplsSm::vrfOfReport( VrfId vrfId ) const {
+   return in_.mplsHwConfig && in_.mplsHwConfig->vrfConfigHas( vrfId )
              ? L3::VrfName::defaultVrf()
-             : named;
+             : in_.velL3Status->vrfName( vrfId );
 }
 
-} // namespace
+MplsHwVrfConfig* MplsSm::writtenHwVrfConfig( const VrfMplsState& vrfState ) const {
+   return vrfState.writtenVrfId() == noVrfId
+             ? nullptr
+             : in_.mplsHwConfig->vrfConfig( static_cast< VrfId >( vrfState.writtenVrfId() ) );
+}
+
+MplsHwVrfStatus* MplsSm::writtenHwVrfStatus( const VrfMplsState& vrfState ) const {
+   return vrfState.writtenVrfId() == noVrfId
+             ? nullptr
+             : in_.mplsHwStatus->vrfStatus( static_cast< VrfId >( vrfState.writtenVrfId() ) );
+}
+
+void MplsSm::noteVrfNumber( VrfMplsState& vrfState ) {
+   if ( in_.routingHwRouteStatus->vrfStatusHas( vrfState.vrfName() ) ) {
+      vrfState.writtenVrfIdIs( in_.routingHwRouteStatus->vrfStatus( vrfState.vrfName() ) );
+   }
+}
+
+void MplsSm::handleVrfNumber( const L3::VrfName& vrf ) {
+   MPLS_TRACE_CALL( 3, " vrf ", vrf );
+   if ( vrf == L3::VrfName::defaultVrf() && initialized() &&
+        in_.routingHwRouteStatus->vrfStatusHas( vrf ) ) {
+      leaveFormerNumber( vrf );
+      if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
+         noteVrfNumber( *vrfState );
+      }
+      if ( mplsRoutingEnabled( vrf ) ) {
+         handleMplsRouting( true );
+      }
+   }
+   maybeSweepNamed( vrf );
+}
+
+// What stands under any other number than the VRF's goes: routes, then what they point at, then
+// forwarding.
+void MplsSm::leaveFormerNumber( const L3::VrfName& vrf ) {
+   const VrfId number = in_.routingHwRouteStatus->vrfStatus( vrf );
+   VrfMplsState* const vrfState = mplsState( vrf );
+   if ( vrfState && vrfState->writtenVrfId() != noVrfId && vrfState->writtenVrfId() != number ) {
+      MPLS_TRACE( 3, "vrf ", vrf, " was ", vrfState->writtenVrfId(), " and is ", number );
+      for ( const auto& [routeKey, route] : vrfState->route() ) {
+         unprogramRouteKey( *vrfState, routeKey );
+         routeUnprogrammedIs( *route, true );
+         route->unconfirmedWritesIs( 0 );
+         vrfState->routeKeyForReviewIs( routeKey );
+      }
+      doMaybeScheduleReview( vrf );
+   }
+   for ( const auto& [vrfId, config] : in_.mplsHwConfig->vrfConfig() ) {
+      if ( vrfId != number ) {
+         config->routeDelAll();
+         config->l2AdjacencyDelAll();
+         config->mplsRoutingIs( false );
+      }
+   }
+}
+
+// Under whatever number it is on.
+void MplsSm::switchOffMplsRouting() {
+   for ( const auto& [vrfId, config] : in_.mplsHwConfig->vrfConfig() ) {
+      config->mplsRoutingIs( false );
+   }
+}
 
 // --- Label forwarding switched on and off.
 
@@ -84,15 +150,17 @@ void MplsSm::handleMplsRouting( bool enabled ) {
       }
       doMaybeScheduleReview( vrf );
       doMaybeScheduleReviewOrDeleteVrfState( vrf ); // a state without routes has no review to come
-   } else if ( MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf ) ) {
+   } else {
+      velMplsHwVrfConfig( vrf ); // there from now on, for the driver
       MPLS_TRACE( 3, "mplsRouting disabled in vrf ", vrf );
-      config->mplsRoutingIs( false );
+      switchOffMplsRouting();
    }
 }
 
 void MplsSm::handleHwRoutingEnabled( VrfId vrfId, bool routing ) {
    MPLS_TRACE_CALL( 3, " vrfId ", vrfId, " routing ", routing );
-   if ( !in_.velL3Status->vrfNameHas( vrfId ) ) {
+   if ( !in_.velL3Status->vrfNameHas( vrfId ) ||
+        in_.velL3Status->vrfName( vrfId ) != vrfOfReport( vrfId ) ) {
       MPLS_RING( "Vrf name has not been added yet", vrfId );
       return;
    }
@@ -116,13 +184,6 @@ void MplsSm::handleVrfName( VrfId vrfId ) {
         config && initialized() && mplsRoutingEnabled( vrf ) && !config->mplsRouting() ) {
       handleMplsRouting( true ); // nothing could be written while the VRF had no number
    }
-   if ( VrfMplsState* const vrfState = mplsState( vrf );
-        vrfState && forwardingIntoExternalFecsSupported() ) {
-      for ( const auto& [routeKey, route] : vrfState->route() ) {
-         vrfState->routeKeyForReviewIs( routeKey ); // routes into FECs wait for the name
-      }
-      doMaybeScheduleReview( vrf );
-   }
    maybeSweepNamed( vrf );
    const MplsHwVrfStatus* const status = in_.mplsHwStatus->vrfStatus( vrfId );
    if ( status && status->mplsRouting() ) {
@@ -137,9 +198,72 @@ void MplsSm::handleVrfName( VrfId vrfId ) {
 
 // --- What the driver reports.
 
+// The driver has made the VRF's status. What was refused without it could not be listed.
+void MplsSm::handleHwVrfStatus( VrfId vrfId ) {
+   VrfMplsState* const vrfState = mplsState( vrfOfReport( vrfId ) );
+   if ( vrfState == nullptr ) {
+      return;
+   }
+   countListed( *vrfState );
+   for ( const auto& [routeKey, route] : vrfState->route() ) {
+      if ( route->unprogrammed() && route->extFecInfo() ) {
+         vrfState->routeKeyForReviewIs( routeKey );
+      }
+   }
+   doMaybeScheduleReview( vrfState->vrfName() );
+}
+
+// A VRF's status is gone with what it listed, whose leaving nobody has heard of.
+void MplsSm::handleHwVrfStatusGone() {
+   if ( VrfMplsState* const vrfState = mplsState( L3::VrfName::defaultVrf() ) ) {
+      const bool some = vrfState->numUnprogrammedRoute() != 0;
+      countListed( *vrfState );
+      if ( some && vrfState->numUnprogrammedRoute() == 0 ) {
+         sayResourceNormal();
+      }
+   }
+}
+
+// From the lists themselves; arrivals and departures go on from there.
+void MplsSm::countListed( VrfMplsState& vrfState ) const {
+   U64 routes = 0;
+   U64 adjacencies = 0;
+   for ( const auto& [vrfId, status] : in_.mplsHwStatus->vrfStatus() ) {
+      routes += status->unprogrammedRoutes();
+      adjacencies += status->unprogrammedAdjacencys();
+   }
+   vrfState.numUnprogrammedRouteIs( routes );
+   vrfState.numUnprogrammedAdjIs( adjacencies );
+}
+
+// A full message that may not be said now is owed: the next retry asks again.
+void MplsSm::maybeSayResourceFull() {
+   if ( resourceFullOwed_ && resourceFull.allowed() ) {
+      resourceFull.log();
+      resourceFullLogged = true;
+      resourceFullOwed_ = false;
+   }
+}
+
+// Each full message has its normal one, which its own limit must not swallow.
+void MplsSm::sayResourceNormal() {
+   resourceFullOwed_ = false;
+   if ( std::exchange( resourceFullLogged, false ) ) {
+      resourceNormal.log();
+   }
+}
+
+void MplsSm::retrySoon( VrfMplsState& vrfState ) {
+   if ( vrfState.numUnprogrammedRoute() != 0 ) {
+      MPLS_TRACE( 3, "vrf ", vrfState.vrfName(), " unprogrammedRetryIntervalIs ",
+                  reviewInterval() );
+      vrfState.unprogrammedRetryIntervalIs( reviewInterval() );
+   }
+}
+
 void MplsSm::handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey ) {
    MPLS_TRACE_CALL( 3, " routeKey ", routeKey );
-   const L3::VrfName& vrfName = in_.velL3Status->vrfName( status.vrfId() );
+   const L3::VrfName vrfName = vrfOfReport( status.vrfId() );
    if ( vrfName.empty() ) {
       MPLS_TRACE( 3, "no vrf state for vrfId ", status.vrfId() );
       MPLS_RING( "no vrf state vrfId ", status.vrfId() );
@@ -160,39 +284,34 @@ void MplsSm::handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey rout
       counters_->reportsLateInc();
       return;
    }
-   if ( route->extFecInfo() ) {
-      counters_->reportsLateInc(); // of the time before it went into a FEC
+   const MplsHwVrfConfig* const config = in_.mplsHwConfig->vrfConfig( status.vrfId() );
+   if ( config == nullptr || config->route( routeKey ) != *reported ) {
+      MPLS_TRACE( 3, "not of what is configured now" );
+      counters_->reportsLateInc();
       return;
    }
    counters_->routesConfirmedInc();
-   if ( reported->version < route->version() ) {
-      counters_->reportsLateInc();
-   } else {
-      route->unconfirmedWritesIs( 0 );
-   }
+   route->unconfirmedWritesIs( 0 );
    routeUnprogrammedIs( *route, false );
    MPLS_TRACE( 8, "add routeKey ", routeKey, " for review" );
    vrfState->routeKeyForPublishIs( routeKey );
    doMaybeScheduleReview( vrfName );
-   if ( vrfState->numUnprogrammedRoute() != 0 ) {
-      // Where one found room, others may.
-      MPLS_TRACE( 3, "vrf ", vrfName, " unprogrammedRetryIntervalIs ", reviewInterval() );
-      vrfState->unprogrammedRetryIntervalIs( reviewInterval() );
-   }
+   retrySoon( *vrfState ); // where one found room, others may
 }
 
 void MplsSm::handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey ) {
    MPLS_TRACE_CALL( 3, " routeKey ", routeKey );
-   const L3::VrfName vrfName = vrfOf( status, in_ );
+   const L3::VrfName vrfName = vrfOfReport( status.vrfId() );
    assertDefaultVrf( vrfName );
    VrfMplsState* const vrfState = mplsState( vrfName );
    MplsRoute* const route = vrfState ? vrfState->route( routeKey ) : nullptr;
+   const bool unprogrammed = status.unprogrammedRouteHas( routeKey );
    if ( route == nullptr ) {
       MPLS_TRACE( 3, "no vrf state or routeKey" );
-      counters_->reportsLateInc();
+      counters_->reportsLateInc( unprogrammed );
+      status.unprogrammedRouteDel( routeKey ); // nobody would; it has not been counted
       return;
    }
-   const bool unprogrammed = status.unprogrammedRouteHas( routeKey );
    if ( unprogrammed ) {
       MPLS_TRACE( 3, "routeKey ", routeKey, " not programmed in  vrf ", vrfName );
       vrfState->unprogrammedRetryIntervalIs( defaultUnprogrammedRetryInterval() );
@@ -200,7 +319,14 @@ void MplsSm::handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey ro
       MPLS_TRACE( 3, "routeKey ", routeKey, " removed from unprog collection in vrf ", vrfName );
    }
    counters_->routesRefusedInc( unprogrammed );
-   routeUnprogrammedIs( *route, unprogrammed );
+   const bool former = &status != writtenHwVrfStatus( *vrfState );
+   if ( !former ) {
+      // To leave the list is not to be in hardware: that is for `route` to say.
+      const MplsHwVrfConfig* const config = in_.mplsHwConfig->vrfConfig( status.vrfId() );
+      routeUnprogrammedIs( *route, unprogrammed || config == nullptr ||
+                                      !config->routeHas( routeKey ) ||
+                                      !status.routeHas( routeKey ) );
+   }
    vrfState->routeKeyForPublishIs( routeKey );
    const U64 preUnprogrammed = vrfState->numUnprogrammedRoute();
    const UnprogrammedReason reason = status.unprogrammedReason();
@@ -209,27 +335,27 @@ void MplsSm::handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey ro
    if ( preUnprogrammed == 0 ) {
       if ( reason == UnprogrammedReason::AdjacencyFull ||
            reason == UnprogrammedReason::RouteFull ) {
-         logIfAllowed( resourceFull );
-         resourceFullLogged = true;
+         resourceFullOwed_ = !resourceFullLogged;
+         maybeSayResourceFull();
       }
       MPLS_TRACE( 2, "Schedule review for unprog routes, reason ", reason );
    } else if ( preUnprogrammed == 1 && !unprogrammed ) {
-      if ( resourceFullLogged ) {
-         logIfAllowed( resourceNormal );
-         resourceFullLogged = false;
-      }
+      sayResourceNormal();
       status.unprogrammedReasonIs( UnprogrammedReason::Success );
       MPLS_TRACE( 3, "Resource-Normal" );
    }
    vrfState->numUnprogrammedRouteIs( unprogrammed ? preUnprogrammed + 1 : preUnprogrammed - 1 );
    doMaybeScheduleReview( vrfName );
+   if ( unprogrammed && former ) {
+      status.unprogrammedRouteDel( routeKey ); // there is nothing to try again there
+   }
 }
 
 void MplsSm::handleUnprogrammedAdj( MplsHwVrfStatus& status,
                                     const Ptr< Mpls::Hardware::L2Adjacency >& adjacency ) {
    const U64 id = adjacency->index();
    MPLS_TRACE_CALL( 3, " adjacency ", id );
-   const L3::VrfName vrfName = vrfOf( status, in_ );
+   const L3::VrfName vrfName = vrfOfReport( status.vrfId() );
    assertDefaultVrf( vrfName );
    VrfMplsState* const vrfState = mplsState( vrfName );
    if ( vrfState == nullptr ) {
@@ -257,11 +383,9 @@ void MplsSm::handleUnprogrammedAdj( MplsHwVrfStatus& status,
       } else {
          vrfState->numUnprogrammedAdjIs( vrfState->numUnprogrammedAdj() - 1 );
       }
-      const MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrfName );
-      if ( vrfState->numUnprogrammedRoute() != 0 && config && config->mplsRouting() &&
-           config->l2AdjacencyHas( adjacency ) ) {
-         MPLS_TRACE( 3, "vrf ", vrfName, " unprogrammedRetryIntervalIs ", reviewInterval() );
-         vrfState->unprogrammedRetryIntervalIs( reviewInterval() );
+      const MplsHwVrfConfig* const config = in_.mplsHwConfig->vrfConfig( status.vrfId() );
+      if ( config && config->mplsRouting() && config->l2AdjacencyHas( adjacency ) ) {
+         retrySoon( *vrfState );
       }
    }
    doMaybeScheduleReview( vrfName );
@@ -273,10 +397,12 @@ void MplsSm::unprogramRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey 
    const L3::VrfName& vrf = vrfState.vrfName();
    MPLS_TRACE_CALL( 3, " vrf ", vrf, " routeKey ", routeKey );
    MPLS_RING( "unprogram routeKey from vrf ", routeKey );
-   if ( MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf ) ) {
-      config->routeDel( routeKey );
+   MplsHwVrfConfig* const config = writtenHwVrfConfig( vrfState );
+   if ( config && config->routeDel( routeKey ) && forwardingIntoExternalFecsSupported() ) {
+      // The driver may not have come to take it out of the FEC that it was in before.
+      deleteRouteIntoFec( vrf, routeKey );
    }
-   if ( MplsHwVrfStatus* const status = velMplsHwVrfStatusNonConst( vrf ) ) {
+   if ( MplsHwVrfStatus* const status = writtenHwVrfStatus( vrfState ) ) {
       status->unprogrammedRouteDel( routeKey );
    }
    unprogramRouteIntoFec( vrfState, routeKey );
@@ -294,7 +420,16 @@ void MplsSm::unprogramRouteIntoFec( const VrfMplsState& vrfState, Mpls::RouteKey
    if ( MplsHwVrfStatus* const status = velMplsHwVrfStatusNonConst( fecVrf ) ) {
       status->unprogrammedRouteDel( routeKey );
    }
-   in_.mplsSmHelper->deleteRoute( vrfState.vrfName(), routeKey );
+   deleteRouteIntoFec( vrfState.vrfName(), routeKey );
+}
+
+void MplsSm::deleteRouteIntoFec( const L3::VrfName& vrf, Mpls::RouteKey routeKey ) {
+   const VrfMplsState* const vrfState = mplsState( vrf );
+   if ( vrfState && vrfState->writtenVrfId() != noVrfId ) {
+      in_.mplsSmHelper->deleteRoute( static_cast< VrfId >( vrfState->writtenVrfId() ), routeKey );
+   } else if ( in_.routingHwRouteStatus->vrfStatusHas( vrf ) ) {
+      in_.mplsSmHelper->deleteRoute( in_.routingHwRouteStatus->vrfStatus( vrf ), routeKey );
+   }
 }
 
 void MplsSm::deleteRouteKeyAndRoute( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
@@ -307,6 +442,7 @@ void MplsSm::deleteRouteKeyAndRoute( VrfMplsState& vrfState, Mpls::RouteKey rout
          l3Adj->routeKeyDel( routeKey );
          vrfState.l3AdjForReviewIs( l3Adj->index() );
       }
+      lastRouteVersion_ = std::max( lastRouteVersion_, route->version() );
    }
    vrfState.routeDel( routeKey );
 }

@@ -176,9 +176,12 @@ void MplsSm::programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Ad
       releaseVias( vrfState, l3Adj );
       return;
    }
-   ProgrammableMplsFecVias vias;
-   for ( const auto& [viaIndex, via] : saneVias.via() ) {
-      vias.viaIs( viaIndex, via );
+   l3Adj.primaryViasDisabledIs( !saneVias.usableAsPrimaryVias() );
+   ProgrammableMplsFecVias vias; // no backup stands in for disabled ones here
+   if ( !l3Adj.primaryViasDisabled() ) {
+      for ( const auto& [viaIndex, via] : saneVias.via() ) {
+         vias.viaIs( viaIndex, via );
+      }
    }
    setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
 }
@@ -225,6 +228,7 @@ void MplsSm::settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
       l3Adj.unprogrammedIs( true );
    }
    hwAdj->unprogrammedIs( l3Adj.unprogrammed() );
+   judgeL3Adj( vrfState, l3Adj );
    for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
       MPLS_TRACE( 8, "add routeKey ", routeKey, " for review" );
       vrfState.routeKeyForReviewIs( routeKey );

@@ -18,6 +18,7 @@ void MplsSm::writeRouteWithMulticast( VrfMplsState& vrfState, MplsRoute& route,
 
 // Without requests there is nothing to answer to.
 void MplsSm::handleMplsMcastHwFecIdResp( Fib::FecId fecId ) {
+   maybeReleaseSetAside( fecId );
    if ( !mplsMcastAdjReq_ || !mplsMcastAdjReq_->fecHas( fecId ) ) {
       MPLS_TRACE( 3, "no request for fecId ", fecId );
    }

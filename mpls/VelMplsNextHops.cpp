@@ -235,7 +235,7 @@ void MplsSm::doDeleteL2Adj( VrfMplsState& vrfState, U64 index ) {
    const Ptr< Mpls::Hardware::L2Adjacency > hwL2Adj = in_.routingHwMplsStatus->l2Adjacency( index );
    vrfState.l2AdjForReviewDel( index ); // work sets never name the dead
    vrfState.l2AdjacencyDel( index );
-   if ( MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrfState.vrfName() ) ) {
+   if ( MplsHwVrfConfig* const config = writtenHwVrfConfig( vrfState ) ) {
       config->l2AdjacencyDel( hwL2Adj );
    }
    in_.routingHwMplsStatus->l2AdjacencyDel( index );

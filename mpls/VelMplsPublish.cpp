@@ -4,7 +4,21 @@
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
 
+#include <algorithm>
+
 namespace Vel {
+
+namespace {
+
+// Which way hardware takes. It says so of FECs that are protected; what it said of one of ours that
+// is not protected any more is of the time before.
+AdjHwState hwStateOf( const ExternalFecInfo& info ) {
+   const bool ours =
+      info.fecId().isA( Fib::AdjType::mplsV4Adj ) || info.fecId().isA( Fib::AdjType::mplsV6Adj );
+   return ours && !info.backupExtFecInfo() ? AdjHwState::unknown : info.adjState();
+}
+
+} // namespace
 
 void MplsSm::runPublishRouteKeysTask() {
    bool stopped = false;
@@ -48,7 +62,7 @@ void MplsSm::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    }
    vrfState.routeKeyPublishedInc();
    counters_->routesPublishedInc();
-   const MplsRoute* const route = vrfState.route( routeKey );
+   MplsRoute* const route = vrfState.route( routeKey );
    if ( route == nullptr ) {
       MPLS_TRACE( 3, "unpublish routeKey ", routeKey );
       in_.routingHwMplsStatus->routeDel( routeKey );
@@ -60,21 +74,109 @@ void MplsSm::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       MPLS_TRACE( 3, "not publishing routeKey", routeKey, " since l3 adjacency doesn't exist" );
       return;
    }
+   judgeRouteIntoFec( vrfState, *route );
    MPLS_TRACE( 7, "publish routeKey ", routeKey, " adj ", l3Adj->index(), " unprogrammed ",
                route->unprogrammed() );
    Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj->index() );
    MPLS_ASSERT( hwAdj, "hwAdj", l3Adj->fullName() );
    in_.routingHwMplsStatus->routeIs(
       { routeKey, hwAdj, route->extFecInfo() ? route->extFecInfo()->fecId() : Fib::FecId() } );
-   // A FEC is in hardware whether its vias resolve or not; with none of them, and no backup, the
-   // label does not forward.
-   const U32 unresolved = hwAdj->unresolvedVias();
-   const bool noWayOut = unresolved != 0 && unresolved == hwAdj->vias() && !l3Adj->backupAdj();
-   const Mpls::RouteStatusCode code = route->unprogrammed() || noWayOut
-                                         ? Mpls::RouteStatusCode::notProgrammed
-                                      : unresolved != 0 ? Mpls::RouteStatusCode::partiallyProgrammed
-                                                        : Mpls::RouteStatusCode::programmed;
-   in_.lfibHwStatus->unprogrammedRouteIs( { routeKey, code } );
+   in_.lfibHwStatus->unprogrammedRouteIs( { routeKey, route->unprogrammed()
+                                                         ? Mpls::RouteStatusCode::notProgrammed
+                                                         : statusCodeOf( *route ) } );
+}
+
+// --- Whether frames leave.
+//
+// A route that the driver has in hardware may still have no way out: a FEC is in hardware whether
+// its vias resolve or not, and whether its backup does. A label without any is unprogrammed, one
+// that leaves by part of what the LFIB means, or by an earlier FEC, is partially programmed.
+
+Mpls::RouteStatusCode MplsSm::statusCodeOf( const MplsRoute& route ) const {
+   const WaysOut ways = waysOutOf( route );
+   if ( inFecInHardware( route ) ? ways == WaysOut::none : route.unprogrammed() ) {
+      return Mpls::RouteStatusCode::notProgrammed;
+   }
+   return ways == WaysOut::some ? Mpls::RouteStatusCode::partiallyProgrammed
+                                : Mpls::RouteStatusCode::programmed;
+}
+
+bool MplsSm::inFecInHardware( const MplsRoute& route ) {
+   return route.extFecInfo() && route.unconfirmedWrites() == 0;
+}
+
+MplsSm::WaysOut MplsSm::waysOutOf( const MplsRoute& route ) const {
+   const L3Adjacency& l3Adj = *route.l3Adj();
+   const ExternalFecInfo* const info = route.extFecInfo().get();
+   if ( info == nullptr ) {
+      return route.l2Adj() == l3Adj.l2Adjacency() &&
+                   in_.routingHwMplsStatus->adjacency( l3Adj.index() )->unresolvedVias() == 0
+                ? WaysOut::all
+                : WaysOut::some;
+   }
+   if ( info == l3Adj.extFecInfo().get() ) {
+      return waysOutOf( l3Adj );
+   }
+   return waysOutOf( *info ) == WaysOut::none ? WaysOut::none : WaysOut::some;
+}
+
+// By the adjacency's own FEC, as far as it depends on next hops, on the backup and on links that
+// hardware reports. Where its vias are disabled, the backup is what is meant.
+MplsSm::WaysOut MplsSm::waysOutOf( const L3Adjacency& l3Adj ) const {
+   const ExternalFecInfo* const info = l3Adj.extFecInfo().get();
+   const Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( l3Adj.index() );
+   const AdjHwState hwState = info ? hwStateOf( *info ) : AdjHwState::unknown;
+   if ( hwState == AdjHwState::down ) {
+      return WaysOut::none;
+   }
+   if ( !l3Adj.primaryViasDisabled() && hwAdj.unresolvedVias() != hwAdj.vias() ) {
+      return hwAdj.unresolvedVias() == 0 && hwState != AdjHwState::backupActive ? WaysOut::all
+                                                                                : WaysOut::some;
+   }
+   const ExternalFecInfo* const backup = info ? info->backupExtFecInfo().get() : nullptr;
+   const WaysOut ways = backup ? waysOutOf( *backup ) : WaysOut::none;
+   return l3Adj.primaryViasDisabled() ? ways : std::min( ways, WaysOut::some );
+}
+
+// Protection is one level deep, and with it the recursion.
+MplsSm::WaysOut MplsSm::waysOutOf( const ExternalFecInfo& info ) const {
+   if ( info.hwId() == 0 || hwStateOf( info ) == AdjHwState::down ) {
+      return WaysOut::none;
+   }
+   for ( const L3Adjacency* const l3Adj : info.dependentL3Adjacency() ) {
+      return waysOutOf( *l3Adj ); // all of them have the same
+   }
+   return WaysOut::all; // of an earlier content, whose next hops nobody follows any more
+}
+
+void MplsSm::judgeRouteIntoFec( const VrfMplsState& vrfState, MplsRoute& route ) {
+   if ( !route.extFecInfo() ) {
+      return;
+   }
+   const MplsHwVrfStatus* const status = writtenHwVrfStatus( vrfState );
+   const bool listed = status && status->unprogrammedRouteHas( route.routeKey() );
+   routeUnprogrammedIs( route, listed || !inFecInHardware( route ) ||
+                                  waysOutOf( route ) == WaysOut::none );
+}
+
+// The adjacency has been processed; its own routes are looked at anyway.
+void MplsSm::judgeL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   const auto now = static_cast< U32 >( l3Adj.extFecInfo() ? waysOutOf( l3Adj ) : WaysOut::none );
+   if ( now != l3Adj.waysOut() ) {
+      l3Adj.waysOutIs( now );
+      if ( l3Adj.extFecInfo() ) {
+         publishRoutesProtectedBy( vrfState, *l3Adj.extFecInfo() );
+      }
+   }
+}
+
+// Whether the FEC leads out may be what keeps the labels that it protects forwarding.
+void MplsSm::publishRoutesProtectedBy( VrfMplsState& vrfState, const ExternalFecInfo& info ) {
+   for ( const ExternalFecInfo* const primary : info.dependentPrimaryExtFecInfo() ) {
+      for ( const Mpls::RouteKey routeKey : primary->dependentRouteKey() ) {
+         vrfState.routeKeyForPublishIs( routeKey );
+      }
+   }
 }
 
 } // namespace Vel

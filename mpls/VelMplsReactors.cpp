@@ -28,17 +28,11 @@ class MplsSmReactors::MplsRoutingInfoReactor : public Mpls::RoutingInfo::Reactor
    MplsSm& sm_;
 };
 
-/// The VRF's number may come after its name.
+/// The VRF's number may come after its name, be lost, and be another one.
 class MplsSmReactors::RouteStatusReactor : public Routing::Hardware::RouteStatus::Reactor {
  public:
    explicit RouteStatusReactor( MplsSm& sm ) : sm_( sm ) {}
-   void onVrfStatus( L3::VrfName vrf ) override {
-      if ( vrf == L3::VrfName::defaultVrf() && sm_.initialized() && sm_.mplsRoutingEnabled( vrf ) &&
-           notifier()->vrfStatusHas( vrf ) ) {
-         sm_.handleMplsRouting( true );
-      }
-      sm_.maybeSweepNamed( vrf );
-   }
+   void onVrfStatus( L3::VrfName vrf ) override { sm_.handleVrfNumber( vrf ); }
 
  private:
    MplsSm& sm_;
@@ -235,16 +229,12 @@ void MplsSmReactors::mplsHwVrfStatusIs( MplsHwVrfStatus* status ) {
    const VrfId vrfId = status->vrfId();
    mplsHwVrfStatus_.erase( vrfId );
    mplsHwVrfStatus_.emplace( vrfId, std::make_unique< MplsHwVrfStatusReactor >( sm_, status ) );
+   sm_.handleHwVrfStatus( vrfId );
 }
 
 void MplsSmReactors::mplsHwVrfStatusDel( VrfId vrfId ) {
    mplsHwVrfStatus_.erase( vrfId );
-   // What is still listed there can leave unheard only: it is counted out here.
-   if ( VrfMplsState* const vrfState =
-           sm_.mplsState( sm_.inputs().velL3Status->vrfName( vrfId ) ) ) {
-      vrfState->numUnprogrammedRouteIs( 0 );
-      vrfState->numUnprogrammedAdjIs( 0 );
-   }
+   sm_.handleHwVrfStatusGone();
 }
 
 void MplsSmReactors::mplsHwVrfStatusReconcile() {

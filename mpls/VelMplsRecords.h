@@ -48,6 +48,9 @@ class MplsL2Adjacency;
 /// The time of what has not happened, in seconds of the clock.
 constexpr double neverTime = std::numeric_limits< double >::infinity();
 
+/// The number of a VRF that has none yet; no VRF has it.
+constexpr U64 noVrfId = ~U64{ 0 };
+
 /// Key of a next hop: address and egress interface. An empty interface: found by the route
 /// resolver.
 struct IpAddrIntfId {
@@ -232,6 +235,8 @@ class VEL_EXPORT L3Adjacency : public Entity {
    SET( HashSet, IpAddrIntfId, nextHop )
    ATTRIBUTE( Ptr< Mpls::Hardware::L2Adjacency >, hwL2Adjacency )
    ATTRIBUTE( bool, unprogrammed )
+   ATTRIBUTE( bool, primaryViasDisabled ) // nothing leaves by its own vias
+   ATTRIBUTE( U32, waysOut )              // of its FEC: 0 none, 1 some, 2 all that is meant
    SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
    SET( HashSet, U64, primaryAdj ) // the adjacencies that this one protects
    ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )
@@ -318,6 +323,7 @@ class VEL_EXPORT VrfMplsState : public Entity {
    ENTITY_COLLECTION( Hash, U16, MulticastGroupInfo, multicastGroupInfo )
    ENTITY_COLLECTION( Hash, Mpls::LfibViaSetKey, BackupWait, waitsForBackup )
    COLLECTION( Hash, U32, U16, mcastHwIdToGroup )
+   ATTRIBUTE_DEFAULT( U64, writtenVrfId, { noVrfId } ) // the number under which things are written, also while it is lost
    DERIVED( needReview )
    DERIVED( needReviewForUnprogrammedOnly )
    ENTITY_END_IN_SOURCE

@@ -8,7 +8,7 @@
 //    only unprogrammed routes   ──> the second, after the VRF's retry interval
 //
 // Retry interval of a VRF: 0 until the first retry, then `defaultUnprogrammedRetryInterval`; cut to
-// `reviewInterval` when the driver reports that something found room. The first unprogrammed route
+// `reviewInterval` when something that was not in hardware has found room. The first unprogrammed route
 // after a clean period starts the interval instead of being retried at once.
 
 #include "mpls/VelMplsSm.h"
@@ -71,9 +71,7 @@ void MplsSm::doMaybeScheduleReviewOrDeleteVrfState( const L3::VrfName& vrf ) {
    }
    if ( !mplsRoutingEnabled( vrf ) ) {
       MPLS_TRACE( 3, "disable mplsRouting in vrf ", vrf );
-      if ( MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf ) ) {
-         config->mplsRoutingIs( false );
-      }
+      switchOffMplsRouting();
    }
    if ( vrfState->idle() ) {
       MPLS_TRACE( 3, "delete state for vrf ", vrf );
@@ -234,6 +232,7 @@ void MplsSm::doReviewUnprogrammedRoutes( VrfMplsState& vrfState ) {
    vrfState.unprogrammedRetryIntervalIs( defaultUnprogrammedRetryInterval() );
    MPLS_TRACE( 2, "review unprogrammed routes ", vrfState.numUnprogrammedRoute() );
    vrfState.lastUnprogrammedReviewIs( now );
+   maybeSayResourceFull();
    retryUnprogrammed( vrfState );
    queueForPublishing( vrfState );
 }

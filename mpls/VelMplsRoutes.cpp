@@ -423,6 +423,8 @@ void MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& 
       writeRouteWithFec( vrfState, route, l3Adj );
    } else if ( l3Adj.l2Adjacency() && velMplsHwVrfConfig( vrfState.vrfName() ) ) {
       writeRouteWithL2Adj( vrfState, route, l3Adj );
+   } else if ( route.l2Adj() && route.l2Adj() == l3Adj.l2Adjacency() ) {
+      MPLS_TRACE( 7, "routeKey ", route.routeKey(), " stays until the vrf has its number again" );
    } else {
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
    }
@@ -440,13 +442,19 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
       route.l2AdjIs( l2Adj );
       addRouteKeyToL2Adj( routeKey, *l2Adj );
    }
-   // Before the write: a driver without delay answers within it.
+   // Before the write: a driver without delay answers within it. What is new to the configuration
+   // is to be confirmed, whatever the driver still reports of an earlier writing.
    const MplsHwVrfStatus* const status = velMplsHwVrfStatus( vrf );
-   routeUnprogrammedIs( route, status == nullptr || status->unprogrammedRouteHas( routeKey ) ||
-                                  !status->routeHas( routeKey ) );
    MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf );
+   if ( status == nullptr || status->unprogrammedRouteHas( routeKey ) ||
+        !config->routeHas( routeKey ) ) {
+      routeUnprogrammedIs( route, true );
+   }
    if ( !config->l2AdjacencyHas( l3Adj.hwL2Adjacency() ) ) {
       progHwL2Adj( vrf, l3Adj.hwL2Adjacency() ); // the VRF had no number when it was bound
+   }
+   if ( route.version() == 0 ) { // no report of an earlier life of the label fits
+      route.versionIs( lastRouteVersion_ );
    }
    route.versionInc();
    route.unconfirmedWritesInc();
@@ -480,13 +488,8 @@ void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
    if ( recoveredRouteHas( routeKey ) && !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) {
       dropRecoveredRoute( vrfState.vrfName(), routeKey ); // else it waits for its FEC in hardware
    }
-   const bool outAlready = route.unprogrammed();
-   const double since = route.unprogrammedSince();
-   unprogramRouteKey( vrfState, routeKey ); // off the driver's list, which reads as an arrival
+   unprogramRouteKey( vrfState, routeKey );
    routeUnprogrammedIs( route, true );
-   if ( outAlready ) {
-      route.unprogrammedSinceIs( since );
-   }
    route.unconfirmedWritesIs( 0 );
 }
 

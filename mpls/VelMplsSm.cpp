@@ -42,6 +42,11 @@ Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs ) {
 MplsSm::MplsSm( MplsSmInputs inputs ) : in_( std::move( inputs ) ) {
    MPLS_ASSERT( in_.scheduler && in_.clock, "scheduler() && clock()", name() );
    MPLS_ASSERT( in_.mplsHwStatus && in_.velL3Status, "mplsHwStatus() && velL3Status()", name() );
+   MPLS_ASSERT( in_.lfibHwStatus, "lfibHwStatus()", name() );
+   MPLS_ASSERT( in_.routingHwRouteStatus, "routingHwRouteStatus()", name() );
+   MPLS_ASSERT( in_.routingHwMplsStatus, "routingHwMplsStatus()", name() );
+   MPLS_ASSERT( in_.routeReactorConfig, "routeReactorConfig()", name() );
+   MPLS_ASSERT( in_.route6ReactorConfig, "route6ReactorConfig()", name() );
    if ( in_.entityManager ) {
       mplsMcastAdjReq_ = in_.entityManager->root< FecIdToHwFecIdRequest >( "mplsMcastAdjReq" );
       mplsMcastAdjResp_ = in_.entityManager->root< FecIdToHwFecIdResponse >( "mplsMcastAdjResp" );
@@ -55,6 +60,7 @@ MplsSm::MplsSm( MplsSmInputs inputs ) : in_( std::move( inputs ) ) {
       status->unprogrammedRouteDelAll();
       status->unprogrammedReasonIs( UnprogrammedReason::Success );
    }
+   sayResourceNormal();
    reactors_ = std::make_unique< MplsSmReactors >( *this );
    reactors_->mplsHwVrfStatusReconcile();
    reactors_->adjHwStatusIs();
@@ -113,6 +119,9 @@ void MplsSm::doInitialize() {
    }
    MPLS_ASSERT( in_.lfibInfo && in_.transitLfib && in_.mplsRoutingInfo && in_.mplsHwConfig,
                 "lfibInfo() && transitLfib() && mplsRoutingInfo() && mplsHwConfig()", name() );
+   if ( in_.routingHwRouteStatus->vrfStatusHas( L3::VrfName::defaultVrf() ) ) {
+      leaveFormerNumber( L3::VrfName::defaultVrf() );
+   }
    handleMplsRouting( mplsRoutingEnabled( L3::VrfName::defaultVrf() ) );
    handleNexthopResolutionAllowDefaultRoute();
    numAllocator_ = makeAllocator( 0, maxFecIndex, fecIndexExpirySeconds, in_.clock );
@@ -135,16 +144,12 @@ void MplsSm::clearOutputs() {
          config->l2AdjacencyDelAll();
       }
    }
-   if ( in_.routingHwMplsStatus ) {
-      in_.routingHwMplsStatus->l2AdjacencyDelAll();
-      in_.routingHwMplsStatus->adjacencyDelAll();
-      in_.routingHwMplsStatus->routeDelAll();
-      in_.routingHwMplsStatus->adjacencyBackupStatusDelAll();
-   }
-   if ( in_.lfibHwStatus ) {
-      in_.lfibHwStatus->unprogrammedRouteDelAll();
-      in_.lfibHwStatus->viaSetDelAll();
-   }
+   in_.routingHwMplsStatus->l2AdjacencyDelAll();
+   in_.routingHwMplsStatus->adjacencyDelAll();
+   in_.routingHwMplsStatus->routeDelAll();
+   in_.routingHwMplsStatus->adjacencyBackupStatusDelAll();
+   in_.lfibHwStatus->unprogrammedRouteDelAll();
+   in_.lfibHwStatus->viaSetDelAll();
    if ( in_.hwFecIdRequest ) {
       in_.hwFecIdRequest->syncRequestsReadyIs( false );
       in_.hwFecIdRequest->startsAfreshIs( false );
@@ -211,7 +216,13 @@ bool MplsSm::mplsRoutingEnabled( const L3::VrfName& vrf ) const {
 }
 
 VrfMplsState& MplsSm::vrfStateMake( const L3::VrfName& vrf ) {
-   return *mplsStateIs( vrf );
+   if ( VrfMplsState* const there = mplsState( vrf ) ) {
+      return *there;
+   }
+   VrfMplsState& made = *mplsStateIs( vrf );
+   noteVrfNumber( made );
+   countListed( made );
+   return made;
 }
 
 // A VRF's state goes with everything that names the VRF.

@@ -84,6 +84,7 @@ class VEL_EXPORT MplsSm : public Entity {
    ENTITY_COLLECTION( Hash, L3::VrfName, VrfMplsState, mplsState )
    COLLECTION( Hash, Mpls::Hardware::L2ViaSet, Ptr< Mpls::Hardware::L2Adjacency >, viaSetToHwL2Adj )
    SET( LabelSet, Mpls::RouteKey, mplsIpRouteKey )                           // accepted from the LFIB
+   SET( HashSet, Fib::FecId, fecIdSetAside )                                 // still answered to a former owner; their numbers are in use
    COLLECTION( Hash, Mpls::LfibViaSetKey, double, viaSetAwaited )             // missing or not sane when a route was processed; since when
    SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // of the recovered ones: not wanted by the LFIB when it was last looked at
    SET( LabelSet, Mpls::RouteKey, recoveredRoute )                           // in the sync map, not written or removed since
@@ -199,6 +200,10 @@ class VEL_EXPORT MplsSm : public Entity {
 
    void handleMplsRouting( bool enabled );
    void handleVrfName( VrfId vrfId );
+   /// The VRF's number has come, gone or changed.
+   void handleVrfNumber( const L3::VrfName& vrf );
+   void handleHwVrfStatus( VrfId vrfId );
+   void handleHwVrfStatusGone();
    void handleHwRoutingEnabled( VrfId vrfId, bool routing );
    void handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey );
    void handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey );
@@ -223,6 +228,11 @@ class VEL_EXPORT MplsSm : public Entity {
 
    void runPublishRouteKeysTask();
    void publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+   /// What is to be published of a route that has an L3 adjacency.
+   Mpls::RouteStatusCode statusCodeOf( const MplsRoute& route ) const;
+   /// Whether hardware has the route in the FEC that it is recorded with, which may have no way
+   /// out.
+   static bool inFecInHardware( const MplsRoute& route );
 
    // --- FECs (VelMplsFecs.cpp)
 
@@ -292,6 +302,17 @@ class VEL_EXPORT MplsSm : public Entity {
    VrfMplsState& vrfStateMake( const L3::VrfName& vrf );
    void routeMake( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
    void routeUnprogrammedIs( MplsRoute& route, bool unprogrammed );
+   L3::VrfName vrfOfReport( VrfId vrfId ) const;
+   MplsHwVrfConfig* writtenHwVrfConfig( const VrfMplsState& vrfState ) const;
+   MplsHwVrfStatus* writtenHwVrfStatus( const VrfMplsState& vrfState ) const;
+   void noteVrfNumber( VrfMplsState& vrfState );
+   void leaveFormerNumber( const L3::VrfName& vrf );
+   void switchOffMplsRouting();
+   void countListed( VrfMplsState& vrfState ) const;
+   void maybeSayResourceFull();
+   void sayResourceNormal();
+   void retrySoon( VrfMplsState& vrfState );
+   void deleteRouteIntoFec( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
    void vrfStateDrop( const L3::VrfName& vrf );
    void clearOutputs();
    L3Adjacency& bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
@@ -318,7 +339,16 @@ class VEL_EXPORT MplsSm : public Entity {
                                   const Mpls::LfibViaSet& viaSet,
                                   const CachedLFibMplsViaColl& saneVias );
    void releaseVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   U64 fecNumber();
+   Fib::FecId newFecId( Fib::AdjType type );
+   bool answered( Fib::FecId fecId ) const;
+   void maybeReleaseSetAside( Fib::FecId fecId );
+   bool rewritesOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                        const Mpls::LfibViaSet& viaSet, const CachedLFibMplsViaColl& mplsVias,
+                        const ExternalFecInfo& info ) const;
+   bool protectsOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                        const ExternalFecInfo& primary ) const;
+   bool stillUses( Mpls::RouteKey routeKey, const L3Adjacency& l3Adj ) const;
+   bool mayEnter( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
    Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,
                                   VrfMplsState& vrfState, bool newFecIdRequired );
    Fib::FecId getBackupFecIdForRequest( const Mpls::LfibViaSet& viaSet,
@@ -331,6 +361,7 @@ class VEL_EXPORT MplsSm : public Entity {
    bool shouldRemovePop( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
    bool allPop( const VrfMplsState& vrfState, const L3Adjacency& backup ) const;
    static void queuePrimaries( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
+   static void queuePrimariesOf( VrfMplsState& vrfState, const ExternalFecInfo& info );
    void leaveFecs( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    bool processRemovePopDependencies( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
    void createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
@@ -347,6 +378,7 @@ class VEL_EXPORT MplsSm : public Entity {
    void bindL3AdjToExtFecInfo( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                const Ptr< ExternalFecInfo >& info );
    void processHwFecIdResponse( Fib::FecId fecId, VrfMplsState& vrfState );
+   void publishViaSetState( const L3Adjacency& l3Adj );
    std::string extFecLFibViaSetFault( const Mpls::LfibViaSet& viaSet,
                                       Mpls::LfibExtFecVia& via ) const;
    void processExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
@@ -383,6 +415,13 @@ class VEL_EXPORT MplsSm : public Entity {
    bool retryRoutes( VrfMplsState& vrfState, MplsHwVrfStatus& status );
    void doPublishRouteKeys( VrfMplsState& vrfState );
    void queueForPublishing( VrfMplsState& vrfState );
+   enum class WaysOut { none, some, all };
+   WaysOut waysOutOf( const MplsRoute& route ) const;
+   WaysOut waysOutOf( const L3Adjacency& l3Adj ) const;
+   WaysOut waysOutOf( const ExternalFecInfo& info ) const;
+   void judgeRouteIntoFec( const VrfMplsState& vrfState, MplsRoute& route );
+   void judgeL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   static void publishRoutesProtectedBy( VrfMplsState& vrfState, const ExternalFecInfo& info );
    void runAgainAtOnce( TimerTask& task ) const;
 
    const MplsSmInputs in_;
@@ -391,6 +430,8 @@ class VEL_EXPORT MplsSm : public Entity {
    bool recoveredFecsToOffer_ = false;   // what waits for FECs may have changed
    HashSet< Fib::FecId > fecsBeingLeft_; // by routes that wait for another one's answer
    size_t viaSetsAwaitedLimit_ = 64;     // from where those that nobody uses are looked for
+   U64 lastRouteVersion_ = 0;            // the largest of any route that is gone
+   bool resourceFullOwed_ = false;       // a full message that its limit did not allow
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;
    Ptr< Mpls::LfibTrackingSm > lfibTrackingSm_;

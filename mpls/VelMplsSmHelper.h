@@ -134,7 +134,8 @@ class VEL_EXPORT MplsRouteSyncMap : public Vel::WatchedEntity {
 Ptr< MplsRouteSyncMap > VEL_EXPORT mplsRouteSyncMapFactory();
 
 /// What the platform supplies to label forwarding that is not an entity write. A driver derives
-/// from it.
+/// from it. VRFs are named by the number that their configuration has as well: a route goes under
+/// the number that it was written with, whatever the VRF's number is by then.
 class VEL_EXPORT MplsSmHelper : public Vel::Entity {
  public:
    /// The hardware id that stands for no multicast group.
@@ -145,15 +146,15 @@ class VEL_EXPORT MplsSmHelper : public Vel::Entity {
    virtual U32 maxReplicationSize() const = 0;
    /// Points a route at a hardware FEC. The label action is `pop` where the FEC does not pop
    /// itself.
-   virtual Vel::UnprogrammedReason createOrUpdateRoute( const L3::VrfName& vrf, Mpls::RouteKey key,
+   virtual Vel::UnprogrammedReason createOrUpdateRoute( Vel::VrfId vrfId, Mpls::RouteKey key,
                                                         U64 hwFecId, Vel::MplsLabelAction action,
                                                         Mpls::PayloadType payloadType,
                                                         Mpls::TtlMode ttlMode ) = 0;
    /// Points a route at a multicast group.
-   virtual Vel::UnprogrammedReason updateRoute( const L3::VrfName& vrf, Mpls::RouteKey key,
+   virtual Vel::UnprogrammedReason updateRoute( Vel::VrfId vrfId, Mpls::RouteKey key,
                                                 U32 mcastHwId ) = 0;
    /// Takes a route out of hardware, also one that an earlier process programmed.
-   virtual void deleteRoute( const L3::VrfName& vrf, Mpls::RouteKey key ) = 0;
+   virtual void deleteRoute( Vel::VrfId vrfId, Mpls::RouteKey key ) = 0;
 };
 
 } // namespace VelHelper

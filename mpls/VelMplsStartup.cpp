@@ -418,7 +418,7 @@ void MplsSm::dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey
    }
    recoveredRouteDel( routeKey );
    recoveredFecsToOffer_ = true;
-   in_.mplsSmHelper->deleteRoute( vrf, routeKey );
+   deleteRouteIntoFec( vrf, routeKey );
 }
 
 // What each FEC was before the restart, for the hardware layer to match: the sync id of most of its
@@ -464,7 +464,7 @@ void MplsSm::sweepStaleRoutes() {
       if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
          unprogramRouteKey( *vrfState, routeKey );
       }
-      in_.mplsSmHelper->deleteRoute( vrf, routeKey );
+      deleteRouteIntoFec( vrf, routeKey );
    }
    staleRecoveredRouteDelAll();
 }

@@ -197,7 +197,7 @@ class LabelRig {
             hwConfig, hwStatus, scheduler, settings.hardware, fecs, settings.recovered );
       }
       if ( settings.withFecs ) {
-         helper = make< Driver::SwitchHelper >( *hardware, Ptr< const VelL3Status >( l3Status ) );
+         helper = make< Driver::SwitchHelper >( *hardware );
          inputStatusSm = mplsSmInputStatusSmFactory( syncMap, inputSummary );
          if ( settings.lfibReady ) {
             inputStatusSm->systemLfibReadyIs( true );

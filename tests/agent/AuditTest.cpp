@@ -344,7 +344,7 @@ TEST( Audit, FindsAnswersAndRoutesIntoFecsThatAreOtherwise ) {
    made.publishedIs( 510, [&]( auto& route ) {
       route.adjacency = made.published().route( RouteKey( 310 ) ).adjacency;
    } );
-   made.state().route( RouteKey( 520 ) )->unprogrammedIs( true );
+   made.state().route( RouteKey( 520 ) )->unconfirmedWritesIs( 1 ); // refused
    made.expectLines( { { "300" + reported, "no answer for FEC 11:" },
                        { "310" + reported, ", and 99 in use" },
                        { "400" + published, "partiallyProgrammed / programmed" },

@@ -296,8 +296,9 @@ TEST( Misbehaving, beyondRepairIsABrokenInvariant ) {
    rig.status();
    addRoutes( rig, 1 );
    rig.l3Status->vrfNameIs( 12, L3::VrfName( "red" ) );
-   misbehave( *rig.hwStatus, LabelRig::vrfId, Misbehaviour::listsRoute, key( 16 ) ); // uncounted
    rig.settle();
+   misbehave( *rig.hwStatus, LabelRig::vrfId, Misbehaviour::listsRoute, key( 16 ) );
+   rig.state()->numUnprogrammedRouteIs( 0 ); // as if it had not been counted
    const VelTest::AssertionsThrow throwing;
    const auto condition = [&]( VrfId vrfId, Misbehaviour kind ) -> std::string {
       try {
