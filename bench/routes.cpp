@@ -6,6 +6,11 @@
 //                         notification to the last route that the software switch has confirmed
 //                         and the library has published
 //    BM_...Floor          the same number of writes of the same sizes into bare arrays by label
+//    BM_tableEvent/X      what happens to a table of 1,048,560 routes that is in hardware, to the
+//                         last confirmation: all routes go; all move to other via sets; 1,000 move
+//                         one by one, one a millisecond; one next hop of 512 is lost; a new
+//                         publisher lays out the same table again; the state machine starts with
+//                         the table in the LFIB
 //
 // BM_routeTable prints the ratio to the floor measured in the same run, and the library's bytes a
 // route (published and hardware entities included; what the switch's own tables and the LFIB take
@@ -16,6 +21,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "tests/LabelRig.h"
@@ -224,6 +230,85 @@ void BM_singleRouteFloor( benchmark::State& state ) {
    }
 }
 BENCHMARK( BM_singleRouteFloor )->UseManualTime()->Unit( benchmark::kMicrosecond );
+
+// --- A table in hardware, and what happens to it.
+
+struct TableEvent {
+   void ( *written )( Test::LabelRig& rig, U32 routes, U32 viaSets ); ///< outside the time
+   void ( *timed )( Test::LabelRig& rig, U32 routes, U32 viaSets );
+   U32 routesLeft = 1; ///< for each of the table
+   bool startedBefore = true;
+};
+
+void settleTimed( Test::LabelRig& rig, U32, U32 ) {
+   settle( rig );
+}
+void deleteAll( Test::LabelRig& rig, U32 routes, U32 ) {
+   for ( U32 i = 0; i < routes; ++i ) {
+      rig.routeDel( firstLabel + i );
+   }
+}
+void moveAll( Test::LabelRig& rig, U32 routes, U32 viaSets ) {
+   for ( U32 i = 0; i < routes; ++i ) {
+      rig.routeIs( firstLabel + i, 1 + ( i + 1 ) % viaSets );
+   }
+}
+void moveOneByOne( Test::LabelRig& rig, U32 routes, U32 viaSets ) {
+   for ( U32 i = 0; i < 1'000; ++i ) {
+      const U32 route = i * 997 % routes;
+      rig.routeIs( firstLabel + route, 1 + ( route + 1 + i / 500 ) % viaSets );
+      rig.lfib->poll( 1U << 16 );
+      runUntilIdle( *rig.scheduler, *rig.clock, rig.clock->now() + 0.001, 1U << 30 );
+   }
+   settle( rig );
+}
+void loseNextHop( Test::LabelRig& rig, U32, U32 ) {
+   rig.l3.neighborDel( addressOf( 4 ), 1 + 4 % interfaces );
+}
+void publishAnew( Test::LabelRig& rig, U32 routes, U32 viaSets ) {
+   std::destroy_at( &rig.writer );
+   std::construct_at( &rig.writer, rig.memory, settingsFor( routes, viaSets ).capacities );
+   addViaSets( rig, viaSets );
+   for ( U32 i = 0; i < routes; ++i ) {
+      rig.routeIs( firstLabel + i, 1 + i % viaSets );
+   }
+}
+void start( Test::LabelRig& rig, U32, U32 ) {
+   rig.start();
+   settle( rig );
+}
+void nothing( Test::LabelRig&, U32, U32 ) {}
+
+void BM_tableEvent( benchmark::State& state, TableEvent event ) {
+   const auto routes = static_cast< U32 >( state.range( 0 ) );
+   const auto viaSets = static_cast< U32 >( state.range( 1 ) );
+   for ( auto _ : state ) {
+      Test::RigSettings settings = settingsFor( routes, viaSets );
+      settings.start = event.startedBefore;
+      Test::LabelRig rig( settings );
+      rig.scheduler->maxQueriesPerRunIs( 20'000 );
+      addViaSets( rig, viaSets );
+      for ( U32 i = 0; i < routes; ++i ) {
+         rig.routeIs( firstLabel + i, 1 + i % viaSets );
+      }
+      settle( rig );
+      event.written( rig, routes, viaSets );
+      state.SetIterationTime( secondsOf( [&] { event.timed( rig, routes, viaSets ); } ) );
+      if ( rig.hardware->routes() != routes * event.routesLeft || !rig.scheduler->settled() ) {
+         state.SkipWithError( "the table is not what it should be" );
+         return;
+      }
+   }
+}
+void wholeTable( benchmark::internal::Benchmark* bench ) {
+   bench->Args( { 1'048'560, 1'000 } )->UseManualTime()->Unit( benchmark::kMillisecond );
+}
+BENCHMARK_CAPTURE( BM_tableEvent, deletion, { deleteAll, settleTimed, 0 } )->Apply( wholeTable );
+BENCHMARK_CAPTURE( BM_tableEvent, move, { moveAll, settleTimed } )->Apply( wholeTable );
+BENCHMARK_CAPTURE( BM_tableEvent, churn1000, { nothing, moveOneByOne } )->Apply( wholeTable );
+BENCHMARK_CAPTURE( BM_tableEvent, lostNextHop, { loseNextHop, settleTimed } )->Apply( wholeTable );
+BENCHMARK_CAPTURE( BM_tableEvent, newPublisher, { publishAnew, settleTimed } )->Apply( wholeTable );
+BENCHMARK_CAPTURE( BM_tableEvent, loadedStart, { nothing, start, 1, false } )->Apply( wholeTable );
 
 } // namespace
 } // namespace Vel

@@ -2,12 +2,15 @@
 // that protect others.
 //
 // Protection is one level deep: a backup has no backup, and what has a backup protects nobody. An
-// adjacency whose backup is not fit for it backs off: it is left as it is and waits under the
-// backup's via set key. What makes the backup fit is an event, the processing of its adjacency or a
-// change of its via set, and that event queues those who wait.
+// adjacency whose backup is not fit for it backs off: it is left as it is, with the backup that it
+// had, and waits under the backup's via set key. What makes the backup fit is an event, the
+// processing of its adjacency or a change of its via set, and that event queues those who wait. The
+// wait ends with the adjacency's own via set as well.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
+
+#include <algorithm>
 
 namespace Vel {
 
@@ -32,9 +35,13 @@ bool externalFecIdValid( Fib::FecId fecId ) {
           type != Fib::AdjType::mplsMcastViaAdj;
 }
 
-// The via set that is to protect another; none when it is of a kind that cannot.
+// The via set that is to protect another; none when it is of a kind that cannot, or the same one.
 Mpls::LfibViaSetKey backupKeyOf( const Mpls::LfibViaSet& viaSet ) {
    const Mpls::LfibViaSetKey key = viaSet.backupViaSetKey();
+   if ( key == viaSet.key() ) {
+      MPLS_TRACE( 3, "viaSet idx ", key.index(), " names itself as its backup; going without" );
+      return {};
+   }
    const bool usable =
       key.viaType() == Mpls::viaTypeMplsIp || key.viaType() == Mpls::viaTypeExternalFec;
    if ( key.empty() || ( usable && !key.multicast() ) ) {
@@ -177,7 +184,7 @@ void MplsSm::updateBackupExtInfoForExtFecInfo( VrfMplsState& vrfState, ExternalF
 Ptr< ExternalFecInfo > MplsSm::extFecBackupOf( const VrfMplsState& vrfState,
                                                const ExternalFecInfo& info,
                                                Mpls::LfibViaSetKey viaSetKey ) const {
-   const Mpls::LfibViaSetKey backupKey = in_.transitLfib->lfibViaSet( viaSetKey ).backupViaSetKey();
+   const Mpls::LfibViaSetKey backupKey = backupKeyOf( in_.transitLfib->lfibViaSet( viaSetKey ) );
    if ( backupKey.empty() || !vrfState.lFibViaSetToL3AdjHas( backupKey ) ||
         info.dependentPrimaryExtFecInfos() != 0 ) {
       return nullptr;
@@ -197,58 +204,58 @@ bool MplsSm::validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adja
       return false;
    }
    const Mpls::LfibViaSetKey backupKey = backupKeyOf( viaSet );
-   if ( l3Adj.backupAwaited() != backupKey ) {
-      l3Adj.looksForBackupIs( 0 );
-   }
-   if ( l3Adj.backupAdj() && l3Adj.backupAdj()->lFibViaSetKey() != backupKey ) {
-      deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
-   }
-   stopWaitingForBackup( vrfState, l3Adj );
    if ( backupKey.empty() ) {
+      stopWaitingForBackup( vrfState, l3Adj );
       if ( l3Adj.backupAdj() ) {
          deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
       }
       return true;
    }
+   if ( const BackupAwaits awaits = maybeLinkBackupAdj( vrfState, l3Adj, backupKey );
+        awaits != BackupAwaits::nothing ) {
+      waitForBackup( vrfState, l3Adj, backupKey, awaits );
+      return false;
+   }
+   stopWaitingForBackup( vrfState, l3Adj );
+   setHwBackupAdjStatus( vrfState, l3Adj );
+   return true;
+}
+
+// Links the two where the backup is fit; says what there is to wait for where it is not. The backup
+// that the adjacency has so far protects what is in hardware until then.
+BackupAwaits MplsSm::maybeLinkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                         Mpls::LfibViaSetKey backupKey ) {
    if ( in_.transitLfib->lfibViaSet( backupKey ).null() ) {
       MPLS_TRACE( 3, "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
                   " missing from lfib" );
-      if ( lookAgainForBackup( l3Adj ) ) {
-         vrfState.l3AdjForReviewIs( l3Adj.index() );
-      }
-      waitForBackup( vrfState, l3Adj, backupKey, false );
-      return false;
+      return BackupAwaits::viaSet;
    }
    if ( !vrfState.lFibViaSetToL3AdjHas( backupKey ) ) {
-      if ( l3Adj.primaryAdjs() != 0 && l3Adj.routeKeys() == 0 ) {
-         // Nothing but a backup. With one of its own, via sets that name each other in a circle
-         // would go on making each other's adjacencies after the last route has gone.
+      if ( l3Adj.primaryAdjs() != 0 ) {
+         // With a backup of its own it would be unfit for those that it protects, and they would
+         // keep it so. Via sets that name each other in a circle would even go on making each
+         // other's adjacencies after the last route has gone.
          MPLS_TRACE( 3, alreadyBackup( l3Adj, backupKey ) );
-         waitForBackup( vrfState, l3Adj, backupKey, false );
-         return false;
+         return BackupAwaits::fitness;
       }
       makeBackupAdj( vrfState, l3Adj, backupKey );
-      waitForBackup( vrfState, l3Adj, backupKey, true );
-      return false;
+      return BackupAwaits::review;
    }
    L3Adjacency& backup = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( backupKey ) );
    if ( const std::string fault = backupFault( vrfState, l3Adj, backup ); !fault.empty() ) {
       MPLS_TRACE( 3, fault );
-      waitForBackup( vrfState, l3Adj, backupKey,
-                     vrfState.l3AdjForReviewHas( backup.index() ) && lookAgainForBackup( l3Adj ) );
-      return false;
+      return isAdjPendingForReview( vrfState, backup.index() ) ? BackupAwaits::review
+                                                               : BackupAwaits::fitness;
    }
-   l3Adj.looksForBackupIs( 0 );
-   linkBackupAdj( l3Adj, backup );
-   setHwBackupAdjStatus( vrfState, l3Adj );
-   return true;
+   linkBackupAdj( vrfState, l3Adj, backup );
+   return BackupAwaits::nothing;
 }
 
 // Why the backup cannot protect the adjacency now; empty when it can.
 std::string MplsSm::backupFault( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                                  const L3Adjacency& backup ) const {
    const Mpls::LfibViaSetKey backupKey = backup.lFibViaSetKey();
-   if ( vrfState.l3AdjForReviewHas( backup.index() ) ) {
+   if ( isAdjPendingForReview( vrfState, backup.index() ) ) {
       return joinText( "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
                        " waiting to be reviewed, backing off until reviewed" );
    }
@@ -256,10 +263,7 @@ std::string MplsSm::backupFault( const VrfMplsState& vrfState, const L3Adjacency
       return joinText( "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
                        " has a backup so it can't be used as backup right now" );
    }
-   if ( l3Adj.primaryAdjs() != 0 || &l3Adj == &backup ) {
-      return alreadyBackup( l3Adj, backupKey );
-   }
-   return {};
+   return l3Adj.primaryAdjs() != 0 ? alreadyBackup( l3Adj, backupKey ) : std::string();
 }
 
 void MplsSm::makeBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
@@ -267,16 +271,23 @@ void MplsSm::makeBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    L3Adjacency* const backup = newL3Adjacency( vrfState );
    backup->lFibViaSetKeyIs( backupKey );
    vrfState.lFibViaSetToL3AdjIs( backupKey, backup->index() );
-   linkBackupAdj( l3Adj, *backup );
+   linkBackupAdj( vrfState, l3Adj, *backup );
    setHwBackupAdjStatus( vrfState, l3Adj );
    MPLS_TRACE( 3, "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
                " not yet up for review, kicking off review and backing off" );
    vrfState.l3AdjForReviewIs( backup->index() );
 }
 
-void MplsSm::linkBackupAdj( L3Adjacency& l3Adj, L3Adjacency& backup ) {
+void MplsSm::linkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj, L3Adjacency& backup ) {
+   if ( l3Adj.backupAdj() == &backup ) {
+      return;
+   }
+   if ( l3Adj.backupAdj() ) {
+      deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
+   }
    l3Adj.backupAdjIs( &backup );
    backup.primaryAdjIs( l3Adj.index() );
+   backup.poppingPrimarysInc( l3Adj.labelAction() == MplsLabelAction::pop ? 1 : 0 );
 }
 
 void MplsSm::setHwBackupAdjStatus( VrfMplsState&, L3Adjacency& l3Adj ) {
@@ -291,44 +302,74 @@ void MplsSm::deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency& l3
    MPLS_TRACE( 7, "clear backup adj info for primary adj ", l3Adj.index() );
    if ( L3Adjacency* const backup = l3Adj.backupAdj().get() ) {
       backup->primaryAdjDel( l3Adj.index() );
+      if ( l3Adj.labelAction() == MplsLabelAction::pop ) {
+         backup->poppingPrimarysIs( backup->poppingPrimarys() - 1 );
+      }
       vrfState.l3AdjForReviewIs( backup->index() ); // it goes when nothing else uses it
    }
    in_.routingHwMplsStatus->adjacencyBackupStatusDel( l3Adj.index() );
    l3Adj.backupAdjIs( nullptr );
 }
 
+// The one that protects it counts who pops.
+void MplsSm::labelActionIs( L3Adjacency& l3Adj, MplsLabelAction action ) {
+   if ( L3Adjacency* const backup = l3Adj.backupAdj().get();
+        backup && l3Adj.labelAction() != action ) {
+      const U64 others =
+         backup->poppingPrimarys() - ( l3Adj.labelAction() == MplsLabelAction::pop );
+      backup->poppingPrimarysIs( others + ( action == MplsLabelAction::pop ) );
+   }
+   l3Adj.labelActionIs( action );
+}
+
 // --- Backing off.
 
+// What the adjacency waits for may come with a look again, for a few looks in a row that were no
+// use; then only news brings it back. Adjacencies that wait for each other in a circle would
+// otherwise send each other round for ever.
 void MplsSm::waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                            Mpls::LfibViaSetKey backupKey, bool forReview ) {
-   l3Adj.backupAwaitedIs( backupKey );
-   l3Adj.backupAwaitsReviewIs( forReview );
-   vrfState.waitsForBackupIs( backupKey )->l3AdjacencyIs( l3Adj.index() );
+                            Mpls::LfibViaSetKey backupKey, BackupAwaits awaits ) {
+   AwaitedBackup awaited{ backupKey, awaits, 0 };
+   if ( l3Adj.backupAwaited() == backupKey ) {
+      awaited.looks = l3Adj.awaitedBackup().looks;
+   } else {
+      stopWaitingForBackup( vrfState, l3Adj );
+      vrfState.waitsForBackupIs( backupKey )->l3AdjacencyIs( l3Adj.index() );
+   }
+   if ( awaits == BackupAwaits::viaSet || awaits == BackupAwaits::review ) {
+      awaited.looks = std::min( awaited.looks + 1, maxLooksForBackup + 1 );
+   }
+   l3Adj.awaitedBackupIs( awaited );
+   if ( awaits == BackupAwaits::viaSet && awaited.looks <= maxLooksForBackup ) {
+      vrfState.l3AdjForReviewIs( l3Adj.index() );
+   }
+}
+
+void MplsSm::forgetLooksForBackup( L3Adjacency& l3Adj ) {
+   AwaitedBackup awaited = l3Adj.awaitedBackup();
+   awaited.looks = 0;
+   l3Adj.awaitedBackupIs( awaited );
 }
 
 void MplsSm::stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
-   if ( BackupWait* const wait = vrfState.waitsForBackup( l3Adj.backupAwaited() ) ) {
-      wait->l3AdjacencyDel( l3Adj.index() );
-      if ( wait->l3Adjacencys() == 0 ) {
-         vrfState.waitsForBackupDel( l3Adj.backupAwaited() );
-      }
+   const Mpls::LfibViaSetKey backupKey = l3Adj.backupAwaited();
+   if ( backupKey.empty() ) {
+      return;
    }
-   l3Adj.backupAwaitedIs( {} );
+   BackupWait* const wait = vrfState.waitsForBackup( backupKey );
+   MPLS_ASSERT( wait && wait->l3AdjacencyHas( l3Adj.index() ),
+                "vrfState.waitsForBackup( backupKey )->l3AdjacencyHas( l3Adj.index() )",
+                subject( l3Adj ) );
+   wait->l3AdjacencyDel( l3Adj.index() );
+   if ( wait->l3Adjacencys() == 0 ) {
+      vrfState.waitsForBackupDel( backupKey );
+   }
+   l3Adj.awaitedBackupIs( {} );
 }
 
-// False after a few looks in a row that were no use: then only news of the backup will do.
-// Adjacencies that protect each other in a circle would otherwise send each other round for ever.
-bool MplsSm::lookAgainForBackup( L3Adjacency& l3Adj ) {
-   if ( l3Adj.looksForBackup() == maxLooksForBackup ) {
-      return false;
-   }
-   l3Adj.looksForBackupIs( l3Adj.looksForBackup() + 1 );
-   return true;
-}
-
-// The via set's adjacency has been processed, or the via set has changed. Processing that changes
-// nothing is news only to those who waited for it: two adjacencies that are unfit for each other
-// would otherwise keep each other busy for ever.
+// The via set's adjacency has been processed, or the via set has changed: who waits for that looks
+// again. Processing that changes nothing is news only to those who waited for it: two adjacencies
+// that are unfit for each other would otherwise keep each other busy for ever.
 void MplsSm::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
                                     bool changed, bool fecChanged ) {
    const BackupWait* const wait = vrfState.waitsForBackup( backupKey );
@@ -337,16 +378,17 @@ void MplsSm::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey 
    }
    for ( const U64 index : wait->l3Adjacency() ) {
       L3Adjacency& l3Adj = *vrfState.l3Adjacency( index );
-      if ( l3Adj.lFibViaSetKey().viaType() == Mpls::viaTypeExternalFec ) {
-         if ( fecChanged ) { // an external FEC waits for nothing else
+      if ( l3Adj.awaitedBackup().awaits == BackupAwaits::otherFec ) {
+         if ( fecChanged ) {
             vrfState.l3AdjForReviewIs( index );
          }
          continue;
       }
       if ( changed ) {
-         l3Adj.looksForBackupIs( 0 );
+         forgetLooksForBackup( l3Adj );
       }
-      if ( changed || l3Adj.backupAwaitsReview() ) {
+      if ( changed || ( l3Adj.awaitedBackup().awaits == BackupAwaits::review &&
+                        l3Adj.awaitedBackup().looks <= maxLooksForBackup ) ) {
          MPLS_TRACE( 3, "add l3 adj ", index, " for review" );
          vrfState.l3AdjForReviewIs( index );
       }
@@ -355,10 +397,10 @@ void MplsSm::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey 
 
 std::string MplsSm::backupWaitReason( const VrfMplsState& vrfState,
                                       const L3Adjacency& l3Adj ) const {
-   const Mpls::LfibViaSetKey backupKey = l3Adj.backupAwaited();
-   if ( backupKey.empty() ) {
+   if ( !l3Adj.awaitedBackup().holdsBack() ) {
       return {};
    }
+   const Mpls::LfibViaSetKey backupKey = l3Adj.backupAwaited();
    if ( in_.transitLfib->lfibViaSet( backupKey ).null() ) {
       return joinText( "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
                        " missing from lfib" );

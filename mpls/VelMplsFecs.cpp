@@ -168,11 +168,11 @@ void MplsSm::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    MPLS_TRACE( 7, "LFib via set ", viaSet.key(), " via size ", mplsVias->vias() );
    MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", mplsVias->vias() );
    // What a next-hop group does with the label is the group's to say.
-   l3Adj.labelActionIs( lFibAdjTypeOf( *mplsVias ) == L3AdjLFibAdjType::adjTypeNexthopGroup
-                           ? MplsLabelAction::none
-                           : actionOf( *mplsVias ) );
+   labelActionIs( l3Adj, lFibAdjTypeOf( *mplsVias ) == L3AdjLFibAdjType::adjTypeNexthopGroup
+                            ? MplsLabelAction::none
+                            : actionOf( *mplsVias ) );
    const bool popMoves = processRemovePopDependencies( vrfState, l3Adj );
-   const bool popRemoved = shouldRemovePop( vrfState, l3Adj );
+   const bool popRemoved = shouldRemovePop( l3Adj );
    Fib::FecId fecId = getFecIdForRequest( l3Adj, *mplsVias, vrfState, popMoves );
    if ( const ExternalFecInfo* const there = vrfState.extFecInfo( fecId );
         there && ( there->popLabelActionRemoved() != popRemoved ||
@@ -282,29 +282,21 @@ bool MplsSm::stillUses( Mpls::RouteKey routeKey, const L3Adjacency& l3Adj ) cons
 // Whether the adjacency's pop has to travel with its routes: when it pops, protects or is
 // protected, and all that share the protection pop. With one that does not pop among them, each FEC
 // keeps its own operation.
-bool MplsSm::shouldRemovePop( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const {
+bool MplsSm::shouldRemovePop( const L3Adjacency& l3Adj ) {
    const L3Adjacency* const backup = l3Adj.primaryAdjs() != 0 ? &l3Adj : l3Adj.backupAdj().get();
-   return backup && l3Adj.labelAction() == MplsLabelAction::pop && allPop( vrfState, *backup );
+   return backup && l3Adj.labelAction() == MplsLabelAction::pop && allPop( *backup );
 }
 
-bool MplsSm::allPop( const VrfMplsState& vrfState, const L3Adjacency& backup ) const {
-   if ( backup.labelAction() != MplsLabelAction::pop ) {
-      return false;
-   }
-   for ( const U64 index : backup.primaryAdj() ) {
-      const L3Adjacency* const primary = vrfState.l3Adjacency( index );
-      if ( primary == nullptr || primary->labelAction() != MplsLabelAction::pop ) {
-         return false;
-      }
-   }
-   return true;
+bool MplsSm::allPop( const L3Adjacency& backup ) {
+   return backup.labelAction() == MplsLabelAction::pop &&
+          backup.poppingPrimarys() == backup.primaryAdjs();
 }
 
 // Queues the others of the protection where the answer for them has changed as well. True when this
 // adjacency needs a new FEC id, since routes that go into the old one have to keep what they have.
-bool MplsSm::processRemovePopDependencies( VrfMplsState& vrfState, const L3Adjacency& l3Adj ) {
-   const L3Adjacency* const backup = l3Adj.primaryAdjs() != 0 ? &l3Adj : l3Adj.backupAdj().get();
-   const bool removed = backup && allPop( vrfState, *backup );
+bool MplsSm::processRemovePopDependencies( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   L3Adjacency* const backup = l3Adj.primaryAdjs() != 0 ? &l3Adj : l3Adj.backupAdj().get();
+   const bool removed = backup && allPop( *backup );
    const auto changed = [&]( const L3Adjacency& member ) {
       ExternalFecInfo* const info = member.extFecInfo().get();
       if ( info == nullptr ) {
@@ -321,8 +313,11 @@ bool MplsSm::processRemovePopDependencies( VrfMplsState& vrfState, const L3Adjac
    };
    if ( backup ) {
       queueIfChanged( backup );
-      for ( const U64 index : backup->primaryAdj() ) {
-         queueIfChanged( vrfState.l3Adjacency( index ) );
+      if ( backup->popsTold() != removed ) { // else they have been asked before
+         backup->popsToldIs( removed );
+         for ( const U64 index : backup->primaryAdj() ) {
+            queueIfChanged( vrfState.l3Adjacency( index ) );
+         }
       }
    }
    if ( !changed( l3Adj ) ) {
@@ -594,11 +589,8 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
                      in_.hwFecIdResponse->hwFecId( there->fecId() ),
                      ", so wait until new extFecInfo response is updated" );
          fecsBeingLeft_.insert( there->fecId() );
-         return;
       }
-      if ( !route.l2Adj() ) { // else it stays with what it has until then
-         leaveRouteUnprogrammed( vrfState, route, l3Adj );
-      }
+      leaveRouteUnprogrammed( vrfState, route, l3Adj );
       return;
    }
    if ( route.extFecInfo() != info && !mayEnter( vrfState, l3Adj ) ) {

@@ -407,18 +407,23 @@ void MplsSm::unprogramRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey 
    }
    unprogramRouteIntoFec( vrfState, routeKey );
    clearRouteMappings( vrfState, routeKey );
+   leaveCarrier( vrfState, routeKey );
 }
 
 // A route into a FEC is not the configuration's, and its FEC may be another VRF's.
 void MplsSm::unprogramRouteIntoFec( const VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
    const MplsRoute* const route = vrfState.route( routeKey );
-   if ( !forwardingIntoExternalFecsSupported() || route == nullptr || !route->extFecInfo() ) {
+   if ( !forwardingIntoExternalFecsSupported() || route == nullptr ) {
       return;
    }
-   const L3::VrfName& fecVrf =
-      in_.hwFecIdRequest->hwFecIdRequest( route->extFecInfo()->fecId() ).vrfName;
-   if ( MplsHwVrfStatus* const status = velMplsHwVrfStatusNonConst( fecVrf ) ) {
-      status->unprogrammedRouteDel( routeKey );
+   if ( route->extFecInfo() ) {
+      const L3::VrfName& fecVrf =
+         in_.hwFecIdRequest->hwFecIdRequest( route->extFecInfo()->fecId() ).vrfName;
+      if ( MplsHwVrfStatus* const status = velMplsHwVrfStatusNonConst( fecVrf ) ) {
+         status->unprogrammedRouteDel( routeKey );
+      }
+   } else if ( route->unconfirmedWrites() == 0 ) {
+      return; // else hardware may not have moved it out of a FEC yet
    }
    deleteRouteIntoFec( vrfState.vrfName(), routeKey );
 }
@@ -440,7 +445,7 @@ void MplsSm::deleteRouteKeyAndRoute( VrfMplsState& vrfState, Mpls::RouteKey rout
    if ( MplsRoute* const route = vrfState.route( routeKey ) ) {
       if ( L3Adjacency* const l3Adj = route->l3Adj().get() ) {
          l3Adj->routeKeyDel( routeKey );
-         vrfState.l3AdjForReviewIs( l3Adj->index() );
+         vrfState.l3AdjLeftIs( l3Adj->index() );
       }
       lastRouteVersion_ = std::max( lastRouteVersion_, route->version() );
    }
@@ -456,6 +461,9 @@ void MplsSm::clearRouteMappings( VrfMplsState& vrfState, Mpls::RouteKey routeKey
    route->isInstalledWithMulticastIs( false );
    if ( MplsL2Adjacency* const l2Adj = route->l2Adj().get() ) {
       deleteRouteKeyFromL2Adj( routeKey, *l2Adj );
+      if ( l2Adj->routeKeys() == 0 && vrfState.l2AdjPendingForDeleteHas( l2Adj->index() ) ) {
+         vrfState.l2AdjVacatedIs( l2Adj->index() );
+      }
       route->l2AdjIs( nullptr );
    }
    if ( const Ptr< ExternalFecInfo > info = route->extFecInfo() ) {

@@ -67,7 +67,7 @@ L3AdjLFibAdjType MplsSm::findL3AdjLFibAdjType( const L3Adjacency* l3Adj ) const 
 }
 
 bool MplsSm::isAdjPendingForReview( const VrfMplsState& vrfState, U64 index ) const {
-   return vrfState.l3AdjForReviewHas( index );
+   return vrfState.l3AdjForReview( index ) == L3AdjReview::changed;
 }
 
 // --- Processing.
@@ -104,64 +104,87 @@ void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
                 "lFibViaSetKey.viaType() == Mpls::viaTypeExternalFec_",
                 textOf( viaSetKey ) );
    const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( viaSetKey );
-   if ( l3Adj->routeKeys() == 0 && l3Adj->primaryAdjs() == 0 ) {
+   if ( !l3Adj->used() ) {
       deleteL3Adj( vrfState, index );
+      return;
+   }
+   if ( l3Adj->superseded() ) {
+      followVias( vrfState, *l3Adj );
+      settleL3Adj( vrfState, *l3Adj );
       return;
    }
    const Ptr< L3Adjacency > backupBefore = l3Adj->backupAdj();
    const Ptr< ExternalFecInfo > fecBefore = l3Adj->extFecInfo();
-   const bool programmed = programL3Adj( vrfState, *l3Adj, viaSet );
-   if ( programmed ) {
+   const L3AdjOutcome outcome = programL3Adj( vrfState, *l3Adj, viaSet );
+   l3Adj->outdatedIs( outcome != L3AdjOutcome::programmed );
+   if ( outcome != L3AdjOutcome::backedOff ) {
       settleL3Adj( vrfState, *l3Adj );
    }
-   queueWaitingForBackup( vrfState, viaSetKey, programmed || l3Adj->backupAdj() != backupBefore,
+   queueWaitingForBackup( vrfState, viaSetKey,
+                          outcome == L3AdjOutcome::programmed || l3Adj->backupAdj() != backupBefore,
                           l3Adj->extFecInfo() != fecBefore );
 }
 
-// Programs the adjacency the way of its via set; false: nothing is to be settled, an event will
-// bring it back.
-bool MplsSm::programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                           const Mpls::LfibViaSet& viaSet ) {
+// What it is made of does not depend on its routes: all that can follow from a route that has left
+// is its end.
+void MplsSm::processL3AdjLeft( VrfMplsState& vrfState, U64 index ) {
+   L3Adjacency* const l3Adj = vrfState.l3Adjacency( index );
+   MPLS_ASSERT( l3Adj, "l3Adj", textOf( index ) );
+   if ( !l3Adj->used() ) {
+      deleteL3Adj( vrfState, index );
+   } else if ( l3Adj->keepsNextHops() ) {
+      processL3Adj( vrfState, index );
+   } else if ( !l3Adj->superseded() ) {
+      queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), false, false );
+   }
+}
+
+// Programs the adjacency the way of its via set.
+MplsSm::L3AdjOutcome MplsSm::programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                           const Mpls::LfibViaSet& viaSet ) {
    const Mpls::LfibViaSetKey viaSetKey = l3Adj.lFibViaSetKey();
    if ( viaSetKey.viaType() == Mpls::viaTypeExternalFec ) {
       return programExtFecL3Adj( vrfState, l3Adj, viaSet );
    }
    if ( viaSetKey.multicast() ) {
       processMplsMulticastAdj( vrfState, l3Adj.index() );
-      return true;
+      return L3AdjOutcome::programmed;
    }
    return programMplsIpL3Adj( vrfState, l3Adj, viaSet );
 }
 
-bool MplsSm::programExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                 const Mpls::LfibViaSet& viaSet ) {
+MplsSm::L3AdjOutcome MplsSm::programExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                                 const Mpls::LfibViaSet& viaSet ) {
+   stopWaitingForBackup( vrfState, l3Adj );
    const Mpls::LfibExtFecVia via = getSaneExtFecVia( l3Adj, viaSet );
    if ( via == Mpls::LfibExtFecVia() ) {
-      return false;
+      return L3AdjOutcome::backedOff;
    }
    processExtFecL3Adj( vrfState, l3Adj, viaSet, via );
-   stopWaitingForBackup( vrfState, l3Adj );
-   if ( !viaSet.backupViaSetKey().empty() ) {
-      waitForBackup( vrfState, l3Adj, viaSet.backupViaSetKey(), false ); // for another FEC of it
+   if ( !viaSet.backupViaSetKey().empty() && viaSet.backupViaSetKey() != viaSet.key() ) {
+      waitForBackup( vrfState, l3Adj, viaSet.backupViaSetKey(), BackupAwaits::otherFec );
    }
-   return true;
+   return L3AdjOutcome::programmed;
 }
 
-bool MplsSm::programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                 const Mpls::LfibViaSet& viaSet ) {
+MplsSm::L3AdjOutcome MplsSm::programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                                 const Mpls::LfibViaSet& viaSet ) {
    const Ptr< CachedLFibMplsViaColl > saneVias = getSaneMplsIpLFibVias( viaSet );
    if ( !validateMplsIpL3Adj( l3Adj, viaSet, saneVias ) ) {
-      return true; // what is programmed stays as it is
+      stopWaitingForBackup( vrfState, l3Adj ); // who is not to be programmed needs no backup
+      followVias( vrfState, l3Adj );
+      return L3AdjOutcome::kept;
    }
+   supersedeIfChanged( vrfState, l3Adj, *saneVias );
    if ( shouldProgramAdjWithHwConfig( l3Adj.lFibViaSetKey(), *saneVias ) ) {
       programL3AdjWithHwConfig( vrfState, l3Adj, viaSet, *saneVias );
-      return true;
+      return L3AdjOutcome::programmed;
    }
    if ( !validateAndMaybeUpdateBackupAdjInfo( vrfState, l3Adj, viaSet ) ) {
-      return false;
+      return followVias( vrfState, l3Adj ) ? L3AdjOutcome::kept : L3AdjOutcome::backedOff;
    }
    processMplsIpL3Adj( vrfState, l3Adj, viaSet, saneVias );
-   return true;
+   return L3AdjOutcome::programmed;
 }
 
 void MplsSm::programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Adj,
@@ -233,6 +256,10 @@ void MplsSm::settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
       MPLS_TRACE( 8, "add routeKey ", routeKey, " for review" );
       vrfState.routeKeyForReviewIs( routeKey );
    }
+   for ( const Mpls::RouteKey routeKey : l3Adj.carriedRouteKey() ) {
+      MPLS_TRACE( 8, "add routeKey ", routeKey, " for review" );
+      vrfState.routeKeyForReviewIs( routeKey );
+   }
 }
 
 // --- Hardware vias.
@@ -243,13 +270,13 @@ void MplsSm::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    MPLS_TRACE( 3, " Set hardware info for l3Adj ", l3Adj.index() );
    Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
    MPLS_ASSERT( hwAdj, "hwAdj", subject( l3Adj ) );
-   hwAdj->viaDelAll();
-   hwAdj->unresolvedViasIs( 0 );
    hwAdj->viaSetTypeIs( viaSet.key().viaSetType() );
    MPLS_ASSERT( viaSet.key().viaType() == Mpls::viaTypeMplsIp,
                 "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_", textOf( viaSet.key() ) );
    if ( adjType == L3AdjLFibAdjType::adjTypeRegular ) {
       setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
+   } else if ( l3Adj.l2Adjacency() && routesAwaitFec( vrfState, l3Adj ) ) {
+      followVias( vrfState, l3Adj );
    } else {
       releaseVias( vrfState, l3Adj ); // of an earlier content
       for ( const auto& [viaIndex, via] : vias.via() ) {
@@ -269,10 +296,131 @@ MplsLabel MplsSm::singleMplsLabelFromVia( const Mpls::LfibMplsVia& via ) {
    return via.labelStack.label( 0 );
 }
 
+// What the adjacency has stays as it was, and follows its next hops all the same; true when that
+// leads elsewhere now.
+bool MplsSm::followVias( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   if ( l3Adj.nextHops() == 0 ) {
+      return false;
+   }
+   const Ptr< MplsL2Adjacency > before = l3Adj.l2Adjacency();
+   setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, Mpls::LfibViaSet( l3Adj.lFibViaSetKey() ),
+                                   viasInHardware( l3Adj ), L3AdjLFibAdjType::adjTypeRegular );
+   return l3Adj.l2Adjacency() != before;
+}
+
+// The vias that the adjacency was last programmed with.
+ProgrammableMplsFecVias MplsSm::viasInHardware( const L3Adjacency& l3Adj ) const {
+   ProgrammableMplsFecVias vias;
+   for ( const auto& [viaIndex, hwVia] :
+         in_.routingHwMplsStatus->adjacency( l3Adj.index() )->via() ) {
+      vias.viaIs( viaIndex, viaOf( hwVia ) );
+   }
+   return vias;
+}
+
+bool MplsSm::hasVias( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& vias ) const {
+   const Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( l3Adj.index() );
+   U32 at = 0;
+   for ( const auto& [viaIndex, via] : vias.via() ) {
+      if ( viaOf( hwAdj.via( at++ ) ) != via ) {
+         return false;
+      }
+   }
+   return hwAdj.vias() == at;
+}
+
+// Whether routes of the adjacency stay with what they had before, in hardware, until its FEC is
+// answered.
+bool MplsSm::routesAwaitFec( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) {
+   const ExternalFecInfo* const info = l3Adj.extFecInfo().get();
+   return info && info->hwId() == 0 && someElsewhere( vrfState, l3Adj, l3Adj.routeKey() );
+}
+
+// Whether one of the routes is in hardware by something that the adjacency is not any more.
+bool MplsSm::someElsewhere( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                            const RouteKeyGroup& routes ) {
+   for ( const Mpls::RouteKey routeKey : routes ) {
+      const MplsRoute& route = *vrfState.route( routeKey );
+      if ( inHardware( route ) && !inHardwareBy( route, l3Adj ) ) {
+         return true;
+      }
+   }
+   return false;
+}
+
+bool MplsSm::inHardware( const MplsRoute& route ) {
+   return route.l2Adj() || route.extFecInfo();
+}
+
+bool MplsSm::inHardwareBy( const MplsRoute& route, const L3Adjacency& l3Adj ) {
+   return route.extFecInfo()
+             ? route.extFecInfo() == l3Adj.extFecInfo()
+             : route.l2Adj() && route.l2Adj() == l3Adj.l2Adjacency() && !l3Adj.extFecInfo();
+}
+
+// A via set whose routes have left may be used again at once, for something else. Those that are
+// still in hardware by what it was must not follow: an adjacency of its own goes on carrying them.
+void MplsSm::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                 const CachedLFibMplsViaColl& vias ) {
+   if ( l3Adj.nextHops() == 0 || hasVias( l3Adj, vias ) ) {
+      return;
+   }
+   std::vector< Mpls::RouteKey > left;
+   for ( const Mpls::RouteKey routeKey : l3Adj.carriedRouteKey() ) {
+      left.push_back( routeKey );
+   }
+   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+      const MplsRoute& route = *vrfState.route( routeKey );
+      if ( !!lfibRoute && lfibRoute.viaSetKey != l3Adj.lFibViaSetKey() && inHardware( route ) &&
+           vrfState.carrierOf( routeKey ) == nullptr ) {
+         left.push_back( routeKey );
+      }
+   }
+   if ( left.empty() ) {
+      return;
+   }
+   L3Adjacency& former = *newL3Adjacency( vrfState );
+   MPLS_TRACE( 3, "l3 adj ", former.index(), " carries ", left.size(), " routes of l3 adj ",
+               l3Adj.index(), ", whose via set has changed" );
+   former.lFibViaSetKeyIs( l3Adj.lFibViaSetKey() );
+   former.supersededIs( true );
+   former.labelActionIs( l3Adj.labelAction() );
+   setHwAdjViasForNormalMplsRoute( vrfState, former, Mpls::LfibViaSet( former.lFibViaSetKey() ),
+                                   viasInHardware( l3Adj ), L3AdjLFibAdjType::adjTypeRegular );
+   for ( const IpAddrIntfId& key : l3Adj.nextHop() ) { // also those of a still earlier content
+      useNextHop( vrfState, former, key );
+   }
+   if ( l3Adj.backupAdj() ) {
+      linkBackupAdj( vrfState, former, *l3Adj.backupAdj() );
+      setHwBackupAdjStatus( vrfState, former );
+   }
+   for ( const Mpls::RouteKey routeKey : left ) {
+      l3Adj.carriedRouteKeyDel( routeKey );
+      former.carriedRouteKeyIs( routeKey );
+   }
+   if ( !l3Adj.used() ) {
+      vrfState.l3AdjLeftIs( l3Adj.index() ); // it was kept for them
+   }
+   settleL3Adj( vrfState, former );
+}
+
 // The via as the LFIB wants it, not resolved.
 Mpls::Hardware::AdjacencyVia MplsSm::hwViaOf( const Mpls::LfibMplsVia& via ) {
    return { via.key,         via.nextHop, via.intf,       via.labelAction,
             via.payloadType, via.ttlMode, via.labelStack, {} };
+}
+
+Mpls::LfibMplsVia MplsSm::viaOf( const Mpls::Hardware::AdjacencyVia& hwVia ) {
+   Mpls::LfibMplsVia via;
+   via.key = hwVia.viaKey;
+   via.nextHop = hwVia.nextHop;
+   via.intf = hwVia.intf;
+   via.labelAction = hwVia.labelAction;
+   via.payloadType = hwVia.payloadType;
+   via.ttlMode = hwVia.ttlMode;
+   via.labelStack = hwVia.labelStack;
+   return via;
 }
 
 void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency& l3Adj,
@@ -303,21 +451,18 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
                    "via.nextHop().af() == ipv4() || via.nextHop().af() == ipv6()", textOf( via ) );
       const IpAddrIntfId key{ via.nextHop, via.intf };
       named.insert( key );
-      MplsNextHop* const nextHop = vrfState.mplsNextHopIs( key );
+      MplsNextHop* const nextHop = useNextHop( vrfState, l3Adj, key );
       if ( !resolved.empty() ) {
          nextHop->unresolvedSinceIs( neverTime );
       } else if ( nextHop->unresolvedSince() == neverTime ) {
          nextHop->unresolvedSinceIs( in_.clock->now() );
       }
-      l3Adj.nextHopIs( key );
-      if ( via.intf.empty() ) {
-         nextHop->resolvedByRRIs( &l3Adj );
-      } else {
-         nextHop->resolvedByMNHIs( &l3Adj );
-      }
    }
+   l3Adj.keepsNextHopsIs( l3Adj.nextHops() != named.size() &&
+                          ( routesAwaitFec( vrfState, l3Adj ) ||
+                            someElsewhere( vrfState, l3Adj, l3Adj.carriedRouteKey() ) ) );
    for ( const IpAddrIntfId& key : l3Adj.nextHop() ) {
-      if ( !named.has( key ) ) { // of an earlier content of the via set
+      if ( !named.has( key ) && !l3Adj.keepsNextHops() ) { // of an earlier content of the via set
          releaseNextHop( vrfState, l3Adj, key );
          l3Adj.nextHopDel( key );
       }
@@ -327,6 +472,18 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
    } else {
       bindL3AdjToL2Adj( vrfState, l3Adj, Mpls::Hardware::L2ViaSet( std::move( exits ) ) );
    }
+}
+
+MplsNextHop* MplsSm::useNextHop( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                 const IpAddrIntfId& key ) {
+   MplsNextHop* const nextHop = vrfState.mplsNextHopIs( key );
+   l3Adj.nextHopIs( key );
+   if ( key.l3Intf.empty() ) {
+      nextHop->resolvedByRRIs( &l3Adj );
+   } else {
+      nextHop->resolvedByMNHIs( &l3Adj );
+   }
+   return nextHop;
 }
 
 // --- Binding to an L2 adjacency.
@@ -382,13 +539,17 @@ void MplsSm::deleteL3Adj( VrfMplsState& vrfState, U64 index ) {
    unbindL3AdjFromL2Adj( vrfState, *l3Adj );
    deleteL3AdjRefs( vrfState, *l3Adj );
    l3Adj->nextHopDelAll();
-   vrfState.lFibViaSetToL3AdjDel( l3Adj->lFibViaSetKey() );
-   in_.lfibHwStatus->viaSetDel( l3Adj->lFibViaSetKey() );
+   if ( !l3Adj->superseded() ) {
+      vrfState.lFibViaSetToL3AdjDel( l3Adj->lFibViaSetKey() );
+      in_.lfibHwStatus->viaSetDel( l3Adj->lFibViaSetKey() );
+   }
    in_.routingHwMplsStatus->adjacencyBackupStatusDel( index );
    in_.routingHwMplsStatus->adjacencyDel( index );
    vrfState.l3AdjForReviewDel( index ); // work sets never name the dead
    vrfState.l3AdjacencyDel( index );
-   queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), true, true );
+   if ( !l3Adj->superseded() ) {
+      queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), true, true );
+   }
 }
 
 void MplsSm::deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {

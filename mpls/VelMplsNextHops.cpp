@@ -209,7 +209,7 @@ void MplsSm::maybeDeleteL2Adj( VrfMplsState& vrfState, U64 index ) {
    MPLS_ASSERT( l2Adj, "l2Adj", textOf( index ) );
    if ( l2Adj->routeKeys() != 0 ) {
       MPLS_TRACE( 3, "schedule l2 adj ", index, " for deletion" );
-      vrfState.l2AdjPendingForDeleteIs( index );
+      vrfState.l2AdjPendingForDeleteIs( index ); // the last of them to leave brings it back
       doMaybeScheduleReview( vrfState.vrfName() );
       return;
    }
@@ -234,6 +234,7 @@ void MplsSm::doDeleteL2Adj( VrfMplsState& vrfState, U64 index ) {
    MPLS_TRACE( 3, "doDelete l2 adj ", index );
    const Ptr< Mpls::Hardware::L2Adjacency > hwL2Adj = in_.routingHwMplsStatus->l2Adjacency( index );
    vrfState.l2AdjForReviewDel( index ); // work sets never name the dead
+   vrfState.l2AdjVacatedDel( index );
    vrfState.l2AdjacencyDel( index );
    if ( MplsHwVrfConfig* const config = writtenHwVrfConfig( vrfState ) ) {
       config->l2AdjacencyDel( hwL2Adj );

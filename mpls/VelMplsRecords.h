@@ -16,13 +16,17 @@
 //
 // Invariants
 // 1. A route key is in `a.routeKey` exactly while the route is bound to the L3 adjacency `a`.
-// 2. `lFibViaSetToL3Adj[ a.lFibViaSetKey ] == a.index` for every live L3 adjacency.
+// 2. `lFibViaSetToL3Adj[ a.lFibViaSetKey ] == a.index` for every live L3 adjacency that is not
+//    superseded.
 // 3. `a.l2Adjacency == l2` exactly when `a` is in `l2.l3Adjacency`.
 // 4. `a` is in `nh.resolvedByRR` or `nh.resolvedByMNH` only while `nh.nextHopInfo` is in
 //    `a.nextHop`.
 // 5. `b == a.backupAdj` exactly when `a.index` is in `b.primaryAdj`.
-// 6. Work sets never name the dead: an index in `l3AdjForReview`, `l2AdjForReview` or
-//    `l2AdjPendingForDelete` exists.
+// 6. Work sets never name the dead: an index in `l3AdjForReview`, `l2AdjForReview`,
+//    `l2AdjPendingForDelete` or `l2AdjVacated` exists.
+// 7. A route key is in `a.carriedRouteKey` only while the route is in hardware by `a` and its own
+//    adjacency has not written it. A route has one carrier at most.
+// 8. `a.index` is in `waitsForBackup[ a.awaitedBackup.viaSetKey ]` exactly while that key is none.
 
 #pragma once
 
@@ -80,6 +84,52 @@ struct EnumNames< L3AdjLFibAdjType > {
         { L3AdjLFibAdjType::adjTypeDynamicTunnel, "adjTypeDynamicTunnel" },
         { L3AdjLFibAdjType::adjTypeNexthopGroup, "adjTypeNexthopGroup" } } };
 };
+
+/// Why an L3 adjacency is to be reviewed.
+enum class L3AdjReview : U32 {
+   none = 0,      ///< it is not
+   routeLeft = 1, ///< whether it can go: nothing that it is made of depends on its routes
+   changed = 2,   ///< to be programmed as its via set says now
+};
+template<>
+struct EnumNames< L3AdjReview > {
+   static constexpr std::array< std::pair< L3AdjReview, std::string_view >, 3 > names{
+      { { L3AdjReview::none, "none" },
+        { L3AdjReview::routeLeft, "routeLeft" },
+        { L3AdjReview::changed, "changed" } } };
+};
+
+/// What an adjacency waits for before it can have the backup that its via set names.
+enum class BackupAwaits : U32 {
+   nothing = 0, ///< it has it, or is to have none
+   viaSet = 1,  ///< the backup's via set, which is missing from the LFIB
+   review = 2,  ///< the processing of the backup's adjacency
+   fitness = 3, ///< an end of the nesting: the backup has one itself, or the adjacency is one
+   otherFec = 4 ///< another FEC of the backup; the adjacency is an external FEC and works meanwhile
+};
+template<>
+struct EnumNames< BackupAwaits > {
+   static constexpr std::array< std::pair< BackupAwaits, std::string_view >, 5 > names{
+      { { BackupAwaits::nothing, "nothing" },
+        { BackupAwaits::viaSet, "viaSet" },
+        { BackupAwaits::review, "review" },
+        { BackupAwaits::fitness, "fitness" },
+        { BackupAwaits::otherFec, "otherFec" } } };
+};
+
+/// The backup that an adjacency is to have and does not have yet.
+struct AwaitedBackup {
+   Mpls::LfibViaSetKey viaSetKey; ///< none when nothing is awaited
+   BackupAwaits awaits = BackupAwaits::nothing;
+   U32 looks = 0; ///< in a row that were no use
+
+   /// The adjacency is left as it is until the wait is over.
+   bool holdsBack() const {
+      return awaits != BackupAwaits::nothing && awaits != BackupAwaits::otherFec;
+   }
+   friend bool operator==( const AwaitedBackup&, const AwaitedBackup& ) = default;
+};
+VEL_EXPORT void appendText( std::string& out, const AwaitedBackup& awaited );
 
 /// The vias that will be written into one hardware FEC, in via-index order, and how.
 class ProgrammableMplsFecVias {
@@ -221,6 +271,19 @@ class VEL_EXPORT MulticastFecInfo : public Entity {
    explicit MulticastFecInfo( Fib::FecId fecId ) : fecId_( fecId ) {}
 };
 
+/// Routes that an adjacency carries for others; leads from the route to the adjacency.
+class CarriedGroup : public RouteKeyGroup {
+ public:
+   CarriedGroup( std::shared_ptr< RouteKeyLinks > links, L3Adjacency& carrier )
+      : RouteKeyGroup( std::move( links ) ), carrier_( carrier ) {}
+   L3Adjacency& carrier() const { return carrier_; }
+
+ private:
+   L3Adjacency& carrier_;
+};
+template< class K >
+using CarriedRouteKeys = CarriedGroup;
+
 /// One via set as it is programmed.
 class VEL_EXPORT L3Adjacency : public Entity {
    // clang-format off
@@ -233,26 +296,34 @@ class VEL_EXPORT L3Adjacency : public Entity {
    ATTRIBUTE( Mpls::TtlMode, ttlMode )
    ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adjacency )
    SET( HashSet, IpAddrIntfId, nextHop )
+   ATTRIBUTE( bool, keepsNextHops ) // of an earlier content, by which routes are still in hardware
    ATTRIBUTE( Ptr< Mpls::Hardware::L2Adjacency >, hwL2Adjacency )
    ATTRIBUTE( bool, unprogrammed )
    ATTRIBUTE( bool, primaryViasDisabled ) // nothing leaves by its own vias
    ATTRIBUTE( U32, waysOut )              // of its FEC: 0 none, 1 some, 2 all that is meant
    SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
+   SET( CarriedRouteKeys, Mpls::RouteKey, carriedRouteKey ) // in hardware by this one until their own adjacency can take them
+   ATTRIBUTE( bool, outdated )    // what it has, if anything, is not what its via set says now
+   ATTRIBUTE( bool, superseded )  // its via set has another content by now; it only carries
    SET( HashSet, U64, primaryAdj ) // the adjacencies that this one protects
    ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )
-   ATTRIBUTE( Mpls::LfibViaSetKey, backupAwaited ) // the via set of a backup that is not fit yet
-   ATTRIBUTE( bool, backupAwaitsReview )           // ... since it is still to be processed
-   ATTRIBUTE( U32, looksForBackup )                // in a row, without news of it
+   ATTRIBUTE( AwaitedBackup, awaitedBackup )
+   COUNTER( poppingPrimarys )      // of those that it protects, how many pop
+   ATTRIBUTE( bool, popsTold )     // what those that it protects were last told: all pop
    ATTRIBUTE( Ptr< MulticastGroupInfo >, multicastGroupInfo )
    ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
-   L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links );
+   L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links,
+                std::shared_ptr< RouteKeyLinks > carriedLinks );
    ~L3Adjacency() override;
+   /// A route, or an adjacency that it protects, needs it.
+   bool used() const { return routeKeys() + carriedRouteKeys() + primaryAdjs() != 0; }
+   Mpls::LfibViaSetKey backupAwaited() const { return awaitedBackup_.viaSetKey; }
 };
 
-/// The adjacencies that wait for the backup made of one via set to become fit for them.
+/// The adjacencies whose awaited backup is made of one via set.
 class VEL_EXPORT BackupWait : public Entity {
    // clang-format off
    ENTITY( BackupWait )
@@ -302,9 +373,10 @@ class VEL_EXPORT VrfMplsState : public Entity {
    COLLECTION( Hash, Mpls::LfibViaKey, Fib::FecId, viaKeyToFecId )
    SET( LabelSet, Mpls::RouteKey, routeKeyForPublish )
    SET( LabelSet, Mpls::RouteKey, routeKeyForReview )
-   SET( HashSet, U64, l3AdjForReview )
+   COLLECTION( Hash, U64, L3AdjReview, l3AdjForReview )
    SET( HashSet, U64, l2AdjForReview )
-   SET( HashSet, U64, l2AdjPendingForDelete )
+   SET( HashSet, U64, l2AdjPendingForDelete ) // until their last route has left
+   SET( HashSet, U64, l2AdjVacated )          // of those, where it has
    COUNTER( numUnprogrammedRoute )
    COUNTER( numUnprogrammedAdj )
    ATTRIBUTE( double, lastUnprogrammedReview ) // clock time, seconds
@@ -342,8 +414,24 @@ class VEL_EXPORT VrfMplsState : public Entity {
    /// Nothing is left that a VRF's state is kept for.
    bool idle() const;
 
+   /// Queues the adjacency to be programmed.
+   void l3AdjForReviewIs( U64 index ) { l3AdjForReviewIs( index, L3AdjReview::changed ); }
+   /// A route has left the adjacency, which may go; whatever else it is queued for counts for more.
+   void l3AdjLeftIs( U64 index ) {
+      if ( !l3AdjForReviewHas( index ) ) {
+         l3AdjForReviewIs( index, L3AdjReview::routeLeft );
+      }
+   }
+   /// By which adjacency a route is in hardware that its own cannot take yet; else null.
+   L3Adjacency* carrierOf( Mpls::RouteKey routeKey ) const {
+      const RouteKeyGroup* const group = carriedRoutes_->groupOf( routeKey );
+      return group ? &static_cast< const CarriedGroup* >( group )->carrier() : nullptr;
+   }
+
    /// Records are made through these, since a record's route key set belongs to the VRF's relation.
-   L3Adjacency* l3AdjacencyMake( U64 index ) { return l3AdjacencyIs( index, routesOfL3Adj_ ); }
+   L3Adjacency* l3AdjacencyMake( U64 index ) {
+      return l3AdjacencyIs( index, routesOfL3Adj_, carriedRoutes_ );
+   }
    MplsL2Adjacency* l2AdjacencyMake( U64 index ) { return l2AdjacencyIs( index, routesOfL2Adj_ ); }
    ExternalFecInfo* extFecInfoMake( Fib::FecId fecId ) {
       return extFecInfoIs( fecId, routesOfExtFec_ );
@@ -352,11 +440,11 @@ class VEL_EXPORT VrfMplsState : public Entity {
  private:
    bool anythingQueued() const {
       return !routeKeyForPublish_.empty() || !routeKeyForReview_.empty() ||
-             !l3AdjForReview_.empty() || !l2AdjForReview_.empty() ||
-             !l2AdjPendingForDelete_.empty();
+             !l3AdjForReview_.empty() || !l2AdjForReview_.empty() || !l2AdjVacated_.empty();
    }
 
    std::shared_ptr< RouteKeyLinks > routesOfL3Adj_;
+   std::shared_ptr< RouteKeyLinks > carriedRoutes_;
    std::shared_ptr< RouteKeyLinks > routesOfL2Adj_;
    std::shared_ptr< RouteKeyLinks > routesOfExtFec_;
 };

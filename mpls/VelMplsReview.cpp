@@ -148,8 +148,13 @@ void MplsSm::doReviewVrf( const L3::VrfName& vrf ) {
    for ( auto pass = vrfState->l3AdjForReviewWork().workPass();
          vrfState->l3AdjForReviews() != 0 && !shouldTaskYield( *vrfTask_ ) && pass.next(); ) {
       const U64 index = pass.key();
+      const L3AdjReview why = pass.value();
       vrfState->l3AdjForReviewDel( index );
-      processL3Adj( *vrfState, index );
+      if ( why == L3AdjReview::routeLeft ) {
+         processL3AdjLeft( *vrfState, index );
+      } else {
+         processL3Adj( *vrfState, index );
+      }
       vrfState->l3AdjReviewedInc();
       counters_->adjacenciesReviewedInc();
    }
@@ -172,10 +177,11 @@ void MplsSm::doReviewVrf( const L3::VrfName& vrf ) {
       vrfState->l2AdjReviewedInc();
    }
    MPLS_TRACE( 2, "review l2 adj pending for deletion in vrf ", vrf );
-   for ( auto pass = vrfState->l2AdjPendingForDeleteWork().workPass();
-         vrfState->l2AdjPendingForDeletes() != 0 && !shouldTaskYield( *vrfTask_ ) &&
-         pass.next(); ) {
-      processL2AdjPendingDelete( *vrfState, pass.key() );
+   for ( auto pass = vrfState->l2AdjVacatedWork().workPass();
+         vrfState->l2AdjVacateds() != 0 && !shouldTaskYield( *vrfTask_ ) && pass.next(); ) {
+      const U64 index = pass.key();
+      vrfState->l2AdjVacatedDel( index );
+      processL2AdjPendingDelete( *vrfState, index );
    }
    queueForPublishing( *vrfState );
 }

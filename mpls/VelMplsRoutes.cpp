@@ -129,7 +129,7 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    const bool awaited = viaSetAwaitedDel( viaSetKey );
    if ( vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       const U64 index = vrfState.lFibViaSetToL3Adj( viaSetKey );
-      vrfState.l3Adjacency( index )->looksForBackupIs( 0 );
+      forgetLooksForBackup( *vrfState.l3Adjacency( index ) );
       vrfState.l3AdjForReviewIs( index );
    } else {
       MPLS_TRACE( 3, "No L3Adj for viaSet. Scheduling all user Routes" );
@@ -138,11 +138,11 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
       queueRoutesOfViaSet( vrfState, viaSetKey );
    }
    queueWaitingForBackup( vrfState, viaSetKey, true, true );
-   doMaybeScheduleReview( vrf );
+   doMaybeScheduleReviewOrDeleteVrfState( vrf ); // its users may be others' routes
 }
 
 // A route whose via set was not sane has lost its record; it gets another one, and with it another
-// chance.
+// chance. Routes of other state machines are theirs to look at.
 void MplsSm::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey ) {
    const RouteKeyGroup* const users = lfibTrackingStatus_->viaSetKeyToRouteKeySet( viaSetKey );
    if ( users == nullptr ) {
@@ -151,8 +151,8 @@ void MplsSm::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey vi
    for ( const Mpls::RouteKey routeKey : *users ) {
       if ( mplsIpRouteKeyHas( routeKey ) ) {
          routeMake( vrfState, routeKey );
+         vrfState.routeKeyForReviewIs( routeKey );
       }
-      vrfState.routeKeyForReviewIs( routeKey );
    }
 }
 
@@ -346,11 +346,12 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       awaitViaSet( lfibRoute.viaSetKey ); // its arrival queues the route again
       MPLS_TRACE( 3, "via set for route (", routeKey,
                   ") does not exist in system LFIB, delay processing" );
-      if ( L3Adjacency* const bound = route->l3Adj().get() ) {
-         const bool moved = route->l2Adj() && bound->l2Adjacency() != route->l2Adj();
-         const bool inItsFec = route->extFecInfo() && bound->extFecInfo() == route->extFecInfo();
-         if ( moved || inItsFec ) {
-            writeRoute( vrfState, *route, *bound ); // it waits on what it has, and follows that
+      if ( L3Adjacency* const bound = route->l3Adj().get(); bound && inHardware( *route ) ) {
+         if ( vrfState.carrierOf( routeKey ) == nullptr ) {
+            bound->carriedRouteKeyIs( routeKey );
+         }
+         if ( !stayInHardware( vrfState, *route ) ) {
+            takeRouteOut( vrfState, *route );
          }
       }
       return;
@@ -358,6 +359,9 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    route->metricIs( lfibRoute.metric );
    L3Adjacency& l3Adj = bindRouteToL3Adj( vrfState, *route, lfibRoute.viaSetKey );
    writeRoute( vrfState, *route, l3Adj );
+   if ( !inHardware( *route ) || inHardwareBy( *route, l3Adj ) ) {
+      leaveCarrier( vrfState, routeKey );
+   }
 }
 
 // The via set's arrival, or its mending, queues its routes again.
@@ -391,16 +395,22 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
       MPLS_TRACE( 3, "viaSetKey changed" );
       MPLS_TRACE( 3, "remove routeKey ", routeKey, " from l3Adj index ", bound->index() );
       bound->routeKeyDel( routeKey );
+      if ( inHardware( route ) && vrfState.carrierOf( routeKey ) == nullptr ) {
+         bound->carriedRouteKeyIs( routeKey ); // until another one is written
+      }
       if ( recoveredRouteHas( routeKey ) ) {
          // It was to go with the others; now it is not.
          in_.hwFecIdRequest->mayReplaceDel( in_.mplsRouteSyncMap->adjSyncId( routeKey ) );
       }
-      vrfState.l3AdjForReviewIs( bound->index() ); // to be programmed without the route, or deleted
+      vrfState.l3AdjLeftIs( bound->index() ); // it may have been its last user
       route.l3AdjIs( nullptr );
    }
    L3Adjacency* l3Adj = nullptr;
    if ( vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       l3Adj = vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( viaSetKey ) );
+      if ( l3Adj->outdated() && !l3Adj->awaitedBackup().holdsBack() ) {
+         vrfState.l3AdjForReviewIs( l3Adj->index() ); // what mends it may still be to be announced
+      }
    } else {
       l3Adj = newL3Adjacency( vrfState );
       MPLS_TRACE( 3, "add new adj ", l3Adj->index(), " for review" );
@@ -415,9 +425,14 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
 }
 
 // Writes the route the way its adjacency is programmed: by its multicast group, into its FEC, or
-// with its L2 adjacency.
+// with its L2 adjacency. What the adjacency has of an earlier content is for those only that have
+// it: to others the via set never said so.
 void MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
-   if ( l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
+   const L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
+   const bool has = inHardware( route ) && ( carrier == nullptr || carrier == &l3Adj );
+   if ( !has && ( l3Adj.outdated() || isAdjPendingForReview( vrfState, l3Adj.index() ) ) ) {
+      leaveRouteUnprogrammed( vrfState, route, l3Adj );
+   } else if ( l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
       writeRouteWithMulticast( vrfState, route, l3Adj );
    } else if ( l3Adj.extFecInfo() && forwardingIntoExternalFecsSupported() ) {
       writeRouteWithFec( vrfState, route, l3Adj );
@@ -479,15 +494,62 @@ void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
       vrfState.routeKeyForReviewIs( routeKey );
       return;
    }
-   if ( !l3Adj.extFecInfo() && l3Adj.backupAwaitsReview() &&
-        ( route.extFecInfo() || route.l2Adj() ) ) {
-      MPLS_TRACE( 7, "not removing routeKey ", routeKey, " because its adj waits for a backup" );
-      return; // the adjacency is processed again with the backup, and its routes after it
+   if ( ( l3Adj.awaitedBackup().holdsBack() || l3Adj.extFecInfo() ) &&
+        stayInHardware( vrfState, route ) ) {
+      MPLS_TRACE( 7, "not removing routeKey ", routeKey,
+                  " because its adj waits for a backup or its FEC" );
+      return; // the end of the wait queues it
    }
    MPLS_TRACE( 3, "unprog routeKey ", routeKey );
    if ( recoveredRouteHas( routeKey ) && !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) {
       dropRecoveredRoute( vrfState.vrfName(), routeKey ); // else it waits for its FEC in hardware
    }
+   takeRouteOut( vrfState, route );
+}
+
+// The route stays in hardware with what it has while there is nothing else for it yet. It follows
+// the adjacency that it has it from: a change of that one's next hops is one of its own. False when
+// there is no way out that it could stay with.
+bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
+   L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
+   L3Adjacency& by = carrier ? *carrier : *route.l3Adj();
+   if ( const ExternalFecInfo* const info = route.extFecInfo().get() ) {
+      const bool ofAnotherContent = by.extFecInfo() && by.extFecInfo() != info;
+      if ( info->hwId() == 0 || ( !ofAnotherContent && !hasWayOut( by ) ) ) {
+         return false;
+      }
+      if ( by.extFecInfo() == info ) {
+         writeRouteWithFec( vrfState, route, by );
+      }
+      return true;
+   }
+   if ( !route.l2Adj() || !by.l2Adjacency() ||
+        velMplsHwVrfConfig( vrfState.vrfName() ) == nullptr ) {
+      return false;
+   }
+   if ( by.l2Adjacency() != route.l2Adj() || route.unprogrammed() ) {
+      writeRouteWithL2Adj( vrfState, route, by );
+   }
+   return true;
+}
+
+// By one of its vias, or by its backup.
+bool MplsSm::hasWayOut( const L3Adjacency& l3Adj ) const {
+   const Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( l3Adj.index() );
+   return hwAdj.vias() == 0 || hwAdj.unresolvedVias() < hwAdj.vias() ||
+          ( l3Adj.backupAdj() && hasWayOut( *l3Adj.backupAdj() ) );
+}
+
+// The adjacency by which it was in hardware may have been kept for nothing else.
+void MplsSm::leaveCarrier( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
+   if ( L3Adjacency* const carrier = vrfState.carrierOf( routeKey ) ) {
+      carrier->carriedRouteKeyDel( routeKey );
+      vrfState.l3AdjLeftIs( carrier->index() );
+   }
+}
+
+void MplsSm::takeRouteOut( VrfMplsState& vrfState, MplsRoute& route ) {
+   const Mpls::RouteKey routeKey = route.routeKey();
    unprogramRouteKey( vrfState, routeKey );
    routeUnprogrammedIs( route, true );
    route.unconfirmedWritesIs( 0 );

@@ -154,6 +154,8 @@ class VEL_EXPORT MplsSm : public Entity {
 
    L3Adjacency* newL3Adjacency( VrfMplsState& vrfState );
    void processL3Adj( VrfMplsState& vrfState, U64 index );
+   /// A route has left it, and that is all that has happened.
+   void processL3AdjLeft( VrfMplsState& vrfState, U64 index );
    bool validateMplsIpL3Adj( const L3Adjacency& l3Adj, const Mpls::LfibViaSet& viaSet,
                              const Ptr< CachedLFibMplsViaColl >& saneVias ) const;
    void setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
@@ -328,13 +330,36 @@ class VEL_EXPORT MplsSm : public Entity {
    void writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    void writeRouteWithMulticast( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    void leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
+   bool stayInHardware( VrfMplsState& vrfState, MplsRoute& route );
+   bool hasWayOut( const L3Adjacency& l3Adj ) const;
+   void takeRouteOut( VrfMplsState& vrfState, MplsRoute& route );
+   static void leaveCarrier( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+   static bool inHardware( const MplsRoute& route );
+   static bool inHardwareBy( const MplsRoute& route, const L3Adjacency& l3Adj );
    template< class Test >
    bool someViaIntf( const L3Adjacency& l3Adj, const Test& test ) const;
-   bool programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj, const Mpls::LfibViaSet& viaSet );
-   bool programExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                            const Mpls::LfibViaSet& viaSet );
-   bool programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                            const Mpls::LfibViaSet& viaSet );
+   /// What processing an adjacency has come to.
+   enum class L3AdjOutcome : U32 {
+      programmed, ///< as its via set says
+      kept,       ///< as it was, since its via set cannot be used
+      backedOff   ///< as it was; an event will bring it back
+   };
+   L3AdjOutcome programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                              const Mpls::LfibViaSet& viaSet );
+   L3AdjOutcome programExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                    const Mpls::LfibViaSet& viaSet );
+   L3AdjOutcome programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                    const Mpls::LfibViaSet& viaSet );
+   bool followVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   void supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            const CachedLFibMplsViaColl& vias );
+   static MplsNextHop* useNextHop( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                   const IpAddrIntfId& key );
+   bool hasVias( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& vias ) const;
+   ProgrammableMplsFecVias viasInHardware( const L3Adjacency& l3Adj ) const;
+   static bool routesAwaitFec( const VrfMplsState& vrfState, const L3Adjacency& l3Adj );
+   static bool someElsewhere( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                              const RouteKeyGroup& routes );
    void programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                   const Mpls::LfibViaSet& viaSet,
                                   const CachedLFibMplsViaColl& saneVias );
@@ -358,12 +383,12 @@ class VEL_EXPORT MplsSm : public Entity {
    void processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                             const Mpls::LfibViaSet& viaSet,
                             const Ptr< CachedLFibMplsViaColl >& mplsVias );
-   bool shouldRemovePop( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
-   bool allPop( const VrfMplsState& vrfState, const L3Adjacency& backup ) const;
+   static bool shouldRemovePop( const L3Adjacency& l3Adj );
+   static bool allPop( const L3Adjacency& backup );
    static void queuePrimaries( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
    static void queuePrimariesOf( VrfMplsState& vrfState, const ExternalFecInfo& info );
    void leaveFecs( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   bool processRemovePopDependencies( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
+   static bool processRemovePopDependencies( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                            const Mpls::LfibViaSet& viaSet,
                                            const CachedLFibMplsViaColl& mplsVias,
@@ -389,17 +414,21 @@ class VEL_EXPORT MplsSm : public Entity {
                                           Mpls::LfibViaSetKey viaSetKey ) const;
    std::string backupFault( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                             const L3Adjacency& backup ) const;
+   BackupAwaits maybeLinkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                                    Mpls::LfibViaSetKey backupKey );
    void makeBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey );
-   static void linkBackupAdj( L3Adjacency& l3Adj, L3Adjacency& backup );
+   void linkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj, L3Adjacency& backup );
+   static void labelActionIs( L3Adjacency& l3Adj, MplsLabelAction action );
    void waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey,
-                       bool forReview );
+                       BackupAwaits awaits );
    void stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   static bool lookAgainForBackup( L3Adjacency& l3Adj );
+   static void forgetLooksForBackup( L3Adjacency& l3Adj );
    void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey, bool changed,
                                bool fecChanged );
    void settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    static MplsLabel singleMplsLabelFromVia( const Mpls::LfibMplsVia& via );
    static Mpls::Hardware::AdjacencyVia hwViaOf( const Mpls::LfibMplsVia& via );
+   static Mpls::LfibMplsVia viaOf( const Mpls::Hardware::AdjacencyVia& hwVia );
    Mpls::Hardware::L2ViaSet writeHwVia( const L3Adjacency& l3Adj, const Mpls::LfibMplsVia& via,
                                         Mpls::Hardware::L2ViaSet l2Vias );
    void bindL3AdjToL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,

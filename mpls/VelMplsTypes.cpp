@@ -72,6 +72,14 @@ std::optional< MplsHwRoute > MplsHwRoute::parse( std::string_view text, Adjacenc
    return route;
 }
 
+void appendText( std::string& out, const AwaitedBackup& awaited ) {
+   if ( awaited.awaits == BackupAwaits::nothing ) {
+      out += textOf( awaited.awaits );
+   } else {
+      out += joinText( awaited.awaits, " of ", awaited.viaSetKey );
+   }
+}
+
 void appendText( std::string& out, const IpAddrIntfId& key ) {
    out += joinText( "Value('Vel::IpAddrIntfId', ** {'ipGenAddr': ", key.ipGenAddr,
                     ", 'l3Intf': ", key.l3Intf, "})" );
@@ -138,13 +146,17 @@ U32 MplsHwVrfStatus::mcastHwIdSeqInc( U16 groupId, U32 delta ) {
 MplsRoute::MplsRoute( Mpls::RouteKey routeKey ) : routeKey_( routeKey ) {}
 MplsRoute::~MplsRoute() = default;
 
-L3Adjacency::L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links )
-   : index_( index ), routeKey_( std::move( links ) ) {}
+L3Adjacency::L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links,
+                          std::shared_ptr< RouteKeyLinks > carriedLinks )
+   : index_( index ),
+     routeKey_( std::move( links ) ),
+     carriedRouteKey_( std::move( carriedLinks ), *this ) {}
 L3Adjacency::~L3Adjacency() = default;
 
 VrfMplsState::VrfMplsState( L3::VrfName vrf )
    : vrfName_( vrf ),
      routesOfL3Adj_( std::make_shared< RouteKeyLinks >() ),
+     carriedRoutes_( std::make_shared< RouteKeyLinks >() ),
      routesOfL2Adj_( std::make_shared< RouteKeyLinks >() ),
      routesOfExtFec_( std::make_shared< RouteKeyLinks >() ) {}
 VrfMplsState::~VrfMplsState() = default;

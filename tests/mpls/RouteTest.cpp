@@ -76,17 +76,27 @@ TEST_F( Route, thatBecomesUnsupportedUnannouncedMakesNoAdjacency ) {
    EXPECT_EQ( rig.state(), nullptr );
 }
 
-TEST_F( Route, whoseNewViaSetIsMissingFollowsTheOldOne ) {
+// It has left the old via set, whose new content may be meant for quite another label.
+TEST_F( Route, whoseNewViaSetIsMissingKeepsWhatItHas ) {
+   const auto intfOf = [&] {
+      const Driver::HwRoute* const route = rig.hardware->route( LabelRig::vrfId, key( 16 ) );
+      return route ? route->adjacency->l2Via()[0].intf : IntfId();
+   };
    rig.routeIs( 16, 1 );
    rig.settle();
    rig.routeIs( 16, 3 );
    rig.settle();
    rig.viaSetIs( 1, { swapVia( 1, "10.0.0.2", 2, 101 ) } );
    rig.settle();
-   EXPECT_EQ( rig.hardware->adjacencies(), 1U ); // what the old content left is gone
    EXPECT_FALSE( rig.state()->needReview() );
-   EXPECT_EQ( rig.hardware->route( LabelRig::vrfId, key( 16 ) )->adjacency->l2Via()[0].intf,
-              IntfId::ordinary( 2 ) );
+   EXPECT_EQ( intfOf(), IntfId::ordinary( 1 ) );
+   rig.l3.neighborIs( "10.0.0.1", 1, 0x0200000000AA ); // its next hop is followed ...
+   rig.settle();
+   EXPECT_EQ( rig.hardware->route( LabelRig::vrfId, key( 16 ) )->adjacency->l2Via()[0].macAddr,
+              MacAddr( 0x0200000000AA ) );
+   rig.l3.neighborDel( "10.0.0.1", 1 ); // ... to its end
+   rig.settle();
+   EXPECT_EQ( rig.hardware->routes(), 0U );
 }
 
 TEST_F( Route, queuedAndThenUnsupportedIsTakenOffTheQueue ) {
