@@ -86,28 +86,32 @@ void FecUnit::reportStates() {
    }
 }
 
-void FecUnit::report( const HwFec& fec ) {
+void FecUnit::report( HwFec& fec ) {
    if ( fec.backupFecId != FecId() ) {
       stateIs( fec, stateOf( fec ) );
    }
 }
 
 // An unknown state is none: the entry goes.
-void FecUnit::stateIs( const HwFec& fec, AdjHwState state ) {
+void FecUnit::stateIs( HwFec& fec, AdjHwState state ) {
    AdjHwStatus* const status = platform_.l3Status->adjHwStatus().get();
    if ( status == nullptr ) {
       return;
    }
+   std::optional< VrfId > number;
    for ( const auto& [vrfId, vrf] : platform_.l3Status->vrfName() ) {
-      if ( vrf == fec.vrfName ) {
-         const Fib::GlobalFecId id{ vrfId, fec.fecId };
-         if ( state == AdjHwState::unknown ) {
-            status->adjHwStateDel( id );
-         } else {
-            status->adjHwStateIs( id, state );
-         }
-         return;
+      if ( vrf == fec.vrfName && state != AdjHwState::unknown ) {
+         number = vrfId;
       }
+   }
+   // The VRF may have lost its name, or come back under another number, since the last report.
+   if ( fec.reportedIn && fec.reportedIn != number && ( number || state == AdjHwState::unknown ) ) {
+      status->adjHwStateDel( { *fec.reportedIn, fec.fecId } );
+      fec.reportedIn.reset();
+   }
+   if ( number ) {
+      status->adjHwStateIs( { *number, fec.fecId }, state );
+      fec.reportedIn = number;
    }
 }
 
@@ -259,7 +263,7 @@ void FecUnit::dependsOn( const HwFec& fec, bool depends ) {
 
 // The FEC is there, gone, or another: those that lead into it may have another way now.
 void FecUnit::changed( FecId fecId ) {
-   const HwFec* const now = fec( fecId );
+   HwFec* const now = fec( fecId );
    if ( now ) {
       report( *now );
    }

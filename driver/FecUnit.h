@@ -194,9 +194,9 @@ class FecUnit {
                       std::string& why );
    static void leave( const void* what, const Way& way );
    bool followTunnel( IntfId intf, Way& way, std::string& why ) const;
-   void report( const HwFec& fec );
+   void report( HwFec& fec );
    AdjHwState stateOf( const HwFec& fec ) const;
-   void stateIs( const HwFec& fec, AdjHwState state );
+   void stateIs( HwFec& fec, AdjHwState state );
 
    FecPlatform platform_;
    OperationQueue& queue_;

@@ -9,6 +9,7 @@
 
 #pragma once
 
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -74,6 +75,7 @@ struct HwFec {
    U64 hwId;         ///< what routes name it by; never 0
    Fib::FecId fecId; ///< what it is requested by; none for one of an earlier driver
    L3::VrfName vrfName;
+   std::optional< VrfId > reportedIn; ///< the VRF under whose number its state stands reported
    std::vector< Fib::FecVia > via; ///< none once it has been taken out of hardware
    Fib::FecId backupFecId;         ///< what is to protect it
    Ptr< HwFec > backup;            ///< what does

@@ -20,6 +20,19 @@ void withdraw( MplsHwVrfStatus& status ) {
    status.mplsRoutingIs( false );
 }
 
+// There is one VRF; its routes stand under two numbers while it changes from one to the other.
+VrfId vrfOfMost( const std::vector< HwState::Route >& routes ) {
+   Hash< VrfId, size_t > routesOf;
+   VrfId most = 0;
+   for ( const HwState::Route& route : routes ) {
+      if ( ++*routesOf.emplace( route.vrfId, size_t{ 0 } ).first > routesOf.lookup( most ) ||
+           !routesOf.has( most ) ) {
+         most = route.vrfId;
+      }
+   }
+   return most;
+}
+
 /// Notices that a key has left the list, whoever took it off.
 class ListReactor : public MplsHwVrfStatus::Reactor {
  public:
@@ -134,12 +147,13 @@ void SoftwareSwitch::forgetEarlierDriver() {
 // Hardware goes on as it was; the library is told which routes it has.
 void SoftwareSwitch::recover( const HwState& state, VelHelper::MplsRouteSyncMap* routeSyncMap ) {
    fecUnit_->recover( state );
+   const VrfId vrfWithRoutes = vrfOfMost( state.routes );
    for ( const VrfId vrfId : state.mplsRouting ) {
       makeVrf( vrfId ).mplsRouting = true;
    }
    for ( const HwState::Route& before : state.routes ) {
-      if ( fecUnit_->fec( before.hwId ) == nullptr ) {
-         continue; // it leads nowhere
+      if ( fecUnit_->fec( before.hwId ) == nullptr || before.vrfId != vrfWithRoutes ) {
+         continue; // it leads nowhere, or the VRF was about to leave that number
       }
       HwVrf& vrf = makeVrf( before.vrfId );
       HwRoute& route = *vrf.route.emplace( before.key ).first;
@@ -153,6 +167,9 @@ void SoftwareSwitch::recover( const HwState& state, VelHelper::MplsRouteSyncMap*
       }
    }
    if ( routeSyncMap ) {
+      if ( !state.routes.empty() ) {
+         routeSyncMap->vrfIdIs( vrfWithRoutes );
+      }
       routeSyncMap->readyIs( true );
    }
 }

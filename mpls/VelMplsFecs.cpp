@@ -53,6 +53,13 @@ Fib::FecVia fecViaOf( const Mpls::LfibMplsVia& via ) {
             via.ttlMode, false };
 }
 
+// The adjacency's FEC is a next-hop group's own. One whose vias are disabled must not be forwarded
+// into: it gets a FEC of ours, for its backup.
+bool usesGroupFec( const CachedLFibMplsViaColl& vias ) {
+   return vias.usableAsPrimaryVias() &&
+          MplsSm::lFibAdjTypeOf( vias ) == L3AdjLFibAdjType::adjTypeNexthopGroup;
+}
+
 Fib::FecVia dropVia() {
    Fib::FecVia via;
    via.drop = true;
@@ -126,7 +133,7 @@ Fib::FecId MplsSm::getFecIdForRequest( const L3Adjacency& l3Adj,
    const Mpls::LfibViaSetKey viaSetKey = l3Adj.lFibViaSetKey();
    MPLS_ASSERT( viaSetKey.viaType() == Mpls::viaTypeMplsIp,
                 "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_", textOf( viaSetKey ) );
-   if ( lFibAdjTypeOf( lFibVias ) != L3AdjLFibAdjType::adjTypeNexthopGroup ) {
+   if ( !usesGroupFec( lFibVias ) ) {
       return getOrAllocateMplsFecId( viaSetKey, vrfState, familyOf( lFibVias ), newFecIdRequired );
    }
    MPLS_ASSERT( lFibVias.vias() == 1, "lFibVias->vias() == 1", textOf( viaSetKey ) );
@@ -168,9 +175,8 @@ void MplsSm::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    MPLS_TRACE( 7, "LFib via set ", viaSet.key(), " via size ", mplsVias->vias() );
    MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", mplsVias->vias() );
    // What a next-hop group does with the label is the group's to say.
-   labelActionIs( l3Adj, lFibAdjTypeOf( *mplsVias ) == L3AdjLFibAdjType::adjTypeNexthopGroup
-                            ? MplsLabelAction::none
-                            : actionOf( *mplsVias ) );
+   labelActionIs( l3Adj,
+                  usesGroupFec( *mplsVias ) ? MplsLabelAction::none : actionOf( *mplsVias ) );
    const bool popMoves = processRemovePopDependencies( vrfState, l3Adj );
    const bool popRemoved = shouldRemovePop( l3Adj );
    Fib::FecId fecId = getFecIdForRequest( l3Adj, *mplsVias, vrfState, popMoves );
@@ -377,7 +383,7 @@ void MplsSm::createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjace
    Fib::Fec fec{ fecId, {}, {} };
    Fib::FecId backup;
    // A next-hop group's FEC is the group's: what is in it is not ours to say.
-   if ( lFibAdjTypeOf( mplsVias ) != L3AdjLFibAdjType::adjTypeNexthopGroup ) {
+   if ( !usesGroupFec( mplsVias ) ) {
       backup = backupFecIdToRequest( vrfState, l3Adj, viaSet, popRemoved );
       fec = fecOf( fecId, mplsVias, popRemoved, backup );
    }

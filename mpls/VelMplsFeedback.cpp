@@ -78,8 +78,10 @@ void MplsSm::noteVrfNumber( VrfMplsState& vrfState ) {
 
 void MplsSm::handleVrfNumber( const L3::VrfName& vrf ) {
    MPLS_TRACE_CALL( 3, " vrf ", vrf );
+   noteRecoveredVrfId();
    if ( vrf == L3::VrfName::defaultVrf() && initialized() &&
         in_.routingHwRouteStatus->vrfStatusHas( vrf ) ) {
+      leaveRecoveredVrfId();
       leaveFormerNumber( vrf );
       if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
          noteVrfNumber( *vrfState );

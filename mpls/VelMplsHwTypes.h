@@ -18,6 +18,9 @@
 
 namespace Vel {
 
+/// The number of a VRF that has none yet; no VRF has it.
+constexpr U64 noVrfId = ~U64{ 0 };
+
 /// Why the driver, or the library itself, gave up on a route.
 enum class UnprogrammedReason : U32 {
    Success = 0,

@@ -66,6 +66,36 @@ L3AdjLFibAdjType MplsSm::findL3AdjLFibAdjType( const L3Adjacency* l3Adj ) const 
                               : L3AdjLFibAdjType::adjTypeRegular;
 }
 
+U64 MplsSm::contentDigestOf( const Mpls::LfibViaSet& viaSet ) const {
+   U64 digest = mixBits( viaSet.key().word() + ( viaSet.usableAsPrimaryVias() ? 1 : 0 ) );
+   digest = mixBits( digest + viaSet.backupViaSetKey().word() );
+   for ( U32 i = 0; i < viaSet.viaKeys(); ++i ) {
+      const Mpls::LfibViaKey key = viaSet.viaKey( i );
+      digest = mixBits( digest + key.word() );
+      if ( key.viaType() == Mpls::viaTypeExternalFec ) {
+         digest = mixBits( digest + in_.transitLfib->lfibExtFecVia( key ).fecId.value() );
+         continue;
+      }
+      const Mpls::LfibMplsVia via = in_.transitLfib->lfibMplsVia( key );
+      digest = mixBits( digest + via.nextHop.hash() );
+      digest = mixBits( digest + via.intf.hash() + static_cast< U64 >( via.labelAction ) );
+      digest = mixBits( digest + via.labelStack.hash() + static_cast< U64 >( via.payloadType ) * 8 +
+                        static_cast< U64 >( via.ttlMode ) );
+   }
+   return digest;
+}
+
+// The LFIB is read ahead of its announcements: what has not been announced yet may have given the
+// adjacency's via set another content, that of another label's old way.
+bool MplsSm::maybeQueueStaleL3Adj( VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                                   const Mpls::LfibViaSet& viaSet ) {
+   if ( !in_.transitLfib->pollPending() || l3Adj.contentDigest() == contentDigestOf( viaSet ) ) {
+      return false;
+   }
+   vrfState.l3AdjForReviewIs( l3Adj.index() );
+   return true;
+}
+
 bool MplsSm::isAdjPendingForReview( const VrfMplsState& vrfState, U64 index ) const {
    return vrfState.l3AdjForReview( index ) == L3AdjReview::changed;
 }
@@ -115,6 +145,7 @@ void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    }
    const Ptr< L3Adjacency > backupBefore = l3Adj->backupAdj();
    const Ptr< ExternalFecInfo > fecBefore = l3Adj->extFecInfo();
+   l3Adj->contentDigestIs( contentDigestOf( viaSet ) );
    const L3AdjOutcome outcome = programL3Adj( vrfState, *l3Adj, viaSet );
    l3Adj->outdatedIs( outcome != L3AdjOutcome::programmed );
    if ( outcome != L3AdjOutcome::backedOff ) {
@@ -372,8 +403,9 @@ void MplsSm::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
       const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
       const MplsRoute& route = *vrfState.route( routeKey );
-      if ( !!lfibRoute && lfibRoute.viaSetKey != l3Adj.lFibViaSetKey() && inHardware( route ) &&
-           vrfState.carrierOf( routeKey ) == nullptr ) {
+      // Also one that is gone: it may come back before its end is processed.
+      const bool elsewhere = !lfibRoute || lfibRoute.viaSetKey != l3Adj.lFibViaSetKey();
+      if ( elsewhere && inHardware( route ) && vrfState.carrierOf( routeKey ) == nullptr ) {
          left.push_back( routeKey );
       }
    }
@@ -565,24 +597,31 @@ void MplsSm::releaseNextHop( VrfMplsState& vrfState, L3Adjacency& l3Adj, const I
       return;
    }
    const L3::VrfName& vrf = vrfState.vrfName();
-   const IpGenAddr nh = nextHop->nextHopIp();
    if ( nextHop->resolvedByRRDel( &l3Adj ) && nextHop->resolvedByRRs() == 0 ) {
-      MPLS_TRACE( 3, "remove watched addr ", nh );
-      if ( nh.af() == ipv4() ) {
-         in_.routeReactorConfig->removeWatchedAddr( { vrf, nh } );
-      } else {
-         MPLS_ASSERT( nh.af() == ipv6(), "nh.af() == ipv6()", textOf( nh ) );
-         in_.route6ReactorConfig->removeWatchedIp6Addr( { vrf, nh } );
-      }
+      unwatchWithRR( vrf, nextHop->nextHopIp() );
    }
    if ( nextHop->resolvedByMNHDel( &l3Adj ) && nextHop->resolvedByMNHs() == 0 ) {
-      MPLS_TRACE( 3, "remove entry (vrf=", vrf, " nexthop=", nh, " l3Intf=", nextHop->l3Intf(),
-                  ") from proactiveArpNhSm" );
-      in_.proactiveArpNhSm->removeEntry( vrf, nh, nextHop->l3Intf() );
+      unwatchWithMNHSM( vrf, *nextHop );
    }
    if ( nextHop->resolvedByRRs() == 0 && nextHop->resolvedByMNHs() == 0 ) {
       vrfState.mplsNextHopDel( key );
    }
+}
+
+void MplsSm::unwatchWithRR( const L3::VrfName& vrf, const IpGenAddr& nh ) {
+   MPLS_TRACE( 3, "remove watched addr ", nh );
+   if ( nh.af() == ipv4() ) {
+      in_.routeReactorConfig->removeWatchedAddr( { vrf, nh } );
+   } else {
+      MPLS_ASSERT( nh.af() == ipv6(), "nh.af() == ipv6()", textOf( nh ) );
+      in_.route6ReactorConfig->removeWatchedIp6Addr( { vrf, nh } );
+   }
+}
+
+void MplsSm::unwatchWithMNHSM( const L3::VrfName& vrf, const MplsNextHop& nextHop ) {
+   MPLS_TRACE( 3, "remove entry (vrf=", vrf, " nexthop=", nextHop.nextHopIp(),
+               " l3Intf=", nextHop.l3Intf(), ") from proactiveArpNhSm" );
+   in_.proactiveArpNhSm->removeEntry( vrf, nextHop.nextHopIp(), nextHop.l3Intf() );
 }
 
 } // namespace Vel

@@ -52,9 +52,6 @@ class MplsL2Adjacency;
 /// The time of what has not happened, in seconds of the clock.
 constexpr double neverTime = std::numeric_limits< double >::infinity();
 
-/// The number of a VRF that has none yet; no VRF has it.
-constexpr U64 noVrfId = ~U64{ 0 };
-
 /// Key of a next hop: address and egress interface. An empty interface: found by the route
 /// resolver.
 struct IpAddrIntfId {
@@ -303,6 +300,7 @@ class VEL_EXPORT L3Adjacency : public Entity {
    ATTRIBUTE( U32, waysOut )              // of its FEC: 0 none, 1 some, 2 all that is meant
    SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
    SET( CarriedRouteKeys, Mpls::RouteKey, carriedRouteKey ) // in hardware by this one until their own adjacency can take them
+   ATTRIBUTE( U64, contentDigest ) // of its via set and vias when it was last processed
    ATTRIBUTE( bool, outdated )    // what it has, if anything, is not what its via set says now
    ATTRIBUTE( bool, superseded )  // its via set has another content by now; it only carries
    SET( HashSet, U64, primaryAdj ) // the adjacencies that this one protects

@@ -357,7 +357,11 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       return;
    }
    route->metricIs( lfibRoute.metric );
+   const L3Adjacency* const before = route->l3Adj().get();
    L3Adjacency& l3Adj = bindRouteToL3Adj( vrfState, *route, lfibRoute.viaSetKey );
+   if ( &l3Adj != before && maybeQueueStaleL3Adj( vrfState, l3Adj, viaSet ) ) {
+      return; // the adjacency's routes are processed after it
+   }
    writeRoute( vrfState, *route, l3Adj );
    if ( !inHardware( *route ) || inHardwareBy( *route, l3Adj ) ) {
       leaveCarrier( vrfState, routeKey );
@@ -501,7 +505,8 @@ void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
       return; // the end of the wait queues it
    }
    MPLS_TRACE( 3, "unprog routeKey ", routeKey );
-   if ( recoveredRouteHas( routeKey ) && !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) {
+   if ( recoveredRouteHas( routeKey ) &&
+        ( !l3Adj.extFecInfo() || !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) ) {
       dropRecoveredRoute( vrfState.vrfName(), routeKey ); // else it waits for its FEC in hardware
    }
    takeRouteOut( vrfState, route );
@@ -515,7 +520,8 @@ bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
    L3Adjacency& by = carrier ? *carrier : *route.l3Adj();
    if ( const ExternalFecInfo* const info = route.extFecInfo().get() ) {
       const bool ofAnotherContent = by.extFecInfo() && by.extFecInfo() != info;
-      if ( info->hwId() == 0 || ( !ofAnotherContent && !hasWayOut( by ) ) ) {
+      const bool refused = ofAnotherContent && !inFecInHardware( route );
+      if ( info->hwId() == 0 || refused || ( !ofAnotherContent && !hasWayOut( by ) ) ) {
          return false;
       }
       if ( by.extFecInfo() == info ) {

@@ -61,6 +61,7 @@ MplsSm::MplsSm( MplsSmInputs inputs ) : in_( std::move( inputs ) ) {
       status->unprogrammedReasonIs( UnprogrammedReason::Success );
    }
    sayResourceNormal();
+   noteRecoveredVrfId();
    reactors_ = std::make_unique< MplsSmReactors >( *this );
    reactors_->mplsHwVrfStatusReconcile();
    reactors_->adjHwStatusIs();
@@ -74,6 +75,16 @@ MplsSm::~MplsSm() {
    lfibTrackingSm_ = nullptr;
    unprogrammedRouteForReviewDelAll();
    routeKeyToBePublishedDelAll();
+   for ( const auto& [vrf, vrfState] : mplsState() ) {
+      for ( const auto& [key, nextHop] : vrfState->mplsNextHop() ) {
+         // Whoever comes next asks for what it needs.
+         if ( key.l3Intf.empty() ) {
+            unwatchWithRR( vrf, key.ipGenAddr );
+         } else {
+            unwatchWithMNHSM( vrf, *nextHop );
+         }
+      }
+   }
 }
 
 // --- The start.

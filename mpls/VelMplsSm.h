@@ -171,6 +171,11 @@ class VEL_EXPORT MplsSm : public Entity {
    bool hasNHGAdj( const L3Adjacency& l3Adj ) const;
    bool hasDynamicTunnelAdj( const L3Adjacency& l3Adj ) const;
    bool isAdjPendingForReview( const VrfMplsState& vrfState, U64 index ) const;
+   U64 contentDigestOf( const Mpls::LfibViaSet& viaSet ) const;
+   /// Whether the adjacency is to be processed before anybody else may forward by it; then it is
+   /// queued.
+   bool maybeQueueStaleL3Adj( VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                              const Mpls::LfibViaSet& viaSet );
    void deleteL3Adj( VrfMplsState& vrfState, U64 index );
    void deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj );
 
@@ -300,6 +305,9 @@ class VEL_EXPORT MplsSm : public Entity {
    void forgetWantedStale();
    bool enoughCameBack();
    void dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
+   void noteRecoveredVrfId();
+   void leaveRecoveredVrfId();
+   void deleteRecoveredRoute( Mpls::RouteKey routeKey );
    void recordAdjSyncIds( const VrfMplsState& vrfState );
    VrfMplsState& vrfStateMake( const L3::VrfName& vrf );
    void routeMake( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
@@ -435,6 +443,8 @@ class VEL_EXPORT MplsSm : public Entity {
                           const Mpls::Hardware::L2ViaSet& l2ViaSet );
    void unbindL3AdjFromL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void releaseNextHop( VrfMplsState& vrfState, L3Adjacency& l3Adj, const IpAddrIntfId& key );
+   void unwatchWithRR( const L3::VrfName& vrf, const IpGenAddr& nh );
+   void unwatchWithMNHSM( const L3::VrfName& vrf, const MplsNextHop& nextHop );
    void queueL3AdjsForReview( VrfMplsState& vrfState, const HashSet< L3Adjacency* >& l3Adjs );
    void doReviewVrf( const L3::VrfName& vrf );
    void doReviewUnprogrammedRoutes( VrfMplsState& vrfState );
@@ -455,6 +465,7 @@ class VEL_EXPORT MplsSm : public Entity {
 
    const MplsSmInputs in_;
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
+   U64 recoveredVrfId_ = noVrfId;        // under which hardware has what was found in it
    bool syncAnswered_ = false;           // in the stage that waits for it
    bool recoveredFecsToOffer_ = false;   // what waits for FECs may have changed
    HashSet< Fib::FecId > fecsBeingLeft_; // by routes that wait for another one's answer

@@ -111,6 +111,7 @@ class VEL_EXPORT MplsRouteSyncMap : public Vel::WatchedEntity {
    // clang-format off
    ENTITY( MplsRouteSyncMap )
    DERIVED( ready )
+   ATTRIBUTE_DEFAULT( U64, vrfId, { Vel::noVrfId } ) // the number under which hardware has them, when it knows
    VEL_VISIT_( adjSyncId, ::Vel::visitCollection )
    ENTITY_END_IN_SOURCE
    // clang-format on

@@ -89,6 +89,7 @@ void MplsSm::handleMplsRouteSyncMap() {
          handleLFibRoute( routeKey );
       }
    }
+   leaveRecoveredVrfId(); // the number may have changed before the inputs were ready
    doMaybeScheduleReview( vrf );
    maybeTransitionToWaitingForSync( vrf );
 }
@@ -416,9 +417,41 @@ void MplsSm::dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey
       staleRecoveredRouteIs( routeKey );
       return;
    }
-   recoveredRouteDel( routeKey );
    recoveredFecsToOffer_ = true;
-   deleteRouteIntoFec( vrf, routeKey );
+   deleteRecoveredRoute( routeKey );
+}
+
+// Where the sync map says no number, what was found is the VRF's under the first that it has.
+void MplsSm::noteRecoveredVrfId() {
+   const L3::VrfName& vrf = L3::VrfName::defaultVrf();
+   if ( recoveredVrfId_ == noVrfId && in_.mplsRouteSyncMap ) {
+      recoveredVrfId_ = in_.mplsRouteSyncMap->vrfId();
+   }
+   if ( recoveredVrfId_ == noVrfId && in_.routingHwRouteStatus->vrfStatusHas( vrf ) ) {
+      recoveredVrfId_ = in_.routingHwRouteStatus->vrfStatus( vrf );
+   }
+}
+
+// What was found under another number than the VRF's is of no use to it.
+void MplsSm::leaveRecoveredVrfId() {
+   const L3::VrfName& vrf = L3::VrfName::defaultVrf();
+   noteRecoveredVrfId();
+   if ( recoveredRoutes() == 0 || !in_.routingHwRouteStatus->vrfStatusHas( vrf ) ||
+        recoveredVrfId_ == in_.routingHwRouteStatus->vrfStatus( vrf ) ) {
+      return;
+   }
+   for ( const Mpls::RouteKey routeKey : recoveredRoute() ) {
+      deleteRecoveredRoute( routeKey );
+   }
+   staleRecoveredRouteDelAll();
+   recoveredFecsToOffer_ = true;
+}
+
+void MplsSm::deleteRecoveredRoute( Mpls::RouteKey routeKey ) {
+   recoveredRouteDel( routeKey );
+   if ( recoveredVrfId_ != noVrfId ) {
+      in_.mplsSmHelper->deleteRoute( static_cast< VrfId >( recoveredVrfId_ ), routeKey );
+   }
 }
 
 // What each FEC was before the restart, for the hardware layer to match: the sync id of most of its
@@ -459,12 +492,11 @@ void MplsSm::sweepStaleRoutes() {
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
    forgetWantedStale();
    for ( const Mpls::RouteKey routeKey : staleRecoveredRoute() ) {
-      recoveredRouteDel( routeKey );
       // The configuration of this process never held it: what is in hardware goes by the helper.
       if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
          unprogramRouteKey( *vrfState, routeKey );
       }
-      deleteRouteIntoFec( vrf, routeKey );
+      deleteRecoveredRoute( routeKey );
    }
    staleRecoveredRouteDelAll();
 }

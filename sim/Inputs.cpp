@@ -297,16 +297,25 @@ void Inputs::addWay( const Exit& exit, Ways& out ) const {
 // Where frames with the label may leave by the set's own vias, now and as hardware is told.
 void Inputs::addVias( U32 number, U32 label, Ways& ways, Exits& exits ) const {
    const ViaSet& set = viaSet[number];
-   if ( set.unusable || !sane( set ) || ( set.form != ViaSetForm::nextHops && !isFec( number ) ) ) {
-      return;
-   }
-   for ( const Via& via : set.vias ) {
-      const Exit exit = exitOf( set, via, label );
-      exits.push_back( exit );
-      if ( alive( exit ) && ( exit.foreign != 0 || resolved( via ) ) ) {
-         addWay( exit, ways );
+   const Exits own = exitsOf( number, set, label );
+   exits.insert( exits.end(), own.begin(), own.end() );
+   for ( size_t i = 0; i < own.size(); ++i ) {
+      if ( alive( own[i] ) && ( own[i].foreign != 0 || resolved( set.vias[i] ) ) ) {
+         addWay( own[i], ways );
       }
    }
+}
+
+Exits Inputs::exitsOf( U32 number, const ViaSet& content, U32 label ) const {
+   Exits exits;
+   if ( content.unusable || !sane( content ) ||
+        ( content.form != ViaSetForm::nextHops && settings.fecs == 0 ) || number == 0 ) {
+      return exits;
+   }
+   for ( const Via& via : content.vias ) {
+      exits.push_back( exitOf( content, via, label ) );
+   }
+   return exits;
 }
 
 bool Inputs::alive( const Exit& exit ) const {

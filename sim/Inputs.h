@@ -77,6 +77,8 @@ class Inputs {
       bool v6 = false;
       bool byResolver = false; ///< no interface
       bool gone = false;       ///< not in the LFIB, though it is named
+
+      friend bool operator==( const Via&, const Via& ) = default;
    };
    struct ViaSet {
       ViaSetForm form = ViaSetForm::none;
@@ -87,6 +89,7 @@ class Inputs {
       bool there() const { return form != ViaSetForm::none; }
       /// Its routes have no record while it is like that.
       bool broken() const { return form == ViaSetForm::mixedTypes || form == ViaSetForm::empty; }
+      friend bool operator==( const ViaSet&, const ViaSet& ) = default;
    };
    struct Route {
       bool there = false;
@@ -115,6 +118,8 @@ class Inputs {
    Intent intentOf( U32 index ) const;
    /// Whether a frame could leave there as far as neighbours, links and other agents go.
    bool alive( const Exit& exit ) const;
+   /// What hardware is to hold for the label while the set has that content.
+   Exits exitsOf( U32 set, const ViaSet& content, U32 label ) const;
    /// What another agent has under the number of an exit.
    const Foreign& foreign( U32 number ) const;
    /// Nothing stands in the way of carrying out what is wanted.

@@ -50,9 +50,12 @@ void checkRoutes( const World& world, const VrfMplsState& state ) {
 }
 
 void checkL3Adjs( const World& world, const VrfMplsState& state ) {
+   size_t named = 0;
    for ( const auto& [index, l3Adj] : state.l3Adjacency() ) {
-      expect( state.lFibViaSetToL3AdjHas( l3Adj->lFibViaSetKey() ) &&
-                 state.lFibViaSetToL3Adj( l3Adj->lFibViaSetKey() ) == index,
+      named += l3Adj->superseded() ? 0 : 1;
+      expect( l3Adj->superseded() ? l3Adj->routeKeys() == 0
+                                  : state.lFibViaSetToL3AdjHas( l3Adj->lFibViaSetKey() ) &&
+                                       state.lFibViaSetToL3Adj( l3Adj->lFibViaSetKey() ) == index,
               "L3 adjacency ", index, " is not that of its via set" );
       expect( world.entities().routingHwMplsStatus->adjacency( index ) != nullptr, "L3 adjacency ",
               index, " has no hardware adjacency" );
@@ -85,8 +88,8 @@ void checkL3Adjs( const World& world, const VrfMplsState& state ) {
                  " is not of its FEC ", info->fecId() );
       }
    }
-   expect( state.lFibViaSetToL3Adjs() == state.l3Adjacencys(), "via sets have ",
-           state.lFibViaSetToL3Adjs(), " L3 adjacencies of ", state.l3Adjacencys() );
+   expect( state.lFibViaSetToL3Adjs() == named, "via sets have ", state.lFibViaSetToL3Adjs(),
+           " L3 adjacencies of ", named );
    expect( world.entities().routingHwMplsStatus->adjacencys() == state.l3Adjacencys(),
            "there are more hardware adjacencies than L3 adjacencies" );
 }
@@ -149,7 +152,7 @@ void checkFecs( const World& world, const VrfMplsState& state ) {
 }
 
 void checkWorkSets( const VrfMplsState& state ) {
-   for ( const U64 index : state.l3AdjForReview() ) {
+   for ( const auto& [index, reason] : state.l3AdjForReview() ) {
       expect( state.l3Adjacency( index ) != nullptr, "l3AdjForReview names the dead: ", index );
    }
    for ( const U64 index : state.l2AdjForReview() ) {

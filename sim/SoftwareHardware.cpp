@@ -46,8 +46,7 @@ class SoftwareHardware : public Hardware {
              entities.resolve, entities.routeSyncMap },
            left ? static_cast< const SwitchMemory& >( *left ).state : Driver::HwState() ) {
       if ( settings.fecs != 0 ) {
-         helper_ =
-            make< Driver::SwitchHelper >( switch_, Ptr< const VelL3Status >( entities.l3Status ) );
+         helper_ = make< Driver::SwitchHelper >( switch_ );
       }
    }
 

@@ -44,6 +44,7 @@ bool changesIntents( EventKind kind ) {
 Watch::Watch( World& world )
    : world_( world ),
      label_( world.inputs().route.size() ),
+     viaSet_( world.inputs().viaSet.size() ),
      foreign_( Exit::firstExtFec + world.inputs().extFec.size() ) {}
 
 // An event after which a label may be dark for a while though it is meant to forward.
@@ -94,6 +95,7 @@ void Watch::after( const Event& event ) {
 
 void Watch::intentsChanged() {
    const Inputs& inputs = world_.inputs();
+   viaSetsChanged();
    for ( U32 number = 1; number < foreign_.size(); ++number ) {
       const Inputs::Foreign& now = inputs.foreign( number );
       if ( foreign_[number].empty() || foreign_[number].back().stamp != now.stamp ) {
@@ -137,11 +139,47 @@ bool Watch::wasMeant( const Exit& exit, const Way& way ) const {
 }
 
 // The neighbour's address may be an older one until the rewrite has been carried out.
-bool Watch::wasMeant( const Label& label, const Way& way ) const {
-   return std::ranges::any_of( label.meant, [&]( const Exits& exits ) {
-      return std::ranges::any_of( exits,
-                                  [&]( const Exit& exit ) { return wasMeant( exit, way ); } );
-   } );
+bool Watch::wasMeant( U32 index, const Way& way ) const {
+   return std::ranges::any_of( label_[index].meant,
+                               [&]( const Exits& exits ) {
+                                  return std::ranges::any_of( exits, [&]( const Exit& exit ) {
+                                     return wasMeant( exit, way );
+                                  } );
+                               } ) ||
+          itsViaSetWasThere( index, way );
+}
+
+bool Watch::itsViaSetWasThere( U32 index, const Way& way ) const {
+   const Inputs& inputs = world_.inputs();
+   const Inputs::Route& route = inputs.route[index];
+   if ( inputs.settings.fecs == 0 || !route.there || route.type != 0 ) {
+      return false; // what has an L2 adjacency of its own meets nobody else's
+   }
+   const auto was = [&]( U32 set ) {
+      return std::ranges::any_of( viaSet_[set], [&]( const Inputs::ViaSet& content ) {
+         const Exits exits = inputs.exitsOf( set, content, Inputs::labelOf( index ) );
+         return std::ranges::any_of( exits,
+                                     [&]( const Exit& exit ) { return wasMeant( exit, way ); } );
+      } );
+   };
+   const U32 backup = inputs.viaSet[route.set].backup;
+   return was( route.set ) || ( backup < viaSet_.size() && was( backup ) );
+}
+
+void Watch::viaSetsChanged() {
+   const Inputs& inputs = world_.inputs();
+   for ( U32 number = 1; number < viaSet_.size(); ++number ) {
+      const auto uses = [&]( const Inputs::Route& route ) {
+         return route.there && route.type == 0 &&
+                ( route.set == number || inputs.viaSet[route.set].backup == number );
+      };
+      if ( std::ranges::none_of( inputs.route, uses ) ) {
+         viaSet_[number].clear();
+      }
+      if ( viaSet_[number].empty() || !( viaSet_[number].back() == inputs.viaSet[number] ) ) {
+         viaSet_[number].push_back( inputs.viaSet[number] );
+      }
+   }
 }
 
 std::string Watch::describe( U32 index ) const {
@@ -172,7 +210,7 @@ void Watch::checkFrames() {
          const VrfId vrfId = Inputs::firstVrfNumber + i;
          const std::optional< Way > way = world_.forward( vrfId, index, flow_ );
          ++framesSent_;
-         if ( way && !wasMeant( label_[index], *way ) ) {
+         if ( way && !wasMeant( index, *way ) ) {
             throw Failure{ "frames", joinText( "vrf ", vrfId, ": a frame leaves by ", *way, "; ",
                                                describe( index ) ) };
          }
@@ -199,6 +237,7 @@ void Watch::rest() {
    const bool decided =
       std::ranges::all_of( label_, []( const Label& label ) { return label.intent.exact; } );
    if ( world_.inputs().clean() && decided ) { // else something of before may still be in use
+      viaSet_.assign( viaSet_.size(), {} );
       for ( auto& was : foreign_ ) {
          was.erase( was.begin(), was.end() - std::min< std::ptrdiff_t >( 1, std::ssize( was ) ) );
       }
@@ -222,7 +261,7 @@ void Watch::checkLabelAtRest( U32 index ) {
                            joinText( "vrf ", vrfId, ", which is nobody's: a frame leaves by ", *way,
                                      "; ", describe( index ) ) };
          }
-         if ( way && !( decided ? contains( expected, *way ) : wasMeant( label, *way ) ) ) {
+         if ( way && !( decided ? contains( expected, *way ) : wasMeant( index, *way ) ) ) {
             throw Failure{ "exact",
                            joinText( "a frame leaves by ", *way, "; ", describe( index ) ) };
          }

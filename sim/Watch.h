@@ -51,8 +51,10 @@ class Watch {
    void intentsChanged();
    void disturbed();
    bool disturbs( const Event& event ) const;
-   bool wasMeant( const Label& label, const Way& way ) const;
+   bool wasMeant( U32 index, const Way& way ) const;
    bool wasMeant( const Exit& exit, const Way& way ) const;
+   bool itsViaSetWasThere( U32 index, const Way& way ) const;
+   void viaSetsChanged();
    void checkFrames();
    void checkLabelAtRest( U32 index );
    void checkPublished( U32 index, const Intent& intent ) const;
@@ -60,6 +62,9 @@ class Watch {
 
    World& world_;
    std::vector< Label > label_;
+   /// What each via set has been while labels used it without a break: who joins them goes their
+   /// way until hardware has carried out the last change.
+   std::vector< std::vector< Inputs::ViaSet > > viaSet_;
    std::vector< std::vector< Inputs::Foreign > > foreign_; ///< what there was under each number
    U32 flow_ = 0;
    U64 framesSent_ = 0;
