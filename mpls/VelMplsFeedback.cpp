@@ -90,6 +90,9 @@ void MplsSm::handleVrfNumber( const L3::VrfName& vrf ) {
          handleMplsRouting( true );
       }
    }
+   if ( VrfMplsState* const vrfState = mplsState( vrf ); vrfState && !initialized() ) {
+      noteVrfNumber( *vrfState ); // nothing has been written yet
+   }
    maybeSweepNamed( vrf );
 }
 

@@ -87,9 +87,14 @@ U64 MplsSm::contentDigestOf( const Mpls::LfibViaSet& viaSet ) const {
 
 // The LFIB is read ahead of its announcements: what has not been announced yet may have given the
 // adjacency's via set another content, that of another label's old way.
-bool MplsSm::maybeQueueStaleL3Adj( VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+bool MplsSm::maybeQueueStaleL3Adj( VrfMplsState& vrfState, const MplsRoute& route,
                                    const Mpls::LfibViaSet& viaSet ) {
-   if ( !in_.transitLfib->pollPending() || l3Adj.contentDigest() == contentDigestOf( viaSet ) ) {
+   if ( !in_.transitLfib->pollPending() || !vrfState.lFibViaSetToL3AdjHas( viaSet.key() ) ) {
+      return false;
+   }
+   const L3Adjacency& l3Adj = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( viaSet.key() ) );
+   if ( route.l3Adj() == &l3Adj || l3Adj.contentDigest() == contentDigestOf( viaSet ) ||
+        isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
       return false;
    }
    vrfState.l3AdjForReviewIs( l3Adj.index() );

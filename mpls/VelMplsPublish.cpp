@@ -135,7 +135,7 @@ MplsSm::WaysOut MplsSm::waysOutOf( const L3Adjacency& l3Adj ) const {
    }
    const ExternalFecInfo* const backup = info ? info->backupExtFecInfo().get() : nullptr;
    const WaysOut ways = backup ? waysOutOf( *backup ) : WaysOut::none;
-   return l3Adj.primaryViasDisabled() ? ways : std::min( ways, WaysOut::some );
+   return std::min( ways, WaysOut::some );
 }
 
 // Protection is one level deep, and with it the recursion.

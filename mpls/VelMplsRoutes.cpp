@@ -353,15 +353,17 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
          if ( !stayInHardware( vrfState, *route ) ) {
             takeRouteOut( vrfState, *route );
          }
+      } else {
+         takeRouteOut( vrfState, *route ); // nor is one that was refused to be tried again before
       }
       return;
    }
-   route->metricIs( lfibRoute.metric );
-   const L3Adjacency* const before = route->l3Adj().get();
-   L3Adjacency& l3Adj = bindRouteToL3Adj( vrfState, *route, lfibRoute.viaSetKey );
-   if ( &l3Adj != before && maybeQueueStaleL3Adj( vrfState, l3Adj, viaSet ) ) {
-      return; // the adjacency's routes are processed after it
+   if ( maybeQueueStaleL3Adj( vrfState, *route, viaSet ) ) {
+      vrfState.routeKeyForReviewIs( routeKey );
+      return;
    }
+   route->metricIs( lfibRoute.metric );
+   L3Adjacency& l3Adj = bindRouteToL3Adj( vrfState, *route, lfibRoute.viaSetKey );
    writeRoute( vrfState, *route, l3Adj );
    if ( !inHardware( *route ) || inHardwareBy( *route, l3Adj ) ) {
       leaveCarrier( vrfState, routeKey );

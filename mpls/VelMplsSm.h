@@ -172,9 +172,9 @@ class VEL_EXPORT MplsSm : public Entity {
    bool hasDynamicTunnelAdj( const L3Adjacency& l3Adj ) const;
    bool isAdjPendingForReview( const VrfMplsState& vrfState, U64 index ) const;
    U64 contentDigestOf( const Mpls::LfibViaSet& viaSet ) const;
-   /// Whether the adjacency is to be processed before anybody else may forward by it; then it is
-   /// queued.
-   bool maybeQueueStaleL3Adj( VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+   /// Whether the adjacency of the via set has to be processed before the route may join it; then
+   /// it is queued.
+   bool maybeQueueStaleL3Adj( VrfMplsState& vrfState, const MplsRoute& route,
                               const Mpls::LfibViaSet& viaSet );
    void deleteL3Adj( VrfMplsState& vrfState, U64 index );
    void deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj );

@@ -110,6 +110,9 @@ void Watch::intentsChanged() {
            !intent.exits.empty() ) {
          label.meant.push_back( intent.exits );
       }
+      if ( !intent.exact ) { // a via set that is not sane keeps what it had
+         viaSetsWereMeant( index );
+      }
       const auto alive = [&]( const Exits& exits ) {
          return std::ranges::any_of( exits,
                                      [&]( const Exit& exit ) { return inputs.alive( exit ); } );
@@ -164,6 +167,23 @@ bool Watch::itsViaSetWasThere( U32 index, const Way& way ) const {
    };
    const U32 backup = inputs.viaSet[route.set].backup;
    return was( route.set ) || ( backup < viaSet_.size() && was( backup ) );
+}
+
+void Watch::viaSetsWereMeant( U32 index ) {
+   const Inputs& inputs = world_.inputs();
+   const Inputs::Route& route = inputs.route[index];
+   if ( !route.there || route.type != 0 ) {
+      return;
+   }
+   std::vector< Exits >& meant = label_[index].meant;
+   for ( const U32 set : { route.set, inputs.viaSet[route.set].backup } ) {
+      for ( size_t i = 0; set < viaSet_.size() && i < viaSet_[set].size(); ++i ) {
+         const Exits exits = inputs.exitsOf( set, viaSet_[set][i], Inputs::labelOf( index ) );
+         if ( !exits.empty() && std::ranges::find( meant, exits ) == meant.end() ) {
+            meant.push_back( exits );
+         }
+      }
+   }
 }
 
 void Watch::viaSetsChanged() {
@@ -237,10 +257,14 @@ void Watch::rest() {
    const bool decided =
       std::ranges::all_of( label_, []( const Label& label ) { return label.intent.exact; } );
    if ( world_.inputs().clean() && decided ) { // else something of before may still be in use
-      viaSet_.assign( viaSet_.size(), {} );
-      for ( auto& was : foreign_ ) {
-         was.erase( was.begin(), was.end() - std::min< std::ptrdiff_t >( 1, std::ssize( was ) ) );
-      }
+      const auto keepLast = []( auto& all ) {
+         for ( auto& was : all ) {
+            was.erase( was.begin(),
+                       was.end() - std::min< std::ptrdiff_t >( 1, std::ssize( was ) ) );
+         }
+      };
+      keepLast( viaSet_ );
+      keepLast( foreign_ );
    }
 }
 

@@ -55,6 +55,7 @@ class Watch {
    bool wasMeant( const Exit& exit, const Way& way ) const;
    bool itsViaSetWasThere( U32 index, const Way& way ) const;
    void viaSetsChanged();
+   void viaSetsWereMeant( U32 index );
    void checkFrames();
    void checkLabelAtRest( U32 index );
    void checkPublished( U32 index, const Intent& intent ) const;

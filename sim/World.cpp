@@ -551,10 +551,10 @@ void World::clear() {
 std::string World::settle() {
    constexpr size_t maxRuns = 30'000;
    constexpr double maxSeconds = 900;
-   constexpr double roundSeconds = 5; // without work: the next thing to come is a retry
-   constexpr U32 maxRounds = 3;
+   constexpr U32 maxRounds = 5; // of retries, one every ten seconds
    const double until = clock_->now() + maxSeconds;
    U32 rounds = 0;
+   double lastRetry = 0;
    Scheduler& scheduler = *agent_->scheduler;
    for ( size_t runs = 0; runs < maxRuns; ) {
       do {
@@ -573,9 +573,12 @@ std::string World::settle() {
          return {};
       }
       const VrfMplsState* const vrfState = state();
-      if ( next - clock_->now() > roundSeconds && vrfState &&
-           vrfState->numUnprogrammedRoute() != 0 && ++rounds > maxRounds ) {
-         return {};
+      if ( vrfState && vrfState->numUnprogrammedRoute() != 0 &&
+           lastRetry != vrfState->lastUnprogrammedReview() ) {
+         lastRetry = vrfState->lastUnprogrammedReview();
+         if ( ++rounds > maxRounds ) {
+            return {};
+         }
       }
       if ( next > until ) {
          return joinText( "still at work after ", maxSeconds, " seconds" );
