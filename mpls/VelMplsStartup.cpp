@@ -379,11 +379,22 @@ double MplsSm::staleShare( size_t stale ) const {
 // The question that decides about a recovered route: whether the LFIB has it now, with something
 // that can be forwarded with. A via set that is still to come may be what it has already.
 bool MplsSm::recoveredRouteWanted( Mpls::RouteKey routeKey ) const {
+   const L3::VrfName& vrf = L3::VrfName::defaultVrf();
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
-   return !!lfibRoute && mplsRoutingEnabled( L3::VrfName::defaultVrf() ) &&
-          routeSupported( lfibRoute ) &&
-          ( in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey ).null() ||
-            lFibViaSetFault( lfibRoute.viaSetKey ).empty() );
+   if ( !lfibRoute || !mplsRoutingEnabled( vrf ) || !routeSupported( lfibRoute ) ) {
+      return false;
+   }
+   if ( in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey ).null() ) {
+      return true;
+   }
+   // Its adjacency may have been looked at, and have no FEC that it could be waiting for.
+   const VrfMplsState* const vrfState = mplsState( vrf );
+   const MplsRoute* const route = vrfState ? vrfState->route( routeKey ) : nullptr;
+   const L3Adjacency* const l3Adj = route ? route->l3Adj().get() : nullptr;
+   const bool mayWait = l3Adj == nullptr || l3Adj->extFecInfo() ||
+                        l3Adj->awaitedBackup().holdsBack() ||
+                        isAdjPendingForReview( *vrfState, l3Adj->index() );
+   return mayWait && lFibViaSetFault( lfibRoute.viaSetKey ).empty();
 }
 
 void MplsSm::forgetWantedStale() {

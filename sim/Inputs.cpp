@@ -136,7 +136,7 @@ void Inputs::apply( const Event& event ) {
       break;
    case EventKind::viaSet: {
       ViaSet& set = viaSet[n[0]];
-      set = { static_cast< ViaSetForm >( n[1] ), n[2], n[3] != 0, {} };
+      set = { static_cast< ViaSetForm >( n[1] ), n[2], n[3] != 0, keptBackup( set ), {} };
       for ( size_t i = 0; i < maxVias && set.form != ViaSetForm::empty; ++i ) {
          if ( n[5 + i] != 0 ) {
             set.vias.push_back( viaOf( event, i ) );
@@ -155,10 +155,14 @@ void Inputs::apply( const Event& event ) {
       }
       break;
    }
-   case EventKind::viaSetGone:
-      viaSet[n[0]] = {};
+   case EventKind::viaSetGone: {
+      ViaSet gone;
+      gone.backupBefore = keptBackup( viaSet[n[0]] );
+      viaSet[n[0]] = gone;
       break;
+   }
    case EventKind::viaGone:
+      viaSet[n[0]].backupBefore = keptBackup( viaSet[n[0]] );
       if ( n[1] < viaSet[n[0]].vias.size() ) {
          viaSet[n[0]].vias[n[1]].gone = true;
       }
@@ -334,8 +338,18 @@ bool Inputs::someLinkDown() const {
    return std::find( linkUp.begin() + 1, linkUp.end(), false ) != linkUp.end();
 }
 
+U32 Inputs::keptBackup( const ViaSet& set ) const {
+   return sane( set ) ? set.backup : set.backupBefore;
+}
+
 bool Inputs::protectsSomebody( U32 number ) const {
    const auto named = [&]( const auto& other ) { return other.backup == number; };
+   const auto keeps = [&]( const ViaSet& other ) {
+      return !sane( other ) && other.backupBefore == number && &other != &viaSet[number];
+   };
+   if ( std::any_of( viaSet.begin() + 1, viaSet.end(), keeps ) ) {
+      return true;
+   }
    return std::any_of(
              viaSet.begin() + 1, viaSet.end(),
              [&]( const ViaSet& other ) { return named( other ) && &other != &viaSet[number]; } ) ||

@@ -84,6 +84,7 @@ class Inputs {
       ViaSetForm form = ViaSetForm::none;
       U32 backup = 0;
       bool unusable = false;
+      U32 backupBefore = 0; ///< of an earlier content, which it keeps while it is not sane
       std::vector< Via > vias;
 
       bool there() const { return form != ViaSetForm::none; }
@@ -158,6 +159,7 @@ class Inputs {
    void addWay( const Exit& exit, Ways& out ) const;
    void addVias( U32 number, U32 label, Ways& ways, Exits& exits ) const;
    bool sane( const ViaSet& set ) const;
+   U32 keptBackup( const ViaSet& set ) const;
    bool protectsSomebody( U32 set ) const;
    bool hasBackup( U32 set ) const;
    bool backupThere( U32 set ) const;

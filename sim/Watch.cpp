@@ -110,12 +110,15 @@ void Watch::intentsChanged() {
            !intent.exits.empty() ) {
          label.meant.push_back( intent.exits );
       }
-      if ( !intent.exact ) { // a via set that is not sane keeps what it had
+      // A via set that is not sane keeps what it had; and who joins one whose FEC is being rewritten
+      // goes its siblings' way until hardware has carried that out.
+      if ( !intent.exact || inputs.settings.fecs != 0 ) {
          viaSetsWereMeant( index );
       }
       const auto alive = [&]( const Exits& exits ) {
-         return std::ranges::any_of( exits,
-                                     [&]( const Exit& exit ) { return inputs.alive( exit ); } );
+         return std::ranges::any_of( exits, [&]( const Exit& exit ) {
+            return inputs.alive( exit ) && ( exit.foreign == 0 || foreignAlive( exit.foreign ) );
+         } );
       };
       const bool toForward =
          intent.keeps || ( intent.exact && !( intent.primary.empty() && intent.backup.empty() ) );
@@ -125,6 +128,14 @@ void Watch::intentsChanged() {
       label.firm =
          label.firm && toForward && !unanswered && std::ranges::all_of( label.meant, alive );
    }
+}
+
+// Also by what hardware may still have of before.
+bool Watch::foreignAlive( U32 number ) const {
+   const Inputs& inputs = world_.inputs();
+   return std::ranges::all_of( foreign_[number], [&]( const Inputs::Foreign& was ) {
+      return was.link != 0 && inputs.linkUp[was.link] && inputs.mac[was.link] != 0;
+   } );
 }
 
 bool Watch::wasMeant( const Exit& exit, const Way& way ) const {
@@ -143,30 +154,10 @@ bool Watch::wasMeant( const Exit& exit, const Way& way ) const {
 
 // The neighbour's address may be an older one until the rewrite has been carried out.
 bool Watch::wasMeant( U32 index, const Way& way ) const {
-   return std::ranges::any_of( label_[index].meant,
-                               [&]( const Exits& exits ) {
-                                  return std::ranges::any_of( exits, [&]( const Exit& exit ) {
-                                     return wasMeant( exit, way );
-                                  } );
-                               } ) ||
-          itsViaSetWasThere( index, way );
-}
-
-bool Watch::itsViaSetWasThere( U32 index, const Way& way ) const {
-   const Inputs& inputs = world_.inputs();
-   const Inputs::Route& route = inputs.route[index];
-   if ( inputs.settings.fecs == 0 || !route.there || route.type != 0 ) {
-      return false; // what has an L2 adjacency of its own meets nobody else's
-   }
-   const auto was = [&]( U32 set ) {
-      return std::ranges::any_of( viaSet_[set], [&]( const Inputs::ViaSet& content ) {
-         const Exits exits = inputs.exitsOf( set, content, Inputs::labelOf( index ) );
-         return std::ranges::any_of( exits,
-                                     [&]( const Exit& exit ) { return wasMeant( exit, way ); } );
-      } );
-   };
-   const U32 backup = inputs.viaSet[route.set].backup;
-   return was( route.set ) || ( backup < viaSet_.size() && was( backup ) );
+   return std::ranges::any_of( label_[index].meant, [&]( const Exits& exits ) {
+      return std::ranges::any_of( exits,
+                                  [&]( const Exit& exit ) { return wasMeant( exit, way ); } );
+   } );
 }
 
 void Watch::viaSetsWereMeant( U32 index ) {

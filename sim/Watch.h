@@ -53,7 +53,7 @@ class Watch {
    bool disturbs( const Event& event ) const;
    bool wasMeant( U32 index, const Way& way ) const;
    bool wasMeant( const Exit& exit, const Way& way ) const;
-   bool itsViaSetWasThere( U32 index, const Way& way ) const;
+   bool foreignAlive( U32 number ) const;
    void viaSetsChanged();
    void viaSetsWereMeant( U32 index );
    void checkFrames();

@@ -551,10 +551,11 @@ void World::clear() {
 std::string World::settle() {
    constexpr size_t maxRuns = 30'000;
    constexpr double maxSeconds = 900;
-   constexpr U32 maxRounds = 5; // of retries, one every ten seconds
+   constexpr double roundSeconds = 10; // as long as the library waits between two retries
+   constexpr U32 maxRounds = 5;
    const double until = clock_->now() + maxSeconds;
    U32 rounds = 0;
-   double lastRetry = 0;
+   double lastRound = clock_->now();
    Scheduler& scheduler = *agent_->scheduler;
    for ( size_t runs = 0; runs < maxRuns; ) {
       do {
@@ -574,8 +575,8 @@ std::string World::settle() {
       }
       const VrfMplsState* const vrfState = state();
       if ( vrfState && vrfState->numUnprogrammedRoute() != 0 &&
-           lastRetry != vrfState->lastUnprogrammedReview() ) {
-         lastRetry = vrfState->lastUnprogrammedReview();
+           clock_->now() - lastRound > roundSeconds ) {
+         lastRound = clock_->now();
          if ( ++rounds > maxRounds ) {
             return {};
          }
