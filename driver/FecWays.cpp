@@ -214,11 +214,13 @@ bool FecUnit::follow( const FecVia& via, Way& way, std::string& why ) const {
    default:
       break;
    }
-   if ( !links_.up( via.intf ) ) {
-      why = joinText( "interface ", nameOf( via.intf ), " is down" );
+   way.exit = platform_.resolve ? platform_.resolve( via.intf, via.nextHop ) : NextHopInfo();
+   // A via without an interface leaves by the one that its next hop is found on.
+   const IntfId intf = via.intf.empty() ? way.exit.l2Intf : via.intf;
+   if ( !links_.up( intf ) ) {
+      why = joinText( "interface ", nameOf( intf ), " is down" );
       return false;
    }
-   way.exit = platform_.resolve ? platform_.resolve( via.intf, via.nextHop ) : NextHopInfo();
    if ( !way.exit.resolved ) {
       why = joinText( "next hop ", via.nextHop, " on ", nameOf( via.intf ), " is not resolved" );
    }

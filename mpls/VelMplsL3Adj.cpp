@@ -428,10 +428,8 @@ void MplsSm::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    for ( const IpAddrIntfId& key : l3Adj.nextHop() ) { // also those of a still earlier content
       useNextHop( vrfState, former, key );
    }
-   if ( l3Adj.backupAdj() ) {
-      linkBackupAdj( vrfState, former, *l3Adj.backupAdj() );
-      setHwBackupAdjStatus( vrfState, former );
-   }
+   // It keeps no backup: one that counts as used by it could take none of its own, and the routes
+   // that it carries may wait for just that.
    for ( const Mpls::RouteKey routeKey : left ) {
       l3Adj.carriedRouteKeyDel( routeKey );
       former.carriedRouteKeyIs( routeKey );

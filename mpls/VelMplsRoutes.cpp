@@ -522,7 +522,7 @@ bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
    L3Adjacency& by = carrier ? *carrier : *route.l3Adj();
    if ( const ExternalFecInfo* const info = route.extFecInfo().get() ) {
       const bool ofAnotherContent = by.extFecInfo() && by.extFecInfo() != info;
-      const bool refused = ofAnotherContent && !inFecInHardware( route );
+      const bool refused = by.extFecInfo() != info && !inFecInHardware( route );
       if ( info->hwId() == 0 || refused || ( !ofAnotherContent && !hasWayOut( by ) ) ) {
          return false;
       }

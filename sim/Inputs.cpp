@@ -136,7 +136,7 @@ void Inputs::apply( const Event& event ) {
       break;
    case EventKind::viaSet: {
       ViaSet& set = viaSet[n[0]];
-      set = { static_cast< ViaSetForm >( n[1] ), n[2], n[3] != 0, keptBackup( set ), {} };
+      set = { static_cast< ViaSetForm >( n[1] ), n[2], n[3] != 0, backupsOf( set ), {} };
       for ( size_t i = 0; i < maxVias && set.form != ViaSetForm::empty; ++i ) {
          if ( n[5 + i] != 0 ) {
             set.vias.push_back( viaOf( event, i ) );
@@ -157,12 +157,12 @@ void Inputs::apply( const Event& event ) {
    }
    case EventKind::viaSetGone: {
       ViaSet gone;
-      gone.backupBefore = keptBackup( viaSet[n[0]] );
+      gone.backupsBefore = backupsOf( viaSet[n[0]] );
       viaSet[n[0]] = gone;
       break;
    }
    case EventKind::viaGone:
-      viaSet[n[0]].backupBefore = keptBackup( viaSet[n[0]] );
+      viaSet[n[0]].backupsBefore = backupsOf( viaSet[n[0]] );
       if ( n[1] < viaSet[n[0]].vias.size() ) {
          viaSet[n[0]].vias[n[1]].gone = true;
       }
@@ -338,14 +338,21 @@ bool Inputs::someLinkDown() const {
    return std::find( linkUp.begin() + 1, linkUp.end(), false ) != linkUp.end();
 }
 
-U32 Inputs::keptBackup( const ViaSet& set ) const {
-   return sane( set ) ? set.backup : set.backupBefore;
+// What is not sane, or waits for its backup, stays as it was.
+bool Inputs::settled( const ViaSet& set ) const {
+   return sane( set ) && ( set.backup == 0 || backupThere( set ) );
+}
+
+// The library may have missed any of its contents.
+U32 Inputs::backupsOf( const ViaSet& set ) {
+   return set.backupsBefore | 1U << set.backup;
 }
 
 bool Inputs::protectsSomebody( U32 number ) const {
    const auto named = [&]( const auto& other ) { return other.backup == number; };
    const auto keeps = [&]( const ViaSet& other ) {
-      return !sane( other ) && other.backupBefore == number && &other != &viaSet[number];
+      return !settled( other ) && ( other.backupsBefore >> number & 1 ) != 0 &&
+             &other != &viaSet[number];
    };
    if ( std::any_of( viaSet.begin() + 1, viaSet.end(), keeps ) ) {
       return true;
@@ -381,8 +388,8 @@ U32 Inputs::backupOf( U32 number, bool& exact ) const {
    return isFec( backup ) && !isGroup( set ) && !isGroup( viaSet[number] ) ? backup : 0;
 }
 
-bool Inputs::backupThere( U32 number ) const {
-   const U32 backup = viaSet[number].backup;
+bool Inputs::backupThere( const ViaSet& set ) const {
+   const U32 backup = set.backup;
    return backup > settings.viaSets ? extViaSet[backup - settings.viaSets].there
                                     : viaSet[backup].there();
 }
@@ -402,10 +409,10 @@ Intent Inputs::viaSetIntent( U32 number, U32 label ) const {
       set.there() && sane( set ) &&
       ( set.form != ViaSetForm::group || set.unusable || !supported || group.link != 0 );
    addVias( number, label, intent.primary, intent.exits );
-   intent.keeps = !set.there() ||
-                  ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 ) ||
-                  ( hasBackup( number ) && !backupThere( number ) && sane( set ) &&
-                    !protectsSomebody( number ) );
+   intent.keeps =
+      !set.there() ||
+      ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 ) ||
+      ( hasBackup( number ) && !backupThere( set ) && sane( set ) && !protectsSomebody( number ) );
    addVias( number, label, intent.primary, intent.exits );
    intent.keeps = !set.there() ||
                   ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 ) ||

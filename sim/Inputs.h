@@ -84,7 +84,8 @@ class Inputs {
       ViaSetForm form = ViaSetForm::none;
       U32 backup = 0;
       bool unusable = false;
-      U32 backupBefore = 0; ///< of an earlier content, which it keeps while it is not sane
+      U32 backupsBefore =
+         0; ///< a bit each, of earlier contents; it keeps one while it is not settled
       std::vector< Via > vias;
 
       bool there() const { return form != ViaSetForm::none; }
@@ -159,10 +160,11 @@ class Inputs {
    void addWay( const Exit& exit, Ways& out ) const;
    void addVias( U32 number, U32 label, Ways& ways, Exits& exits ) const;
    bool sane( const ViaSet& set ) const;
-   U32 keptBackup( const ViaSet& set ) const;
+   static U32 backupsOf( const ViaSet& set );
    bool protectsSomebody( U32 set ) const;
    bool hasBackup( U32 set ) const;
-   bool backupThere( U32 set ) const;
+   bool backupThere( const ViaSet& set ) const;
+   bool settled( const ViaSet& set ) const;
    U32 backupOf( U32 set, bool& exact ) const;
    Intent externalIntent( const Route& route, U32 label ) const;
    Intent viaSetIntent( U32 set, U32 label ) const;
