@@ -22,7 +22,7 @@ class Progress;
 /// How a run of the program ends.
 struct ExitStatus {
    static constexpr int done = 0;
-   static constexpr int failed = 1; ///< a simulation has found a failure
+   static constexpr int failed = 1;   ///< a simulation has found a failure
    static constexpr int badInput = 2; ///< or bad usage; nothing was applied
    static constexpr int incomplete =
       3; ///< a route that is to be forwarded is not, or not by all vias

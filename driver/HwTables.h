@@ -76,18 +76,18 @@ struct HwFec {
    Fib::FecId fecId; ///< what it is requested by; none for one of an earlier driver
    L3::VrfName vrfName;
    std::optional< VrfId > reportedIn; ///< the VRF under whose number its state stands reported
-   std::vector< Fib::FecVia > via; ///< none once it has been taken out of hardware
-   Fib::FecId backupFecId;         ///< what is to protect it
-   Ptr< HwFec > backup;            ///< what does
-   U64 routes = 0;                 ///< that forward into it
-   U64 recovered = 0;              ///< of these, what an earlier driver wrote and this one has not
-   bool routesOperate = false;     ///< some of those did something to the label themselves
-   bool replaced = false;          ///< made of one of an earlier driver that had another content
-   bool found = false;             ///< of an earlier driver, not taken over
-   bool stays = false;             ///< ... and not to be given to anybody else
-   U64 protects = 0;               ///< FECs whose backup it is
-   U64 protectsFound = 0;          ///< of these, such as were found
-   U64 protectsStaying = 0;        ///< of these, such as stay
+   std::vector< Fib::FecVia > via;    ///< none once it has been taken out of hardware
+   Fib::FecId backupFecId;            ///< what is to protect it
+   Ptr< HwFec > backup;               ///< what does
+   U64 routes = 0;                    ///< that forward into it
+   U64 recovered = 0;          ///< of these, what an earlier driver wrote and this one has not
+   bool routesOperate = false; ///< some of those did something to the label themselves
+   bool replaced = false;      ///< made of one of an earlier driver that had another content
+   bool found = false;         ///< of an earlier driver, not taken over
+   bool stays = false;         ///< ... and not to be given to anybody else
+   U64 protects = 0;           ///< FECs whose backup it is
+   U64 protectsFound = 0;      ///< of these, such as were found
+   U64 protectsStaying = 0;    ///< of these, such as stay
 
    void referenceAcquire() const { ++references_; }
    void referenceRelease() const {

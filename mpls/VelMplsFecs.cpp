@@ -343,6 +343,12 @@ Fib::FecId MplsSm::backupFecIdToRequest( const VrfMplsState& vrfState, const L3A
         l3Adj.backupAdj()->extFecInfo().get() != backup ) { // an earlier adjacency's
       return {};
    }
+   const ExternalFecInfo* const own = l3Adj.extFecInfo().get();
+   if ( l3Adj.backupAdj()->outdated() && ( !own || own->backupExtFecInfo().get() != backup ) ) {
+      MPLS_TRACE( 3, "skipping adding backup fec to fec request for l3 adj ", l3Adj.index(),
+                  " until fec ", fecId, " is what its via set says" );
+      return {};
+   }
    if ( backup->backupExtFecInfo() ) { // of an earlier content; FECs never lead in a circle
       MPLS_TRACE( 3, "skipping adding backup fec to fec request for l3 adj ", l3Adj.index(),
                   " until fec ", fecId, " has lost its own" );

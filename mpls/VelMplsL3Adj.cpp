@@ -152,6 +152,9 @@ void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    const Ptr< ExternalFecInfo > fecBefore = l3Adj->extFecInfo();
    l3Adj->contentDigestIs( contentDigestOf( viaSet ) );
    const L3AdjOutcome outcome = programL3Adj( vrfState, *l3Adj, viaSet );
+   if ( l3Adj->outdated() && outcome == L3AdjOutcome::programmed ) {
+      queuePrimaries( vrfState, *l3Adj ); // whose FECs could not name this one's
+   }
    l3Adj->outdatedIs( outcome != L3AdjOutcome::programmed );
    if ( outcome != L3AdjOutcome::backedOff ) {
       settleL3Adj( vrfState, *l3Adj );

@@ -207,7 +207,7 @@ Fib::FecId MplsSm::fecAwaitedByAll( const VrfMplsState& vrfState,
       const L3Adjacency* const l3Adj = route ? route->l3Adj().get() : nullptr;
       const ExternalFecInfo* const wanted = l3Adj ? l3Adj->extFecInfo().get() : nullptr;
       if ( wanted == nullptr || wanted->hwId() != 0 || wanted->popLabelActionRemoved() ||
-           ( awaited && awaited != wanted ) ) {
+           ( awaited && awaited != wanted ) || !stillUses( routeKey, *l3Adj ) ) {
          return {};
       }
       awaited = wanted;

@@ -167,13 +167,17 @@ void Watch::viaSetsWereMeant( U32 index ) {
       return;
    }
    std::vector< Exits >& meant = label_[index].meant;
-   for ( const U32 set : { route.set, inputs.viaSet[route.set].backup } ) {
+   const auto add = [&]( U32 set ) {
       for ( size_t i = 0; set < viaSet_.size() && i < viaSet_[set].size(); ++i ) {
          const Exits exits = inputs.exitsOf( set, viaSet_[set][i], Inputs::labelOf( index ) );
          if ( !exits.empty() && std::ranges::find( meant, exits ) == meant.end() ) {
             meant.push_back( exits );
          }
       }
+   };
+   add( route.set );
+   for ( const Inputs::ViaSet& was : viaSet_[route.set] ) {
+      add( was.backup );
    }
 }
 
