@@ -2,10 +2,10 @@
 // that protect others.
 //
 // Protection is one level deep: a backup has no backup, and what has a backup protects nobody. An
-// adjacency whose backup is not fit for it backs off: it is left as it is, with the backup that it
-// had, and waits under the backup's via set key. What makes the backup fit is an event, the
-// processing of its adjacency or a change of its via set, and that event queues those who wait. The
-// wait ends with the adjacency's own via set as well.
+// adjacency whose backup is not fit for it backs off: it is left as it is and waits under the
+// backup's via set key. What makes the backup fit is an event, the processing of its adjacency or a
+// change of its via set, and that event queues those who wait. The wait ends with the adjacency's
+// own via set as well.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
@@ -204,11 +204,11 @@ bool MplsSm::validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adja
       return false;
    }
    const Mpls::LfibViaSetKey backupKey = backupKeyOf( viaSet );
+   if ( l3Adj.backupAdj() && l3Adj.backupAdj()->lFibViaSetKey() != backupKey ) {
+      deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
+   }
    if ( backupKey.empty() ) {
       stopWaitingForBackup( vrfState, l3Adj );
-      if ( l3Adj.backupAdj() ) {
-         deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
-      }
       return true;
    }
    if ( const BackupAwaits awaits = maybeLinkBackupAdj( vrfState, l3Adj, backupKey );
@@ -221,8 +221,7 @@ bool MplsSm::validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adja
    return true;
 }
 
-// Links the two where the backup is fit; says what there is to wait for where it is not. The backup
-// that the adjacency has so far protects what is in hardware until then.
+// Links the two where the backup is fit; says what there is to wait for where it is not.
 BackupAwaits MplsSm::maybeLinkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                          Mpls::LfibViaSetKey backupKey ) {
    if ( in_.transitLfib->lfibViaSet( backupKey ).null() ) {
@@ -247,7 +246,7 @@ BackupAwaits MplsSm::maybeLinkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3
       return isAdjPendingForReview( vrfState, backup.index() ) ? BackupAwaits::review
                                                                : BackupAwaits::fitness;
    }
-   linkBackupAdj( vrfState, l3Adj, backup );
+   linkBackupAdj( l3Adj, backup );
    return BackupAwaits::nothing;
 }
 
@@ -271,19 +270,16 @@ void MplsSm::makeBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    L3Adjacency* const backup = newL3Adjacency( vrfState );
    backup->lFibViaSetKeyIs( backupKey );
    vrfState.lFibViaSetToL3AdjIs( backupKey, backup->index() );
-   linkBackupAdj( vrfState, l3Adj, *backup );
+   linkBackupAdj( l3Adj, *backup );
    setHwBackupAdjStatus( vrfState, l3Adj );
    MPLS_TRACE( 3, "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
                " not yet up for review, kicking off review and backing off" );
    vrfState.l3AdjForReviewIs( backup->index() );
 }
 
-void MplsSm::linkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj, L3Adjacency& backup ) {
+void MplsSm::linkBackupAdj( L3Adjacency& l3Adj, L3Adjacency& backup ) {
    if ( l3Adj.backupAdj() == &backup ) {
       return;
-   }
-   if ( l3Adj.backupAdj() ) {
-      deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
    }
    l3Adj.backupAdjIs( &backup );
    backup.primaryAdjIs( l3Adj.index() );

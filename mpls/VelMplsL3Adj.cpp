@@ -165,15 +165,18 @@ void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
 }
 
 // What it is made of does not depend on its routes: all that can follow from a route that has left
-// is its end.
+// is its end, and that of what was kept for the route.
 void MplsSm::processL3AdjLeft( VrfMplsState& vrfState, U64 index ) {
    L3Adjacency* const l3Adj = vrfState.l3Adjacency( index );
    MPLS_ASSERT( l3Adj, "l3Adj", textOf( index ) );
    if ( !l3Adj->used() ) {
       deleteL3Adj( vrfState, index );
-   } else if ( l3Adj->keepsNextHops() ) {
-      processL3Adj( vrfState, index );
-   } else if ( !l3Adj->superseded() ) {
+      return;
+   }
+   if ( l3Adj->keepsNextHops() ) {
+      releaseFormerNextHops( vrfState, *l3Adj );
+   }
+   if ( !l3Adj->superseded() ) {
       queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), false, false );
    }
 }
@@ -314,9 +317,10 @@ void MplsSm::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                 "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_", textOf( viaSet.key() ) );
    if ( adjType == L3AdjLFibAdjType::adjTypeRegular ) {
       setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
-   } else if ( l3Adj.l2Adjacency() && routesAwaitFec( vrfState, l3Adj ) ) {
-      followVias( vrfState, l3Adj );
    } else {
+      if ( l3Adj.nextHops() != 0 ) { // its routes stay where they are until the FEC is answered
+         carryByFormer( vrfState, l3Adj, routesElsewhere( vrfState, l3Adj ) );
+      }
       releaseVias( vrfState, l3Adj ); // of an earlier content
       for ( const auto& [viaIndex, via] : vias.via() ) {
          Mpls::Hardware::AdjacencyVia hwVia = hwViaOf( via );
@@ -368,11 +372,18 @@ bool MplsSm::hasVias( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& via
    return hwAdj.vias() == at;
 }
 
-// Whether routes of the adjacency stay with what they had before, in hardware, until its FEC is
-// answered.
-bool MplsSm::routesAwaitFec( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) {
-   const ExternalFecInfo* const info = l3Adj.extFecInfo().get();
-   return info && info->hwId() == 0 && someElsewhere( vrfState, l3Adj, l3Adj.routeKey() );
+// The adjacency's routes that are still in hardware by what it was before.
+std::vector< Mpls::RouteKey > MplsSm::routesElsewhere( const VrfMplsState& vrfState,
+                                                       const L3Adjacency& l3Adj ) {
+   std::vector< Mpls::RouteKey > elsewhere;
+   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      const MplsRoute& route = *vrfState.route( routeKey );
+      if ( inHardware( route ) && !inHardwareBy( route, l3Adj ) &&
+           vrfState.carrierOf( routeKey ) == nullptr ) {
+         elsewhere.push_back( routeKey );
+      }
+   }
+   return elsewhere;
 }
 
 // Whether one of the routes is in hardware by something that the adjacency is not any more.
@@ -417,15 +428,20 @@ void MplsSm::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
          left.push_back( routeKey );
       }
    }
-   if ( left.empty() ) {
+   carryByFormer( vrfState, l3Adj, left );
+}
+
+// What the adjacency is until now goes on as another one, for these routes.
+void MplsSm::carryByFormer( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                            const std::vector< Mpls::RouteKey >& routes ) {
+   if ( routes.empty() ) {
       return;
    }
    L3Adjacency& former = *newL3Adjacency( vrfState );
-   MPLS_TRACE( 3, "l3 adj ", former.index(), " carries ", left.size(), " routes of l3 adj ",
+   MPLS_TRACE( 3, "l3 adj ", former.index(), " carries ", routes.size(), " routes of l3 adj ",
                l3Adj.index(), ", whose via set has changed" );
    former.lFibViaSetKeyIs( l3Adj.lFibViaSetKey() );
    former.supersededIs( true );
-   former.labelActionIs( l3Adj.labelAction() );
    setHwAdjViasForNormalMplsRoute( vrfState, former, Mpls::LfibViaSet( former.lFibViaSetKey() ),
                                    viasInHardware( l3Adj ), L3AdjLFibAdjType::adjTypeRegular );
    for ( const IpAddrIntfId& key : l3Adj.nextHop() ) { // also those of a still earlier content
@@ -433,7 +449,7 @@ void MplsSm::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    }
    // It keeps no backup: one that counts as used by it could take none of its own, and the routes
    // that it carries may wait for just that.
-   for ( const Mpls::RouteKey routeKey : left ) {
+   for ( const Mpls::RouteKey routeKey : routes ) {
       l3Adj.carriedRouteKeyDel( routeKey );
       former.carriedRouteKeyIs( routeKey );
    }
@@ -478,7 +494,6 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
                 "lFibAdjType == L3AdjLFibAdjType::adjTypeRegular_", subject( l3Adj ) );
    std::vector< Mpls::Hardware::L2Via > exits;
    exits.reserve( vias.vias() );
-   HashSet< IpAddrIntfId > named;
    for ( const auto& [viaIndex, via] : vias.via() ) {
       MPLS_TRACE( 7, "LFib via ", via );
       const Mpls::Hardware::L2ViaSet resolved =
@@ -488,7 +503,6 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
       MPLS_ASSERT( via.nextHop.af() == ipv4() || via.nextHop.af() == ipv6(),
                    "via.nextHop().af() == ipv4() || via.nextHop().af() == ipv6()", textOf( via ) );
       const IpAddrIntfId key{ via.nextHop, via.intf };
-      named.insert( key );
       MplsNextHop* const nextHop = useNextHop( vrfState, l3Adj, key );
       if ( !resolved.empty() ) {
          nextHop->unresolvedSinceIs( neverTime );
@@ -496,19 +510,32 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
          nextHop->unresolvedSinceIs( in_.clock->now() );
       }
    }
-   l3Adj.keepsNextHopsIs( l3Adj.nextHops() != named.size() &&
-                          ( routesAwaitFec( vrfState, l3Adj ) ||
-                            someElsewhere( vrfState, l3Adj, l3Adj.carriedRouteKey() ) ) );
-   for ( const IpAddrIntfId& key : l3Adj.nextHop() ) {
-      if ( !named.has( key ) && !l3Adj.keepsNextHops() ) { // of an earlier content of the via set
-         releaseNextHop( vrfState, l3Adj, key );
-         l3Adj.nextHopDel( key );
-      }
-   }
    if ( exits.empty() ) {
       unbindL3AdjFromL2Adj( vrfState, l3Adj );
    } else {
       bindL3AdjToL2Adj( vrfState, l3Adj, Mpls::Hardware::L2ViaSet( std::move( exits ) ) );
+   }
+   releaseFormerNextHops( vrfState, l3Adj );
+}
+
+// What the adjacency no longer names is released when no route is in hardware by it any more.
+void MplsSm::releaseFormerNextHops( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   HashSet< IpAddrIntfId > named;
+   for ( const auto& [viaIndex, hwVia] :
+         in_.routingHwMplsStatus->adjacency( l3Adj.index() )->via() ) {
+      named.insert( { hwVia.nextHop, hwVia.intf } );
+   }
+   l3Adj.keepsNextHopsIs( l3Adj.nextHops() != named.size() &&
+                          ( someElsewhere( vrfState, l3Adj, l3Adj.routeKey() ) ||
+                            someElsewhere( vrfState, l3Adj, l3Adj.carriedRouteKey() ) ) );
+   if ( l3Adj.keepsNextHops() ) {
+      return;
+   }
+   for ( const IpAddrIntfId& key : l3Adj.nextHop() ) {
+      if ( !named.has( key ) ) {
+         releaseNextHop( vrfState, l3Adj, key );
+         l3Adj.nextHopDel( key );
+      }
    }
 }
 

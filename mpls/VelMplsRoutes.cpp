@@ -367,6 +367,9 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    writeRoute( vrfState, *route, l3Adj );
    if ( !inHardware( *route ) || inHardwareBy( *route, l3Adj ) ) {
       leaveCarrier( vrfState, routeKey );
+      if ( l3Adj.keepsNextHops() ) {
+         vrfState.l3AdjLeftIs( l3Adj.index() ); // it may have been for this route
+      }
    }
 }
 
@@ -414,8 +417,10 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
    L3Adjacency* l3Adj = nullptr;
    if ( vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       l3Adj = vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( viaSetKey ) );
-      if ( l3Adj->outdated() && !l3Adj->awaitedBackup().holdsBack() ) {
-         vrfState.l3AdjForReviewIs( l3Adj->index() ); // what mends it may still be to be announced
+      if ( lfibTrackingStatus_->viaSetKeyOfRoute( routeKey ) != viaSetKey ) {
+         // The move is still to be announced, and with it may be a change of the via set that
+         // belongs to it.
+         vrfState.l3AdjForReviewIs( l3Adj->index() );
       }
    } else {
       l3Adj = newL3Adjacency( vrfState );
@@ -435,7 +440,8 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
 // it: to others the via set never said so.
 void MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
    const L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
-   const bool has = inHardware( route ) && ( carrier == nullptr || carrier == &l3Adj );
+   const bool has =
+      carrier ? carrier == &l3Adj && inHardwareBy( route, l3Adj ) : inHardware( route );
    if ( !has && ( l3Adj.outdated() || isAdjPendingForReview( vrfState, l3Adj.index() ) ) ) {
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
    } else if ( l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
@@ -493,6 +499,10 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
 void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
                                      L3Adjacency& l3Adj ) {
    const Mpls::RouteKey routeKey = route.routeKey();
+   if ( l3Adj.outdated() && !l3Adj.awaitedBackup().holdsBack() &&
+        lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) {
+      vrfState.l3AdjForReviewIs( l3Adj.index() ); // mended, and still to be announced
+   }
    if ( isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
       // What is in hardware stays until it is known what shall be.
       MPLS_TRACE( 7, "not removing routeKey ", routeKey,
@@ -523,7 +533,8 @@ bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
    if ( const ExternalFecInfo* const info = route.extFecInfo().get() ) {
       const bool ofAnotherContent = by.extFecInfo() && by.extFecInfo() != info;
       const bool refused = by.extFecInfo() != info && !inFecInHardware( route );
-      if ( info->hwId() == 0 || refused || ( !ofAnotherContent && !hasWayOut( by ) ) ) {
+      if ( info->hwId() == 0 || refused ||
+           ( !ofAnotherContent && !info->backupExtFecInfo() && !hasWayOut( by ) ) ) {
          return false;
       }
       if ( by.extFecInfo() == info ) {
@@ -541,11 +552,9 @@ bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
    return true;
 }
 
-// By one of its vias, or by its backup.
 bool MplsSm::hasWayOut( const L3Adjacency& l3Adj ) const {
    const Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( l3Adj.index() );
-   return hwAdj.vias() == 0 || hwAdj.unresolvedVias() < hwAdj.vias() ||
-          ( l3Adj.backupAdj() && hasWayOut( *l3Adj.backupAdj() ) );
+   return hwAdj.vias() == 0 || hwAdj.unresolvedVias() < hwAdj.vias();
 }
 
 // The adjacency by which it was in hardware may have been kept for nothing else.

@@ -359,13 +359,17 @@ class VEL_EXPORT MplsSm : public Entity {
    L3AdjOutcome programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                     const Mpls::LfibViaSet& viaSet );
    bool followVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   void releaseFormerNextHops( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                             const CachedLFibMplsViaColl& vias );
    static MplsNextHop* useNextHop( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                    const IpAddrIntfId& key );
    bool hasVias( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& vias ) const;
    ProgrammableMplsFecVias viasInHardware( const L3Adjacency& l3Adj ) const;
-   static bool routesAwaitFec( const VrfMplsState& vrfState, const L3Adjacency& l3Adj );
+   static std::vector< Mpls::RouteKey > routesElsewhere( const VrfMplsState& vrfState,
+                                                         const L3Adjacency& l3Adj );
+   void carryByFormer( VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                       const std::vector< Mpls::RouteKey >& routes );
    static bool someElsewhere( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                               const RouteKeyGroup& routes );
    void programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Adj,
@@ -425,7 +429,7 @@ class VEL_EXPORT MplsSm : public Entity {
    BackupAwaits maybeLinkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                     Mpls::LfibViaSetKey backupKey );
    void makeBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey );
-   void linkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj, L3Adjacency& backup );
+   static void linkBackupAdj( L3Adjacency& l3Adj, L3Adjacency& backup );
    static void labelActionIs( L3Adjacency& l3Adj, MplsLabelAction action );
    void waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey,
                        BackupAwaits awaits );

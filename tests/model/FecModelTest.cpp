@@ -403,7 +403,7 @@ class FecModel {
    }
 
    static void checkProtection( const VrfMplsState& state, const L3Adjacency& l3Adj ) {
-      EXPECT_NE( l3Adj.routeKeys() + l3Adj.primaryAdjs(), 0U );
+      EXPECT_TRUE( l3Adj.used() );
       if ( const L3Adjacency* const backup = l3Adj.backupAdj().get() ) {
          EXPECT_TRUE( backup->primaryAdjHas( l3Adj.index() ) );
       }
