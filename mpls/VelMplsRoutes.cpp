@@ -518,7 +518,7 @@ void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
    }
    MPLS_TRACE( 3, "unprog routeKey ", routeKey );
    if ( recoveredRouteHas( routeKey ) &&
-        ( !l3Adj.extFecInfo() || !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) ) {
+        ( awaitsNoFec( l3Adj ) || !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) ) {
       dropRecoveredRoute( vrfState.vrfName(), routeKey ); // else it waits for its FEC in hardware
    }
    takeRouteOut( vrfState, route );

@@ -305,6 +305,7 @@ class VEL_EXPORT MplsSm : public Entity {
    void forgetWantedStale();
    bool enoughCameBack();
    void dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
+   bool awaitsNoFec( const L3Adjacency& l3Adj ) const;
    void noteRecoveredVrfId();
    void leaveRecoveredVrfId();
    void deleteRecoveredRoute( Mpls::RouteKey routeKey );

@@ -387,14 +387,18 @@ bool MplsSm::recoveredRouteWanted( Mpls::RouteKey routeKey ) const {
    if ( in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey ).null() ) {
       return true;
    }
-   // Its adjacency may have been looked at, and have no FEC that it could be waiting for.
    const VrfMplsState* const vrfState = mplsState( vrf );
    const MplsRoute* const route = vrfState ? vrfState->route( routeKey ) : nullptr;
    const L3Adjacency* const l3Adj = route ? route->l3Adj().get() : nullptr;
-   const bool mayWait = l3Adj == nullptr || l3Adj->extFecInfo() ||
-                        l3Adj->awaitedBackup().holdsBack() ||
-                        isAdjPendingForReview( *vrfState, l3Adj->index() );
-   return mayWait && lFibViaSetFault( lfibRoute.viaSetKey ).empty();
+   const bool looked = l3Adj && !isAdjPendingForReview( *vrfState, l3Adj->index() );
+   return !( looked && awaitsNoFec( *l3Adj ) ) && lFibViaSetFault( lfibRoute.viaSetKey ).empty();
+}
+
+// The adjacency is of a kind that is programmed with an L2 adjacency: a recovered route over it has
+// no FEC to wait for.
+bool MplsSm::awaitsNoFec( const L3Adjacency& l3Adj ) const {
+   return !inPlaceAdjacencyUpdateSupported() && !l3Adj.extFecInfo() &&
+          !l3Adj.awaitedBackup().holdsBack();
 }
 
 void MplsSm::forgetWantedStale() {

@@ -380,8 +380,11 @@ std::string routeText( const Programmed& made, uint32_t label ) {
    std::string text = joinText( label, " ", made.stateOf( label ) );
    for ( const auto* const vias : { &route.vias, &route.backup } ) {
       for ( const ResultVia& via : *vias ) {
-         text += joinText( " | ", via.action, " to ", via.nextHop, " on ", via.interface, via.name,
-                           ", ways out: ", via.exits.size() );
+         text +=
+            joinText( " | ", via.action, " to ", via.nextHop, " on ", via.interface, via.name );
+         if ( !made.stateOf( label ).starts_with( "unprogrammed" ) ) {
+            text += joinText( ", ways out: ", via.exits.size() );
+         }
       }
    }
    return text;
@@ -418,7 +421,11 @@ TEST( LabelAgent, HistoryLeavesNothingBehind ) {
          const LabelAgent& agent = *made.agent;
          // The via set of ignored routes stays.
          EXPECT_LE( agent.lfib().lfibViaSets(), fresh.agent->lfib().lfibViaSets() + 1 );
-         EXPECT_EQ( agent.hardware().adjacencies(), fresh.agent->hardware().adjacencies() );
+         // What an adjacency had before its via set stopped being sane stays with it.
+         EXPECT_GE( agent.hardware().adjacencies(), fresh.agent->hardware().adjacencies() );
+         if ( tables[i].routes.empty() ) {
+            EXPECT_EQ( agent.hardware().adjacencies(), 0U );
+         }
          // A route stays in the FEC that it had until the next one is there.
          EXPECT_GE( agent.hardware().routes(), fresh.agent->hardware().routes() );
          if ( !withFecs || tables[i].routes.empty() ) {
