@@ -444,7 +444,9 @@ void MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& 
       carrier ? carrier == &l3Adj && inHardwareBy( route, l3Adj ) : inHardware( route );
    if ( !has && ( l3Adj.outdated() || isAdjPendingForReview( vrfState, l3Adj.index() ) ) ) {
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
-   } else if ( l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
+      return;
+   }
+   if ( l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
       writeRouteWithMulticast( vrfState, route, l3Adj );
    } else if ( l3Adj.extFecInfo() && forwardingIntoExternalFecsSupported() ) {
       writeRouteWithFec( vrfState, route, l3Adj );
