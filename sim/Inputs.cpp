@@ -414,10 +414,6 @@ Intent Inputs::viaSetIntent( U32 number, U32 label ) const {
       ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 ) ||
       ( hasBackup( number ) && !backupThere( set ) && sane( set ) && !protectsSomebody( number ) );
    addVias( number, label, intent.primary, intent.exits );
-   intent.keeps = !set.there() ||
-                  ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 ) ||
-                  ( asFec && set.backup != 0 && set.backup != number &&
-                    !viaSet[set.backup].there() && sane( set ) && !protectsSomebody( number ) );
    const U32 backup = backupOf( number, intent.exact );
    if ( backup != 0 ) {
       addVias( backup, label, intent.backup, intent.exits );
