@@ -117,6 +117,7 @@ void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    const Ptr< ExternalFecInfo > fecBefore = l3Adj->extFecInfo();
    const L3AdjOutcome outcome = programL3Adj( vrfState, *l3Adj, viaSet );
    l3Adj->outdatedIs( outcome != L3AdjOutcome::programmed );
+   maybeReleaseOutdated( vrfState, *l3Adj );
    if ( outcome != L3AdjOutcome::backedOff ) {
       settleL3Adj( vrfState, *l3Adj );
    }
@@ -137,6 +138,7 @@ void MplsSm::processL3AdjLeft( VrfMplsState& vrfState, U64 index ) {
    if ( l3Adj->keepsNextHops() ) {
       releaseFormerNextHops( vrfState, *l3Adj );
    }
+   maybeReleaseOutdated( vrfState, *l3Adj );
    if ( !l3Adj->superseded() ) {
       queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), false, false );
    }
@@ -222,6 +224,27 @@ void MplsSm::leaveFecs( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
    vrfState.lFibViaSetToFecIdDel( l3Adj.lFibViaSetKey() );
    bindL3AdjToExtFecInfo( vrfState, l3Adj, nullptr );
    queuePrimaries( vrfState, l3Adj );
+}
+
+// An earlier content is kept for those that are in hardware by it, and for nobody else.
+void MplsSm::maybeReleaseOutdated( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   if ( !l3Adj.outdated() || l3Adj.primaryAdjs() + l3Adj.carriedRouteKeys() != 0 ||
+        ( !l3Adj.extFecInfo() && l3Adj.nextHops() == 0 ) ) {
+      return;
+   }
+   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      if ( inHardware( *vrfState.route( routeKey ) ) && !vrfState.carrierOf( routeKey ) ) {
+         return;
+      }
+   }
+   MPLS_TRACE( 3, "l3 adj ", l3Adj.index(), " has nothing that is in use" );
+   vrfState.lFibViaSetToFecIdDel( l3Adj.lFibViaSetKey() );
+   bindL3AdjToExtFecInfo( vrfState, l3Adj, nullptr );
+   if ( !l3Adj.awaitedBackup().holdsBack() ) {
+      deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
+   }
+   releaseVias( vrfState, l3Adj );
+   settleL3Adj( vrfState, l3Adj );
 }
 
 // The adjacency no longer resolves through anything.

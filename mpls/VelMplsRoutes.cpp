@@ -436,13 +436,13 @@ void MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& 
    const L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
    const bool has =
       carrier ? carrier == &l3Adj && inHardwareBy( route, l3Adj ) : inHardware( route );
-   if ( !has && ( l3Adj.outdated() || isAdjPendingForReview( vrfState, l3Adj.index() ) ) ) {
-      leaveRouteUnprogrammed( vrfState, route, l3Adj );
-   } else if ( l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
+   const bool fits =
+      has || !( l3Adj.outdated() || isAdjPendingForReview( vrfState, l3Adj.index() ) );
+   if ( fits && l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
       writeRouteWithMulticast( vrfState, route, l3Adj );
-   } else if ( l3Adj.extFecInfo() && forwardingIntoExternalFecsSupported() ) {
+   } else if ( fits && l3Adj.extFecInfo() && forwardingIntoExternalFecsSupported() ) {
       writeRouteWithFec( vrfState, route, l3Adj );
-   } else if ( l3Adj.l2Adjacency() && velMplsHwVrfConfig( vrfState.vrfName() ) ) {
+   } else if ( fits && l3Adj.l2Adjacency() && velMplsHwVrfConfig( vrfState.vrfName() ) ) {
       writeRouteWithL2Adj( vrfState, route, l3Adj );
    } else {
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
@@ -502,6 +502,9 @@ void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
       return; // the end of the wait queues it
    }
    MPLS_TRACE( 3, "unprog routeKey ", routeKey );
+   if ( l3Adj.outdated() && ( l3Adj.extFecInfo() || l3Adj.nextHops() != 0 ) ) {
+      vrfState.l3AdjLeftIs( l3Adj.index() ); // it may have been the last with an earlier content
+   }
    if ( recoveredRouteHas( routeKey ) && !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) {
       dropRecoveredRoute( vrfState.vrfName(), routeKey ); // else it waits for its FEC in hardware
    }

@@ -339,6 +339,7 @@ class VEL_EXPORT MplsSm : public Entity {
                                   const Mpls::LfibViaSet& viaSet,
                                   const CachedLFibMplsViaColl& saneVias );
    void releaseVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   void maybeReleaseOutdated( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    U64 fecNumber();
    Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,
                                   VrfMplsState& vrfState, bool newFecIdRequired );
