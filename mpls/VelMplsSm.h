@@ -322,6 +322,7 @@ class VEL_EXPORT MplsSm : public Entity {
    L3AdjOutcome programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                     const Mpls::LfibViaSet& viaSet );
    bool followVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   void maybeReleaseOutdated( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void releaseFormerNextHops( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                             const CachedLFibMplsViaColl& vias );
@@ -339,7 +340,6 @@ class VEL_EXPORT MplsSm : public Entity {
                                   const Mpls::LfibViaSet& viaSet,
                                   const CachedLFibMplsViaColl& saneVias );
    void releaseVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void maybeReleaseOutdated( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    U64 fecNumber();
    Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,
                                   VrfMplsState& vrfState, bool newFecIdRequired );
