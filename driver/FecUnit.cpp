@@ -224,6 +224,32 @@ void FecUnit::sync( FecId fecId ) {
    }
 }
 
+UnprogrammedReason FecUnit::readyForRoute( HwFec& fec ) {
+   const UnprogrammedReason reason = upToDate( fec );
+   return reason == UnprogrammedReason::Success && fec.backup ? upToDate( *fec.backup ) : reason;
+}
+
+// In place and without a word: the answer stays as it is, and the states are reported when the
+// operation has its turn.
+UnprogrammedReason FecUnit::upToDate( HwFec& fec ) {
+   if ( !queued_.has( fec.fecId ) && !waiting_.has( fec.fecId ) ) {
+      return UnprogrammedReason::Success;
+   }
+   std::vector< FecVia > vias;
+   FecId backup;
+   if ( !wanted( fec.fecId, vias, backup ) ) {
+      return UnprogrammedReason::InterfaceNotReady;
+   }
+   if ( fec.via == vias && fec.backupFecId == backup ) {
+      return UnprogrammedReason::Success;
+   }
+   if ( fec.recovered != 0 || !ready( vias ) || someLeave_( fec ) ) {
+      return UnprogrammedReason::InterfaceNotReady;
+   }
+   contentIs( fec, vias, backup );
+   return UnprogrammedReason::Success;
+}
+
 void FecUnit::countFecs() {
    status_.fecs_ = fecs_.size() + recovered_.size();
 }

@@ -8,7 +8,8 @@
 // An operation on a FEC carries its id and nothing else: what is written is what the request table
 // says when its turn comes. Of several changes in a row the last one counts: what is in hardware is
 // left alone until its turn, since routes that have been written elsewhere before it are still to
-// leave. A FEC keeps its hardware id while it is requested; its content is replaced in place, which
+// leave; but a route that comes must not find what its FEC was before: its coming is the turn. A FEC
+// keeps its hardware id while it is requested; its content is replaced in place, which
 // no frame notices.
 //
 // Who makes a FEC. Label FECs are made of what the request says. The FECs of other agents (next-hop
@@ -141,6 +142,12 @@ class FecUnit {
    void capacityIs( size_t fecs ) { capacity_ = fecs; }
    /// An operation on the FEC has its turn.
    void carryOut( Fib::FecId fecId );
+   /// Some routes that stand in the FEC have been written elsewhere, and wait for their turn.
+   using SomeLeave = std::function< bool( const HwFec& fec ) >;
+   void someLeaveIs( SomeLeave someLeave ) { someLeave_ = std::move( someLeave ); }
+   /// A route comes into the FEC: brings it, and the one that protects it, to what is requested of
+   /// them now. `Success`, or why that cannot be and the route must not come.
+   UnprogrammedReason readyForRoute( HwFec& fec );
    /// Tries what was not possible before. Only in the hardware's own turn.
    void retryWaiting();
    /// The FEC behind a hardware id, or null.
@@ -164,6 +171,7 @@ class FecUnit {
    bool full() const;
    bool hasRoomFor( Fib::FecId fecId ) const;
    bool ready( const std::vector< Fib::FecVia >& vias ) const;
+   UnprogrammedReason upToDate( HwFec& fec );
    void waits( Fib::FecId fecId, UnprogrammedReason reason );
    bool wanted( Fib::FecId fecId, std::vector< Fib::FecVia >& vias, Fib::FecId& backup ) const;
    void remove( Fib::FecId fecId );
@@ -209,7 +217,8 @@ class FecUnit {
    Hash< Fib::FecId, Ptr< HwFec > > fecs_;
    Hash< U64, HwFec* > byHwId_;
    Hash< Fib::FecId, U32 > queued_; // operations on each
-   HashSet< Fib::FecId > waiting_;  // requested, not possible now
+   SomeLeave someLeave_;
+   HashSet< Fib::FecId > waiting_; // requested, not possible now
    /// Which FECs lead into one: by their vias, or as their backup.
    Hash< Fib::FecId, std::set< Fib::FecId > > dependents_;
    Hash< U64, Ptr< HwFec > > recovered_; // of an earlier driver, not taken over

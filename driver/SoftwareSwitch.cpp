@@ -110,6 +110,7 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
       fecUnit_->capacityIs( settings_.fecCapacity );
       fecUnit_->takeRoutesOutIs( [this]( const HwFec& fec ) { takeRoutesOut( fec ); } );
       fecUnit_->takeFoundOutIs( [this] { takeFoundRoutesOut(); } );
+      fecUnit_->someLeaveIs( [this]( const HwFec& fec ) { return someLeave( fec ); } );
    }
    forgetEarlierDriver();
    if ( fecUnit_ ) {
@@ -552,6 +553,18 @@ void SoftwareSwitch::takeRoutesOut( const HwFec& fec ) {
    }
 }
 
+bool SoftwareSwitch::someLeave( const HwFec& fec ) const {
+   for ( const auto& [vrfId, vrf] : vrf_ ) {
+      const MplsHwVrfConfig* const config = configOf( *vrf );
+      for ( const auto& [key, route] : vrf->route ) {
+         if ( route.fec.get() == &fec && config && config->routeHas( key ) ) {
+            return true;
+         }
+      }
+   }
+   return false;
+}
+
 // For a library that wants nothing of before.
 void SoftwareSwitch::takeFoundRoutesOut() {
    for ( const auto& [vrfId, vrf] : vrf_ ) {
@@ -578,10 +591,16 @@ void SoftwareSwitch::routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, P
 
 // --- Routes into FECs.
 
-UnprogrammedReason SoftwareSwitch::fecRouteRefusal( const HwVrf& vrf, RouteKey key,
-                                                    const HwFec* fec ) {
+UnprogrammedReason SoftwareSwitch::fecRouteRefusal( const HwVrf& vrf, RouteKey key, HwFec* fec ) {
    if ( fec == nullptr ) {
       return UnprogrammedReason::InterfaceNotReady;
+   }
+   if ( const HwRoute* const before = vrf.route.find( key );
+        before == nullptr || before->fec != fec ) {
+      if ( const UnprogrammedReason reason = fecUnit_->readyForRoute( *fec );
+           reason != UnprogrammedReason::Success ) {
+         return reason;
+      }
    }
    const size_t room = capacity( FaultKind::routeCapacity );
    if ( room != 0 && routes() >= room && !vrf.route.has( key ) ) {

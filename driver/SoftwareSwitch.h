@@ -134,7 +134,8 @@ class SoftwareSwitch {
    void takeFoundRoutesOut();
    void foundRouteGoes( HwFec& fec );
    void takeRouteOut( HwVrf& vrf, Mpls::RouteKey key );
-   UnprogrammedReason fecRouteRefusal( const HwVrf& vrf, Mpls::RouteKey key, const HwFec* fec );
+   UnprogrammedReason fecRouteRefusal( const HwVrf& vrf, Mpls::RouteKey key, HwFec* fec );
+   bool someLeave( const HwFec& fec ) const;
    void routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec );
    void faultsChanged();
    UnprogrammedReason adjacencyRefusal( const Operation& operation,

@@ -364,10 +364,10 @@ void MplsSm::stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj ) 
 }
 
 // The via set's adjacency has been processed, or the via set has changed: who waits for that looks
-// again. Processing that changes nothing is news only to those who waited for it: two adjacencies
-// that are unfit for each other would otherwise keep each other busy for ever.
+// again. Processing that changes nothing is news only to those who waited for it: adjacencies that are
+// unfit for each other would otherwise keep each other busy for ever.
 void MplsSm::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
-                                    bool changed, bool fecChanged ) {
+                                    BackupNews news, bool fecChanged ) {
    const BackupWait* const wait = vrfState.waitsForBackup( backupKey );
    if ( wait == nullptr ) {
       return;
@@ -380,11 +380,13 @@ void MplsSm::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey 
          }
          continue;
       }
-      if ( changed ) {
+      const bool awaitsReview = l3Adj.awaitedBackup().awaits == BackupAwaits::review;
+      const bool fit =
+         news == BackupNews::changed || ( news == BackupNews::programmed && awaitsReview );
+      if ( fit ) {
          forgetLooksForBackup( l3Adj );
       }
-      if ( changed || ( l3Adj.awaitedBackup().awaits == BackupAwaits::review &&
-                        l3Adj.awaitedBackup().looks <= maxLooksForBackup ) ) {
+      if ( fit || ( awaitsReview && l3Adj.awaitedBackup().looks <= maxLooksForBackup ) ) {
          MPLS_TRACE( 3, "add l3 adj ", index, " for review" );
          vrfState.l3AdjForReviewIs( index );
       }
@@ -457,6 +459,9 @@ void MplsSm::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {
 
 // Which way hardware takes by the via set's FEC, where it says so.
 void MplsSm::publishViaSetState( const L3Adjacency& l3Adj ) {
+   if ( l3Adj.superseded() ) {
+      return;
+   }
    const ExternalFecInfo* const info = l3Adj.extFecInfo().get();
    if ( info && info->adjState() != AdjHwState::unknown ) {
       in_.lfibHwStatus->viaSetIs( { l3Adj.lFibViaSetKey(), l3Adj.index(), l3Adj.unprogrammed(),

@@ -344,7 +344,8 @@ Fib::FecId MplsSm::backupFecIdToRequest( const VrfMplsState& vrfState, const L3A
       return {};
    }
    const ExternalFecInfo* const own = l3Adj.extFecInfo().get();
-   if ( l3Adj.backupAdj()->outdated() && ( !own || own->backupExtFecInfo().get() != backup ) ) {
+   if ( l3Adj.backupAdj()->outdated() &&
+        ( !own || own->backupExtFecInfo().get() != backup || someJoin( vrfState, l3Adj ) ) ) {
       MPLS_TRACE( 3, "skipping adding backup fec to fec request for l3 adj ", l3Adj.index(),
                   " until fec ", fecId, " is what its via set says" );
       return {};
@@ -363,6 +364,16 @@ Fib::FecId MplsSm::backupFecIdToRequest( const VrfMplsState& vrfState, const L3A
       return {};
    }
    return fecId;
+}
+
+// Whether some of the adjacency's routes are still to come into its FEC.
+bool MplsSm::someJoin( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) {
+   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      if ( vrfState.route( routeKey )->extFecInfo() != l3Adj.extFecInfo() ) {
+         return true;
+      }
+   }
+   return false;
 }
 
 void MplsSm::createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
@@ -605,6 +616,10 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
       return;
    }
+   if ( route.extFecInfo() != info && info->backupExtFecInfo() && l3Adj.backupAdj() &&
+        l3Adj.backupAdj()->outdated() ) {
+      vrfState.l3AdjForReviewIs( l3Adj.index() ); // the route never had that backup
+   }
    if ( route.extFecInfo() != info && !mayEnter( vrfState, l3Adj ) ) {
       MPLS_TRACE( 3, "routeKey ", routeKey, " waits until fec ", info->fecId(), " is up to date" );
       if ( isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
@@ -621,8 +636,8 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
    // A next-hop group does not pop for us.
    const Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( l3Adj.index() );
    const bool popsHere =
-      info->popLabelActionRemoved() || ( info->fecId().adjType() == Fib::AdjType::nexthopGroupAdj &&
-                                         hwAdj.via( 0 ).labelAction == MplsLabelAction::pop );
+      info->popLabelActionRemoved() ||
+      ( isOfGroup( l3Adj ) && hwAdj.via( 0 ).labelAction == MplsLabelAction::pop );
    const UnprogrammedReason reason = in_.mplsSmHelper->createOrUpdateRoute(
       in_.routingHwRouteStatus->vrfStatus( vrf ), routeKey, info->hwId(),
       popsHere ? MplsLabelAction::pop : MplsLabelAction::none, l3Adj.payloadType(),

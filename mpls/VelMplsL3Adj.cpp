@@ -152,15 +152,21 @@ void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    const Ptr< ExternalFecInfo > fecBefore = l3Adj->extFecInfo();
    l3Adj->contentDigestIs( contentDigestOf( viaSet ) );
    const L3AdjOutcome outcome = programL3Adj( vrfState, *l3Adj, viaSet );
-   if ( l3Adj->outdated() && outcome == L3AdjOutcome::programmed ) {
+   const bool wasOutdated = l3Adj->outdated();
+   if ( wasOutdated && outcome == L3AdjOutcome::programmed ) {
       queuePrimaries( vrfState, *l3Adj ); // whose FECs could not name this one's
    }
    l3Adj->outdatedIs( outcome != L3AdjOutcome::programmed );
+   maybeReleaseOutdated( vrfState, *l3Adj );
    if ( outcome != L3AdjOutcome::backedOff ) {
       settleL3Adj( vrfState, *l3Adj );
    }
+   const bool programmed = outcome == L3AdjOutcome::programmed;
+   const bool changed = l3Adj->backupAdj() != backupBefore || ( programmed && wasOutdated );
    queueWaitingForBackup( vrfState, viaSetKey,
-                          outcome == L3AdjOutcome::programmed || l3Adj->backupAdj() != backupBefore,
+                          changed      ? BackupNews::changed
+                          : programmed ? BackupNews::programmed
+                                       : BackupNews::looked,
                           l3Adj->extFecInfo() != fecBefore );
 }
 
@@ -176,8 +182,9 @@ void MplsSm::processL3AdjLeft( VrfMplsState& vrfState, U64 index ) {
    if ( l3Adj->keepsNextHops() ) {
       releaseFormerNextHops( vrfState, *l3Adj );
    }
+   maybeReleaseOutdated( vrfState, *l3Adj );
    if ( !l3Adj->superseded() ) {
-      queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), false, false );
+      queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), BackupNews::looked, false );
    }
 }
 
@@ -264,6 +271,27 @@ void MplsSm::leaveFecs( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
    vrfState.lFibViaSetToFecIdDel( l3Adj.lFibViaSetKey() );
    bindL3AdjToExtFecInfo( vrfState, l3Adj, nullptr );
    queuePrimaries( vrfState, l3Adj );
+}
+
+// An earlier content is kept for those that are in hardware by it, and for nobody else.
+void MplsSm::maybeReleaseOutdated( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   if ( !l3Adj.outdated() || l3Adj.primaryAdjs() + l3Adj.carriedRouteKeys() != 0 ||
+        ( !l3Adj.extFecInfo() && l3Adj.nextHops() == 0 ) ) {
+      return;
+   }
+   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      if ( inHardware( *vrfState.route( routeKey ) ) && !vrfState.carrierOf( routeKey ) ) {
+         return;
+      }
+   }
+   MPLS_TRACE( 3, "l3 adj ", l3Adj.index(), " has nothing that is in use" );
+   vrfState.lFibViaSetToFecIdDel( l3Adj.lFibViaSetKey() );
+   bindL3AdjToExtFecInfo( vrfState, l3Adj, nullptr );
+   if ( !l3Adj.awaitedBackup().holdsBack() ) {
+      deleteBackupAdjInfoFromAdj( vrfState, l3Adj );
+   }
+   releaseVias( vrfState, l3Adj );
+   settleL3Adj( vrfState, l3Adj );
 }
 
 // The adjacency no longer resolves through anything.
@@ -386,16 +414,25 @@ std::vector< Mpls::RouteKey > MplsSm::routesElsewhere( const VrfMplsState& vrfSt
    return elsewhere;
 }
 
-// Whether one of the routes is in hardware by something that the adjacency is not any more.
+// Whether one of the routes is in hardware by something that the adjacency is not any more, and that
+// nobody else keeps for it.
 bool MplsSm::someElsewhere( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                             const RouteKeyGroup& routes ) {
    for ( const Mpls::RouteKey routeKey : routes ) {
       const MplsRoute& route = *vrfState.route( routeKey );
-      if ( inHardware( route ) && !inHardwareBy( route, l3Adj ) ) {
+      const L3Adjacency* const carrier = vrfState.carrierOf( routeKey );
+      if ( inHardware( route ) && !inHardwareBy( route, l3Adj ) &&
+           ( carrier == nullptr || carrier == &l3Adj ) ) {
          return true;
       }
    }
    return false;
+}
+
+// The adjacency's FEC is a next-hop group's.
+bool MplsSm::isOfGroup( const L3Adjacency& l3Adj ) {
+   return l3Adj.extFecInfo() &&
+          l3Adj.extFecInfo()->fecId().adjType() == Fib::AdjType::nexthopGroupAdj;
 }
 
 bool MplsSm::inHardware( const MplsRoute& route ) {
@@ -412,7 +449,7 @@ bool MplsSm::inHardwareBy( const MplsRoute& route, const L3Adjacency& l3Adj ) {
 // still in hardware by what it was must not follow: an adjacency of its own goes on carrying them.
 void MplsSm::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                  const CachedLFibMplsViaColl& vias ) {
-   if ( l3Adj.nextHops() == 0 || hasVias( l3Adj, vias ) ) {
+   if ( ( l3Adj.nextHops() == 0 && !isOfGroup( l3Adj ) ) || hasVias( l3Adj, vias ) ) {
       return;
    }
    std::vector< Mpls::RouteKey > left;
@@ -442,8 +479,16 @@ void MplsSm::carryByFormer( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                l3Adj.index(), ", whose via set has changed" );
    former.lFibViaSetKeyIs( l3Adj.lFibViaSetKey() );
    former.supersededIs( true );
-   setHwAdjViasForNormalMplsRoute( vrfState, former, Mpls::LfibViaSet( former.lFibViaSetKey() ),
-                                   viasInHardware( l3Adj ), L3AdjLFibAdjType::adjTypeRegular );
+   if ( l3Adj.nextHops() == 0 ) { // a group: its pop is written with its routes
+      Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( former.index() );
+      hwAdj.viaIs( 0, in_.routingHwMplsStatus->adjacency( l3Adj.index() )->via( 0 ) );
+      former.payloadTypeIs( l3Adj.payloadType() );
+      former.ttlModeIs( l3Adj.ttlMode() );
+      bindL3AdjToExtFecInfo( vrfState, former, l3Adj.extFecInfo() );
+   } else {
+      setHwAdjViasForNormalMplsRoute( vrfState, former, Mpls::LfibViaSet( former.lFibViaSetKey() ),
+                                      viasInHardware( l3Adj ), L3AdjLFibAdjType::adjTypeRegular );
+   }
    for ( const IpAddrIntfId& key : l3Adj.nextHop() ) { // also those of a still earlier content
       useNextHop( vrfState, former, key );
    }
@@ -613,7 +658,7 @@ void MplsSm::deleteL3Adj( VrfMplsState& vrfState, U64 index ) {
    vrfState.l3AdjForReviewDel( index ); // work sets never name the dead
    vrfState.l3AdjacencyDel( index );
    if ( !l3Adj->superseded() ) {
-      queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), true, true );
+      queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(), BackupNews::changed, true );
    }
 }
 

@@ -137,7 +137,7 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    if ( awaited || !vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       queueRoutesOfViaSet( vrfState, viaSetKey );
    }
-   queueWaitingForBackup( vrfState, viaSetKey, true, true );
+   queueWaitingForBackup( vrfState, viaSetKey, BackupNews::changed, true );
    doMaybeScheduleReviewOrDeleteVrfState( vrf ); // its users may be others' routes
 }
 
@@ -364,10 +364,11 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    }
    route->metricIs( lfibRoute.metric );
    L3Adjacency& l3Adj = bindRouteToL3Adj( vrfState, *route, lfibRoute.viaSetKey );
+   const bool wasElsewhere = inHardware( *route ) && !inHardwareBy( *route, l3Adj );
    writeRoute( vrfState, *route, l3Adj );
    if ( !inHardware( *route ) || inHardwareBy( *route, l3Adj ) ) {
       leaveCarrier( vrfState, routeKey );
-      if ( l3Adj.keepsNextHops() ) {
+      if ( wasElsewhere && l3Adj.keepsNextHops() ) {
          vrfState.l3AdjLeftIs( l3Adj.index() ); // it may have been for this route
       }
    }
@@ -519,6 +520,9 @@ void MplsSm::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route,
       return; // the end of the wait queues it
    }
    MPLS_TRACE( 3, "unprog routeKey ", routeKey );
+   if ( l3Adj.outdated() && ( l3Adj.extFecInfo() || l3Adj.nextHops() != 0 ) ) {
+      vrfState.l3AdjLeftIs( l3Adj.index() ); // it may have been the last with an earlier content
+   }
    if ( recoveredRouteHas( routeKey ) &&
         ( awaitsNoFec( l3Adj ) || !lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) ) {
       dropRecoveredRoute( vrfState.vrfName(), routeKey ); // else it waits for its FEC in hardware

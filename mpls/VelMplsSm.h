@@ -343,6 +343,7 @@ class VEL_EXPORT MplsSm : public Entity {
    bool hasWayOut( const L3Adjacency& l3Adj ) const;
    void takeRouteOut( VrfMplsState& vrfState, MplsRoute& route );
    static void leaveCarrier( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+   static bool isOfGroup( const L3Adjacency& l3Adj );
    static bool inHardware( const MplsRoute& route );
    static bool inHardwareBy( const MplsRoute& route, const L3Adjacency& l3Adj );
    template< class Test >
@@ -360,6 +361,7 @@ class VEL_EXPORT MplsSm : public Entity {
    L3AdjOutcome programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                     const Mpls::LfibViaSet& viaSet );
    bool followVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   void maybeReleaseOutdated( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void releaseFormerNextHops( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                             const CachedLFibMplsViaColl& vias );
@@ -385,6 +387,7 @@ class VEL_EXPORT MplsSm : public Entity {
                         const ExternalFecInfo& info ) const;
    bool protectsOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                         const ExternalFecInfo& primary ) const;
+   static bool someJoin( const VrfMplsState& vrfState, const L3Adjacency& l3Adj );
    bool stillUses( Mpls::RouteKey routeKey, const L3Adjacency& l3Adj ) const;
    bool mayEnter( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
    Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,
@@ -436,8 +439,14 @@ class VEL_EXPORT MplsSm : public Entity {
                        BackupAwaits awaits );
    void stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    static void forgetLooksForBackup( L3Adjacency& l3Adj );
-   void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey, bool changed,
-                               bool fecChanged );
+   /// What those who wait for a backup are told of its adjacency.
+   enum class BackupNews : U32 {
+      looked,     ///< it has been reviewed, and is as it was
+      programmed, ///< it is as its via set says
+      changed     ///< it can protect, or no longer
+   };
+   void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
+                               BackupNews news, bool fecChanged );
    void settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    static MplsLabel singleMplsLabelFromVia( const Mpls::LfibMplsVia& via );
    static Mpls::Hardware::AdjacencyVia hwViaOf( const Mpls::LfibMplsVia& via );
