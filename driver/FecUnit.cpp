@@ -105,7 +105,10 @@ void FecUnit::stateIs( HwFec& fec, AdjHwState state ) {
       }
    }
    // The VRF may have lost its name, or come back under another number, since the last report.
-   if ( fec.reportedIn && fec.reportedIn != number && ( number || state == AdjHwState::unknown ) ) {
+   if ( fec.reportedIn && !number && state != AdjHwState::unknown ) {
+      number = fec.reportedIn; // what was said there is not to go out of date
+   }
+   if ( fec.reportedIn && fec.reportedIn != number ) {
       status->adjHwStateDel( { *fec.reportedIn, fec.fecId } );
       fec.reportedIn.reset();
    }

@@ -241,6 +241,9 @@ BackupAwaits MplsSm::maybeLinkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3
       return BackupAwaits::review;
    }
    L3Adjacency& backup = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( backupKey ) );
+   if ( l3Adj.backupAdj() != &backup ) {
+      maybeQueueStaleL3Adj( vrfState, in_.transitLfib->lfibViaSet( backupKey ) );
+   }
    if ( const std::string fault = backupFault( vrfState, l3Adj, backup ); !fault.empty() ) {
       MPLS_TRACE( 3, fault );
       return isAdjPendingForReview( vrfState, backup.index() ) ? BackupAwaits::review

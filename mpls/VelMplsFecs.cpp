@@ -616,8 +616,8 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
       return;
    }
-   if ( route.extFecInfo() != info && info->backupExtFecInfo() && l3Adj.backupAdj() &&
-        l3Adj.backupAdj()->outdated() ) {
+   if ( route.extFecInfo() != info && info->backupExtFecInfo() && !l3Adj.outdated() &&
+        l3Adj.backupAdj() && l3Adj.backupAdj()->outdated() ) {
       vrfState.l3AdjForReviewIs( l3Adj.index() ); // the route never had that backup
    }
    if ( route.extFecInfo() != info && !mayEnter( vrfState, l3Adj ) ) {

@@ -87,13 +87,12 @@ U64 MplsSm::contentDigestOf( const Mpls::LfibViaSet& viaSet ) const {
 
 // The LFIB is read ahead of its announcements: what has not been announced yet may have given the
 // adjacency's via set another content, that of another label's old way.
-bool MplsSm::maybeQueueStaleL3Adj( VrfMplsState& vrfState, const MplsRoute& route,
-                                   const Mpls::LfibViaSet& viaSet ) {
+bool MplsSm::maybeQueueStaleL3Adj( VrfMplsState& vrfState, const Mpls::LfibViaSet& viaSet ) {
    if ( !in_.transitLfib->pollPending() || !vrfState.lFibViaSetToL3AdjHas( viaSet.key() ) ) {
       return false;
    }
    const L3Adjacency& l3Adj = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( viaSet.key() ) );
-   if ( route.l3Adj() == &l3Adj || l3Adj.contentDigest() == contentDigestOf( viaSet ) ||
+   if ( l3Adj.contentDigest() == contentDigestOf( viaSet ) ||
         isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
       return false;
    }
@@ -273,9 +272,12 @@ void MplsSm::leaveFecs( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
    queuePrimaries( vrfState, l3Adj );
 }
 
-// An earlier content is kept for those that are in hardware by it, and for nobody else.
+// An earlier content is kept for those that are in hardware by it, and for nobody else. A wait for a
+// review is over too soon for that: to let go and take up again what watches next hops and requests
+// FECs would bring just the news that ends in the next review.
 void MplsSm::maybeReleaseOutdated( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
-   if ( !l3Adj.outdated() || l3Adj.primaryAdjs() + l3Adj.carriedRouteKeys() != 0 ||
+   if ( !l3Adj.outdated() || l3Adj.awaitedBackup().awaits == BackupAwaits::review ||
+        l3Adj.primaryAdjs() + l3Adj.carriedRouteKeys() != 0 ||
         ( !l3Adj.extFecInfo() && l3Adj.nextHops() == 0 ) ) {
       return;
    }

@@ -22,6 +22,8 @@ void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
       if ( !mplsIpRouteKeyHas( routeKey ) ) {
          MPLS_TRACE( 7, "Ignoring LFIB route ", routeKey );
          counters_->routesIgnoredInc();
+         // Wanted when it was last asked, by an LFIB that is read ahead of its announcements.
+         dropRecoveredRoute( vrf, routeKey );
          return;
       }
       counters_->routesRemovedInc();
@@ -358,7 +360,10 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       }
       return;
    }
-   if ( maybeQueueStaleL3Adj( vrfState, *route, viaSet ) ) {
+   const L3Adjacency* const bound = route->l3Adj().get();
+   const bool hasIt =
+      bound && bound->lFibViaSetKey() == viaSet.key() && inHardwareBy( *route, *bound );
+   if ( !hasIt && maybeQueueStaleL3Adj( vrfState, viaSet ) ) {
       vrfState.routeKeyForReviewIs( routeKey );
       return;
    }

@@ -305,7 +305,7 @@ void MplsSm::offerRecoveredFecs( const VrfMplsState& vrfState ) {
       const MplsRoute* const route = vrfState.route( routeKey );
       const L3Adjacency* const l3Adj = route ? route->l3Adj().get() : nullptr;
       const ExternalFecInfo* const info = l3Adj ? l3Adj->extFecInfo().get() : nullptr;
-      const bool waits = info && info->hwId() == 0;
+      const bool waits = info && info->hwId() == 0 && stillUses( routeKey, *l3Adj );
       const auto [there, first] = left.emplace( in_.mplsRouteSyncMap->adjSyncId( routeKey ) );
       there->all &= waits;
       if ( waits && ( first || there->fecId == info->fecId() ) ) {

@@ -45,7 +45,8 @@ Watch::Watch( World& world )
    : world_( world ),
      label_( world.inputs().route.size() ),
      viaSet_( world.inputs().viaSet.size() ),
-     foreign_( Exit::firstExtFec + world.inputs().extFec.size() ) {}
+     foreign_( Exit::firstExtFec + world.inputs().extFec.size() ),
+     wasDead_( world.inputs().linkUp.size() ) {}
 
 // An event after which a label may be dark for a while though it is meant to forward.
 bool Watch::disturbs( const Event& event ) const {
@@ -96,6 +97,9 @@ void Watch::after( const Event& event ) {
 void Watch::intentsChanged() {
    const Inputs& inputs = world_.inputs();
    viaSetsChanged();
+   for ( U32 link = 1; link < wasDead_.size(); ++link ) {
+      wasDead_[link] = wasDead_[link] || isDead( link );
+   }
    for ( U32 number = 1; number < foreign_.size(); ++number ) {
       const Inputs::Foreign& now = inputs.foreign( number );
       if ( foreign_[number].empty() || foreign_[number].back().stamp != now.stamp ) {
@@ -116,9 +120,8 @@ void Watch::intentsChanged() {
          viaSetsWereMeant( index );
       }
       const auto alive = [&]( const Exits& exits ) {
-         return std::ranges::any_of( exits, [&]( const Exit& exit ) {
-            return inputs.alive( exit ) && ( exit.foreign == 0 || foreignAlive( exit.foreign ) );
-         } );
+         return std::ranges::any_of( exits,
+                                     [&]( const Exit& exit ) { return steadilyAlive( exit ); } );
       };
       const bool toForward =
          intent.keeps || ( intent.exact && !( intent.primary.empty() && intent.backup.empty() ) );
@@ -128,6 +131,24 @@ void Watch::intentsChanged() {
       label.firm =
          label.firm && toForward && !unanswered && std::ranges::all_of( label.meant, alive );
    }
+}
+
+// To some vias at least.
+bool Watch::isDead( U32 link ) const {
+   const Inputs& inputs = world_.inputs();
+   return !inputs.alive( Exit{ .link = link } ) ||
+          ( inputs.byDefault[link] && !inputs.allowDefault );
+}
+
+bool Watch::steadilyAlive( const Exit& exit ) const {
+   const Inputs& inputs = world_.inputs();
+   if ( !inputs.alive( exit ) ) {
+      return false;
+   }
+   if ( exit.foreign != 0 ) {
+      return foreignAlive( exit.foreign );
+   }
+   return !wasDead_[exit.link] || ( inputs.settings.fecs != 0 && inputs.settings.inPlace != 0 );
 }
 
 // Also by what hardware may still have of before.
@@ -248,6 +269,9 @@ void Watch::rest() {
    }
    for ( U32 index = 0; index < label_.size(); ++index ) {
       checkLabelAtRest( index );
+   }
+   for ( U32 link = 1; link < wasDead_.size(); ++link ) {
+      wasDead_[link] = isDead( link );
    }
    const bool decided =
       std::ranges::all_of( label_, []( const Label& label ) { return label.intent.exact; } );

@@ -54,6 +54,8 @@ class Watch {
    bool wasMeant( U32 index, const Way& way ) const;
    bool wasMeant( const Exit& exit, const Way& way ) const;
    bool foreignAlive( U32 number ) const;
+   bool isDead( U32 link ) const;
+   bool steadilyAlive( const Exit& exit ) const;
    void viaSetsChanged();
    void viaSetsWereMeant( U32 index );
    void checkFrames();
@@ -67,6 +69,9 @@ class Watch {
    /// way until hardware has carried out the last change.
    std::vector< std::vector< Inputs::ViaSet > > viaSet_;
    std::vector< std::vector< Inputs::Foreign > > foreign_; ///< what there was under each number
+   /// By link: nothing could leave there at some time since the last rest. Once it can, what does not
+   /// follow neighbours by itself has to be told.
+   std::vector< bool > wasDead_;
    U32 flow_ = 0;
    U64 framesSent_ = 0;
 };
