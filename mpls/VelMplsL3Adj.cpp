@@ -451,7 +451,8 @@ bool MplsSm::inHardwareBy( const MplsRoute& route, const L3Adjacency& l3Adj ) {
 // still in hardware by what it was must not follow: an adjacency of its own goes on carrying them.
 void MplsSm::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                  const CachedLFibMplsViaColl& vias ) {
-   if ( ( l3Adj.nextHops() == 0 && !isOfGroup( l3Adj ) ) || hasVias( l3Adj, vias ) ) {
+   const bool released = l3Adj.nextHops() == 0 && !isOfGroup( l3Adj );
+   if ( !released && hasVias( l3Adj, vias ) ) {
       return;
    }
    std::vector< Mpls::RouteKey > left;
@@ -459,15 +460,24 @@ void MplsSm::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
       left.push_back( routeKey );
    }
    for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      MplsRoute& route = *vrfState.route( routeKey );
+      if ( !inHardware( route ) || vrfState.carrierOf( routeKey ) ) {
+         continue;
+      }
       const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
-      const MplsRoute& route = *vrfState.route( routeKey );
       // Also one that is gone: it may come back before its end is processed.
-      const bool elsewhere = !lfibRoute || lfibRoute.viaSetKey != l3Adj.lFibViaSetKey();
-      if ( elsewhere && inHardware( route ) && vrfState.carrierOf( routeKey ) == nullptr ) {
+      if ( !!lfibRoute && lfibRoute.viaSetKey == l3Adj.lFibViaSetKey() ) {
+         continue;
+      }
+      if ( !released ) {
          left.push_back( routeKey );
+      } else if ( route.l2Adj() ) {
+         takeRouteOut( vrfState, route ); // by what has gone from its adjacency already
       }
    }
-   carryByFormer( vrfState, l3Adj, left );
+   if ( !released ) {
+      carryByFormer( vrfState, l3Adj, left );
+   }
 }
 
 // What the adjacency is until now goes on as another one, for these routes.

@@ -542,10 +542,8 @@ bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
    L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
    L3Adjacency& by = carrier ? *carrier : *route.l3Adj();
    if ( const ExternalFecInfo* const info = route.extFecInfo().get() ) {
-      const bool ofAnotherContent = by.extFecInfo() && by.extFecInfo() != info;
       const bool refused = by.extFecInfo() != info && !inFecInHardware( route );
-      if ( info->hwId() == 0 || refused ||
-           ( !ofAnotherContent && !info->backupExtFecInfo() && !hasWayOut( by ) ) ) {
+      if ( info->hwId() == 0 || refused ) {
          return false;
       }
       if ( by.extFecInfo() == info ) {
@@ -561,11 +559,6 @@ bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
       writeRouteWithL2Adj( vrfState, route, by );
    }
    return true;
-}
-
-bool MplsSm::hasWayOut( const L3Adjacency& l3Adj ) const {
-   const Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( l3Adj.index() );
-   return hwAdj.vias() == 0 || hwAdj.unresolvedVias() < hwAdj.vias();
 }
 
 // The adjacency by which it was in hardware may have been kept for nothing else.
