@@ -187,8 +187,11 @@ const Ptr< HwFec >* FecUnit::matched( FecId fecId, const std::vector< FecVia >& 
       const HwFec* const was = found ? ( *found )->backup.get() : nullptr;
       const HwFec* const is = fec( backup );
       // Of two that are alike, another request may have taken the one that was its backup.
+      // One that is still to be made is not what was.
       const bool sameBackup =
-         was == is || ( was && is && was->via == is->via && !was->backup && !is->backup );
+         backup == FecId()
+            ? was == nullptr
+            : was && is && ( was == is || ( was->via == is->via && !was->backup && !is->backup ) );
       return found && ( *found )->via == vias && sameBackup ? found : nullptr;
    };
    for ( const U64 hwId :

@@ -1,6 +1,7 @@
 #include "driver/FecUnit.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "driver/SwitchStatus.h"
 #include "platform/Trace.h"
@@ -179,19 +180,25 @@ void FecUnit::sync( FecId fecId ) {
    }
    Ptr< HwFec > fec = there ? *there : adopted( fecId, vias, backup );
    const bool kept = !there && fec; // as it is, whatever its interfaces do
-   // Routes that are found in it may be to go elsewhere: it is rewritten only when they have gone.
-   const bool another =
-      there && fec->recovered != 0 && ( fec->via != vias || fec->backupFecId != backup );
+   // Routes that are found in it, or behind it, may be to go elsewhere: it is rewritten only when
+   // they have gone.
+   const bool changes = there && ( fec->via != vias || fec->backupFecId != backup );
+   const std::vector< FecId > before = changes ? foundBehind( *fec ) : std::vector< FecId >();
    if ( !kept && !ready( vias ) ) {
       waits( fecId, UnprogrammedReason::InterfaceNotReady );
       return;
    }
-   if ( another && full() ) {
+   if ( !before.empty() && room() < before.size() ) {
       waits( fecId, UnprogrammedReason::AdjacencyFull );
       return;
    }
-   if ( another ) {
-      giveBack( fecId, fec );
+   if ( !before.empty() ) {
+      for ( const FecId taken : before ) {
+         giveBack( taken, *fecs_.find( taken ) );
+         if ( taken != fecId ) {
+            push( taken );
+         }
+      }
       fec = nullptr;
    }
    Ptr< HwFec > backupBefore;
@@ -246,7 +253,7 @@ UnprogrammedReason FecUnit::upToDate( HwFec& fec ) {
    if ( fec.via == vias && fec.backupFecId == backup ) {
       return UnprogrammedReason::Success;
    }
-   if ( fec.recovered != 0 || !ready( vias ) || someLeave_( fec ) ) {
+   if ( !foundBehind( fec ).empty() || !ready( vias ) || someLeave_( fec ) ) {
       return UnprogrammedReason::InterfaceNotReady;
    }
    contentIs( fec, vias, backup );
@@ -314,13 +321,32 @@ size_t FecUnit::capacity() const {
    return faults_.capacity( FaultKind::fecCapacity, clock_.now(), capacity_ );
 }
 
-bool FecUnit::full() const {
-   const size_t room = capacity();
-   return room != 0 && fecs_.size() + recovered_.size() >= room;
+// For how many more FECs.
+size_t FecUnit::room() const {
+   const size_t limit = capacity();
+   const size_t there = fecs_.size() + recovered_.size();
+   return limit == 0 ? std::numeric_limits< size_t >::max() : limit - std::min( limit, there );
+}
+
+// The FEC, and those of this driver that it protects, where an earlier driver's routes are left in
+// one of them: they are given back together. None where there is no such route.
+std::vector< FecId > FecUnit::foundBehind( const HwFec& fec ) const {
+   std::vector< FecId > behind;
+   const std::set< FecId >* const users = dependents_.find( fec.fecId );
+   for ( const FecId user : users ? *users : std::set< FecId >() ) {
+      const HwFec* const primary = this->fec( user );
+      if ( primary && primary->backup.get() == &fec && primary->recovered != 0 ) {
+         behind.push_back( user );
+      }
+   }
+   if ( fec.recovered != 0 || fec.protectsFound != 0 || !behind.empty() ) {
+      behind.push_back( fec.fecId ); // last: those that it protects keep it
+   }
+   return behind;
 }
 
 bool FecUnit::hasRoomFor( FecId fecId ) const {
-   return !full() || fecs_.has( fecId );
+   return room() != 0 || fecs_.has( fecId );
 }
 
 bool FecUnit::ready( const std::vector< FecVia >& vias ) const {
@@ -359,11 +385,15 @@ void FecUnit::retryWaiting() {
 
 // What still forwards into it meets a FEC without a way out.
 void FecUnit::remove( FecId fecId ) {
+   placeTakenBy_.erase( fecId );
    const Ptr< HwFec >* const found = fecs_.find( fecId );
    if ( found == nullptr ) {
       return;
    }
    const Ptr< HwFec > fec = *found;
+   if ( fec->routes != 0 && placeBack( fecId, *fec ) ) {
+      return;
+   }
    if ( fec->recovered == fec->routes && ( fec->recovered != 0 || fec->protectsFound != 0 ) ) {
       giveBack( fecId, fec );
       return;
@@ -395,7 +425,35 @@ Ptr< HwFec > FecUnit::takenOver( FecId fecId, const std::vector< FecVia >& vias 
    stateIs( *fec, AdjHwState::unknown );
    dependsOn( *fec, false );
    fecs_.erase( left );
+   placeTakenBy_.set( left, fecId );
    return fec;
+}
+
+// The FEC has taken over the place of another, and goes before the library has heard of that: the
+// routes in it are the other one's, as they have been all along for the library.
+bool FecUnit::placeBack( FecId fecId, HwFec& fec ) {
+   for ( const auto& [left, by] : placeTakenBy_ ) {
+      std::vector< FecVia > vias;
+      FecId backup;
+      if ( by != fecId || fecs_.has( left ) || !wanted( left, vias, backup ) ) {
+         continue;
+      }
+      stateIs( fec, AdjHwState::unknown );
+      dependsOn( fec, false );
+      fec.fecId = left;
+      fecs_.emplace( left, Ptr< HwFec >( &fec ) );
+      fecs_.erase( fecId );
+      contentIs( fec, vias, backup );
+      waiting_.erase( left );
+      status_.waitingFecDel( left );
+      platform_.response->hwFecIdIs( left, { fec.hwId } );
+      platform_.response->hwFecIdDel( fecId );
+      changed( fecId );
+      changed( left );
+      placeTakenBy_.erase( left );
+      return true;
+   }
+   return false;
 }
 
 // Not in one that protects another, whose frames may be in it; and not where something is done to

@@ -168,7 +168,8 @@ class FecUnit {
    void push( Fib::FecId fecId );
    void sync( Fib::FecId fecId );
    size_t capacity() const;
-   bool full() const;
+   size_t room() const;
+   std::vector< Fib::FecId > foundBehind( const HwFec& fec ) const;
    bool hasRoomFor( Fib::FecId fecId ) const;
    bool ready( const std::vector< Fib::FecVia >& vias ) const;
    UnprogrammedReason upToDate( HwFec& fec );
@@ -182,6 +183,7 @@ class FecUnit {
                          Fib::FecId backup );
    Ptr< HwFec > replaced( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias );
    Ptr< HwFec > takenOver( Fib::FecId fecId, const std::vector< Fib::FecVia >& vias );
+   bool placeBack( Fib::FecId fecId, HwFec& fec );
    void retrySoon();
    bool makeRoomFor( Fib::FecId fecId );
    void foundIs( HwFec& fec, bool found );
@@ -216,7 +218,8 @@ class FecUnit {
    U64 nextHwId_ = 1;
    Hash< Fib::FecId, Ptr< HwFec > > fecs_;
    Hash< U64, HwFec* > byHwId_;
-   Hash< Fib::FecId, U32 > queued_; // operations on each
+   Hash< Fib::FecId, U32 > queued_;              // operations on each
+   Hash< Fib::FecId, Fib::FecId > placeTakenBy_; // of one that is still requested
    SomeLeave someLeave_;
    HashSet< Fib::FecId > waiting_; // requested, not possible now
    /// Which FECs lead into one: by their vias, or as their backup.

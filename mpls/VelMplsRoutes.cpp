@@ -315,6 +315,9 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    MplsRoute* const route = vrfState.route( routeKey );
    if ( route == nullptr ) {
       MPLS_TRACE( 3, "routeKey ", routeKey, " not in vrf ", vrf );
+      if ( !recoveredRouteWanted( routeKey ) ) {
+         dropRecoveredRoute( vrf, routeKey );
+      }
       return;
    }
    if ( !mplsRoutingEnabled( vrf ) ) {

@@ -411,7 +411,8 @@ Intent Inputs::viaSetIntent( U32 number, U32 label ) const {
    addVias( number, label, intent.primary, intent.exits );
    intent.keeps =
       !set.there() ||
-      ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 ) ||
+      ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 &&
+        sane( set ) ) ||
       ( hasBackup( number ) && !backupThere( set ) && sane( set ) && !protectsSomebody( number ) );
    addVias( number, label, intent.primary, intent.exits );
    const U32 backup = backupOf( number, intent.exact );
