@@ -310,11 +310,18 @@ void FecUnit::changed( FecId fecId ) {
       if ( primary == nullptr ) {
          continue;
       }
-      if ( primary->backupFecId == fecId ) {
-         backupIs( *primary, fec( fecId ) );
+      if ( primary->backupFecId == fecId && ( now == nullptr || namesAsBackup( user, fecId ) ) ) {
+         backupIs( *primary, now );
       }
       report( *primary );
    }
+}
+
+// By what is requested: what is in hardware may be older, and the number another FEC's by now.
+bool FecUnit::namesAsBackup( FecId fecId, FecId other ) const {
+   std::vector< FecVia > vias;
+   FecId backup;
+   return wanted( fecId, vias, backup ) && backup == other;
 }
 
 size_t FecUnit::capacity() const {

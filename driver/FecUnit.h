@@ -196,6 +196,7 @@ class FecUnit {
    void contentIs( HwFec& fec, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
    void dependsOn( const HwFec& fec, bool depends );
    void changed( Fib::FecId fecId );
+   bool namesAsBackup( Fib::FecId fecId, Fib::FecId other ) const;
    std::string nameOf( IntfId intf ) const;
    bool follow( const HwFec& fec, Way& way, std::string& why ) const;
    bool follow( const Fib::FecVia& via, Way& way, std::string& why ) const;

@@ -126,7 +126,8 @@ void Watch::intentsChanged() {
       const bool toForward =
          intent.keeps || ( intent.exact && !( intent.primary.empty() && intent.backup.empty() ) );
       // Without FECs, what goes over to next hops that are not answered yet leaves hardware.
-      const bool unanswered = inputs.settings.slowL3 != 0 && label.meant.size() > 1 &&
+      const bool unanswered = inputs.settings.slowL3 != 0 &&
+                              ( label.meant.size() > 1 || viaSetChanged( index ) ) &&
                               !( inputs.settings.fecs != 0 && inputs.settings.inPlace != 0 );
       label.firm =
          label.firm && toForward && !unanswered && std::ranges::all_of( label.meant, alive );
@@ -179,6 +180,11 @@ bool Watch::wasMeant( U32 index, const Way& way ) const {
       return std::ranges::any_of( exits,
                                   [&]( const Exit& exit ) { return wasMeant( exit, way ); } );
    } );
+}
+
+bool Watch::viaSetChanged( U32 index ) const {
+   const Inputs::Route& route = world_.inputs().route[index];
+   return route.there && route.type == 0 && viaSet_[route.set].size() > 1;
 }
 
 void Watch::viaSetsWereMeant( U32 index ) {

@@ -57,6 +57,7 @@ class Watch {
    bool isDead( U32 link ) const;
    bool steadilyAlive( const Exit& exit ) const;
    void viaSetsChanged();
+   bool viaSetChanged( U32 index ) const;
    void viaSetsWereMeant( U32 index );
    void checkFrames();
    void checkLabelAtRest( U32 index );
