@@ -663,10 +663,10 @@ void SoftwareSwitch::fecRouteDel( VrfId vrfId, RouteKey key ) {
    }
    HwVrf& vrf = **found;
    const HwRoute* const route = vrf.route.find( key );
-   if ( route && route->fec ) {
+   if ( route && route->fec ) { // else it is another number's, if it is there
       takeRouteOut( vrf, key );
+      status_->routesStale_ += recoveredRoute_.erase( key );
    }
-   status_->routesStale_ += recoveredRoute_.erase( key );
    vrf.refused->lostRouteDel( key );
    if ( !vrf.listedRoute.has( key ) ) {
       vrf.refused->refusedRouteDel( key );

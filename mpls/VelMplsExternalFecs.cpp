@@ -242,7 +242,7 @@ BackupAwaits MplsSm::maybeLinkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3
    }
    L3Adjacency& backup = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( backupKey ) );
    if ( l3Adj.backupAdj() != &backup ) {
-      maybeQueueStaleL3Adj( vrfState, in_.transitLfib->lfibViaSet( backupKey ) );
+      maybeQueueStaleL3Adj( vrfState, backupKey );
    }
    if ( const std::string fault = backupFault( vrfState, l3Adj, backup ); !fault.empty() ) {
       MPLS_TRACE( 3, fault );

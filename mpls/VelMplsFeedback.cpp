@@ -148,6 +148,9 @@ void MplsSm::handleMplsRouting( bool enabled ) {
       return;
    }
    mplsIpRouteKeyDelAll();
+   for ( const Mpls::RouteKey routeKey : recoveredRoute() ) {
+      dropRecoveredRoute( vrf, routeKey ); // those without a record would be nobody's
+   }
    if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
       // The review deletes each; the hardware is told when nothing is pending any more.
       for ( const auto& [key, route] : vrfState->route() ) {

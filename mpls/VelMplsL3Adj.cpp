@@ -87,13 +87,13 @@ U64 MplsSm::contentDigestOf( const Mpls::LfibViaSet& viaSet ) const {
 
 // The LFIB is read ahead of its announcements: what has not been announced yet may have given the
 // adjacency's via set another content, that of another label's old way.
-bool MplsSm::maybeQueueStaleL3Adj( VrfMplsState& vrfState, const Mpls::LfibViaSet& viaSet ) {
-   if ( !in_.transitLfib->pollPending() || !vrfState.lFibViaSetToL3AdjHas( viaSet.key() ) ) {
+bool MplsSm::maybeQueueStaleL3Adj( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey ) {
+   if ( !in_.transitLfib->pollPending() || !vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       return false;
    }
-   const L3Adjacency& l3Adj = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( viaSet.key() ) );
-   if ( l3Adj.contentDigest() == contentDigestOf( viaSet ) ||
-        isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
+   const L3Adjacency& l3Adj = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( viaSetKey ) );
+   if ( isAdjPendingForReview( vrfState, l3Adj.index() ) ||
+        l3Adj.contentDigest() == contentDigestOf( in_.transitLfib->lfibViaSet( viaSetKey ) ) ) {
       return false;
    }
    vrfState.l3AdjForReviewIs( l3Adj.index() );

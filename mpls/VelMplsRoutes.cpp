@@ -364,9 +364,10 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       return;
    }
    const L3Adjacency* const bound = route->l3Adj().get();
-   const bool hasIt =
-      bound && bound->lFibViaSetKey() == viaSet.key() && inHardwareBy( *route, *bound );
-   if ( !hasIt && maybeQueueStaleL3Adj( vrfState, viaSet ) ) {
+   const bool joins =
+      !bound || bound->lFibViaSetKey() != viaSet.key() || !inHardwareBy( *route, *bound );
+   if ( joins && ( maybeQueueStaleL3Adj( vrfState, viaSet.key() ) ||
+                   maybeQueueStaleL3Adj( vrfState, viaSet.backupViaSetKey() ) ) ) {
       vrfState.routeKeyForReviewIs( routeKey );
       return;
    }
@@ -500,6 +501,7 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
    MPLS_TRACE( 3, "prog routeKey ", routeKey, " l2 adj ", l2Adj->index(), " unprogrammed ",
                route.unprogrammed() );
    recoveredRouteDel( routeKey ); // from here on it is this process's
+   recoveredFecsToOffer_ = true;
    config->routeIs( { routeKey, l3Adj.hwL2Adjacency(), route.version() } );
    if ( fecBefore ) {
       deleteRouteKeyFromExtFecInfo( routeKey, *fecBefore );

@@ -174,7 +174,7 @@ class VEL_EXPORT MplsSm : public Entity {
    U64 contentDigestOf( const Mpls::LfibViaSet& viaSet ) const;
    /// Whether the adjacency of the via set has to be processed before the route may join it; then
    /// it is queued.
-   bool maybeQueueStaleL3Adj( VrfMplsState& vrfState, const Mpls::LfibViaSet& viaSet );
+   bool maybeQueueStaleL3Adj( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey );
    void deleteL3Adj( VrfMplsState& vrfState, U64 index );
    void deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj );
 

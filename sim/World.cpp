@@ -470,6 +470,9 @@ void World::apply( const Event& drawn ) {
    }
    case EventKind::staleShare:
       agent.sm->maxStaleShareIs( inputs_.staleShare / 100.0 );
+      if ( inputs_.staleShare >= 100 ) { // whoever allows all of it has one that is held go on
+         agent.sm->approveStaleSweep();
+      }
       break;
    case EventKind::approveSweep:
       agent.sm->approveStaleSweep();
@@ -529,7 +532,7 @@ void World::mend() {
    if ( inputs_.clogged ) {
       then( EventKind::clog, { 0 } );
    }
-   if ( inputs_.staleShare < 100 ) {
+   if ( inputs_.staleShare < 100 || sm().staleSweepHeld() ) {
       then( EventKind::approveSweep, {} );
    }
 }
@@ -577,7 +580,7 @@ std::string World::settle() {
       if ( vrfState && vrfState->numUnprogrammedRoute() != 0 &&
            clock_->now() - lastRound > roundSeconds ) {
          lastRound = clock_->now();
-         if ( ++rounds > maxRounds ) {
+         if ( ++rounds > maxRounds && ( agent_->hardware->idle() || !inputs_.clean() ) ) {
             return {};
          }
       }
