@@ -253,7 +253,8 @@ UnprogrammedReason FecUnit::upToDate( HwFec& fec ) {
    if ( fec.via == vias && fec.backupFecId == backup ) {
       return UnprogrammedReason::Success;
    }
-   if ( !foundBehind( fec ).empty() || !ready( vias ) || someLeave_( fec ) ) {
+   if ( !foundBehind( fec ).empty() || !ready( vias ) ||
+        ( isLabelFec( fec.fecId ) && someLeave_( fec ) ) ) {
       return UnprogrammedReason::InterfaceNotReady;
    }
    contentIs( fec, vias, backup );

@@ -244,6 +244,9 @@ bool MplsSm::rewritesOthers( const VrfMplsState& vrfState, const L3Adjacency& l3
    if ( wanted == requested ) {
       return false;
    }
+   if ( takesOverOthers( vrfState, l3Adj, fecId ) ) {
+      return true;
+   }
    bool inUse = info.dependentRouteKeys() != 0;
    for ( const Mpls::RouteKey routeKey : info.dependentRouteKey() ) {
       const MplsRoute* const route = vrfState.route( routeKey );
@@ -258,6 +261,32 @@ bool MplsSm::rewritesOthers( const VrfMplsState& vrfState, const L3Adjacency& l3
       inUse |= primary->dependentRouteKeys() != 0;
    }
    return !inUse && info.hwId() != 0;
+}
+
+// Whether hardware may have given the FEC the place of another already, with labels in it that are
+// not the adjacency's any more.
+bool MplsSm::takesOverOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                              Fib::FecId fecId ) const {
+   const auto other = [&]( Mpls::RouteKey routeKey ) { return !stillUses( routeKey, l3Adj ); };
+   if ( const ExternalFecInfo* const left =
+           vrfState.extFecInfo( in_.hwFecIdRequest->mayTakeOver( fecId ) ) ) {
+      for ( const Mpls::RouteKey routeKey : left->dependentRouteKey() ) {
+         if ( other( routeKey ) ) {
+            return true;
+         }
+      }
+   }
+   for ( const auto& [syncId, offeredTo] : in_.hwFecIdRequest->mayReplace() ) {
+      if ( offeredTo != fecId ) {
+         continue;
+      }
+      for ( const Mpls::RouteKey routeKey : recoveredRoute() ) {
+         if ( in_.mplsRouteSyncMap->adjSyncId( routeKey ) == syncId && other( routeKey ) ) {
+            return true;
+         }
+      }
+   }
+   return false;
 }
 
 // Whether labels forward by a primary FEC that the adjacency is, or soon is, no backup of.

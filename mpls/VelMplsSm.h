@@ -383,6 +383,8 @@ class VEL_EXPORT MplsSm : public Entity {
    bool rewritesOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                         const Mpls::LfibViaSet& viaSet, const CachedLFibMplsViaColl& mplsVias,
                         const ExternalFecInfo& info ) const;
+   bool takesOverOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
+                         Fib::FecId fecId ) const;
    bool protectsOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                         const ExternalFecInfo& primary ) const;
    static bool someJoin( const VrfMplsState& vrfState, const L3Adjacency& l3Adj );
