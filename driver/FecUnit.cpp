@@ -43,6 +43,18 @@ class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
    FecUnit& owner_;
 };
 
+// States that could not be told, since a VRF had no name, are told when it has one.
+class FecUnit::NameReactor : public VelL3Status::Reactor {
+ public:
+   NameReactor( FecUnit& owner, const VelL3Status* status ) : owner_( owner ) {
+      notifierIs( status );
+   }
+   void onVrfName( VrfId ) override { owner_.reportStates(); }
+
+ private:
+   FecUnit& owner_;
+};
+
 FecUnit::FecUnit( FecPlatform platform, OperationQueue& queue, SwitchStatus& status,
                   const FaultPlan& faults, const Links& links, const Clock& clock )
    : platform_( std::move( platform ) ),
@@ -51,7 +63,8 @@ FecUnit::FecUnit( FecPlatform platform, OperationQueue& queue, SwitchStatus& sta
      faults_( faults ),
      links_( links ),
      clock_( clock ),
-     reactor_( std::make_unique< RequestReactor >( *this, platform_.request.get() ) ) {
+     reactor_( std::make_unique< RequestReactor >( *this, platform_.request.get() ) ),
+     nameReactor_( std::make_unique< NameReactor >( *this, platform_.l3Status.get() ) ) {
    for ( const auto& [fecId, request] : platform_.request->hwFecIdRequest() ) {
       push( fecId );
    }
@@ -265,10 +278,26 @@ void FecUnit::countFecs() {
    status_.fecs_ = fecs_.size() + recovered_.size();
 }
 
+// Those that name another backup by now, or none, and could not be rewritten yet: what this one
+// becomes was never meant for them.
+void FecUnit::leaveFormerPrimaries( HwFec& fec ) {
+   const std::set< FecId >* const found = dependents_.find( fec.fecId );
+   const std::set< FecId > users = found ? *found : std::set< FecId >();
+   for ( const FecId user : users ) {
+      HwFec* const primary = this->fec( user );
+      if ( primary && primary->backup.get() == &fec && !namesAsBackup( user, fec.fecId ) ) {
+         backupIs( *primary, nullptr );
+      }
+   }
+}
+
 void FecUnit::contentIs( HwFec& fec, const std::vector< FecVia >& vias, FecId backup ) {
    dependsOn( fec, false );
    if ( fec.backupFecId != backup ) {
       stateIs( fec, AdjHwState::unknown ); // of another protection
+   }
+   if ( fec.via != vias ) {
+      leaveFormerPrimaries( fec );
    }
    fec.via = vias;
    fec.backupFecId = backup;

@@ -160,6 +160,7 @@ class FecUnit {
 
  private:
    class RequestReactor;
+   class NameReactor;
    struct Search;
    struct Way;
 
@@ -193,6 +194,7 @@ class FecUnit {
    void countFecs();
    void backupIs( HwFec& fec, Ptr< HwFec > backup );
    void giveBack( Fib::FecId fecId, const Ptr< HwFec >& fec );
+   void leaveFormerPrimaries( HwFec& fec );
    void contentIs( HwFec& fec, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
    void dependsOn( const HwFec& fec, bool depends );
    void changed( Fib::FecId fecId );
@@ -238,6 +240,7 @@ class FecUnit {
    HashSet< Fib::FecId > held_;
    Hash< Fib::FecId, U64 > backupHint_; // the hardware id that the backup of a matched FEC had
    std::unique_ptr< RequestReactor > reactor_;
+   std::unique_ptr< NameReactor > nameReactor_;
 };
 
 } // namespace Vel::Driver

@@ -124,7 +124,8 @@ void Watch::intentsChanged() {
                                      [&]( const Exit& exit ) { return steadilyAlive( exit ); } );
       };
       const bool toForward =
-         intent.keeps || ( intent.exact && !( intent.primary.empty() && intent.backup.empty() ) );
+         ( intent.keeps && !joinsOthers( index ) ) ||
+         ( intent.exact && !( intent.primary.empty() && intent.backup.empty() ) );
       // Without FECs, what goes over to next hops that are not answered yet leaves hardware.
       const bool unanswered = inputs.settings.slowL3 != 0 &&
                               ( label.meant.size() > 1 || viaSetChanged( index ) ) &&
@@ -180,6 +181,20 @@ bool Watch::wasMeant( U32 index, const Way& way ) const {
       return std::ranges::any_of( exits,
                                   [&]( const Exit& exit ) { return wasMeant( exit, way ); } );
    } );
+}
+
+// A via set of others may have been settled already when its backup went.
+bool Watch::joinsOthers( U32 index ) {
+   const std::vector< Inputs::Route >& route = world_.inputs().route;
+   Label& label = label_[index];
+   if ( route[index].type != label.wanted.type || route[index].set != label.wanted.set ) {
+      label.wanted = route[index];
+      label.joined = std::ranges::any_of( route, [&]( const Inputs::Route& other ) {
+         return &other != &route[index] && other.there && other.type == label.wanted.type &&
+                other.set == label.wanted.set;
+      } );
+   }
+   return label.joined;
 }
 
 bool Watch::viaSetChanged( U32 index ) const {
@@ -320,6 +335,7 @@ void Watch::checkLabelAtRest( U32 index ) {
       throw Failure{ "exact", joinText( "frames are dropped; ", describe( index ) ) };
    }
    label.firm = decided && !expected.empty();
+   label.joined = false;
    if ( decided ) {
       label.meant = { label.intent.exits };
       checkPublished( index, label.intent );

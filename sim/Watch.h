@@ -46,6 +46,8 @@ class Watch {
       Intent intent;
       std::vector< Exits > meant; ///< at the last rest and since, each meaning once
       bool firm = false;          ///< has forwarded since the last rest, and could all the time
+      Inputs::Route wanted;
+      bool joined = false; ///< since the last rest, labels that were there already
    };
 
    void intentsChanged();
@@ -57,6 +59,7 @@ class Watch {
    bool isDead( U32 link ) const;
    bool steadilyAlive( const Exit& exit ) const;
    void viaSetsChanged();
+   bool joinsOthers( U32 index );
    bool viaSetChanged( U32 index ) const;
    void viaSetsWereMeant( U32 index );
    void checkFrames();
