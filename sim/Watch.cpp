@@ -130,8 +130,11 @@ void Watch::intentsChanged() {
       const bool unanswered = inputs.settings.slowL3 != 0 &&
                               ( label.meant.size() > 1 || viaSetChanged( index ) ) &&
                               !( inputs.settings.fecs != 0 && inputs.settings.inPlace != 0 );
-      label.firm =
-         label.firm && toForward && !unanswered && std::ranges::all_of( label.meant, alive );
+      // Another agent's FEC keeps its number: hardware may have taken out what is answered still.
+      const bool withdrawn =
+         inputs.settings.slowFecs != 0 && inputs.route[index].type == 1 && label.meant.size() > 1;
+      label.firm = label.firm && toForward && !unanswered && !withdrawn &&
+                   std::ranges::all_of( label.meant, alive );
    }
 }
 
