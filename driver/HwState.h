@@ -5,8 +5,8 @@
 // left them, and forwards by them until it is told otherwise. What waited in the queue of the last
 // driver is lost, as it would be.
 //
-// L2 adjacencies are not part of it: where there are FECs, no route needs them, and hardware
-// without FECs starts afresh.
+// L2 adjacencies are not part of it, nor are the routes over them: hardware without FECs starts
+// afresh, and hardware with FECs has such routes only where the library does not update in place.
 
 #pragma once
 

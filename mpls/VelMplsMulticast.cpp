@@ -25,7 +25,11 @@ void MplsSm::handleMplsMcastHwFecIdResp( Fib::FecId fecId ) {
 }
 
 void MplsSm::handleMcastId( VrfId vrfId, U16 groupId ) {
-   const L3::VrfName& vrfName = in_.velL3Status->vrfName( vrfId );
+   const L3::VrfName vrfName = vrfOfReport( vrfId );
+   if ( vrfName.empty() ) {
+      MPLS_TRACE( 3, "no name for vrf ", vrfId, " of group ", groupId );
+      return;
+   }
    MPLS_ASSERT( vrfName == L3::VrfName::defaultVrf(), "vrfName == L3::VrfName::defaultVrf()",
                 vrfName.text() );
    MPLS_TRACE( 3, mplsStateHas( vrfName ) ? "no multicast group " : "no vrf state for group ",
