@@ -267,11 +267,32 @@ UnprogrammedReason FecUnit::upToDate( HwFec& fec ) {
       return UnprogrammedReason::Success;
    }
    if ( !foundBehind( fec ).empty() || !ready( vias ) ||
-        ( isLabelFec( fec.fecId ) && someLeave_( fec ) ) ) {
+        ( isLabelFec( fec.fecId ) && someLeave_( fec ) ) ||
+        ( fec.backup && backup != FecId() && !madeAhead( backup ) ) ) {
       return UnprogrammedReason::InterfaceNotReady;
    }
    contentIs( fec, vias, backup );
    return UnprogrammedReason::Success;
+}
+
+// The FEC is there, or can be made before its turn, in which it is answered.
+bool FecUnit::madeAhead( FecId fecId ) {
+   std::vector< FecVia > vias;
+   FecId backup;
+   if ( fec( fecId ) ) {
+      return true;
+   }
+   if ( !isLabelFec( fecId ) || !wanted( fecId, vias, backup ) || !hasRoomFor( fecId ) ||
+        !ready( vias ) ) {
+      return false;
+   }
+   const Ptr< HwFec > made = Vel::make< HwFec >( nextHwId_++ );
+   byHwId_.emplace( made->hwId, made.get() );
+   made->fecId = fecId;
+   fecs_.emplace( fecId, made );
+   contentIs( *made, vias, backup );
+   countFecs();
+   return true;
 }
 
 void FecUnit::countFecs() {

@@ -174,6 +174,7 @@ class FecUnit {
    bool hasRoomFor( Fib::FecId fecId ) const;
    bool ready( const std::vector< Fib::FecVia >& vias ) const;
    UnprogrammedReason upToDate( HwFec& fec );
+   bool madeAhead( Fib::FecId fecId );
    void waits( Fib::FecId fecId, UnprogrammedReason reason );
    bool wanted( Fib::FecId fecId, std::vector< Fib::FecVia >& vias, Fib::FecId& backup ) const;
    void remove( Fib::FecId fecId );

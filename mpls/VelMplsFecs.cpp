@@ -189,6 +189,10 @@ void MplsSm::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    if ( fecId.adjType() == Fib::AdjType::nexthopGroupAdj ) {
       vrfState.lFibViaSetToFecIdDel( viaSet.key() ); // of an earlier content; nobody's backup now
    }
+   if ( isOfGroup( l3Adj ) && l3Adj.extFecInfo()->fecId() != fecId ) {
+      // The group may be the adjacency's again, with another pop, before they have left it.
+      carryByFormer( vrfState, l3Adj, routesInHardware( vrfState, l3Adj, true ) );
+   }
    const Ptr< ExternalFecInfo > before = l3Adj.extFecInfo();
    const bool backupBefore = before && before->backupExtFecInfo();
    l3Adj.primaryViasDisabledIs( fecId.adjType() != Fib::AdjType::nexthopGroupAdj &&

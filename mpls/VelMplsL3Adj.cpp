@@ -349,7 +349,7 @@ void MplsSm::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
       setHwAdjViasForNormalMplsRoute( vrfState, l3Adj, viaSet, vias, adjType );
    } else {
       if ( l3Adj.nextHops() != 0 ) { // its routes stay where they are until the FEC is answered
-         carryByFormer( vrfState, l3Adj, routesElsewhere( vrfState, l3Adj ) );
+         carryByFormer( vrfState, l3Adj, routesInHardware( vrfState, l3Adj, false ) );
       }
       releaseVias( vrfState, l3Adj ); // of an earlier content
       for ( const auto& [viaIndex, via] : vias.via() ) {
@@ -402,18 +402,18 @@ bool MplsSm::hasVias( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& via
    return hwAdj.vias() == at;
 }
 
-// The adjacency's routes that are still in hardware by what it was before.
-std::vector< Mpls::RouteKey > MplsSm::routesElsewhere( const VrfMplsState& vrfState,
-                                                       const L3Adjacency& l3Adj ) {
-   std::vector< Mpls::RouteKey > elsewhere;
+// The adjacency's own routes that are in hardware by it, or else by what it was before.
+std::vector< Mpls::RouteKey > MplsSm::routesInHardware( const VrfMplsState& vrfState,
+                                                        const L3Adjacency& l3Adj, bool byIt ) {
+   std::vector< Mpls::RouteKey > found;
    for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
       const MplsRoute& route = *vrfState.route( routeKey );
-      if ( inHardware( route ) && !inHardwareBy( route, l3Adj ) &&
+      if ( inHardware( route ) && inHardwareBy( route, l3Adj ) == byIt &&
            vrfState.carrierOf( routeKey ) == nullptr ) {
-         elsewhere.push_back( routeKey );
+         found.push_back( routeKey );
       }
    }
-   return elsewhere;
+   return found;
 }
 
 // Whether one of the routes is in hardware by something that the adjacency is not any more, and that

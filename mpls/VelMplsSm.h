@@ -367,8 +367,8 @@ class VEL_EXPORT MplsSm : public Entity {
                                    const IpAddrIntfId& key );
    bool hasVias( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& vias ) const;
    ProgrammableMplsFecVias viasInHardware( const L3Adjacency& l3Adj ) const;
-   static std::vector< Mpls::RouteKey > routesElsewhere( const VrfMplsState& vrfState,
-                                                         const L3Adjacency& l3Adj );
+   static std::vector< Mpls::RouteKey > routesInHardware( const VrfMplsState& vrfState,
+                                                          const L3Adjacency& l3Adj, bool byIt );
    void carryByFormer( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                        const std::vector< Mpls::RouteKey >& routes );
    static bool someElsewhere( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,

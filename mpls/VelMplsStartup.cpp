@@ -464,6 +464,9 @@ void MplsSm::leaveRecoveredVrfId() {
 
 void MplsSm::deleteRecoveredRoute( Mpls::RouteKey routeKey ) {
    recoveredRouteDel( routeKey );
+   if ( recoveredRoutes() == 0 ) { // there may be no review to come that says so
+      in_.hwFecIdRequest->mayReplaceDelAll();
+   }
    if ( recoveredVrfId_ != noVrfId ) {
       in_.mplsSmHelper->deleteRoute( static_cast< VrfId >( recoveredVrfId_ ), routeKey );
    }

@@ -209,8 +209,10 @@ class Drawer {
          n = { set(), dice_.below( maxVias ) };
          break;
       case EventKind::extViaSet:
-      case EventKind::extViaSetGone:
          n = { ext(), ext(), dice_.oneIn( 4 ) ? set() : 0 };
+         break;
+      case EventKind::extViaSetGone:
+         n = { ext() };
          break;
       case EventKind::republish:
          n[0] = dice_.oneIn( 5 ) ? 2 : dice_.below( 2 );
