@@ -374,8 +374,10 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    route->metricIs( lfibRoute.metric );
    L3Adjacency& l3Adj = bindRouteToL3Adj( vrfState, *route, lfibRoute.viaSetKey );
    const bool wasElsewhere = inHardware( *route ) && !inHardwareBy( *route, l3Adj );
-   writeRoute( vrfState, *route, l3Adj );
-   if ( !inHardware( *route ) || inHardwareBy( *route, l3Adj ) ) {
+   const bool waits = !writeRoute( vrfState, *route, l3Adj );
+   // In the FEC of a group it may have been by another via set.
+   const bool byIt = inHardwareBy( *route, l3Adj ) && !( waits && isOfGroup( l3Adj ) );
+   if ( !inHardware( *route ) || byIt ) {
       leaveCarrier( vrfState, routeKey );
       if ( wasElsewhere && l3Adj.keepsNextHops() ) {
          vrfState.l3AdjLeftIs( l3Adj.index() ); // it may have been for this route
@@ -447,14 +449,14 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
 
 // Writes the route the way its adjacency is programmed: by its multicast group, into its FEC, or
 // with its L2 adjacency. What the adjacency has of an earlier content is for those only that have
-// it: to others the via set never said so.
-void MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
+// it: to others the via set never said so. False when the route waits for that.
+bool MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
    const L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
    const bool has =
       carrier ? carrier == &l3Adj && inHardwareBy( route, l3Adj ) : inHardware( route );
    if ( !has && ( l3Adj.outdated() || isAdjPendingForReview( vrfState, l3Adj.index() ) ) ) {
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
-      return;
+      return false;
    }
    if ( l3Adj.lFibViaSetKey().multicast() && forwardingIntoMldpSupported() ) {
       writeRouteWithMulticast( vrfState, route, l3Adj );
@@ -467,6 +469,7 @@ void MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& 
    } else {
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
    }
+   return true;
 }
 
 void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {

@@ -333,7 +333,7 @@ class VEL_EXPORT MplsSm : public Entity {
    void awaitViaSet( Mpls::LfibViaSetKey viaSetKey );
    void queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey );
    void dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
-   void writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
+   bool writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    void writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    void writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    void writeRouteWithMulticast( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
