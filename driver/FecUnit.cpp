@@ -268,19 +268,19 @@ UnprogrammedReason FecUnit::upToDate( HwFec& fec ) {
    }
    if ( !foundBehind( fec ).empty() || !ready( vias ) ||
         ( isLabelFec( fec.fecId ) && someLeave_( fec ) ) ||
-        ( fec.backup && backup != FecId() && !madeAhead( backup ) ) ) {
+        ( backup != FecId() && !madeAhead( backup ) && ( fec.backup || this->fec( backup ) ) ) ) {
       return UnprogrammedReason::InterfaceNotReady;
    }
    contentIs( fec, vias, backup );
    return UnprogrammedReason::Success;
 }
 
-// The FEC is there, or can be made before its turn, in which it is answered.
+// The FEC is there as it is requested, or can be made before its turn, in which it is answered.
 bool FecUnit::madeAhead( FecId fecId ) {
    std::vector< FecVia > vias;
    FecId backup;
-   if ( fec( fecId ) ) {
-      return true;
+   if ( HwFec* const there = fec( fecId ) ) {
+      return upToDate( *there ) == UnprogrammedReason::Success;
    }
    if ( !isLabelFec( fecId ) || !wanted( fecId, vias, backup ) || !hasRoomFor( fecId ) ||
         !ready( vias ) ) {
@@ -322,7 +322,10 @@ void FecUnit::contentIs( HwFec& fec, const std::vector< FecVia >& vias, FecId ba
    }
    fec.via = vias;
    fec.backupFecId = backup;
-   backupIs( fec, this->fec( backup ) );
+   HwFec* const protecting = this->fec( backup );
+   // One that could not be rewritten yet is what it was for others.
+   backupIs( fec,
+             protecting == fec.backup.get() || !waiting_.has( backup ) ? protecting : nullptr );
    dependsOn( fec, true );
 }
 

@@ -452,8 +452,9 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
 // it: to others the via set never said so. False when the route waits for that.
 bool MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
    const L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
-   const bool has =
-      carrier ? carrier == &l3Adj && inHardwareBy( route, l3Adj ) : inHardware( route );
+   const bool has = carrier || route.extFecInfo()
+                       ? ( carrier == nullptr || carrier == &l3Adj ) && inHardwareBy( route, l3Adj )
+                       : inHardware( route );
    if ( !has && ( l3Adj.outdated() || isAdjPendingForReview( vrfState, l3Adj.index() ) ) ) {
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
       return false;
