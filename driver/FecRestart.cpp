@@ -81,7 +81,7 @@ void FecUnit::reckon( HwFec& fec ) {
 }
 
 // Taken over, and not wanted any more before one of its routes was written: as it was found.
-void FecUnit::giveBack( FecId fecId, const Ptr< HwFec >& fec ) {
+void FecUnit::giveBack( FecId fecId, Ptr< HwFec > fec ) {
    stateIs( *fec, AdjHwState::unknown );
    dependsOn( *fec, false );
    fec->fecId = {};

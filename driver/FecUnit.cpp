@@ -252,8 +252,8 @@ UnprogrammedReason FecUnit::readyForRoute( HwFec& fec ) {
    return reason == UnprogrammedReason::Success && fec.backup ? upToDate( *fec.backup ) : reason;
 }
 
-// In place and without a word: the answer stays as it is, and the states are reported when the
-// operation has its turn.
+// In place: the answer stays as it is, and the way that is in use is reported when the operation has
+// its turn.
 UnprogrammedReason FecUnit::upToDate( HwFec& fec ) {
    if ( !queued_.has( fec.fecId ) && !waiting_.has( fec.fecId ) ) {
       return UnprogrammedReason::Success;
@@ -266,13 +266,22 @@ UnprogrammedReason FecUnit::upToDate( HwFec& fec ) {
    if ( fec.via == vias && fec.backupFecId == backup ) {
       return UnprogrammedReason::Success;
    }
-   if ( !foundBehind( fec ).empty() || !ready( vias ) ||
+   if ( !ready( vias ) || !foundBehind( fec ).empty() ||
         ( isLabelFec( fec.fecId ) && someLeave_( fec ) ) ||
         ( backup != FecId() && !madeAhead( backup ) && ( fec.backup || this->fec( backup ) ) ) ) {
       return UnprogrammedReason::InterfaceNotReady;
    }
    contentIs( fec, vias, backup );
+   waitEnds( fec.fecId );
    return UnprogrammedReason::Success;
+}
+
+// What could not be carried out when it had its turn can be now; there is another turn to come.
+void FecUnit::waitEnds( FecId fecId ) {
+   if ( waiting_.erase( fecId ) ) {
+      status_.waitingFecDel( fecId );
+      push( fecId );
+   }
 }
 
 // The FEC is there as it is requested, or can be made before its turn, in which it is answered.
@@ -292,6 +301,7 @@ bool FecUnit::madeAhead( FecId fecId ) {
    fecs_.emplace( fecId, made );
    contentIs( *made, vias, backup );
    countFecs();
+   waitEnds( fecId );
    return true;
 }
 
@@ -394,10 +404,12 @@ size_t FecUnit::room() const {
 std::vector< FecId > FecUnit::foundBehind( const HwFec& fec ) const {
    std::vector< FecId > behind;
    const std::set< FecId >* const users = dependents_.find( fec.fecId );
-   for ( const FecId user : users ? *users : std::set< FecId >() ) {
-      const HwFec* const primary = this->fec( user );
-      if ( primary && primary->backup.get() == &fec && primary->recovered != 0 ) {
-         behind.push_back( user );
+   if ( users && !recoveredByContent_.empty() ) { // on hardware that an earlier driver has left
+      for ( const FecId user : *users ) {
+         const HwFec* const primary = this->fec( user );
+         if ( primary && primary->backup.get() == &fec && primary->recovered != 0 ) {
+            behind.push_back( user );
+         }
       }
    }
    if ( fec.recovered != 0 || fec.protectsFound != 0 || !behind.empty() ) {

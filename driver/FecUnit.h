@@ -175,6 +175,7 @@ class FecUnit {
    bool ready( const std::vector< Fib::FecVia >& vias ) const;
    UnprogrammedReason upToDate( HwFec& fec );
    bool madeAhead( Fib::FecId fecId );
+   void waitEnds( Fib::FecId fecId );
    void waits( Fib::FecId fecId, UnprogrammedReason reason );
    bool wanted( Fib::FecId fecId, std::vector< Fib::FecVia >& vias, Fib::FecId& backup ) const;
    void remove( Fib::FecId fecId );
@@ -194,7 +195,7 @@ class FecUnit {
    void clearFound();
    void countFecs();
    void backupIs( HwFec& fec, Ptr< HwFec > backup );
-   void giveBack( Fib::FecId fecId, const Ptr< HwFec >& fec );
+   void giveBack( Fib::FecId fecId, Ptr< HwFec > fec );
    void leaveFormerPrimaries( HwFec& fec );
    void contentIs( HwFec& fec, const std::vector< Fib::FecVia >& vias, Fib::FecId backup );
    void dependsOn( const HwFec& fec, bool depends );

@@ -553,11 +553,23 @@ void SoftwareSwitch::takeRoutesOut( const HwFec& fec ) {
    }
 }
 
+bool SoftwareSwitch::someVrfHas( RouteKey key ) const {
+   for ( const auto& [vrfId, vrf] : vrf_ ) {
+      if ( vrf->route.has( key ) ) {
+         return true;
+      }
+   }
+   return false;
+}
+
 bool SoftwareSwitch::someLeave( const HwFec& fec ) const {
    for ( const auto& [vrfId, vrf] : vrf_ ) {
       const MplsHwVrfConfig* const config = configOf( *vrf );
+      if ( config == nullptr || config->routes() == 0 ) {
+         continue;
+      }
       for ( const auto& [key, route] : vrf->route ) {
-         if ( route.fec.get() == &fec && config && config->routeHas( key ) ) {
+         if ( route.fec.get() == &fec && config->routeHas( key ) ) {
             return true;
          }
       }
@@ -666,6 +678,8 @@ void SoftwareSwitch::fecRouteDel( VrfId vrfId, RouteKey key ) {
    if ( route && route->fec ) { // else it is another number's, if it is there
       takeRouteOut( vrf, key );
       status_->routesStale_ += recoveredRoute_.erase( key );
+   } else if ( !someVrfHas( key ) ) {
+      recoveredRoute_.erase( key ); // it has been taken out to make room
    }
    vrf.refused->lostRouteDel( key );
    if ( !vrf.listedRoute.has( key ) ) {

@@ -136,6 +136,7 @@ class SoftwareSwitch {
    void takeRouteOut( HwVrf& vrf, Mpls::RouteKey key );
    UnprogrammedReason fecRouteRefusal( const HwVrf& vrf, Mpls::RouteKey key, HwFec* fec );
    bool someLeave( const HwFec& fec ) const;
+   bool someVrfHas( Mpls::RouteKey key ) const;
    void routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec );
    void faultsChanged();
    UnprogrammedReason adjacencyRefusal( const Operation& operation,

@@ -449,7 +449,8 @@ void MplsSm::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {
    publishRoutesProtectedBy( *vrfState, *info );
    doMaybeScheduleReview( vrfState->vrfName() );
    const Mpls::LfibViaSetKey viaSetKey = info->lFibViaSetKey();
-   if ( viaSetKey.empty() || !vrfState->lFibViaSetToL3AdjHas( viaSetKey ) ) {
+   if ( ( viaSetKey.empty() || !vrfState->lFibViaSetToL3AdjHas( viaSetKey ) ) &&
+        info->dependentL3Adjacencys() == 0 ) {
       MPLS_TRACE( 3, "  invalid via set key ", viaSetKey );
       MPLS_RING( "US   invalid via set key ", viaSetKey );
       return;

@@ -280,14 +280,17 @@ bool MplsSm::takesOverOthers( const VrfMplsState& vrfState, const L3Adjacency& l
          }
       }
    }
+   bool offered = false;
    for ( const auto& [syncId, offeredTo] : in_.hwFecIdRequest->mayReplace() ) {
-      if ( offeredTo != fecId ) {
-         continue;
+      offered |= offeredTo == fecId;
+   }
+   for ( const Mpls::RouteKey routeKey : recoveredRoute() ) {
+      if ( !offered ) {
+         return false;
       }
-      for ( const Mpls::RouteKey routeKey : recoveredRoute() ) {
-         if ( in_.mplsRouteSyncMap->adjSyncId( routeKey ) == syncId && other( routeKey ) ) {
-            return true;
-         }
+      const AdjSyncId syncId = in_.mplsRouteSyncMap->adjSyncId( routeKey );
+      if ( in_.hwFecIdRequest->mayReplace( syncId ) == fecId && other( routeKey ) ) {
+         return true;
       }
    }
    return false;

@@ -91,9 +91,14 @@ bool MplsSm::maybeQueueStaleL3Adj( VrfMplsState& vrfState, Mpls::LfibViaSetKey v
    if ( !in_.transitLfib->pollPending() || !vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       return false;
    }
-   const L3Adjacency& l3Adj = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( viaSetKey ) );
-   if ( isAdjPendingForReview( vrfState, l3Adj.index() ) ||
-        l3Adj.contentDigest() == contentDigestOf( in_.transitLfib->lfibViaSet( viaSetKey ) ) ) {
+   L3Adjacency& l3Adj = *vrfState.l3Adjacency( vrfState.lFibViaSetToL3Adj( viaSetKey ) );
+   const U64 announced = in_.transitLfib->announced();
+   if ( ( announced != 0 && l3Adj.contentSameAt() == announced ) ||
+        isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
+      return false;
+   }
+   if ( l3Adj.contentDigest() == contentDigestOf( in_.transitLfib->lfibViaSet( viaSetKey ) ) ) {
+      l3Adj.contentSameAtIs( announced );
       return false;
    }
    vrfState.l3AdjForReviewIs( l3Adj.index() );

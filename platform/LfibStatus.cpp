@@ -19,6 +19,12 @@ bool LfibStatus::pollPending() const {
    return attached() && ( !started_ || stage_ != Stage::done || reader_.stale() || ringLag() != 0 );
 }
 
+U64 LfibStatus::announced() const {
+   return attached() && started_ && stage_ == Stage::done && !reader_.stale()
+             ? reader_.ring().head()
+             : 0;
+}
+
 U64 LfibStatus::ringLag() const {
    return attached() && started_ ? reader_.ring().head() - position_ : 0;
 }
