@@ -20,9 +20,7 @@ bool LfibStatus::pollPending() const {
 }
 
 U64 LfibStatus::announced() const {
-   return attached() && started_ && stage_ == Stage::done && !reader_.stale()
-             ? reader_.ring().head()
-             : 0;
+   return attached() && !reader_.stale() ? reader_.ring().head() + 1 : 0;
 }
 
 U64 LfibStatus::ringLag() const {

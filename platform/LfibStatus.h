@@ -158,8 +158,8 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
    /// `limit`, plus 4,096. `pollPending` says whether there is more to do.
    size_t poll( size_t limit );
    bool pollPending() const;
-   /// How many changes have been announced in the region, seen or not; 0 while that is not known.
-   /// What was read stays as it is until this has grown.
+   /// A number that grows with every change that is announced in the region, seen or not; 0 while
+   /// there is none. What was read before it grows is followed by an announcement.
    U64 announced() const;
    /// The ring position up to which changes have been announced, and how many stand behind it.
    U64 ringPosition() const { return position_; }
