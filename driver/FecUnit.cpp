@@ -205,12 +205,10 @@ void FecUnit::sync( FecId fecId ) {
       waits( fecId, UnprogrammedReason::AdjacencyFull );
       return;
    }
-   if ( !before.empty() ) {
-      for ( const FecId taken : before ) {
-         giveBack( taken, *fecs_.find( taken ) );
-         if ( taken != fecId ) {
-            push( taken );
-         }
+   for ( const FecId taken : before ) { // each to get another one in its turn
+      giveBack( taken, *fecs_.find( taken ) );
+      if ( taken != fecId ) {
+         push( taken );
       }
       fec = nullptr;
    }

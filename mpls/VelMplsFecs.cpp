@@ -625,19 +625,23 @@ bool MplsSm::mayEnter( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) 
    return !waits && !isAdjPendingForReview( vrfState, l3Adj.index() );
 }
 
+// What is in hardware stays there, the VRF's number brings everything back. What leads nowhere any
+// more goes at once, and what is not there is not in hardware.
+void MplsSm::stayWithoutNumber( VrfMplsState& vrfState, MplsRoute& route ) {
+   if ( route.extFecInfo() && route.extFecInfo()->hwId() == 0 ) {
+      unprogramRouteKey( vrfState, route.routeKey() );
+   }
+   if ( !inHardware( route ) ) {
+      routeUnprogrammedIs( route, true );
+   }
+}
+
 void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
    const L3::VrfName& vrf = vrfState.vrfName();
    const Mpls::RouteKey routeKey = route.routeKey();
    const Ptr< ExternalFecInfo > info = l3Adj.extFecInfo();
    if ( !in_.routingHwRouteStatus->vrfStatusHas( vrf ) ) {
-      // What is in hardware stays there, the VRF's number brings everything back. What leads
-      // nowhere any more goes at once, and what is not there is not in hardware.
-      if ( route.extFecInfo() && route.extFecInfo()->hwId() == 0 ) {
-         unprogramRouteKey( vrfState, routeKey );
-      }
-      if ( !route.extFecInfo() && !route.l2Adj() ) {
-         routeUnprogrammedIs( route, true );
-      }
+      stayWithoutNumber( vrfState, route );
       return;
    }
    if ( info->hwId() == 0 ) {

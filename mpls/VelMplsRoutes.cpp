@@ -351,16 +351,7 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       awaitViaSet( lfibRoute.viaSetKey ); // its arrival queues the route again
       MPLS_TRACE( 3, "via set for route (", routeKey,
                   ") does not exist in system LFIB, delay processing" );
-      if ( L3Adjacency* const bound = route->l3Adj().get(); bound && inHardware( *route ) ) {
-         if ( vrfState.carrierOf( routeKey ) == nullptr ) {
-            bound->carriedRouteKeyIs( routeKey );
-         }
-         if ( !stayInHardware( vrfState, *route ) ) {
-            takeRouteOut( vrfState, *route );
-         }
-      } else {
-         takeRouteOut( vrfState, *route ); // nor is one that was refused to be tried again before
-      }
+      stayWithoutViaSet( vrfState, *route );
       return;
    }
    const L3Adjacency* const bound = route->l3Adj().get();
@@ -382,6 +373,21 @@ void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       if ( wasElsewhere && l3Adj.keepsNextHops() ) {
          vrfState.l3AdjLeftIs( l3Adj.index() ); // it may have been for this route
       }
+   }
+}
+
+// What is in hardware stays there, carried by the adjacency that it has it from.
+void MplsSm::stayWithoutViaSet( VrfMplsState& vrfState, MplsRoute& route ) {
+   L3Adjacency* const bound = route.l3Adj().get();
+   if ( bound == nullptr || !inHardware( route ) ) {
+      takeRouteOut( vrfState, route ); // nor is one that was refused to be tried again before
+      return;
+   }
+   if ( vrfState.carrierOf( route.routeKey() ) == nullptr ) {
+      bound->carriedRouteKeyIs( route.routeKey() );
+   }
+   if ( !stayInHardware( vrfState, route ) ) {
+      takeRouteOut( vrfState, route );
    }
 }
 
@@ -452,9 +458,9 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
 // it: to others the via set never said so. False when the route waits for that.
 bool MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
    const L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
-   const bool has = carrier || route.extFecInfo()
-                       ? ( carrier == nullptr || carrier == &l3Adj ) && inHardwareBy( route, l3Adj )
-                       : inHardware( route );
+   const bool byIt = inHardwareBy( route, l3Adj ) && ( carrier == nullptr || carrier == &l3Adj );
+   // With an L2 adjacency also by a former one: that follows next hops, and goes on after them.
+   const bool has = byIt || ( carrier == nullptr && route.l2Adj() && !route.extFecInfo() );
    if ( !has && ( l3Adj.outdated() || isAdjPendingForReview( vrfState, l3Adj.index() ) ) ) {
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
       return false;

@@ -339,6 +339,8 @@ class VEL_EXPORT MplsSm : public Entity {
    void writeRouteWithMulticast( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    void leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    bool stayInHardware( VrfMplsState& vrfState, MplsRoute& route );
+   void stayWithoutViaSet( VrfMplsState& vrfState, MplsRoute& route );
+   void stayWithoutNumber( VrfMplsState& vrfState, MplsRoute& route );
    void takeRouteOut( VrfMplsState& vrfState, MplsRoute& route );
    static void leaveCarrier( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
    static bool isOfGroup( const L3Adjacency& l3Adj );
