@@ -3,7 +3,6 @@
 
 #pragma once
 
-#include <map>
 #include <memory>
 #include <vector>
 
@@ -11,6 +10,7 @@
 #include "mpls/VelMplsInputStatusSm.h"
 #include "mpls/VelMplsSm.h"
 #include "platform/LfibRegion.h"
+#include "sim/L3Layer.h"
 
 namespace Vel::Test {
 
@@ -36,114 +36,17 @@ inline Mpls::LfibMplsVia swapVia( U32 index, std::string_view nextHop, U32 intf,
    return via;
 }
 
-/// The L3 layer: answers watches from a table of neighbours.
-class L3Layer {
+/// The simulation's L3 layer, with neighbours in the words of the tests.
+class L3Layer : public Sim::L3Layer {
  public:
-   explicit L3Layer( VelL3Status& status )
-      : status_( &status ),
-        arp( make< ProactiveArpNexthopSm >( "arp" ) ),
-        rr( make< RouteReactorConfig >( "rr" ) ),
-        rr6( make< Route6ReactorConfig >( "rr6" ) ),
-        arpReactor_( *this ),
-        rrReactor_( *this ),
-        rr6Reactor_( *this ) {
-      arpReactor_.notifierIs( arp.get() );
-      rrReactor_.notifierIs( rr.get() );
-      rr6Reactor_.notifierIs( rr6.get() );
-   }
-   /// The neighbour becomes resolved.
+   using Sim::L3Layer::L3Layer;
+
    void neighborIs( std::string_view address, U32 intf, U64 mac ) {
-      const NextHopKey neighbor{ IntfId::ordinary( intf ), ip( address ) };
-      table_[neighbor] = { 0, neighbor.intf, MacAddr( mac ), true };
-      publish( neighbor );
+      Sim::L3Layer::neighborIs( { IntfId::ordinary( intf ), ip( address ) }, MacAddr( mac ) );
    }
    void neighborDel( std::string_view address, U32 intf ) {
-      const NextHopKey neighbor{ IntfId::ordinary( intf ), ip( address ) };
-      table_.erase( neighbor );
-      publish( neighbor );
+      Sim::L3Layer::neighborDel( { IntfId::ordinary( intf ), ip( address ) } );
    }
-   bool resolved( const NextHopKey& neighbor ) const { return table_.contains( neighbor ); }
-   NextHopInfo info( const NextHopKey& neighbor ) const {
-      const auto at = table_.find( neighbor );
-      return at == table_.end() ? NextHopInfo() : at->second;
-   }
-   /// All neighbours of that address, on whatever interface: what the route resolver finds.
-   std::vector< NextHopInfo > infosOf( const IpGenAddr& address ) const {
-      std::vector< NextHopInfo > found;
-      for ( const auto& [neighbor, info] : table_ ) {
-         if ( neighbor.addr == address ) {
-            found.push_back( info );
-         }
-      }
-      return found;
-   }
-
- private:
-   void publish( const NextHopKey& neighbor ) {
-      if ( arp->entryHas( { L3::VrfName::defaultVrf(), neighbor.addr, neighbor.intf } ) ) {
-         status_->nextHopInfoIs( neighbor, info( neighbor ) );
-      }
-      publishWatched( neighbor.addr );
-   }
-   void publishWatched( const IpGenAddr& address ) {
-      const L3::VrfName vrf = L3::VrfName::defaultVrf();
-      const bool v4 = address.af() == ipv4();
-      const bool watched =
-         v4 ? rr->watchedAddrHas( { vrf, address } ) : rr6->watchedIp6AddrHas( { vrf, address } );
-      ResolvedAddr resolved;
-      if ( watched ) {
-         resolved.prefix = { address, static_cast< uint8_t >( v4 ? 32 : 128 ) };
-         for ( const NextHopInfo& info : infosOf( address ) ) {
-            resolved.nexthop.push_back(
-               { address, info.l2Intf, ResolvedNexthop::Type::attached, info } );
-         }
-      }
-      if ( v4 ) {
-         watched ? status_->resolvedAddrIs( { vrf, address }, resolved )
-                 : void( status_->resolvedAddrDel( { vrf, address } ) );
-      } else {
-         watched ? status_->resolvedIp6AddrIs( { vrf, address }, resolved )
-                 : void( status_->resolvedIp6AddrDel( { vrf, address } ) );
-      }
-   }
-
-   struct ArpReactor : ProactiveArpNexthopSm::Reactor {
-      explicit ArpReactor( L3Layer& layer ) : layer_( layer ) {}
-      void onEntry( ProactiveArpEntry entry ) override {
-         const NextHopKey neighbor{ entry.intf, entry.addr };
-         if ( notifier()->entryHas( entry ) ) {
-            layer_.status_->nextHopInfoIs( neighbor, layer_.info( neighbor ) );
-         } else {
-            layer_.status_->nextHopInfoDel( neighbor );
-         }
-      }
-      L3Layer& layer_;
-   };
-   struct RrReactor : RouteReactorConfig::Reactor {
-      explicit RrReactor( L3Layer& layer ) : layer_( layer ) {}
-      void onWatchedAddr( VrfAndIpAddr key ) override { layer_.publishWatched( key.ipAddr ); }
-      L3Layer& layer_;
-   };
-   struct Rr6Reactor : Route6ReactorConfig::Reactor {
-      explicit Rr6Reactor( L3Layer& layer ) : layer_( layer ) {}
-      void onWatchedIp6Addr( VrfAndIpGenAddr key ) override {
-         layer_.publishWatched( key.ipGenAddr );
-      }
-      L3Layer& layer_;
-   };
-
-   Ptr< VelL3Status > status_;
-   std::map< NextHopKey, NextHopInfo > table_;
-
- public:
-   const Ptr< ProactiveArpNexthopSm > arp;
-   const Ptr< RouteReactorConfig > rr;
-   const Ptr< Route6ReactorConfig > rr6;
-
- private:
-   ArpReactor arpReactor_;
-   RrReactor rrReactor_;
-   Rr6Reactor rr6Reactor_;
 };
 
 /// An Ethernet frame with that one label, TTL 64, above an IPv4 packet without payload.
@@ -189,7 +92,7 @@ class LabelRig {
                      l3Status,
                      startup,
                      [this]( IntfId intf, const IpGenAddr& nextHop ) {
-                        return l3.info( { intf, nextHop } );
+                        return l3.info( { intf, nextHop }, true );
                      },
                      syncMap };
          }
@@ -211,10 +114,10 @@ class LabelRig {
    ~LabelRig() { sm = nullptr; }
 
    MplsSmInputs inputs() {
-      MplsSmInputs in{ lfibInfo, routingInfo, lfib,     lfibHwStatus, routeStatus, hwMplsStatus,
-                       l3.rr,    l3.rr6,      hwConfig, hwStatus,     l3Status,    l3.arp,
-                       entities, nullptr,     nullptr,  nullptr,      nullptr,     nullptr,
-                       nullptr,  attrLog,     nullptr,  clock,        scheduler };
+      MplsSmInputs in{ lfibInfo,    routingInfo,  lfib,     lfibHwStatus, routeStatus, hwMplsStatus,
+                       l3.resolver, l3.resolver6, hwConfig, hwStatus,     l3Status,    l3.arp,
+                       entities,    nullptr,      nullptr,  nullptr,      nullptr,     nullptr,
+                       nullptr,     attrLog,      nullptr,  clock,        scheduler };
       if ( helper ) {
          in.hwFecIdRequest = fecRequest;
          in.hwFecIdResponse = fecResponse;

@@ -38,8 +38,8 @@ class World : public Vel::Test::LabelRig {
       entities->rootIs( "mplsHwStatus", hwStatus );
       entities->rootIs( "velL3Status", l3Status );
       entities->rootIs( "proactiveArpNexthopSm", l3.arp );
-      entities->rootIs( "routeReactorConfig", l3.rr );
-      entities->rootIs( "route6ReactorConfig", l3.rr6 );
+      entities->rootIs( "routeReactorConfig", l3.resolver );
+      entities->rootIs( "route6ReactorConfig", l3.resolver6 );
       entities->rootIs( "softwareSwitch", hardware->status() );
       if ( withFecs ) {
          entities->rootIs( "hwFecIdRequest", fecRequest );

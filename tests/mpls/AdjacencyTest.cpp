@@ -60,12 +60,12 @@ TEST_F( Adjacency, withoutUserGoesWithAllThatItHeld ) {
    over( 1, { swapVia( 1, "10.0.0.1", 1, 5 ), swapVia( 2, "10.0.0.9", 0, 5 ) } );
    over( 2, { swapVia( 3, "10.0.0.1", 1, 6 ) } );
    EXPECT_EQ( rig.l3.arp->entrys(), 1U );
-   EXPECT_EQ( rig.l3.rr->watchedAddrs(), 1U );
+   EXPECT_EQ( rig.l3.resolver->watchedAddrs(), 1U );
    rig.routeDel( 101 );
    rig.settle();
    EXPECT_EQ( rig.l3Adj( 1 ), nullptr );
    EXPECT_EQ( rig.hwMplsStatus->adjacencys(), 1U );
-   EXPECT_EQ( rig.l3.rr->watchedAddrs(), 0U );
+   EXPECT_EQ( rig.l3.resolver->watchedAddrs(), 0U );
    EXPECT_EQ( rig.l3.arp->entrys(), 1U ); // the other adjacency still resolves through it
    rig.routeDel( 102 );
    rig.settle();
@@ -157,8 +157,8 @@ TEST_F( Adjacency, resolvesThroughTheRouteResolverInBothFamilies ) {
    L3Adjacency* const l3Adj =
       over( 1, { swapVia( 1, "10.0.0.1", 0, 5 ), swapVia( 2, "2001:db8::1", 0, 5 ) } );
    EXPECT_EQ( hwVias( l3Adj ).size(), 2U );
-   EXPECT_EQ( rig.l3.rr->watchedAddrs(), 1U );
-   EXPECT_EQ( rig.l3.rr6->watchedIp6Addrs(), 1U );
+   EXPECT_EQ( rig.l3.resolver->watchedAddrs(), 1U );
+   EXPECT_EQ( rig.l3.resolver6->watchedIp6Addrs(), 1U );
    rig.l3.neighborDel( "2001:db8::1", 3 );
    rig.settle();
    EXPECT_EQ( hwVias( l3Adj ).size(), 1U );
