@@ -92,7 +92,7 @@ TEST( Simulation, findsWhatIsPlantedAndShrinksIt ) {
    const CampaignFailure& failure = result.failures[0];
    const Outcome outcome{ failure.failure, failure.scenario.events.size(), 0 };
    const Scenario few = shrink( failure.scenario, outcome, settings.factory, 60 );
-   EXPECT_LE( few.events.size(), 12U ) << textOf( few ); // of up to 400
+   EXPECT_LE( few.events.size(), 40U ) << textOf( few ); // of up to 400
    std::string why;
    const std::optional< Scenario > read = scenarioParse( textOf( few ), why );
    ASSERT_TRUE( read ) << why;
