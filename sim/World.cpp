@@ -28,7 +28,7 @@ IpGenAddr addressOf( U32 link, bool v6 ) {
    return *IpGenAddr::parse( joinText( v6 ? "fe80::" : "10.0.0.", link ) );
 }
 MacAddr macOf( U32 link, U32 mac ) {
-   return MacAddr( macBase + link * 256 + mac );
+   return MacAddr( macBase + U64{ link } * 256 + mac );
 }
 
 Mpls::LfibViaSetKey keyOfViaSet( U32 number ) {
