@@ -180,8 +180,7 @@ void FecUnit::sync( FecId fecId ) {
    }
    std::vector< FecVia > vias;
    FecId backup;
-   waiting_.erase( fecId );
-   status_.waitingFecDel( fecId );
+   noLongerWaits( fecId );
    const bool isWanted = wanted( fecId, vias, backup );
    const Ptr< HwFec >* const there = fecs_.find( fecId );
    if ( there && queued_.has( fecId ) ) {
@@ -276,10 +275,15 @@ UnprogrammedReason FecUnit::upToDate( HwFec& fec ) {
 
 // What could not be carried out when it had its turn can be now; there is another turn to come.
 void FecUnit::waitEnds( FecId fecId ) {
-   if ( waiting_.erase( fecId ) ) {
-      status_.waitingFecDel( fecId );
+   if ( noLongerWaits( fecId ) ) {
       push( fecId );
    }
+}
+
+// True when it did.
+bool FecUnit::noLongerWaits( FecId fecId ) {
+   status_.waitingFecDel( fecId );
+   return waiting_.erase( fecId );
 }
 
 // The FEC is there as it is requested, or can be made before its turn, in which it is answered.
@@ -515,8 +519,7 @@ bool FecUnit::placeBack( FecId fecId, HwFec& fec ) {
       fecs_.emplace( left, Ptr< HwFec >( &fec ) );
       fecs_.erase( fecId );
       contentIs( fec, vias, backup );
-      waiting_.erase( left );
-      status_.waitingFecDel( left );
+      noLongerWaits( left );
       platform_.response->hwFecIdIs( left, { fec.hwId } );
       platform_.response->hwFecIdDel( fecId );
       changed( fecId );

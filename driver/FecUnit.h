@@ -176,6 +176,7 @@ class FecUnit {
    UnprogrammedReason upToDate( HwFec& fec );
    bool madeAhead( Fib::FecId fecId );
    void waitEnds( Fib::FecId fecId );
+   bool noLongerWaits( Fib::FecId fecId );
    void waits( Fib::FecId fecId, UnprogrammedReason reason );
    bool wanted( Fib::FecId fecId, std::vector< Fib::FecVia >& vias, Fib::FecId& backup ) const;
    void remove( Fib::FecId fecId );

@@ -367,8 +367,8 @@ void MplsSm::stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj ) 
 }
 
 // The via set's adjacency has been processed, or the via set has changed: who waits for that looks
-// again. Processing that changes nothing is news only to those who waited for it: adjacencies that are
-// unfit for each other would otherwise keep each other busy for ever.
+// again. Processing that changes nothing is news only to those who waited for it: adjacencies that
+// are unfit for each other would otherwise keep each other busy for ever.
 void MplsSm::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
                                     BackupNews news, bool fecChanged ) {
    const BackupWait* const wait = vrfState.waitsForBackup( backupKey );
