@@ -199,12 +199,16 @@ std::string AuditComparison::foreignFault() const {
    return fault;
 }
 
-// Why there is no hardware id for it; empty when there is one.
+// Why what is requested of it does not stand behind a hardware id; empty when it does.
 std::string AuditComparison::answerFault( FecId fecId ) const {
-   if ( response_->hwFecId( fecId ).hwId != 0 ) {
+   const HwFecId& answer = response_->hwFecId( fecId );
+   const U64 wanted = request_->hwFecIdRequest( fecId ).version;
+   if ( answer.hwId != 0 && answer.version == wanted ) {
       return {};
    }
-   const std::string text = "no answer for FEC " + fecIdText( fecId );
+   const std::string text = answer.hwId == 0 ? "no answer for FEC " + fecIdText( fecId )
+                                             : joinText( "version ", answer.version, " instead of ",
+                                                         wanted, " of FEC ", fecIdText( fecId ) );
    if ( switch_ && switch_->waitingFecHas( fecId ) ) {
       return joinText( text, ", refused: ", switch_->waitingFec( fecId ) );
    }

@@ -101,8 +101,9 @@ ExplainState ChainReader::state( const ChainLink* blocker ) const {
       return ExplainState::unprogrammed;
    }
    const bool unresolved = hwAdj_ && hwAdj_->unresolvedVias() != 0 && primariesUsable();
-   return unresolved || inOlderFec() || byBackupOnly() ? ExplainState::partiallyProgrammed
-                                                       : ExplainState::programmed;
+   return unresolved || inOlderFec() || behind() || byBackupOnly()
+             ? ExplainState::partiallyProgrammed
+             : ExplainState::programmed;
 }
 
 // --- Obstacles.

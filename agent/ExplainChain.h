@@ -89,6 +89,11 @@ class ChainReader {
    bool writingLost() const { return refused_ && refused_->lostRouteHas( key_ ); }
    /// Still forwards into the FEC of before, until the one that is wanted now is answered.
    bool inOlderFec() const { return inFec() && record_->extFecInfo() != fec_; }
+   /// Hardware has what was requested of the FEC before.
+   bool behind() const {
+      return fec_ && fec_->hwId() != 0 && fecRequest_ &&
+             fec_->carriedOut() != fecRequest_->hwFecIdRequest( fec_->fecId() ).version;
+   }
    bool byBackupOnly() const {
       return fec_ && primariesUsable() && hwState() == AdjHwState::backupActive;
    }

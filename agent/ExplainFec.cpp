@@ -160,6 +160,8 @@ ChainLink ChainReader::fec() const {
    if ( fec_->hwId() == 0 ) {
       link.text = id;
       readUnanswered( link );
+   } else if ( behind() && hwState() != AdjHwState::down ) {
+      readUnanswered( link );
    } else if ( const Fib::Fec* const content = requested( fec_->fecId() );
                content && !primariesUsable() && content->backupFecId == FecId() ) {
       fails( link, link.text + ": its vias are disabled, and it has no backup", recordSince(),
@@ -219,10 +221,13 @@ std::string ChainReader::roomText() const {
                        : " to wait for the same one, or to leave it" );
 }
 
+// Not at all, or with what was requested before.
 void ChainReader::readUnanswered( ChainLink& link ) const {
    const FecId fecId = fec_->fecId();
    std::string waitsFor = "the hardware layer's answer to the request for the FEC";
-   link.text += isLabelFec( fecId ) ? ", not answered yet" : ", of another agent, not there yet";
+   link.text += behind()              ? ", not yet what is requested"
+                : isLabelFec( fecId ) ? ", not answered yet"
+                                      : ", of another agent, not there yet";
    if ( switch_ && switch_->waitingFecHas( fecId ) ) {
       const UnprogrammedReason reason = switch_->waitingFec( fecId );
       link.facts["reason"] = stringValue( reason );
@@ -233,11 +238,11 @@ void ChainReader::readUnanswered( ChainLink& link ) const {
    } else if ( !isLabelFec( fecId ) ) {
       waitsFor = joinText( "the agent that owns FEC ", fecIdText( fecId ), " to make it known" );
    }
-   if ( inOlderFec() ) {
+   if ( inFec() && ( behind() || inOlderFec() ) ) {
       link.holds = link.degraded = true;
-      link.text +=
-         joinText( "; the route stays in FEC ", fecIdText( record_->extFecInfo()->fecId() ),
-                   ", waiting for ", waitsFor );
+      link.text += joinText(
+         inOlderFec() ? "; the route stays in FEC " : "; frames leave by what was in FEC ",
+         fecIdText( record_->extFecInfo()->fecId() ), ", waiting for ", waitsFor );
       return;
    }
    fails( link, link.text, recordSince(), std::move( waitsFor ) );

@@ -21,8 +21,6 @@ class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
    RequestReactor( FecUnit& owner, const FecIdToHwFecIdRequest* request ) : owner_( owner ) {
       notifierIs( request );
    }
-   void onFec( FecId fecId ) override { owner_.push( fecId ); }
-   void onFec6( FecId fecId ) override { owner_.push( fecId ); }
    void onHwFecIdRequest( FecId fecId ) override { owner_.push( fecId ); }
    void onMayReplace( AdjSyncId syncId ) override {
       if ( HwFec* const offered = owner_.fec( syncId ) ) {
@@ -196,7 +194,8 @@ void FecUnit::sync( FecId fecId ) {
    // they have gone.
    const bool changes = there && ( fec->via != vias || fec->backupFecId != backup );
    const std::vector< FecId > before = changes ? foundBehind( *fec ) : std::vector< FecId >();
-   if ( !kept && !ready( vias ) ) {
+   const bool same = there && !changes; // it need not be written
+   if ( !kept && !same && !ready( vias ) ) {
       waits( fecId, UnprogrammedReason::InterfaceNotReady );
       return;
    }
@@ -231,7 +230,7 @@ void FecUnit::sync( FecId fecId ) {
    fecs_.emplace( fecId, fec );
    contentIs( *fec, vias, backup );
    fec->vrfName = platform_.request->hwFecIdRequest( fecId ).vrfName;
-   platform_.response->hwFecIdIs( fecId, { fec->hwId } );
+   answer( *fec );
    countFecs();
    changed( fecId );
    if ( idBefore != FecId() && idBefore != fecId ) { // the library knows its routes here by now
@@ -244,67 +243,32 @@ void FecUnit::sync( FecId fecId ) {
    }
 }
 
-UnprogrammedReason FecUnit::readyForRoute( HwFec& fec ) {
-   const UnprogrammedReason reason = upToDate( fec );
-   return reason == UnprogrammedReason::Success && fec.backup ? upToDate( *fec.backup ) : reason;
-}
-
-// In place: the answer stays as it is, and the way that is in use is reported when the operation has
-// its turn.
-UnprogrammedReason FecUnit::upToDate( HwFec& fec ) {
-   if ( !queued_.has( fec.fecId ) && !waiting_.has( fec.fecId ) ) {
-      return UnprogrammedReason::Success;
-   }
+bool FecUnit::behind( const HwFec& fec ) const {
    std::vector< FecVia > vias;
    FecId backup;
-   if ( !wanted( fec.fecId, vias, backup ) ) {
-      return UnprogrammedReason::InterfaceNotReady;
-   }
-   if ( fec.via == vias && fec.backupFecId == backup ) {
-      return UnprogrammedReason::Success;
-   }
-   if ( !ready( vias ) || !foundBehind( fec ).empty() ||
-        ( isLabelFec( fec.fecId ) && someLeave_( fec ) ) ||
-        ( backup != FecId() && !madeAhead( backup ) && ( fec.backup || this->fec( backup ) ) ) ) {
-      return UnprogrammedReason::InterfaceNotReady;
-   }
-   contentIs( fec, vias, backup );
-   waitEnds( fec.fecId );
-   return UnprogrammedReason::Success;
+   return isLabelFec( fec.fecId ) && // else what its agent does is not for the library to wait for
+          ( queued_.has( fec.fecId ) || waiting_.has( fec.fecId ) ) &&
+          wanted( fec.fecId, vias, backup ) && ( fec.via != vias || fec.backupFecId != backup );
 }
 
-// What could not be carried out when it had its turn can be now; there is another turn to come.
-void FecUnit::waitEnds( FecId fecId ) {
-   if ( noLongerWaits( fecId ) ) {
-      push( fecId );
-   }
+// It is as it is requested now.
+void FecUnit::answer( const HwFec& fec ) {
+   platform_.response->hwFecIdIs(
+      fec.fecId, { fec.hwId, platform_.request->hwFecIdRequest( fec.fecId ).version,
+                   fec.recovered != 0 ? fec.hwId : 0 } );
 }
 
-// True when it did.
-bool FecUnit::noLongerWaits( FecId fecId ) {
+void FecUnit::noLongerWaits( FecId fecId ) {
    status_.waitingFecDel( fecId );
-   return waiting_.erase( fecId );
+   waiting_.erase( fecId );
 }
 
-// The FEC is there as it is requested, or can be made before its turn, in which it is answered.
-bool FecUnit::madeAhead( FecId fecId ) {
-   std::vector< FecVia > vias;
-   FecId backup;
-   if ( HwFec* const there = fec( fecId ) ) {
-      return upToDate( *there ) == UnprogrammedReason::Success;
+// It must not meet what the backup was before. The backup's turn puts it back.
+void FecUnit::routeComes( HwFec& fec ) {
+   if ( fec.backup && behind( *fec.backup ) ) {
+      backupIs( fec, nullptr );
+      report( fec );
    }
-   if ( !isLabelFec( fecId ) || !wanted( fecId, vias, backup ) || !hasRoomFor( fecId ) ||
-        !ready( vias ) ) {
-      return false;
-   }
-   const Ptr< HwFec > made = Vel::make< HwFec >( nextHwId_++ );
-   byHwId_.emplace( made->hwId, made.get() );
-   made->fecId = fecId;
-   fecs_.emplace( fecId, made );
-   contentIs( *made, vias, backup );
-   countFecs();
-   waitEnds( fecId );
-   return true;
 }
 
 void FecUnit::countFecs() {
@@ -520,7 +484,7 @@ bool FecUnit::placeBack( FecId fecId, HwFec& fec ) {
       fecs_.erase( fecId );
       contentIs( fec, vias, backup );
       noLongerWaits( left );
-      platform_.response->hwFecIdIs( left, { fec.hwId } );
+      answer( fec );
       platform_.response->hwFecIdDel( fecId );
       changed( fecId );
       changed( left );

@@ -8,9 +8,9 @@
 // An operation on a FEC carries its id and nothing else: what is written is what the request table
 // says when its turn comes. Of several changes in a row the last one counts: what is in hardware is
 // left alone until its turn, since routes that have been written elsewhere before it are still to
-// leave; but a route that comes must not find what its FEC was before: its coming is the turn. A FEC
-// keeps its hardware id while it is requested; its content is replaced in place, which
-// no frame notices.
+// leave. The answer names the version that has been carried out, and no route comes into a FEC
+// before that is the one requested. A FEC keeps its hardware id while it is requested; its content is
+// replaced in place, which no frame notices.
 //
 // Who makes a FEC. Label FECs are made of what the request says. The FECs of other agents (next-hop
 // groups, external FECs) and the tunnels are made known here by whoever plays those agents; a
@@ -142,12 +142,10 @@ class FecUnit {
    void capacityIs( size_t fecs ) { capacity_ = fecs; }
    /// An operation on the FEC has its turn.
    void carryOut( Fib::FecId fecId );
-   /// Some routes that stand in the FEC have been written elsewhere, and wait for their turn.
-   using SomeLeave = std::function< bool( const HwFec& fec ) >;
-   void someLeaveIs( SomeLeave someLeave ) { someLeave_ = std::move( someLeave ); }
-   /// A route comes into the FEC: brings it, and the one that protects it, to what is requested of
-   /// them now. `Success`, or why that cannot be and the route must not come.
-   UnprogrammedReason readyForRoute( HwFec& fec );
+   /// What is requested of the FEC has not been carried out: no route may come into it.
+   bool behind( const HwFec& fec ) const;
+   /// A route that was not in the FEC is about to be.
+   void routeComes( HwFec& fec );
    /// Tries what was not possible before. Only in the hardware's own turn.
    void retryWaiting();
    /// The FEC behind a hardware id, or null.
@@ -173,10 +171,8 @@ class FecUnit {
    std::vector< Fib::FecId > foundBehind( const HwFec& fec ) const;
    bool hasRoomFor( Fib::FecId fecId ) const;
    bool ready( const std::vector< Fib::FecVia >& vias ) const;
-   UnprogrammedReason upToDate( HwFec& fec );
-   bool madeAhead( Fib::FecId fecId );
-   void waitEnds( Fib::FecId fecId );
-   bool noLongerWaits( Fib::FecId fecId );
+   void answer( const HwFec& fec );
+   void noLongerWaits( Fib::FecId fecId );
    void waits( Fib::FecId fecId, UnprogrammedReason reason );
    bool wanted( Fib::FecId fecId, std::vector< Fib::FecVia >& vias, Fib::FecId& backup ) const;
    void remove( Fib::FecId fecId );
@@ -226,8 +222,7 @@ class FecUnit {
    Hash< U64, HwFec* > byHwId_;
    Hash< Fib::FecId, U32 > queued_;              // operations on each
    Hash< Fib::FecId, Fib::FecId > placeTakenBy_; // of one that is still requested
-   SomeLeave someLeave_;
-   HashSet< Fib::FecId > waiting_; // requested, not possible now
+   HashSet< Fib::FecId > waiting_;               // requested, not possible now
    /// Which FECs lead into one: by their vias, or as their backup.
    Hash< Fib::FecId, std::set< Fib::FecId > > dependents_;
    Hash< U64, Ptr< HwFec > > recovered_; // of an earlier driver, not taken over

@@ -58,7 +58,8 @@ struct Operation {
    Mpls::RouteKey routeKey{};      ///< of a route
    Ptr< HwAdjacency > adjacency{}; ///< an adjacency, or that of a written route
 
-   /// FECs have no versions; the id takes that place.
+   /// What counts is what is requested in its turn, so that there is no version; the id takes that
+   /// place.
    static Operation ofFec( Fib::FecId fecId ) {
       return { .kind = OperationKind::fecChanged, .version = fecId.value() };
    }

@@ -110,7 +110,6 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
       fecUnit_->capacityIs( settings_.fecCapacity );
       fecUnit_->takeRoutesOutIs( [this]( const HwFec& fec ) { takeRoutesOut( fec ); } );
       fecUnit_->takeFoundOutIs( [this] { takeFoundRoutesOut(); } );
-      fecUnit_->someLeaveIs( [this]( const HwFec& fec ) { return someLeave( fec ); } );
    }
    forgetEarlierDriver();
    if ( fecUnit_ ) {
@@ -562,21 +561,6 @@ bool SoftwareSwitch::someVrfHas( RouteKey key ) const {
    return false;
 }
 
-bool SoftwareSwitch::someLeave( const HwFec& fec ) const {
-   for ( const auto& [vrfId, vrf] : vrf_ ) {
-      const MplsHwVrfConfig* const config = configOf( *vrf );
-      if ( config == nullptr || config->routes() == 0 ) {
-         continue;
-      }
-      for ( const auto& [key, route] : vrf->route ) {
-         if ( route.fec.get() == &fec && config->routeHas( key ) ) {
-            return true;
-         }
-      }
-   }
-   return false;
-}
-
 // For a library that wants nothing of before.
 void SoftwareSwitch::takeFoundRoutesOut() {
    for ( const auto& [vrfId, vrf] : vrf_ ) {
@@ -606,13 +590,6 @@ void SoftwareSwitch::routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, P
 UnprogrammedReason SoftwareSwitch::fecRouteRefusal( const HwVrf& vrf, RouteKey key, HwFec* fec ) {
    if ( fec == nullptr ) {
       return UnprogrammedReason::InterfaceNotReady;
-   }
-   if ( const HwRoute* const before = vrf.route.find( key );
-        before == nullptr || before->fec != fec ) {
-      if ( const UnprogrammedReason reason = fecUnit_->readyForRoute( *fec );
-           reason != UnprogrammedReason::Success ) {
-         return reason;
-      }
    }
    const size_t room = capacity( FaultKind::routeCapacity );
    if ( room != 0 && routes() >= room && !vrf.route.has( key ) ) {
@@ -657,6 +634,13 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
    }
    if ( same ) { // there is nothing to write
       return reason;
+   }
+   if ( before == nullptr || before->fec != fec ) {
+      if ( fecUnit_->behind( *fec ) && status_->forgotten_ == 0 ) {
+         status_->breachLog_.add( joinText( "route ", key, " comes into FEC ", fec->fecId,
+                                            " before what is requested of it is in hardware" ) );
+      }
+      fecUnit_->routeComes( *fec );
    }
    const auto [route, made] = vrf.route.emplace( key );
    status_->routes_ += made;

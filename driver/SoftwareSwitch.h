@@ -135,7 +135,6 @@ class SoftwareSwitch {
    void foundRouteGoes( HwFec& fec );
    void takeRouteOut( HwVrf& vrf, Mpls::RouteKey key );
    UnprogrammedReason fecRouteRefusal( const HwVrf& vrf, Mpls::RouteKey key, HwFec* fec );
-   bool someLeave( const HwFec& fec ) const;
    bool someVrfHas( Mpls::RouteKey key ) const;
    void routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec );
    void faultsChanged();

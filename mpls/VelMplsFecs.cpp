@@ -11,6 +11,8 @@
 // old record goes with the last of them. What changes within a FEC keeps the id, and hardware
 // replaces the content in place; but never under a label that means something else: while a label
 // that has left is still in the FEC, or behind a FEC that it protects, new content gets a new id.
+// And a label that comes waits, where it is, until hardware has carried out what is requested of
+// the FEC: an answer names the version that stands behind the id.
 //
 // A number that was given back may be used again while its former FEC is still answered. Such a
 // number is set aside until the answer is withdrawn, so that no answer is taken for another's.
@@ -229,9 +231,8 @@ void MplsSm::queuePrimariesOf( VrfMplsState& vrfState, const ExternalFecInfo& in
    }
 }
 
-// Whether the adjacency's FEC would get another content under the wrong labels: under those that
-// forward by it and are not the adjacency's, or not any more; or, where nobody forwards by it now,
-// under those that come before hardware has replaced the content.
+// Whether the adjacency's FEC would get another content under the wrong labels: those that forward
+// by it and are not the adjacency's, or not any more.
 bool MplsSm::rewritesOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                              const Mpls::LfibViaSet& viaSet, const CachedLFibMplsViaColl& mplsVias,
                              const ExternalFecInfo& info ) const {
@@ -251,7 +252,6 @@ bool MplsSm::rewritesOthers( const VrfMplsState& vrfState, const L3Adjacency& l3
    if ( takesOverOthers( vrfState, l3Adj, fecId ) ) {
       return true;
    }
-   bool inUse = info.dependentRouteKeys() != 0;
    for ( const Mpls::RouteKey routeKey : info.dependentRouteKey() ) {
       const MplsRoute* const route = vrfState.route( routeKey );
       if ( route->l3Adj().get() != &l3Adj || !stillUses( routeKey, l3Adj ) ) {
@@ -262,9 +262,8 @@ bool MplsSm::rewritesOthers( const VrfMplsState& vrfState, const L3Adjacency& l3
       if ( protectsOthers( vrfState, l3Adj, *primary ) ) {
          return true;
       }
-      inUse |= primary->dependentRouteKeys() != 0;
    }
-   return !inUse && info.hwId() != 0;
+   return false;
 }
 
 // Whether hardware may have given the FEC the place of another already, with labels in it that are
@@ -490,7 +489,7 @@ ExternalFecInfo& MplsSm::extFecInfoMake( VrfMplsState& vrfState, Fib::FecId fecI
       return *there;
    }
    ExternalFecInfo& made = *vrfState.extFecInfoMake( fecId );
-   made.hwIdIs( in_.hwFecIdResponse->hwFecId( fecId ).hwId );
+   answerIs( made, in_.hwFecIdResponse->hwFecId( fecId ) );
    return made;
 }
 
@@ -510,6 +509,8 @@ void MplsSm::requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib:
                                         extFecBackupOf( vrfState, *info, viaSetKey ) );
    }
    FecIdToHwFecIdRequest& request = *in_.hwFecIdRequest;
+   const bool differs = ( fec4.empty() ? request.fecHas( fecId ) : request.fec( fecId ) != fec4 ) ||
+                        ( fec6.empty() ? request.fec6Has( fecId ) : request.fec6( fecId ) != fec6 );
    if ( !fec4.empty() ) {
       request.fecIs( fec4 ); // an equal one is no change
    } else {
@@ -520,9 +521,11 @@ void MplsSm::requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib:
    } else {
       request.fec6Del( fecId );
    }
-   request.hwFecIdRequestIs( { fecId, vrfState.vrfName() } );
-   // Routes are recorded against the FEC that they forward into; until the new one is answered
-   // that is the old one.
+   const HwFecIdRequest* const there = request.hwFecIdRequest().find( fecId );
+   const U64 version = there && !differs ? there->version : ++lastFecVersion_;
+   request.hwFecIdRequestIs( { fecId, vrfState.vrfName(), version } );
+   // Routes are recorded against the FEC that they forward into; until they have come into the new
+   // one that is the old one.
    for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
       const MplsRoute* const route = vrfState.route( routeKey );
       if ( route && route->extFecInfo() && route->extFecInfo() != info ) {
@@ -531,7 +534,7 @@ void MplsSm::requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib:
       }
    }
    recordAdjSyncId( l3Adj, fecId );
-   if ( info->hwId() != in_.hwFecIdResponse->hwFecId( fecId ).hwId ) {
+   if ( !isAnswer( *info, in_.hwFecIdResponse->hwFecId( fecId ) ) ) {
       handleHwFecIdResponse( fecId ); // a hardware layer without delay has answered already
    }
 }
@@ -584,8 +587,15 @@ void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
       return;
    }
    ExternalFecInfo* const info = vrfState->extFecInfo( fecId );
-   if ( info && info->hwId() == in_.hwFecIdResponse->hwFecId( fecId ).hwId ) {
+   const HwFecId& answer = in_.hwFecIdResponse->hwFecId( fecId );
+   if ( info && isAnswer( *info, answer ) ) {
       MPLS_TRACE( 3, "FEC response for ", fecId, " has not changed, skip processing" );
+      return;
+   }
+   if ( info && info->hwId() == answer.hwId ) { // what is in it moves with its content
+      answerIs( *info, answer );
+      queueWaitingForFec( *vrfState, *info );
+      doMaybeScheduleReview( vrf );
       return;
    }
    if ( info ) {
@@ -601,6 +611,7 @@ void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
          vrfState->routeKeyForReviewIs( routeKey );
       }
       publishRoutesProtectedBy( *vrfState, *info );
+      queueWaitingForFec( *vrfState, *info );
    }
    processHwFecIdResponse( fecId, *vrfState );
    doMaybeScheduleReview( vrf );
@@ -609,20 +620,49 @@ void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
 void MplsSm::processHwFecIdResponse( Fib::FecId fecId, VrfMplsState& vrfState ) {
    MPLS_TRACE_CALL( 3, " vrf ", vrfState.vrfName(), " FecId ", fecId );
    if ( ExternalFecInfo* const info = vrfState.extFecInfo( fecId ) ) {
-      info->hwIdIs( in_.hwFecIdResponse->hwFecId( fecId ).hwId ); // withdrawn: 0
+      answerIs( *info, in_.hwFecIdResponse->hwFecId( fecId ) ); // withdrawn: 0
       recoveredFecsToOffer_ = true;
       takeOverRoutes( vrfState, *info );
    }
 }
 
+void MplsSm::answerIs( ExternalFecInfo& info, const HwFecId& answer ) {
+   info.hwIdIs( answer.hwId );
+   info.carriedOutIs( answer.version );
+   info.syncIdIs( answer.syncId );
+}
+
+bool MplsSm::isAnswer( const ExternalFecInfo& info, const HwFecId& answer ) {
+   return answer == HwFecId{ info.hwId(), info.carriedOut(), info.syncId() };
+}
+
+// Hardware has carried out what is requested of the FEC. Routes wait for that; and where it took its
+// time, it has been published.
+void MplsSm::queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info ) {
+   if ( info.publishedBehind() ) {
+      info.publishedBehindIs( false );
+      for ( const Mpls::RouteKey routeKey : info.dependentRouteKey() ) {
+         vrfState.routeKeyForPublishIs( routeKey );
+      }
+   }
+   if ( !info.joinersWait() ) {
+      return;
+   }
+   info.joinersWaitIs( false );
+   for ( const L3Adjacency* const l3Adj : info.dependentL3Adjacency() ) {
+      for ( const Mpls::RouteKey routeKey : l3Adj->routeKey() ) {
+         MPLS_TRACE( 7, "add route ", routeKey, " for review" );
+         vrfState.routeKeyForReviewIs( routeKey );
+      }
+   }
+}
+
 // --- Routes into FECs.
 
-// Whether the adjacency's FEC is what its via set says now. One that is still to be processed, or
-// waits for its backup, may have the content of an earlier via set of that key: of another label.
-bool MplsSm::mayEnter( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const {
-   const bool waits =
-      !l3Adj.backupAwaited().empty() && l3Adj.lFibViaSetKey().viaType() != Mpls::viaTypeExternalFec;
-   return !waits && !isAdjPendingForReview( vrfState, l3Adj.index() );
+// Hardware has what was requested of the FEC before.
+bool MplsSm::isBehind( const ExternalFecInfo& info ) const {
+   return info.hwId() != 0 &&
+          info.carriedOut() != in_.hwFecIdRequest->hwFecIdRequest( info.fecId() ).version;
 }
 
 // What is in hardware stays there, the VRF's number brings everything back. What leads nowhere any
@@ -636,6 +676,53 @@ void MplsSm::stayWithoutNumber( VrfMplsState& vrfState, MplsRoute& route ) {
    }
 }
 
+// Whether hardware does not have the route in the adjacency's FEC yet: it is elsewhere or nowhere, or
+// has been refused there.
+bool MplsSm::joins( const MplsRoute& route, const L3Adjacency& l3Adj ) const {
+   const ExternalFecInfo& info = *l3Adj.extFecInfo();
+   if ( route.extFecInfo() == &info ) {
+      return !inFecInHardware( route );
+   }
+   return !recoveredRouteHas( route.routeKey() ) || info.syncId() == 0 ||
+          in_.mplsRouteSyncMap->adjSyncId( route.routeKey() ) != info.syncId();
+}
+
+// Whether the route cannot be written into the adjacency's FEC yet. Then it stays where it is, if it
+// is anywhere, and an event brings it back.
+bool MplsSm::waitsForFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
+   const Mpls::RouteKey routeKey = route.routeKey();
+   ExternalFecInfo& info = *l3Adj.extFecInfo();
+   if ( info.hwId() == 0 ) {
+      recoveredFecsToOffer_ = true;
+      if ( const ExternalFecInfo* const there = route.extFecInfo().get();
+           there && there != &info && in_.hwFecIdResponse->hwFecId( there->fecId() ).hwId != 0 ) {
+         MPLS_TRACE( 3, "hwId not yet allocated for l3Adj, but route still has hwFecId ",
+                     in_.hwFecIdResponse->hwFecId( there->fecId() ).hwId,
+                     ", so wait until new extFecInfo response is updated" );
+         fecsBeingLeft_.insert( there->fecId() );
+      }
+      leaveRouteUnprogrammed( vrfState, route, l3Adj );
+      return true;
+   }
+   const bool elsewhere = route.extFecInfo() != &info;
+   if ( elsewhere && info.backupExtFecInfo() && !l3Adj.outdated() && l3Adj.backupAdj() &&
+        l3Adj.backupAdj()->outdated() ) {
+      vrfState.l3AdjForReviewIs( l3Adj.index() ); // the route never had that backup
+      vrfState.routeKeyForReviewIs( routeKey );
+      return true;
+   }
+   if ( !isBehind( info ) || !joins( route, l3Adj ) ) {
+      return false;
+   }
+   MPLS_TRACE( 3, "routeKey ", routeKey, " waits until fec ", info.fecId(),
+               " is what is requested" );
+   info.joinersWaitIs( true );
+   if ( elsewhere ) { // else it has been refused there, and is listed
+      leaveRouteUnprogrammed( vrfState, route, l3Adj );
+   }
+   return true;
+}
+
 void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
    const L3::VrfName& vrf = vrfState.vrfName();
    const Mpls::RouteKey routeKey = route.routeKey();
@@ -644,28 +731,8 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
       stayWithoutNumber( vrfState, route );
       return;
    }
-   if ( info->hwId() == 0 ) {
-      recoveredFecsToOffer_ = true;
-      if ( const ExternalFecInfo* const there = route.extFecInfo().get();
-           there && there != info && in_.hwFecIdResponse->hwFecId( there->fecId() ).hwId != 0 ) {
-         MPLS_TRACE( 3, "hwId not yet allocated for l3Adj, but route still has hwFecId ",
-                     in_.hwFecIdResponse->hwFecId( there->fecId() ),
-                     ", so wait until new extFecInfo response is updated" );
-         fecsBeingLeft_.insert( there->fecId() );
-      }
-      leaveRouteUnprogrammed( vrfState, route, l3Adj );
+   if ( waitsForFec( vrfState, route, l3Adj ) ) {
       return;
-   }
-   if ( route.extFecInfo() != info && info->backupExtFecInfo() && !l3Adj.outdated() &&
-        l3Adj.backupAdj() && l3Adj.backupAdj()->outdated() ) {
-      vrfState.l3AdjForReviewIs( l3Adj.index() ); // the route never had that backup
-   }
-   if ( route.extFecInfo() != info && !mayEnter( vrfState, l3Adj ) ) {
-      MPLS_TRACE( 3, "routeKey ", routeKey, " waits until fec ", info->fecId(), " is up to date" );
-      if ( isAdjPendingForReview( vrfState, l3Adj.index() ) ) {
-         vrfState.routeKeyForReviewIs( routeKey );
-      }
-      return; // else the adjacency is processed with its backup, and its routes after it
    }
    MPLS_TRACE( 3, "Create or update route ", routeKey, " fecId: ", info->fecId() );
    recoveredRouteDel( routeKey ); // from here on it is this process's

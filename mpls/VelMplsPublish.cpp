@@ -75,6 +75,9 @@ void MplsSm::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       return;
    }
    judgeRouteIntoFec( vrfState, *route );
+   if ( ExternalFecInfo* const info = route->extFecInfo().get(); info && isBehind( *info ) ) {
+      info->publishedBehindIs( true );
+   }
    MPLS_TRACE( 7, "publish routeKey ", routeKey, " adj ", l3Adj->index(), " unprogrammed ",
                route->unprogrammed() );
    Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj->index() );
@@ -113,6 +116,9 @@ MplsSm::WaysOut MplsSm::waysOutOf( const MplsRoute& route ) const {
                    in_.routingHwMplsStatus->adjacency( l3Adj.index() )->unresolvedVias() == 0
                 ? WaysOut::all
                 : WaysOut::some;
+   }
+   if ( info == l3Adj.extFecInfo().get() && isBehind( *info ) ) { // nobody follows what it was
+      return hwStateOf( *info ) == AdjHwState::down ? WaysOut::none : WaysOut::some;
    }
    if ( info == l3Adj.extFecInfo().get() ) {
       return waysOutOf( l3Adj );

@@ -137,7 +137,9 @@ void MplsSm::runReviewVrfsTask() {
 void MplsSm::doReviewVrf( const L3::VrfName& vrf ) {
    const Ptr< VrfMplsState > vrfState = mplsState( vrf );
    if ( !vrfState || !vrfState->needReview() ) {
-      MPLS_TRACE( 2, "nothing to be reviewed for vrf ", vrf );
+      if ( vrfState ) {
+         MPLS_TRACE( 2, "nothing to be reviewed for vrf ", vrf );
+      }
       maybeTransitionToWaitingForSync( vrf ); // it may have been waiting for what is gone
       return;
    }

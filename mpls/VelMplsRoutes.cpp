@@ -36,7 +36,8 @@ void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
    } else {
       counters_->routesAcceptedInc();
       mplsIpRouteKeyIs( routeKey );
-      if ( staleRecoveredRouteHas( routeKey ) ) {
+      if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmNormal &&
+           staleRecoveredRouteHas( routeKey ) ) {
          MPLS_TRACE_CALL( 3, ": ", "Remove from stale routes" );
          staleRecoveredRouteDel( routeKey );
       }
@@ -460,7 +461,8 @@ bool MplsSm::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& 
    const L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
    const bool byIt = inHardwareBy( route, l3Adj ) && ( carrier == nullptr || carrier == &l3Adj );
    // With an L2 adjacency also by a former one: that follows next hops, and goes on after them.
-   const bool has = byIt || ( carrier == nullptr && route.l2Adj() && !route.extFecInfo() );
+   const bool has =
+      byIt || ( carrier == nullptr && route.l2Adj() && !route.extFecInfo() && !l3Adj.extFecInfo() );
    if ( !has && ( l3Adj.outdated() || isAdjPendingForReview( vrfState, l3Adj.index() ) ) ) {
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
       return false;
@@ -557,8 +559,8 @@ bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
    L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
    L3Adjacency& by = carrier ? *carrier : *route.l3Adj();
    if ( const ExternalFecInfo* const info = route.extFecInfo().get() ) {
-      const bool refused = by.extFecInfo() != info && !inFecInHardware( route );
-      if ( info->hwId() == 0 || refused ) {
+      const bool other = carrier || by.extFecInfo() != info;
+      if ( info->hwId() == 0 || ( other && !inFecInHardware( route ) ) ) {
          return false;
       }
       if ( by.extFecInfo() == info ) {

@@ -389,9 +389,14 @@ class VEL_EXPORT MplsSm : public Entity {
                          Fib::FecId fecId ) const;
    bool protectsOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                         const ExternalFecInfo& primary ) const;
+   bool joins( const MplsRoute& route, const L3Adjacency& l3Adj ) const;
    static bool someJoin( const VrfMplsState& vrfState, const L3Adjacency& l3Adj );
    bool stillUses( Mpls::RouteKey routeKey, const L3Adjacency& l3Adj ) const;
-   bool mayEnter( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
+   static void answerIs( ExternalFecInfo& info, const HwFecId& answer );
+   static bool isAnswer( const ExternalFecInfo& info, const HwFecId& answer );
+   static void queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info );
+   bool isBehind( const ExternalFecInfo& info ) const;
+   bool waitsForFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,
                                   VrfMplsState& vrfState, bool newFecIdRequired );
    Fib::FecId getBackupFecIdForRequest( const Mpls::LfibViaSet& viaSet,
@@ -487,6 +492,7 @@ class VEL_EXPORT MplsSm : public Entity {
    HashSet< Fib::FecId > fecsBeingLeft_; // by routes that wait for another one's answer
    size_t viaSetsAwaitedLimit_ = 64;     // from where those that nobody uses are looked for
    U64 lastRouteVersion_ = 0;            // the largest of any route that is gone
+   U64 lastFecVersion_ = 0;              // of all FEC requests
    bool resourceFullOwed_ = false;       // a full message that its limit did not allow
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;

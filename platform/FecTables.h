@@ -76,23 +76,27 @@ namespace Vel {
 /// Identifies an adjacency across a restart. Opaque; 0 is none.
 using AdjSyncId = U64;
 
-/// Asks for a hardware FEC id.
+/// Asks for a hardware FEC id, and for what `fec` or `fec6` holds when it is written.
 struct HwFecIdRequest {
    Fib::FecId fecId;
    L3::VrfName vrfName;
+   U64 version = 0; ///< of the content: it grows with every change, also over lives of the id
    friend bool operator==( const HwFecIdRequest&, const HwFecIdRequest& ) = default;
 };
 inline void appendText( std::string& out, const HwFecIdRequest& request ) {
-   out += joinText( request.fecId, " ", request.vrfName );
+   out += joinText( request.fecId, " ", request.vrfName, " version ", request.version );
 }
 
-/// A hardware FEC id as granted. 0 is none.
+/// A hardware FEC id as granted, and what stands behind it.
 struct HwFecId {
-   U64 hwId = 0;
+   U64 hwId = 0;    ///< 0: none
+   U64 version = 0; ///< of the request that has been carried out
+   /// What the FEC was before a restart and still is, with the routes of that time; 0: nothing.
+   AdjSyncId syncId = 0;
    friend bool operator==( const HwFecId&, const HwFecId& ) = default;
 };
 inline void appendText( std::string& out, const HwFecId& id ) {
-   appendText( out, id.hwId );
+   out += joinText( id.hwId, " version ", id.version );
 }
 
 /// An entry of the map from FEC to the adjacency sync id of the process before.
@@ -110,8 +114,6 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
  public:
    class Reactor : public ReactorOf< FecIdToHwFecIdRequest > {
     public:
-      virtual void onFec( Fib::FecId ) {}
-      virtual void onFec6( Fib::FecId ) {}
       virtual void onHwFecIdRequest( Fib::FecId ) {}
       virtual void onMayReplace( AdjSyncId ) {}
       virtual void onMayTakeOver( Fib::FecId ) {}
@@ -121,8 +123,8 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
    // clang-format off
    ENTITY( FecIdToHwFecIdRequest )
    KEY( std::string, requestName )
-   VALUES( Hash, Fib::FecId, Fib::Fec, fecId, fec, onFec )
-   VALUES( Hash, Fib::FecId, Fib6::Fec, fecId, fec6, onFec6 )
+   VALUES( Hash, Fib::FecId, Fib::Fec, fecId, fec ) // a change of the request follows each of these
+   VALUES( Hash, Fib::FecId, Fib6::Fec, fecId, fec6 )
    VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
    VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
    COLLECTION( Hash, AdjSyncId, Fib::FecId, mayReplace, onMayReplace ) // all that still forwards there waits for this one; for several: none

@@ -50,6 +50,15 @@ struct HardwareFaults {
    std::vector< IntfId > notReady;        ///< interfaces by which no adjacency and no FEC may leave
 };
 
+/// How much is in hardware.
+struct HardwareEntries {
+   size_t routes = 0;
+   size_t adjacencies = 0;
+   size_t fecs = 0;
+
+   size_t all() const { return routes + adjacencies + fecs; }
+};
+
 class Hardware {
  public:
    Hardware() = default;
@@ -62,8 +71,7 @@ class Hardware {
    virtual std::vector< Driver::OutgoingFrame > forward( VrfId vrfId, Driver::ByteView frame ) = 0;
    /// Nothing waits to be carried out.
    virtual bool idle() const = 0;
-   /// Routes, adjacencies and FECs in hardware.
-   virtual size_t entries() const = 0;
+   virtual HardwareEntries entries() const = 0;
    virtual std::unique_ptr< HardwareMemory > memory() const = 0;
 
    virtual void linkIs( IntfId intf, bool up ) = 0;

@@ -328,8 +328,12 @@ bool Inputs::alive( const Exit& exit ) const {
 }
 
 bool Inputs::clean() const {
+   return cleanButForRoom() &&
+          std::ranges::none_of( capacity, []( U32 limit ) { return limit != 0; } );
+}
+
+bool Inputs::cleanButForRoom() const {
    return vrfNamed() && ready && !corrupt && !clogged && staleShare >= 100 &&
-          std::ranges::none_of( capacity, []( U32 limit ) { return limit != 0; } ) &&
           std::ranges::none_of( refused, []( bool is ) { return is; } ) &&
           std::ranges::all_of( linkReady, []( bool is ) { return is; } );
 }

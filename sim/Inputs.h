@@ -126,6 +126,8 @@ class Inputs {
    const Foreign& foreign( U32 number ) const;
    /// Nothing stands in the way of carrying out what is wanted.
    bool clean() const;
+   /// The same, as long as there is room.
+   bool cleanButForRoom() const;
    /// Whether the next hop is answered.
    bool resolved( const Via& via ) const;
    /// The via set is programmed as a FEC.

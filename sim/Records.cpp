@@ -224,8 +224,9 @@ void checkRecordsAtRest( const World& world ) {
       size_t own = 0;
       for ( const auto& [fecId, info] : state->extFecInfo() ) {
          own += ours( fecId );
-         expect( info->hwId() == world.entities().hwFecIdResponse->hwFecId( fecId ).hwId, "FEC ",
-                 fecId, " has not heard of its answer" );
+         const HwFecId& answer = world.entities().hwFecIdResponse->hwFecId( fecId );
+         expect( info->hwId() == answer.hwId && info->carriedOut() == answer.version, "FEC ", fecId,
+                 " has not heard of its answer" );
       }
       expect( world.sm().numAllocator()->status()->numberInUses() == own, "there are ",
               world.sm().numAllocator()->status()->numberInUses(), " numbers for ", own, " FECs" );
@@ -240,7 +241,7 @@ void checkNothingLeft( const World& world ) {
    if ( world.state() ) {
       throw Failure{ "left", "the VRF's state" };
    }
-   expectNone( world.hardware().entries(), "entries in hardware" );
+   expectNone( world.hardware().entries().all(), "entries in hardware" );
    expectNone( world.sm().mplsIpRouteKeys(), "accepted routes" );
    expectNone( world.sm().viaSetToHwL2Adjs(), "L2 via sets" );
    expectNone( world.sm().staleRecoveredRoutes() + world.sm().recoveredRoutes(),

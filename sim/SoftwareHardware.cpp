@@ -55,8 +55,8 @@ class SoftwareHardware : public Hardware {
       return switch_.forward( vrfId, frame ).frames;
    }
    bool idle() const override { return switch_.idle(); }
-   size_t entries() const override {
-      return switch_.routes() + switch_.adjacencies() + switch_.status()->fecs();
+   HardwareEntries entries() const override {
+      return { switch_.routes(), switch_.adjacencies(), switch_.status()->fecs() };
    }
    std::unique_ptr< HardwareMemory > memory() const override {
       auto memory = std::make_unique< SwitchMemory >();

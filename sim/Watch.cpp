@@ -68,10 +68,11 @@ bool Watch::disturbs( const Event& event ) const {
       return true;
    case EventKind::republish:
       return n[0] % 3 == 2;
-   case EventKind::capacity:
    case EventKind::refuse:
-   case EventKind::notReady:
       return true;
+   case EventKind::capacity:
+   case EventKind::notReady: // a FEC stays what it is, and routes stay where they are
+      return inputs.settings.fecs == 0 || inputs.settings.inPlace == 0;
    default:
       return false;
    }
@@ -313,7 +314,7 @@ void Watch::rest() {
 
 void Watch::checkLabelAtRest( U32 index ) {
    Label& label = label_[index];
-   const bool decided = world_.inputs().clean() && label.intent.exact;
+   const bool decided = world_.unhindered() && label.intent.exact;
    const Ways& expected = label.intent.primary.empty() ? label.intent.backup : label.intent.primary;
    bool lit = true;
    for ( U32 i = 0; i < Inputs::vrfNumbers; ++i ) {

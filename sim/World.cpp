@@ -537,6 +537,14 @@ void World::mend() {
    }
 }
 
+bool World::unhindered() const {
+   const HardwareEntries there = hardware().entries();
+   const auto hasRoom = []( size_t entries, U32 limit ) { return limit == 0 || entries < limit; };
+   return inputs_.cleanButForRoom() && hasRoom( there.routes, inputs_.capacity[0] ) &&
+          hasRoom( there.adjacencies, inputs_.capacity[1] ) &&
+          hasRoom( there.fecs, inputs_.capacity[2] );
+}
+
 void World::clear() {
    for ( U32 index = 0; index < inputs_.route.size(); ++index ) {
       apply( { EventKind::routeGone, { index } } );

@@ -36,6 +36,9 @@ class World {
    /// Works until nothing is left to do, and says what keeps it from coming to rest. Retries of what
    /// hardware refuses go on for ever and are given a few rounds.
    std::string settle();
+   /// Nothing stands in the way of carrying out what is wanted: who waits for room in hardware that has
+   /// some left waits in vain.
+   bool unhindered() const;
    /// Everything that hinders is taken back: capacities, refusals, lost names, late answers.
    void mend();
    /// Every route and via set is taken back.

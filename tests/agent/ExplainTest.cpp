@@ -392,6 +392,26 @@ TEST( Explain, FecThatHardwareHasNotGot ) {
       "still wanted, to leave it",
       "refused: AdjacencyFull, a route into FEC 10:0 stays" );
 
+   FecWorld behind( "not-ready eth2" );
+   behind.viaSetIs( 9, { swapVia( 9, "10.0.0.1", 1, 200 ) } );
+   behind.routeIs( 99, 9 );
+   behind.settle();
+   behind.viaSetIs( 9, { swapVia( 9, "10.0.0.2", 2, 200 ) } );
+   behind.settle();
+   behind.routeIs( label, 9 ); // it stays where it is, and nobody counts that as a lack of room
+   const std::string notYet =
+      "partiallyProgrammed fec 10:1, hardware id 2, not yet what is requested: InterfaceNotReady; ";
+   behind.expect(
+      notYet + "the route stays in FEC 10:0, waiting for an interface of its vias",
+      "16 written -> reported: a route into FEC 10:1 / version 2 instead of 3 of FEC 10:1, " );
+   FecWorld keeps( "not-ready eth2" );
+   keeps.settle();
+   keeps.viaSetIs( 1, { swapVia( 1, "10.0.0.2", 2, 200 ) } );
+   keeps.expect(
+      "partiallyProgrammed fec 10:0, hardware id 1, not yet what is requested: "
+      "InterfaceNotReady; frames leave by what was in FEC 10:0, waiting for an interface",
+      "version 1 instead of 2 of FEC 10:0, refused: InterfaceNotReady" );
+
    FecWorld refused( "refuse label 16" );
    refused.expect( "unprogrammed driver refused: InterfaceNotReady; waits for ",
                    "a route into FEC 10:0 / refused: InterfaceNotReady" );

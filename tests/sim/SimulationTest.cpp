@@ -63,7 +63,7 @@ class Faulty : public Hardware {
       return frames;
    }
    bool idle() const override { return hardware_->idle(); }
-   size_t entries() const override { return hardware_->entries(); }
+   HardwareEntries entries() const override { return hardware_->entries(); }
    std::unique_ptr< HardwareMemory > memory() const override { return hardware_->memory(); }
    void linkIs( IntfId intf, bool up ) override { hardware_->linkIs( intf, up ); }
    void neighborsChanged() override { hardware_->neighborsChanged(); }
