@@ -23,9 +23,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/DecimalText.h"
-#include "platform/Hash.h"
-#include "platform/LabelIndexed.h"
+#include "platform/base/DecimalText.h"
+#include "platform/containers/Hash.h"
+#include "platform/containers/LabelIndexed.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "driver/SwitchStatus.h"
-#include "platform/Trace.h"
+#include "platform/base/Trace.h"
 
 namespace Vel::Driver {
 

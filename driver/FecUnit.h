@@ -64,7 +64,7 @@
 #include "driver/HwTables.h"
 #include "driver/Links.h"
 #include "mpls/VelMplsSmHelper.h"
-#include "platform/FecTables.h"
+#include "platform/seams/FecTables.h"
 
 namespace Vel::Driver {
 

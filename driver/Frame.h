@@ -14,7 +14,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/MplsTypes.h"
+#include "platform/values/MplsTypes.h"
 
 namespace Vel::Driver {
 

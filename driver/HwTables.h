@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "mpls/VelMplsHwTypes.h"
-#include "platform/FecTables.h"
+#include "platform/seams/FecTables.h"
 
 namespace Vel::Driver {
 

@@ -15,7 +15,7 @@
 #include <utility>
 
 #include "driver/HwTables.h"
-#include "platform/Scheduler.h"
+#include "platform/services/Scheduler.h"
 
 namespace Vel::Driver {
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/Trace.h"
+#include "platform/base/Trace.h"
 
 namespace Vel::Driver {
 

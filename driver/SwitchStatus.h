@@ -7,8 +7,8 @@
 
 #include "driver/ConfigWatch.h"
 #include "driver/Operation.h"
-#include "platform/FecTables.h"
-#include "platform/ReadOnly.h"
+#include "platform/entity/ReadOnly.h"
+#include "platform/seams/FecTables.h"
 
 namespace Vel::Driver {
 

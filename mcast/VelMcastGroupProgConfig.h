@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "platform/Entity.h"
-#include "platform/FecTypes.h"
+#include "platform/entity/Entity.h"
+#include "platform/values/FecTypes.h"
 
 namespace Vel {
 

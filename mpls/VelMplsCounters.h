@@ -9,7 +9,7 @@
 
 #pragma once
 
-#include "platform/Entity.h"
+#include "platform/entity/Entity.h"
 
 namespace Vel {
 

@@ -9,7 +9,7 @@
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
-#include "platform/SystemLog.h"
+#include "platform/services/SystemLog.h"
 
 #include <algorithm>
 #include <utility>

@@ -13,8 +13,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Entity.h"
-#include "platform/HwMplsStatus.h"
+#include "platform/entity/Entity.h"
+#include "platform/seams/HwMplsStatus.h"
 
 namespace Vel {
 

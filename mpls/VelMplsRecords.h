@@ -38,10 +38,10 @@
 #include <string_view>
 
 #include "mpls/VelMplsHwTypes.h"
-#include "platform/Entity.h"
-#include "platform/FecTables.h"
-#include "platform/LfibTypes.h"
-#include "platform/RouteKeyGroups.h"
+#include "platform/containers/RouteKeyGroups.h"
+#include "platform/entity/Entity.h"
+#include "platform/seams/FecTables.h"
+#include "platform/values/LfibTypes.h"
 
 namespace Vel {
 

@@ -4,7 +4,7 @@
 
 #include "mpls/VelMplsReactors.h"
 #include "mpls/VelMplsTrace.h"
-#include "platform/FeatureToggle.h"
+#include "platform/services/FeatureToggle.h"
 
 namespace Vel {
 

@@ -57,8 +57,8 @@
 #include "mpls/VelMplsCounters.h"
 #include "mpls/VelMplsSmInputs.h"
 #include "mpls/VelMplsTypes.h"
-#include "platform/LfibTracking.h"
-#include "platform/NumAllocator.h"
+#include "platform/lfib/LfibTracking.h"
+#include "platform/services/NumAllocator.h"
 
 namespace Vel {
 

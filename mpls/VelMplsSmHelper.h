@@ -6,8 +6,8 @@
 #include <string>
 
 #include "mpls/VelMplsHwTypes.h"
-#include "platform/Clock.h"
-#include "platform/FecTables.h"
+#include "platform/seams/FecTables.h"
+#include "platform/services/Clock.h"
 
 namespace Vel {
 

@@ -6,12 +6,12 @@
 #include "mcast/VelMcastGroupProgConfig.h"
 #include "mpls/VelMplsHwTypes.h"
 #include "mpls/VelMplsSmHelper.h"
-#include "platform/AttrLog.h"
-#include "platform/EntityManager.h"
-#include "platform/FecTables.h"
-#include "platform/LfibStatus.h"
-#include "platform/RoutingStatus.h"
-#include "platform/Scheduler.h"
+#include "platform/entity/EntityManager.h"
+#include "platform/lfib/LfibStatus.h"
+#include "platform/seams/AttrLog.h"
+#include "platform/seams/FecTables.h"
+#include "platform/seams/RoutingStatus.h"
+#include "platform/services/Scheduler.h"
 
 namespace Vel {
 

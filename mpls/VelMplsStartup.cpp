@@ -29,7 +29,7 @@
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"
-#include "platform/SystemLog.h"
+#include "platform/services/SystemLog.h"
 
 namespace Vel {
 

@@ -2,8 +2,8 @@
 
 #pragma once
 
-#include "platform/Assert.h"
-#include "platform/Trace.h"
+#include "platform/base/Assert.h"
+#include "platform/base/Trace.h"
 
 namespace Vel {
 

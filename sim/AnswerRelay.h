@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/FecTables.h"
+#include "platform/seams/FecTables.h"
 
 namespace Vel::Sim {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/HwMplsStatus.h"
+#include "platform/seams/HwMplsStatus.h"
 #include "sim/Event.h"
 
 namespace Vel::Sim {

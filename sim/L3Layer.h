@@ -8,7 +8,7 @@
 #include <variant>
 #include <vector>
 
-#include "platform/L3Status.h"
+#include "platform/seams/L3Status.h"
 
 namespace Vel::Sim {
 

@@ -10,9 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "platform/Assert.h"
-#include "platform/SystemLog.h"
-#include "platform/Text.h"
+#include "platform/base/Assert.h"
+#include "platform/base/Text.h"
+#include "platform/services/SystemLog.h"
 
 namespace Vel::Sim {
 

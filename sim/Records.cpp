@@ -3,7 +3,7 @@
 
 #include "sim/Watch.h"
 
-#include "platform/Text.h"
+#include "platform/base/Text.h"
 
 namespace Vel::Sim {
 

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "platform/FeatureToggle.h"
+#include "platform/services/FeatureToggle.h"
 #include "sim/Process.h"
 
 namespace Vel::Sim {

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/IpTypes.h"
+#include "platform/values/IpTypes.h"
 
 namespace Vel::Sim {
 

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "driver/Frame.h"
-#include "platform/Text.h"
+#include "platform/base/Text.h"
 
 namespace Vel::Sim {
 

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/Assert.h"
+#include "platform/base/Assert.h"
 
 namespace VelTest {
 

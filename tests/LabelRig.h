@@ -9,7 +9,7 @@
 #include "driver/SwitchHelper.h"
 #include "mpls/VelMplsInputStatusSm.h"
 #include "mpls/VelMplsSm.h"
-#include "platform/LfibRegion.h"
+#include "platform/lfib/LfibRegion.h"
 #include "sim/L3Layer.h"
 
 namespace Vel::Test {

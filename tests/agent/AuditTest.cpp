@@ -7,7 +7,7 @@
 
 #include <gmock/gmock.h>
 
-#include "agent/Audit.h"
+#include "agent/report/Audit.h"
 
 namespace VelTest {
 namespace {

@@ -2,14 +2,14 @@
 // hardware can bring about, since when, how often it was tried, and whether the next try comes when
 // it is said to.
 
-#include "agent/ExplainPrinter.h"
+#include "agent/report/ExplainPrinter.h"
 
 #include <array>
 #include <cstdio>
 
 #include <gmock/gmock.h>
 
-#include "agent/Audit.h"
+#include "agent/report/Audit.h"
 #include "tests/agent/ProgramFixtures.h"
 
 namespace VelTest {

@@ -6,7 +6,7 @@
 
 #include <gmock/gmock.h>
 
-#include "agent/Impact.h"
+#include "agent/report/Impact.h"
 
 namespace VelTest {
 namespace {

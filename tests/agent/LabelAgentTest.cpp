@@ -8,8 +8,8 @@
 
 #include <gmock/gmock.h>
 
-#include "agent/Audit.h"
-#include "agent/Explain.h"
+#include "agent/report/Audit.h"
+#include "agent/report/Explain.h"
 #include "tests/Seed.h"
 
 namespace VelTest {

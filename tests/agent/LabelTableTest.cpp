@@ -1,6 +1,6 @@
 // The label table importers: what each format means, and what every kind of bad table is told.
 
-#include "agent/LabelTable.h"
+#include "agent/import/LabelTable.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,6 +1,6 @@
 // The neighbour importer: which neighbours count as resolved, and what bad tables are told.
 
-#include "agent/NeighborTable.h"
+#include "agent/import/NeighborTable.h"
 
 #include <gmock/gmock.h>
 

@@ -10,9 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include "agent/LabelAgent.h"
-#include "agent/ProgramResult.h"
-#include "agent/ResultPrinter.h"
+#include "agent/report/ProgramResult.h"
+#include "agent/report/ResultPrinter.h"
+#include "agent/world/LabelAgent.h"
 #include "tests/LabelRig.h"
 
 namespace VelTest {

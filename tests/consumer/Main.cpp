@@ -1,6 +1,6 @@
 // A user's program: an entity type of its own that the library prints.
 
-#include "platform/Entity.h"
+#include "platform/entity/Entity.h"
 
 #include <cstdio>
 #include <string>

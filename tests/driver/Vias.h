@@ -4,7 +4,7 @@
 
 #include <initializer_list>
 
-#include "platform/HwMplsStatus.h"
+#include "platform/seams/HwMplsStatus.h"
 
 namespace VelTest {
 

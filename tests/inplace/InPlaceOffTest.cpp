@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/FeatureToggle.h"
+#include "platform/services/FeatureToggle.h"
 #include "tests/LabelRig.h"
 
 namespace Vel::Test {

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "platform/SystemLog.h"
+#include "platform/services/SystemLog.h"
 #include "tests/model/RestartRig.h"
 
 namespace Vel::Test {

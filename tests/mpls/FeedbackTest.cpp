@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "driver/Misbehave.h"
-#include "platform/SystemLog.h"
+#include "platform/services/SystemLog.h"
 #include "tests/AssertionsThrow.h"
 #include "tests/LabelRig.h"
 

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Entity.h"
+#include "platform/entity/Entity.h"
 #include "tests/platform/Shapes.h"
 
 namespace VelTest {

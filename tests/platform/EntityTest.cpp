@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Entity.h"
-#include "platform/EntityManager.h"
+#include "platform/entity/Entity.h"
+#include "platform/entity/EntityManager.h"
 #include "tests/AssertionsThrow.h"
 
 namespace VelTest {

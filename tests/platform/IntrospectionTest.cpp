@@ -1,12 +1,12 @@
-#include "platform/Introspection.h"
+#include "platform/entity/Introspection.h"
 
 #include <limits>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "platform/Entity.h"
-#include "platform/LfibTypes.h"
+#include "platform/entity/Entity.h"
+#include "platform/values/LfibTypes.h"
 
 namespace VelTest {
 namespace {

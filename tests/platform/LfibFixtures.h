@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/LfibRegion.h"
+#include "platform/lfib/LfibRegion.h"
 
 namespace Mpls::LfibTest {
 

@@ -1,4 +1,4 @@
-#include "platform/LfibStatus.h"
+#include "platform/lfib/LfibStatus.h"
 
 #include <gmock/gmock.h>
 

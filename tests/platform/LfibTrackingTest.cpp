@@ -1,4 +1,4 @@
-#include "platform/LfibTracking.h"
+#include "platform/lfib/LfibTracking.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/NumAllocator.h"
+#include "platform/services/NumAllocator.h"
 
 #include <map>
 #include <random>

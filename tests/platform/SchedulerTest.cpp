@@ -1,11 +1,11 @@
-#include "platform/Scheduler.h"
+#include "platform/services/Scheduler.h"
 
 #include <functional>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/Introspection.h"
+#include "platform/entity/Introspection.h"
 #include "tests/AssertionsThrow.h"
 
 namespace {

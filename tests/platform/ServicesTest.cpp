@@ -5,9 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/Clock.h"
-#include "platform/FeatureToggle.h"
-#include "platform/SystemLog.h"
+#include "platform/services/Clock.h"
+#include "platform/services/FeatureToggle.h"
+#include "platform/services/SystemLog.h"
 #include "tests/AssertionsThrow.h"
 
 namespace {

@@ -4,9 +4,9 @@
 
 #include <unordered_set>
 
-#include "platform/Hash.h"
-#include "platform/LabelIndexed.h"
-#include "platform/Ordered.h"
+#include "platform/containers/Hash.h"
+#include "platform/containers/LabelIndexed.h"
+#include "platform/containers/Ordered.h"
 
 namespace VelTest {
 

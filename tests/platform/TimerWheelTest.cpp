@@ -1,4 +1,4 @@
-#include "platform/TimerWheel.h"
+#include "platform/services/TimerWheel.h"
 
 #include <map>
 #include <memory>

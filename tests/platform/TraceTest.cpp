@@ -1,4 +1,4 @@
-#include "platform/Trace.h"
+#include "platform/base/Trace.h"
 
 #include <cmath>
 #include <limits>
@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/MplsTypes.h"
+#include "platform/values/MplsTypes.h"
 #include "tests/AssertionsThrow.h"
 
 namespace {

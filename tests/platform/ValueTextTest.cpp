@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/LfibTypes.h"
+#include "platform/values/LfibTypes.h"
 
 namespace VelTest {
 namespace {

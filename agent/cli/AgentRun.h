@@ -1,0 +1,67 @@
+// AgentRun: what every subcommand does before it has something to show: reads the tables, makes the
+// agent with the hardware that the options describe, applies the tables and lets time pass.
+//
+//    AgentRun run( options, progress );
+//    if ( !run.usable() ) {
+//       return ExitStatus::badInput;
+//    }
+//    ... run.agent() ...
+//
+// Complaints and the system log go to standard error. The system log is the process's: one run at a
+// time.
+
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/cli/TableOptions.h"
+
+namespace Vel::Agent {
+
+struct RunOptions {
+   TableOptions tables;
+   size_t routeCapacity = 0;          ///< routes that fit into hardware; 0: no limit
+   size_t adjacencyCapacity = 0;      ///< L2 adjacencies that fit; 0: no limit
+   size_t fecCapacity = 0;            ///< FECs that fit; 0: no limit
+   std::vector< std::string > faults; ///< fault plans, see docs/formats.md
+   std::string hardwareStateFile;     ///< in which the hardware outlives the run; empty: none
+   double maxStaleShare = 1;          ///< of what was in hardware that may be removed unasked
+   bool previewSweep = false;         ///< remove none of it, and keep the file as it is
+   double forSeconds = 0;             ///< simulated time to go on after the last table has settled
+};
+
+/// Declares the options, those of the tables included. `options` must outlive the parsing.
+void addRunOptions( CLI::App& app, RunOptions& options );
+/// Declares the options of hardware that outlives the run.
+void addRestartOptions( CLI::App& app, RunOptions& options );
+
+class AgentRun {
+ public:
+   AgentRun( const RunOptions& options, Progress& progress );
+   AgentRun( const AgentRun& ) = delete;
+   AgentRun& operator=( const AgentRun& ) = delete;
+   ~AgentRun();
+
+   /// False: the input was bad, has been complained about, and nothing was applied.
+   bool usable() const { return agent_ != nullptr; }
+   LabelAgent& agent() const { return *agent_; }
+   /// Something of the tables was left out, or the agent did not come to rest. What was shown is
+   /// not the whole truth.
+   bool incomplete() const { return incomplete_; }
+   /// Leaves the hardware behind for the next run, where that is asked for. False, with a
+   /// complaint, when it cannot.
+   bool leaveHardware() const;
+   /// Complains about what the run could not do and about breaches of the driver contract; after
+   /// the result has been shown.
+   void complain() const;
+
+ private:
+   const RunOptions options_;
+   std::unique_ptr< LabelAgent > agent_;
+   LabelAgent::Fault fault_;
+   bool incomplete_ = false;
+};
+
+} // namespace Vel::Agent

@@ -1,0 +1,90 @@
+// velmpls explain: why a label forwards or does not.
+
+#include "agent/cli/Commands.h"
+
+#include <iostream>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+
+#include "agent/cli/AgentRun.h"
+#include "agent/report/ExplainPrinter.h"
+#include "agent/report/Progress.h"
+
+namespace Vel::Agent {
+
+namespace {
+
+struct ExplainOptions {
+   RunOptions run;
+   std::string label;
+   std::string format = "text";
+};
+
+/// "16001" or "16001/16002/16003", top label first.
+std::optional< Mpls::RouteKey > labelOf( const std::string& text ) {
+   const std::optional< Mpls::RouteKey > key = Mpls::routeKeyParse( text );
+   return key && !key->null() ? key : std::nullopt;
+}
+
+int runExplain( const ExplainOptions& options ) {
+   auto progress = std::make_unique< Progress >( options.run.tables.trace.empty() );
+   const AgentRun run( options.run, *progress );
+   if ( !run.usable() ) {
+      return ExitStatus::badInput;
+   }
+   progress->hide();
+   const LabelAgent& agent = run.agent();
+   const Mpls::RouteKey key = *labelOf( options.label );
+   const Explanation explanation(
+      agent.entityManager(), key,
+      [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); },
+      agent.ignoredReason( key ) );
+   const bool printed = options.format == "json"
+                           ? printJson( std::cout, explanation )
+                           : printText( std::cout, explanation, TextStyle::ofStandardOutput() );
+   run.complain();
+   if ( !printed ) {
+      std::cerr << "velmpls: the explanation could not be written\n";
+      return ExitStatus::badInput;
+   }
+   return explanation.asWanted() ? ExitStatus::done : ExitStatus::incomplete;
+}
+
+} // namespace
+
+void addExplainCommand( CLI::App& app, CommandRun& run ) {
+   CLI::App* const command =
+      app.add_subcommand( "explain", "Program label tables into a software switch, and tell for "
+                                     "one label what stands between the table and the hardware" );
+   const auto options = std::make_shared< ExplainOptions >();
+   command
+      ->add_option( "LABEL", options->label,
+                    "The incoming label, or up to three with / between them, the top one first" )
+      ->required()
+      ->type_name( "" )
+      ->check( []( const std::string& text ) {
+         return labelOf( text )
+                   ? std::string()
+                   : joinText( "\"", text, "\" is no label (0 to ", MplsLabel::maxValue,
+                               ", or up to three with / between them)" );
+      } );
+   addRunOptions( *command, options->run );
+   command
+      ->add_option( "--format", options->format,
+                    "Form of the explanation: text (when not given) or json" )
+      ->type_name( "FORM" )
+      ->check( []( const std::string& form ) {
+         return form == "text" || form == "json"
+                   ? std::string()
+                   : "\"" + form + "\" is not a form of the explanation; there are text and json";
+      } );
+   command->footer( "Exit status: 0 the label is forwarded by all of its vias, or is not to be "
+                    "forwarded, 2 bad input or\nusage, 3 the label is not forwarded, or only "
+                    "partially.\n\n"
+                    "Example:\n"
+                    "  velmpls explain 16001 --lfib labels.json --neighbors neighbors.json" );
+   command->callback( [options, &run] { run = [options] { return runExplain( *options ); }; } );
+}
+
+} // namespace Vel::Agent

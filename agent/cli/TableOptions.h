@@ -1,0 +1,62 @@
+// TableOptions: the options by which every subcommand takes its tables in, and what they come to.
+
+#pragma once
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/import/LabelTable.h"
+#include "agent/import/NeighborTable.h"
+#include "agent/world/LabelAgent.h"
+
+namespace CLI {
+class App;
+}
+
+namespace Vel::Agent {
+
+class Progress;
+
+/// How a run of the program ends.
+struct ExitStatus {
+   static constexpr int done = 0;
+   static constexpr int failed = 1;   ///< a simulation has found a failure
+   static constexpr int badInput = 2; ///< or bad usage; nothing was applied
+   static constexpr int incomplete =
+      3; ///< a route that is to be forwarded is not, or not by all vias
+};
+
+struct TableOptions {
+   std::vector< std::string > lfibFiles; ///< successive complete states of one label table
+   std::string lfibFormat;               ///< empty: found from the contents
+   std::string neighborFile;             ///< empty: no neighbours
+   bool keepGoing = false;
+   bool withFecs = true; ///< the hardware to program has FECs: every via needs an interface
+   std::string trace;    ///< trace setting; empty: none
+};
+
+/// Declares the options. `options` must outlive the parsing.
+void addTableOptions( CLI::App& app, TableOptions& options );
+/// Turns the trace on; a sentence when the setting is wrong or names a handle that is not there.
+std::optional< std::string > traceOn( const std::string& setting );
+
+/// What was read in.
+struct LoadedTables {
+   LfibPlan plan;
+   NeighborTable neighbors;
+   bool usable = true;   ///< false: nothing is to be applied
+   bool leftOut = false; ///< something was unsound and left out
+};
+
+/// Reads all tables. Complaints are written to `complaints`. With errors the tables are usable only
+/// with `keepGoing`, and when something is left of each file.
+LoadedTables loadTables( const TableOptions& options, Progress& progress,
+                         std::ostream& complaints );
+
+/// Makes the agent's neighbours known, applies all tables of its plan and settles after each.
+LabelAgent::Fault applyTables( LabelAgent& agent, const NeighborTable& neighbors,
+                               const TableOptions& options, Progress& progress );
+
+} // namespace Vel::Agent

@@ -1,0 +1,341 @@
+#include "agent/report/AuditComparison.h"
+
+namespace Vel::Agent {
+
+using Fib::FecId;
+using Fib::FecVia;
+
+namespace {
+
+// The FEC ids whose numbers this library gives out.
+bool isLabelFec( FecId fecId ) {
+   return fecId.adjType() == Fib::AdjType::mplsV4Adj || fecId.adjType() == Fib::AdjType::mplsV6Adj;
+}
+
+bool leadsInto( const FecVia& via, FecId fecId ) {
+   FecVia plain;
+   plain.intf = FecId::fecIdToHierarchicalIntfId( fecId );
+   return via == plain;
+}
+
+Fib::AdjType wantedType( const std::vector< FecVia >& vias ) {
+   const auto named = std::ranges::find_if( vias, []( const FecVia& via ) {
+      return !via.nextHop.empty(); // tunnels know their own
+   } );
+   return named != vias.end() && named->nextHop.af() == ipv6() ? Fib::AdjType::mplsV6Adj
+                                                               : Fib::AdjType::mplsV4Adj;
+}
+
+} // namespace
+
+// --- Intent -> written.
+
+void AuditComparison::compareFecWritten() {
+   const auto expected = [&] { return intentText(); };
+   if ( written_ ) {
+      used_.insert( written_->l2Adjacency.get() );
+      differ( AuditStage::written, expected, [&] { return viasOf( written_->l2Adjacency ); } );
+   }
+   if ( fec_ == nullptr ) {
+      differ( AuditStage::written, expected, [&] {
+         if ( route_ && route_->extFecInfo() ) {
+            return "a route into FEC " + fecIdText( route_->extFecInfo()->fecId() );
+         }
+         const std::string waits = l3Adj_ ? sm_.backupWaitReason( *state_, *l3Adj_ ) : "";
+         return waits.empty() ? "no FEC" : "no FEC, waits for its backup: " + waits;
+      } );
+      return;
+   }
+   const std::string fault = intent_.intoFec ? fecFault() : fecText( fec_->fecId() );
+   if ( !fault.empty() ) {
+      differ( AuditStage::written, expected, [&] { return std::string( fault ); } );
+      return;
+   }
+   fecAgrees_ = true;
+   fecsCompared_.insert( fec_ );
+}
+
+// How the request differs from what the label wants; empty when it does not.
+std::string AuditComparison::fecFault() const {
+   const FecId fecId = fec_->fecId();
+   if ( l3Adj_->lFibViaSetKey() != intent_.viaSetKey ) {
+      return joinText( fecText( fecId ), ", of the via set ", l3Adj_->lFibViaSetKey() );
+   }
+   if ( fecsCompared_.has( fec_ ) ) {
+      return {};
+   }
+   if ( !request_->hwFecIdRequestHas( fecId ) ) {
+      return joinText( "FEC ", fecIdText( fecId ), ", which is not requested" );
+   }
+   if ( intent_.fec.foreign != FecId() ) {
+      return fecId == intent_.fec.foreign ? std::string() : fecText( fecId );
+   }
+   const Fib::Fec* const found = requested( fecId );
+   if ( found == nullptr || !isLabelFec( fecId ) ) {
+      return joinText( "FEC ", fecIdText( fecId ), " without content" );
+   }
+   return contentFault( *found );
+}
+
+const Fib::Fec* AuditComparison::requested( FecId fecId ) const {
+   return fecId.adjType() == Fib::AdjType::mplsV6Adj ? request_->fec6().find( fecId )
+                                                     : request_->fec().find( fecId );
+}
+
+std::string AuditComparison::contentFault( const Fib::Fec& found ) const {
+   const std::vector< FecVia >& wanted = intent_.fec.vias;
+   // What drops has no next hops that could say of which family it is.
+   const bool drops = !wanted.empty() && wanted.front().drop;
+   if ( !sameWays( wanted, found ) ||
+        ( !drops && fec_->fecId().adjType() != wantedType( wanted ) ) ) {
+      return fecText( fec_->fecId() );
+   }
+   return backupFault( found );
+}
+
+// A pop that travels with the routes comes before what the FEC does, with the payload of the
+// adjacency that the route is bound to.
+bool AuditComparison::sameWays( const std::vector< FecVia >& wanted, const Fib::Fec& found ) const {
+   const size_t primaries = found.via.size() - ( found.backupFecId == FecId() ? 0 : 1 );
+   if ( primaries != wanted.size() ) {
+      return false;
+   }
+   for ( size_t i = 0; i < primaries; ++i ) {
+      FecVia via = found.via[i];
+      if ( fec_->popLabelActionRemoved() && !via.drop ) {
+         if ( via.labelAction != MplsLabelAction::none || via.labelStack.stackSize() != 0 ) {
+            return false; // more than the route's label would come off
+         }
+         via.labelAction = MplsLabelAction::pop;
+         via.payloadType = l3Adj_->payloadType();
+         via.ttlMode = l3Adj_->ttlMode();
+      }
+      if ( via != wanted[i] ) {
+         return false;
+      }
+   }
+   return true;
+}
+
+std::string AuditComparison::backupFault( const Fib::Fec& found ) const {
+   const FecIntent& fec = intent_.fec;
+   const FecId backup = found.backupFecId;
+   if ( fec.backup.empty() && backup == FecId() ) {
+      return {};
+   }
+   const Fib::Fec* const content = backup == FecId() ? nullptr : requested( backup );
+   if ( content && !fec.backup.empty() && leadsInto( found.via.back(), backup ) &&
+        sameWays( fec.backupVias, *content ) ) {
+      return {};
+   }
+   std::string text = fecText( fec_->fecId() );
+   if ( backup == FecId() ) {
+      const std::string waits = sm_.backupWaitReason( *state_, *l3Adj_ );
+      const std::string& why = waits.empty() ? fec.backupFault : waits;
+      text += ", without a backup" + ( why.empty() ? "" : ": " + why );
+   }
+   return text;
+}
+
+// --- Written -> reported.
+
+void AuditComparison::compareFecReported() {
+   if ( fec_ == nullptr ) {
+      return; // has been said
+   }
+   const FecId fecId = fec_->fecId();
+   const ExternalFecInfo* const in = route_->extFecInfo().get();
+   const auto into = []( const ExternalFecInfo* fec ) {
+      return fec ? "a route into FEC " + fecIdText( fec->fecId() ) : std::string( "no route" );
+   };
+   const auto expected = [&] { return into( fec_ ); };
+   const auto found = [&]( std::string text ) {
+      differ( AuditStage::reported, expected,
+              [&] { return text + ( in && in != fec_ ? ", " + into( in ) + " stays" : "" ); } );
+   };
+   if ( std::string fault = answerFault( fecId ); !fault.empty() ) {
+      found( std::move( fault ) );
+      return;
+   }
+   const U64 hwId = response_->hwFecId( fecId ).hwId;
+   if ( hwId != fec_->hwId() ) {
+      found( joinText( "hardware id ", hwId, " is granted, and ", fec_->hwId(), " in use" ) );
+   } else if ( refused_ ) {
+      found( refusalText() );
+   } else if ( refusals_ && refusals_->lostRouteHas( key_ ) ) {
+      differ( AuditStage::reported, expected, [] { return std::string( "the writing is lost" ); } );
+   } else if ( in != fec_ || !inHardware() ) {
+      differ( AuditStage::reported, expected,
+              [&] { return inHardware() ? into( in ) : "no route"; } );
+   } else if ( const Fib::Fec* const content = isLabelFec( fecId ) ? requested( fecId ) : nullptr;
+               content && content->backupFecId != FecId() ) {
+      if ( std::string fault = answerFault( content->backupFecId ); !fault.empty() ) {
+         found( "its backup: " + fault );
+      }
+   } else if ( const std::string fault = foreignFault(); !fault.empty() ) {
+      differ(
+         AuditStage::reported, [] { return std::string( "a way out" ); },
+         [&] { return std::string( fault ); } );
+   }
+}
+
+// Why nothing leaves by what other agents have; empty when something does, or when hardware does not
+// tell what is in it.
+std::string AuditComparison::foreignFault() const {
+   const Mpls::Hardware::Adjacency* const adjacency =
+      l3Adj_ ? hwMplsStatus_.adjacency( l3Adj_->index() ) : nullptr;
+   std::string fault;
+   for ( U32 i = 0; adjacency && i < adjacency->vias(); ++i ) {
+      const IntfId intf = adjacency->via( i ).intf;
+      if ( !ForeignWays::leadsElsewhere( intf ) ) {
+         return {};
+      }
+      const ForeignEnds ends = foreignWays_.read( intf );
+      if ( !ends.known || !ends.exits.empty() ) {
+         return {};
+      }
+      fault = joinText( foreignWays_.text( intf ), " leads nowhere: ", ends.why );
+   }
+   return fault;
+}
+
+// Why what is requested of it does not stand behind a hardware id; empty when it does.
+std::string AuditComparison::answerFault( FecId fecId ) const {
+   const HwFecId& answer = response_->hwFecId( fecId );
+   const U64 wanted = request_->hwFecIdRequest( fecId ).version;
+   if ( answer.hwId != 0 && answer.version == wanted ) {
+      return {};
+   }
+   const std::string text = answer.hwId == 0 ? "no answer for FEC " + fecIdText( fecId )
+                                             : joinText( "version ", answer.version, " instead of ",
+                                                         wanted, " of FEC ", fecIdText( fecId ) );
+   if ( switch_ && switch_->waitingFecHas( fecId ) ) {
+      return joinText( text, ", refused: ", switch_->waitingFec( fecId ) );
+   }
+   return isLabelFec( fecId ) ? text : text + " of another agent";
+}
+
+// --- Reported -> published.
+
+void AuditComparison::comparePublishedFec( const Mpls::Hardware::Route& route ) {
+   const FecId in = route_->extFecInfo()->fecId();
+   if ( route.fecId != in ) {
+      differ(
+         AuditStage::published, [&] { return "FEC " + fecIdText( in ); },
+         [&] { return "FEC " + fecIdText( route.fecId ); } );
+   }
+   const Mpls::Hardware::Adjacency* const adjacency =
+      l3Adj_ ? hwMplsStatus_.adjacency( l3Adj_->index() ) : nullptr;
+   if ( adjacency == nullptr || route.adjacency.get() != adjacency ) {
+      const auto indexText = []( const Mpls::Hardware::Adjacency* of ) {
+         return of ? joinText( "L3 adjacency ", of->index() ) : std::string( "no L3 adjacency" );
+      };
+      differ(
+         AuditStage::published, [&] { return indexText( adjacency ); },
+         [&] { return indexText( route.adjacency.get() ); } );
+   } else if ( fecAgrees_ ) {
+      comparePublishedVias( *adjacency, intent_.vias );
+   }
+}
+
+// --- FECs that no label leads to.
+
+void AuditComparison::compareFecs() {
+   if ( request_ == nullptr || response_ == nullptr ) {
+      return;
+   }
+   const auto object = []( FecId fecId ) { return "FEC " + fecIdText( fecId ); };
+   for ( const auto& [fecId, request] : request_->hwFecIdRequest() ) {
+      const ExternalFecInfo* const info = state_ ? state_->extFecInfo( fecId ) : nullptr;
+      if ( request.vrfName == LfibIntent::vrf() &&
+           ( info == nullptr || info->dependentL3Adjacencys() + info->dependentRouteKeys() +
+                                      info->dependentPrimaryExtFecInfos() ==
+                                   0 ) ) {
+         objectDiffers( AuditStage::written, object( fecId ), "not requested: nothing uses it",
+                        "requested" );
+      }
+   }
+   const auto compareContents = [&]( const auto& contents ) {
+      for ( const auto& [fecId, content] : contents ) {
+         if ( !request_->hwFecIdRequestHas( fecId ) ) {
+            objectDiffers( AuditStage::written, object( fecId ), "no content: it is not requested",
+                           fecViasText( content.via, name_ ) );
+         }
+      }
+   };
+   compareContents( request_->fec() );
+   compareContents( request_->fec6() );
+   for ( const auto& [fecId, answer] : response_->hwFecId() ) {
+      if ( !request_->hwFecIdRequestHas( fecId ) ) {
+         objectDiffers( AuditStage::reported, object( fecId ), "no answer: it is not requested",
+                        joinText( "hardware id ", answer.hwId ) );
+      }
+   }
+   HashSet< U64 > numbers; // of the FECs that there are
+   compareFecRecords( numbers );
+   for ( const U64 number : sm_.numAllocator()->status()->numberInUse() ) {
+      if ( !numbers.has( number ) ) {
+         objectDiffers( AuditStage::written, joinText( "FEC number ", number ),
+                        "not in use: no FEC has it", "in use" );
+      }
+   }
+}
+
+void AuditComparison::compareFecRecords( HashSet< U64 >& numbers ) {
+   if ( state_ == nullptr ) {
+      return;
+   }
+   const NumAllocatorStatus& inUse = *sm_.numAllocator()->status();
+   for ( const auto& [fecId, info] : state_->extFecInfo() ) {
+      const std::string object = "FEC " + fecIdText( fecId );
+      if ( !request_->hwFecIdRequestHas( fecId ) && info->dependentRouteKeys() == 0 &&
+           info->dependentL3Adjacencys() == 0 ) { // else a label has said so
+         objectDiffers( AuditStage::written, object, "requested", "not requested" );
+      }
+      if ( isLabelFec( fecId ) ) {
+         numbers.insert( fecId.index() );
+         if ( !inUse.numberInUseHas( fecId.index() ) ) {
+            objectDiffers( AuditStage::written, object, "its number in use", "not in use" );
+         }
+      }
+   }
+   for ( const auto& [viaKey, fecId] : state_->viaKeyToFecId() ) { // of members of groups
+      numbers.insert( fecId.index() );
+   }
+}
+
+// --- Words.
+
+std::string AuditComparison::fecText( FecId fecId ) const {
+   const std::string text = "FEC " + fecIdText( fecId );
+   const Fib::Fec* const content = isLabelFec( fecId ) ? requested( fecId ) : nullptr;
+   if ( content == nullptr ) {
+      return isLabelFec( fecId ) ? text + " without content" : text + " of another agent";
+   }
+   std::string out = joinText( text, ": ", fecViasText( content->via, name_ ) );
+   const ExternalFecInfo* const info = state_->extFecInfo( fecId );
+   if ( info && info->popLabelActionRemoved() ) {
+      out += ", with the pop in the routes";
+   }
+   const FecId backup = content->backupFecId;
+   if ( const Fib::Fec* const other = backup == FecId() ? nullptr : requested( backup ) ) {
+      out += joinText( " (", fecViasText( other->via, name_ ), ")" );
+   }
+   return out;
+}
+
+std::string AuditComparison::fecIntentText() const {
+   const FecIntent& fec = intent_.fec;
+   if ( fec.foreign != FecId() ) {
+      return joinText( "FEC ", fecIdText( fec.foreign ), " of another agent" );
+   }
+   std::string text = fecViasText( fec.vias, name_ );
+   if ( !fec.backup.empty() ) {
+      text +=
+         joinText( ", backup ", fec.backupVias.empty() ? textOf( fec.backup )
+                                                       : fecViasText( fec.backupVias, name_ ) );
+   }
+   return text;
+}
+
+} // namespace Vel::Agent

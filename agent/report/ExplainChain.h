@@ -1,0 +1,146 @@
+// ChainReader: reads the links of an explanation, one after the other. Explain.cpp has those that
+// every label has, ExplainFec.cpp what is different where the hardware has FECs.
+
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "agent/report/Explain.h"
+#include "agent/report/ForeignWays.h"
+#include "driver/SwitchStatus.h"
+#include "mpls/VelMplsSm.h"
+
+namespace Vel::Agent {
+
+/// Who reads: the roots, and where the label stands in each.
+class ChainReader {
+   using RouteKey = Mpls::RouteKey;
+   using RouteStatusCode = Mpls::RouteStatusCode;
+
+ public:
+   ChainReader( const EntityManager& roots, RouteKey key,
+                const Explanation::InterfaceName& interfaceName, std::string ignoredReason );
+
+   const std::string& fault() const { return fault_; }
+   double now() const { return clock_->now(); }
+   ExplainState state( const ChainLink* blocker ) const;
+   bool ignored() const {
+      const Mpls::LfibViaType type = route_.viaSetKey.viaType();
+      return !!route_ && type != Mpls::viaTypeMplsIp && type != Mpls::viaTypeExternalFec;
+   }
+   bool inHardware() const {
+      return status_ && status_->mplsRouting() &&
+             ( status_->routeHas( key_ ) || ( inFec() && !writingLost() ) );
+   }
+
+   ChainLink lfibRoute() const;
+   ChainLink viaSet() const;
+   ChainLink admission() const;
+   ChainLink l3Adjacency() const;
+   ChainLink nextHops() const;
+   ChainLink l2Adjacency() const;
+   bool hasFec() const { return fec_ || ( record_ && record_->extFecInfo() ); }
+   ChainLink fec() const;
+   ChainLink hwConfig() const;
+   ChainLink driver() const;
+   ChainLink published() const;
+
+ private:
+   template< class T >
+   const T* required( const EntityManager& roots, std::string_view name );
+   void findVrf( const EntityManager& roots );
+   void findRecords();
+
+   double recordSince() const { return record_ ? record_->unprogrammedSince() : neverTime; }
+   double viaSetSince() const;
+   double nextRetry() const;
+   bool leftOver() const;
+   std::string viaSetFault() const;
+   std::string nextHopText( const IpGenAddr& address, IntfId intf ) const;
+   std::string unresolvedWhy( const IpGenAddr& address, IntfId intf ) const;
+   std::string exitsText( const Mpls::Hardware::L2ViaSet& exits ) const;
+   std::string l2ViaText( const Mpls::Hardware::L2Via& via ) const;
+   void readNextHop( const Mpls::Hardware::AdjacencyVia& via, ChainLink& link ) const;
+   UnprogrammedReason adjacencyReason() const;
+   UnprogrammedReason routeReason() const;
+   U32 adjacencyWritten() const;
+   U32 adjacencyCarriedOut() const;
+   bool adjacencyRefused() const;
+   std::string configFault() const;
+   // FECs and protection, ExplainFec.cpp.
+   void readFecContent( ChainLink& link ) const;
+   void readProtection( ChainLink& link ) const;
+   void readForeign( ChainLink& link ) const;
+   void readFecNextHops( ChainLink& link ) const;
+   void readFecL2Adjacency( ChainLink& link ) const;
+   std::string roomText() const;
+   void readUnanswered( ChainLink& link ) const;
+   void readFecRoute( ChainLink& link ) const;
+   const Fib::Fec* requested( Fib::FecId fecId ) const;
+   std::string backupWaitsFor() const;
+   std::string protectionLack() const;
+   AdjHwState hwState() const;
+   /// Whether next hops are somebody else's: of a next-hop group, a tunnel or an external FEC.
+   bool isForeign() const;
+   bool primariesUsable() const { return viaSet_.null() || viaSet_.usableAsPrimaryVias(); }
+   bool inFec() const { return record_ && MplsSm::inFecInHardware( *record_ ); }
+   /// The driver has answered the last writing into a FEC, and lost it.
+   bool writingLost() const { return refused_ && refused_->lostRouteHas( key_ ); }
+   /// Still forwards into the FEC of before, until the one that is wanted now is answered.
+   bool inOlderFec() const { return inFec() && record_->extFecInfo() != fec_; }
+   /// Hardware has what was requested of the FEC before.
+   bool behind() const {
+      return fec_ && fec_->hwId() != 0 && fecRequest_ &&
+             fec_->carriedOut() != fecRequest_->hwFecIdRequest( fec_->fecId() ).version;
+   }
+   bool byBackupOnly() const {
+      return fec_ && primariesUsable() && hwState() == AdjHwState::backupActive;
+   }
+   void readUnconfirmed( ChainLink& link ) const;
+   RouteStatusCode expectedCode() const;
+   bool publishingPending() const {
+      return vrf_ && ( vrf_->routeKeyForReviewHas( key_ ) || vrf_->routeKeyForPublishHas( key_ ) );
+   }
+
+   static void fails( ChainLink& link, std::string text, double since, std::string waitsFor );
+   void failsUntilReview( ChainLink& link, std::string text ) const;
+   void failsUntilRetry( ChainLink& link, std::string text, double since, U64 tries ) const;
+
+   RouteKey key_;
+   const Explanation::InterfaceName& interfaceName_;
+   const ForeignWays foreignWays_;
+   std::string ignoredReason_;
+   std::string fault_;
+   // The roots.
+   const Clock* clock_ = nullptr;
+   const MplsSm* sm_ = nullptr;
+   const Mpls::LfibStatus* lfib_ = nullptr;
+   const Mpls::LfibHwStatus* lfibHwStatus_ = nullptr;
+   const Mpls::Hardware::Status* hwMpls_ = nullptr;
+   const MplsHwConfig* hwConfig_ = nullptr;
+   const MplsHwStatus* hwStatus_ = nullptr;
+   const VelL3Status* l3Status_ = nullptr;               // may be missing, as what follows
+   const Mpls::LfibInfo* lfibInfo_ = nullptr;            //
+   const FecIdToHwFecIdRequest* fecRequest_ = nullptr;   // hardware without FECs has none
+   const FecIdToHwFecIdResponse* fecResponse_ = nullptr; //
+   const Driver::SwitchStatus* switch_ = nullptr;        // another driver has none
+   const Driver::SwitchVrfStatus* refused_ = nullptr;
+   // What they hold of the VRF and the label; null where they hold nothing.
+   L3::VrfName vrfName_ = L3::VrfName::defaultVrf();
+   std::optional< VrfId > vrfId_;
+   const VrfMplsState* vrf_ = nullptr;
+   const MplsHwVrfConfig* config_ = nullptr;
+   const MplsHwVrfStatus* status_ = nullptr;
+   Mpls::LfibRoute route_;
+   Mpls::LfibViaSet viaSet_;
+   const MplsRoute* record_ = nullptr;
+   const L3Adjacency* l3Adj_ = nullptr;
+   const MplsL2Adjacency* l2Adj_ = nullptr;
+   const ExternalFecInfo* fec_ = nullptr; // the adjacency's, which the route is to go into
+   const Mpls::Hardware::Adjacency* hwAdj_ = nullptr;
+   const MplsHwRoute* written_ = nullptr;  // what the driver is asked for
+   const MplsHwRoute* reported_ = nullptr; // what it says to hold
+};
+
+} // namespace Vel::Agent

@@ -1,0 +1,101 @@
+#include "agent/report/ForeignWays.h"
+
+#include <algorithm>
+
+namespace Vel::Agent {
+
+using Fib::Fec;
+using Fib::FecVia;
+
+namespace {
+
+constexpr size_t maxDepth = 8; // as in hardware, the FEC that the route forwards into included
+
+} // namespace
+
+std::string ForeignWays::text( IntfId intf ) const {
+   const Fib::FecId fecId = Fib::FecIdIntfId::intfIdToFecId( intf );
+   return fecId == Fib::FecId() ? "tunnel " + name_( intf )
+                                : joinText( "FEC ", fecIdText( fecId ), " of another agent" );
+}
+
+const Fec* ForeignWays::find( IntfId intf ) const {
+   if ( switch_ == nullptr ) {
+      return nullptr;
+   }
+   return DynamicTunnelIntfId::isDynamicTunnelIntfId( intf )
+             ? switch_->tunnel().find( intf )
+             : switch_->foreignFec().find( Fib::FecIdIntfId::intfIdToFecId( intf ) );
+}
+
+void ForeignWays::addEnd( const FecVia& via, ForeignEnds& ends ) const {
+   if ( via.drop ) {
+      ends.why = "it drops";
+      return;
+   }
+   const NextHopKey key{ via.intf, via.nextHop };
+   const NextHopInfo info = switch_->neighbor( key );
+   if ( !info.resolved ) {
+      ends.why = nextHopText( via.nextHop, via.intf, name_ ) + " is not resolved";
+   } else if ( std::ranges::find( ends.exits, key, &ForeignExit::nextHop ) == ends.exits.end() ) {
+      ends.exits.push_back( { key, info } );
+   }
+}
+
+// Level by level, so that each is met where it is least deep.
+ForeignEnds ForeignWays::read( IntfId intf ) const {
+   ForeignEnds ends;
+   if ( switch_ == nullptr ) {
+      ends.known = false;
+      return ends;
+   }
+   HashSet< IntfId > seen;
+   std::vector< IntfId > level{ intf };
+   // A tunnel is in a label's FEC; a group or an external FEC is the route's own.
+   for ( size_t depth = DynamicTunnelIntfId::isDynamicTunnelIntfId( intf ) ? 1 : 0; !level.empty();
+         ++depth ) {
+      if ( depth == maxDepth ) {
+         ends.why = joinText( text( level.front() ), " lies more than ", maxDepth,
+                              " FECs and tunnels deep" );
+         break;
+      }
+      std::vector< IntfId > below;
+      for ( const IntfId at : level ) {
+         if ( !seen.insert( at ) ) {
+            continue;
+         }
+         const Fec* const there = find( at );
+         if ( there == nullptr ) {
+            ends.why = text( at ) + " is not there";
+            continue;
+         }
+         for ( const FecVia& via : there->via ) {
+            leadsElsewhere( via.intf ) ? below.push_back( via.intf ) : addEnd( via, ends );
+         }
+      }
+      level = std::move( below );
+   }
+   if ( ends.exits.empty() && ends.why.empty() ) {
+      ends.why = "it leads into itself";
+   }
+   return ends;
+}
+
+void ForeignWays::eachNextHop( const std::function< void( const NextHopKey& ) >& call ) const {
+   if ( switch_ == nullptr ) {
+      return;
+   }
+   const auto each = [&]( const auto& contents ) {
+      for ( const auto& [id, content] : contents ) {
+         for ( const FecVia& via : content.via ) {
+            if ( !leadsElsewhere( via.intf ) && !via.drop ) {
+               call( { via.intf, via.nextHop } );
+            }
+         }
+      }
+   };
+   each( switch_->foreignFec() );
+   each( switch_->tunnel() );
+}
+
+} // namespace Vel::Agent

@@ -1,0 +1,164 @@
+// Impact: what breaks if a next hop or an interface goes?
+//
+// Looks for all ways out that would go with it, and for what would be left of those who use them.
+// Nothing is touched: what is published of the adjacencies is read against what the L3 layer says
+// of their next hops now.
+//
+// A way out is a neighbour that a via resolves to. One that is not resolved is none, so nothing is
+// lost with it. A via without an interface has as many as the route resolver found. An L2 adjacency
+// loses an L2 via when the last way out that comes to it goes; others that resolve to the same
+// rewrite keep it. Labels that are not in hardware are not forwarded, and lose nothing.
+//
+// Where the hardware has FECs, a label leaves by its primary vias, and by its backup when none of
+// them is a way out, or when hardware says that the backup is in use. It loses what it leaves by
+// now; a label that would change over to its backup is protected. Through the FECs of other agents
+// and tunnels it leaves by every neighbour behind them. Where hardware does not tell what is in them
+// the labels are counted, and taken for untouched.
+//
+//    const Impact impact( entityManager, { .nextHop = address } );
+//    if ( impact.known() ) ... impact.labels() ...
+//
+// Cost: a look-up for each via of all adjacencies, twice where something is hit, and one for each
+// label that is.
+
+#pragma once
+
+#include <cstddef>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/report/ForeignWays.h"
+#include "agent/report/LfibIntent.h"
+#include "agent/report/ReportText.h"
+#include "mpls/VelMplsRecords.h"
+
+namespace Vel::Agent {
+
+/// What goes. One of the two at least.
+struct ImpactTarget {
+   std::optional< IpGenAddr > nextHop{}; ///< nothing: every one on the interface
+   IntfId intf{};                        ///< empty: wherever the next hop is
+
+   /// "next hop 10.0.0.1 on eth1", "interface eth1".
+   std::string text( const InterfaceName& name ) const;
+};
+
+/// How many ways out there are now, and how many would be left.
+struct WaysLeft {
+   size_t left = 0;
+   size_t of = 0;
+   bool none() const { return left == 0; }
+   bool hit() const { return left < of; }
+   friend bool operator==( const WaysLeft&, const WaysLeft& ) = default;
+};
+
+/// Whoever would change over to its backup.
+template< class Hit >
+bool changesOver( const Hit& hit ) {
+   return hit.ways.none() && hit.protectedBy.has_value();
+}
+/// Whoever would be left without a way out.
+template< class Hit >
+bool losesAll( const Hit& hit ) {
+   return hit.ways.none() && !hit.protectedBy;
+}
+
+struct ImpactedLabel {
+   Mpls::RouteKey label;
+   WaysLeft ways;
+   std::optional< U64 > protectedBy; ///< L3 adjacency that would take over, or would still stand by
+   bool onBackup = false;            ///< the ways are those of its backup, by which it leaves now
+};
+
+struct ImpactedAdjacency {
+   U64 index = 0;
+   WaysLeft ways;
+   std::optional< U64 > protectedBy; ///< L3 adjacencies: the one that would take over
+};
+
+struct ImpactedFec {
+   Fib::FecId fecId;
+   WaysLeft ways;
+   std::optional< Fib::FecId > protectedBy; ///< the FEC that would take over
+};
+
+/// Labels that leave by what hardware does not tell.
+struct ForeignWay {
+   Fib::FecId fecId; ///< of another agent
+   size_t labels = 0;
+};
+
+class Impact {
+ public:
+   /// Looks at the entities, which must be mounted under the names that LabelAgent gives them.
+   Impact( const EntityManager& entities, const ImpactTarget& target );
+
+   /// The next hop is watched or resolved somewhere, on the interface when that is given; without
+   /// a next hop: some next hop is on the interface.
+   bool known() const { return known_; }
+   /// All that would lose a way out, in the order of labels and numbers.
+   const std::vector< ImpactedLabel >& labels() const { return labels_; }
+   const std::vector< ImpactedAdjacency >& l3Adjacencies() const { return l3Adjacencies_; }
+   const std::vector< ImpactedAdjacency >& l2Adjacencies() const { return l2Adjacencies_; }
+   const std::vector< ImpactedFec >& fecs() const { return fecs_; }
+   /// FECs of other agents that labels in hardware leave by, where hardware does not tell what is in
+   /// them; in the order of ids.
+   const std::vector< ForeignWay >& foreign() const { return foreign_; }
+   /// Labels in hardware that leave by tunnels of which the same is true.
+   size_t tunnelLabels() const { return tunnelLabels_; }
+
+ private:
+   using Adjacency = Mpls::Hardware::Adjacency;
+   using L2Adjacency = Mpls::Hardware::L2Adjacency;
+
+   bool matches( const IpGenAddr& address, IntfId intf ) const;
+   bool goes( const Mpls::Hardware::AdjacencyVia& via, const WayOut& way ) const;
+   template< class F >
+   void eachWay( const Adjacency& adjacency, const F& call );
+   WaysLeft waysOf( const Adjacency& adjacency );
+   bool someNextHop( const EntityManager& entities ) const;
+   void findL3Adjacencies();
+   const L3Adjacency* protectorOf( const L3Adjacency& l3Adj ) const;
+   bool inHardware( Mpls::RouteKey key ) const;
+   void addUsers( const L3Adjacency& l3Adj, WaysLeft ways );
+   void addFec( Fib::FecId fecId, WaysLeft ways, const L3Adjacency* backup );
+   void countForeign( const L3Adjacency& l3Adj, const Adjacency& adjacency );
+   bool leavesByBackup( const L3Adjacency& l3Adj, const WaysLeft& primaries ) const;
+   void findL2Adjacencies();
+
+   const ImpactTarget target_;
+   const NextHopView nextHops_;
+   const InterfaceName noName_ = []( IntfId ) { return std::string(); };
+   const ForeignWays foreignWays_;
+   const Mpls::Hardware::Status& hwMplsStatus_;
+   const Mpls::LfibHwStatus& lfibHwStatus_;
+   const VrfMplsState* state_;      // null while there is none
+   const AdjHwStatus* adjHwStatus_; // null where hardware does not report protection
+   std::optional< VrfId > vrfId_;
+   std::vector< WayOut > ways_; // memory for one via
+   bool known_ = false;
+   std::vector< ImpactedLabel > labels_;
+   std::vector< ImpactedAdjacency > l3Adjacencies_;
+   std::vector< ImpactedAdjacency > l2Adjacencies_;
+   std::vector< ImpactedFec > fecs_;
+   std::vector< ForeignWay > foreign_;
+   size_t tunnelLabels_ = 0;
+};
+
+/// What the reader is told to have asked for.
+struct ImpactQuestion {
+   std::string nextHop;   ///< empty: none was given
+   std::string interface; ///< empty: none was given
+   std::string text;
+};
+
+/// A summary in the first line, then who loses all, who changes over to a backup, and who loses
+/// some. False when the stream
+/// could not take it.
+bool printText( std::ostream& out, const Impact& impact, const ImpactQuestion& question );
+/// One JSON object.
+bool printJson( std::ostream& out, const Impact& impact, const ImpactQuestion& question );
+
+} // namespace Vel::Agent

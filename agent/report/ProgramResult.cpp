@@ -1,0 +1,519 @@
+#include "agent/report/ProgramResult.h"
+
+#include <algorithm>
+
+namespace Vel::Agent {
+
+using Mpls::RouteKey;
+using Mpls::RouteStatusCode;
+
+namespace {
+
+constexpr size_t namedNextHops = 3; // of those that are not resolved; the rest is counted
+
+std::vector< U32 > labelsOf( const Mpls::LabelStack& stack ) {
+   std::vector< U32 > labels( stack.stackSize() );
+   for ( size_t i = 0; i < labels.size(); ++i ) {
+      labels[i] = stack.label( i ).value();
+   }
+   return labels;
+}
+
+/// "tunnel t1 is not there yet".
+std::string foreignReason( const ResultVia& via ) {
+   return joinText( name( *via.into ), " ", via.name,
+                    via.there ? " has no way out" : " is not there yet" );
+}
+
+/// "next hops 10.0.1.3 on eth1, 10.0.1.9 and 2 more are not resolved", or nothing.
+std::string unresolvedReason( const std::vector< ResultVia >& vias ) {
+   std::vector< std::string > hops;
+   for ( const ResultVia& via : vias ) {
+      if ( via.resolved() ) {
+         continue;
+      }
+      if ( via.into ) {
+         return foreignReason( via ); // the library does not let the two kinds mix
+      }
+      std::string hop = via.nextHop.text();
+      if ( !via.interface.empty() ) {
+         hop += " on " + via.interface;
+      }
+      if ( std::ranges::find( hops, hop ) == hops.end() ) {
+         hops.push_back( std::move( hop ) );
+      }
+   }
+   if ( hops.empty() ) {
+      return {};
+   }
+   std::string out = hops.size() == 1 ? "next hop " : "next hops ";
+   for ( size_t i = 0; i < std::min( hops.size(), namedNextHops ); ++i ) {
+      out += ( i == 0 ? "" : ", " ) + hops[i];
+   }
+   if ( hops.size() > namedNextHops ) {
+      out += joinText( " and ", hops.size() - namedNextHops, " more" );
+   }
+   return out + ( hops.size() == 1 ? " is not resolved" : " are not resolved" );
+}
+
+std::string refusedReason( UnprogrammedReason reason, std::string_view what ) {
+   switch ( reason ) {
+   case UnprogrammedReason::RouteFull:
+      return "hardware is full: routes";
+   case UnprogrammedReason::AdjacencyFull:
+      return "hardware is full: adjacencies";
+   case UnprogrammedReason::InterfaceNotReady:
+      return "refused by hardware: InterfaceNotReady";
+   case UnprogrammedReason::Success:
+      break;
+   }
+   return joinText( "refused by hardware: ", what );
+}
+
+// Whether hardware has the FEC as it is asked for. The last via of a protected one leads into its
+// backup, which hardware keeps apart.
+bool holds( const Driver::HwFec& held, const Fib::Fec& asked ) {
+   const bool isProtected = asked.backupFecId != Fib::FecId();
+   const size_t primaries = asked.via.size() - ( isProtected && !asked.empty() ? 1 : 0 );
+   return held.backupFecId == asked.backupFecId && held.via.size() >= primaries &&
+          held.via.size() <= asked.via.size() &&
+          std::equal( held.via.begin(), held.via.begin() + static_cast< ptrdiff_t >( primaries ),
+                      asked.via.begin() );
+}
+
+bool forwarded( Mpls::LfibViaType type ) {
+   return type == Mpls::viaTypeMplsIp || type == Mpls::viaTypeExternalFec;
+}
+
+} // namespace
+
+std::string_view name( ProgramState state ) {
+   switch ( state ) {
+   case ProgramState::programmed:
+      return "programmed";
+   case ProgramState::partiallyProgrammed:
+      return "partiallyProgrammed";
+   case ProgramState::unprogrammed:
+      return "unprogrammed";
+   case ProgramState::ignored:
+      break;
+   }
+   return "ignored";
+}
+
+/// Where a route stands, everywhere.
+struct ProgramResult::Found {
+   Mpls::LfibRoute lfib;
+   const MplsRoute* record = nullptr;     // what the state machine holds
+   const Mpls::RouteInfo* info = nullptr; // what it has published
+   const Mpls::Hardware::Route* hwMpls = nullptr;
+   const MplsHwRoute* config = nullptr;       // what the hardware was asked for
+   const Driver::HwRoute* hardware = nullptr; // what the hardware holds
+
+   bool ignored() const { return !forwarded( lfib.viaSetKey.viaType() ); }
+   const L3Adjacency* l3Adj() const { return record ? record->l3Adj().get() : nullptr; }
+   const Driver::HwFec* fec() const { return hardware ? hardware->fec.get() : nullptr; }
+   /// False while it stays in the FEC of its earlier vias, until that of its present ones is there.
+   bool inItsFec() const {
+      const L3Adjacency* const adjacency = l3Adj();
+      const ExternalFecInfo* const wanted = adjacency ? adjacency->extFecInfo().get() : nullptr;
+      return fec() && wanted && wanted->fecId() == fec()->fecId;
+   }
+   Mpls::Hardware::L2Adjacency* l2Adjacency() const {
+      const auto* const adjacency = hwMpls ? hwMpls->adjacency.get() : nullptr;
+      return adjacency ? adjacency->l2Adjacency().get() : nullptr;
+   }
+};
+
+ProgramResult::ProgramResult( const LabelAgent& agent ) : agent_( agent ) {
+   routes_.reserve( agent.lfib().lfibRoutes() );
+   agent.lfib().lfibRouteEach(
+      [this]( const Mpls::LfibRoute& route ) { routes_.push_back( route.routeKey ); },
+      Mpls::LfibWalk::skip );
+   std::ranges::sort( routes_ );
+   states_.reserve( routes_.size() );
+   for ( const RouteKey key : routes_ ) {
+      const ProgramState state = stateOf( find( key ) );
+      states_.push_back( state );
+      ++summary_.byState[static_cast< size_t >( state )];
+   }
+   summary_.routes = routes_.size();
+   summary_.l3Adjacencies = agent.hwMplsStatus().adjacencys();
+   summary_.l2Adjacencies = agent.hardware().adjacencies();
+}
+
+ProgramResult::Found ProgramResult::find( RouteKey key ) const {
+   Found found;
+   found.lfib = agent_.lfib().lfibRoute( key );
+   if ( const VrfMplsState* const state = agent_.mplsSm().mplsState( L3::VrfName::defaultVrf() ) ) {
+      found.record = state->route( key );
+   }
+   found.info = agent_.lfibHwStatus().unprogrammedRoute().find( key );
+   found.hwMpls = agent_.hwMplsStatus().route().find( key );
+   if ( const MplsHwVrfConfig* const config = agent_.hwConfig() ) {
+      found.config = config->route().find( key );
+   }
+   found.hardware = agent_.hardware().route( LabelAgent::vrfId, key );
+   return found;
+}
+
+ResultStartup ProgramResult::startup() const {
+   ResultStartup startup;
+   const Driver::SwitchStatus& hardware = *agent_.hardware().status();
+   for ( const auto& [stage, seconds] : agent_.mplsSm().mplsSmStartupRecord()->timeTaken() ) {
+      startup.stages.push_back( { stringValue( stage ), seconds } );
+   }
+   startup.adopted = hardware.routesAdopted();
+   startup.changed = hardware.routesChanged();
+   startup.added = hardware.routesAdded();
+   startup.stale = hardware.routesStale();
+   for ( const RouteKey key : agent_.mplsSm().staleRecoveredRoute() ) {
+      startup.held.push_back( key );
+   }
+   return startup;
+}
+
+ProgramState ProgramResult::stateOf( const Found& found ) const {
+   if ( found.ignored() ) {
+      return ProgramState::ignored;
+   }
+   if ( found.info == nullptr || found.info->statusCode == RouteStatusCode::notProgrammed ||
+        !contradiction( found ).empty() ) {
+      return ProgramState::unprogrammed;
+   }
+   if ( found.fec() ) {
+      return found.inItsFec() ? stateIntoFec( found ) : ProgramState::unprogrammed;
+   }
+   return found.info->statusCode == RouteStatusCode::programmed ? ProgramState::programmed
+                                                                : ProgramState::partiallyProgrammed;
+}
+
+// The same for all routes of a via set: they share the FEC.
+ProgramState ProgramResult::stateIntoFec( const Found& found ) const {
+   const Mpls::LfibViaSetKey key = found.lfib.viaSetKey;
+   if ( const ProgramState* const known = stateOfViaSet_.find( key ) ) {
+      return *known;
+   }
+   ProgramState state = ProgramState::unprogrammed;
+   if ( fecReason( found ).empty() ) { // else hardware still has what was there before
+      const Mpls::LfibViaSet viaSet = agent_.lfib().lfibViaSet( key );
+      const WaysOut backup = found.fec()->backupFecId == Fib::FecId()
+                                ? WaysOut::none
+                                : waysOut( viaSet.backupViaSetKey() );
+      WaysOut ways = viaSet.usableAsPrimaryVias() ? waysOut( key ) : backup;
+      if ( ways == WaysOut::none && backup != WaysOut::none ) {
+         ways = WaysOut::some; // not by the vias that are meant
+      }
+      state = ways == WaysOut::all    ? ProgramState::programmed
+              : ways == WaysOut::some ? ProgramState::partiallyProgrammed
+                                      : ProgramState::unprogrammed;
+   }
+   stateOfViaSet_.emplace( key, state );
+   return state;
+}
+
+const Mpls::Hardware::Adjacency* ProgramResult::adjacencyOf( Mpls::LfibViaSetKey viaSetKey ) const {
+   const VrfMplsState* const state = agent_.mplsSm().mplsState( L3::VrfName::defaultVrf() );
+   return state && state->lFibViaSetToL3AdjHas( viaSetKey )
+             ? agent_.hwMplsStatus().adjacency( state->lFibViaSetToL3Adj( viaSetKey ) )
+             : nullptr;
+}
+
+ProgramResult::WaysOut ProgramResult::waysOut( Mpls::LfibViaSetKey viaSetKey ) const {
+   const Mpls::Hardware::Adjacency* const adjacency = adjacencyOf( viaSetKey );
+   if ( adjacency == nullptr ) {
+      return WaysOut::none;
+   }
+   size_t open = 0;
+   for ( const auto& [index, via] : adjacency->via() ) {
+      open += Interfaces::foreignKind( via.intf ) ? !agent_.foreignFecs().exits( via.intf ).empty()
+                                                  : via.resolved();
+   }
+   return open == 0 ? WaysOut::none : open < adjacency->vias() ? WaysOut::some : WaysOut::all;
+}
+
+// What the published status says against what the hardware holds.
+std::string_view ProgramResult::contradiction( const Found& found ) const {
+   if ( found.info == nullptr || found.info->statusCode == RouteStatusCode::notProgrammed ) {
+      // A FEC that leads nowhere is in hardware, and forwards nothing.
+      const bool idle =
+         found.fec() && ( found.inItsFec() ? stateIntoFec( found ) == ProgramState::unprogrammed
+                                           : waysOut( found.lfib.viaSetKey ) == WaysOut::none );
+      // What a restart has found goes on forwarding while its new FEC waits for room.
+      const bool waits = found.fec() && !fecReason( found ).empty();
+      return found.hardware && !idle && !waits
+                ? "published as not programmed, but the hardware still forwards with it"
+                : "";
+   }
+   if ( found.hardware == nullptr ) {
+      return "published as programmed, but the hardware does not hold it";
+   }
+   if ( found.fec() ) {
+      return fecContradiction( found );
+   }
+   const Driver::HwAdjacency& held = *found.hardware->adjacency;
+   if ( found.l2Adjacency() == nullptr || held.l2Adjacency().get() != found.l2Adjacency() ) {
+      return "published as programmed, but the hardware holds it with another adjacency";
+   }
+   if ( found.config == nullptr || found.config->version != found.hardware->version ) {
+      return "published as programmed, but the hardware holds another version of it";
+   }
+   if ( !held.inHardware() || held.l2Via() != found.l2Adjacency()->l2ViaSet().l2Via() ) {
+      return "published as programmed, but the hardware holds other vias for it";
+   }
+   return "";
+}
+
+std::string_view ProgramResult::fecContradiction( const Found& found ) const {
+   const Driver::HwFec& held = *found.fec();
+   if ( found.hwMpls == nullptr || found.hwMpls->fecId != held.fecId ) {
+      return "published as programmed, but the hardware holds it with another FEC";
+   }
+   if ( agent_.hardware().fecUnit()->fec( held.hwId ) != &held ) {
+      return "published as programmed, but the hardware does not hold its FEC";
+   }
+   const FecIdToHwFecIdRequest& request = *agent_.mplsSm().inputs().hwFecIdRequest;
+   const Fib::Fec* asked = request.fec().find( held.fecId );
+   if ( asked == nullptr ) {
+      asked = request.fec6().find( held.fecId ); // null: another agent's
+   }
+   return asked == nullptr || holds( held, *asked ) || !fecReason( found ).empty()
+             ? ""
+             : "published as programmed, but the hardware holds other vias for it";
+}
+
+// --- One route.
+
+void ProgramResult::read( size_t i, ResultRoute& out ) const {
+   readRoute( routes_[i], out );
+}
+
+std::optional< ResultRoute > ProgramResult::route( RouteKey key ) const {
+   if ( !agent_.lfib().lfibRoute( key ) ) {
+      return std::nullopt;
+   }
+   ResultRoute out{};
+   readRoute( key, out );
+   return out;
+}
+
+void ProgramResult::readRoute( RouteKey key, ResultRoute& out ) const {
+   const Found found = find( key );
+   out.key = key;
+   out.state = stateOf( found );
+   out.reason.clear();
+   out.l3Adjacency.reset();
+   out.l2Adjacency.reset();
+   if ( const L3Adjacency* const l3Adj = found.l3Adj() ) {
+      out.l3Adjacency = l3Adj->index();
+      if ( l3Adj->l2Adjacency() ) {
+         out.l2Adjacency = l3Adj->l2Adjacency()->index();
+      }
+   }
+   readVias( found.lfib.viaSetKey, out.vias );
+   const Mpls::LfibViaSet viaSet = agent_.lfib().lfibViaSet( found.lfib.viaSetKey );
+   out.usableAsPrimaryVias = viaSet.null() || viaSet.usableAsPrimaryVias();
+   out.backup.clear();
+   if ( !viaSet.null() && !viaSet.backupViaSetKey().empty() ) {
+      readVias( viaSet.backupViaSetKey(), out.backup );
+   }
+   if ( const Driver::HwFec* const fec = found.inItsFec() ? found.fec() : nullptr ) {
+      for ( ResultVia& via : out.vias ) {
+         via.fec = fec->fecId;
+      }
+      for ( ResultVia& via : out.backup ) {
+         via.fec = fec->backupFecId;
+      }
+   }
+   if ( out.state != ProgramState::programmed ) {
+      out.reason = reasonOf( found, out );
+   }
+}
+
+// From the adjacency, which knows what the vias resolved to; one without vias could not be made of
+// the via set, which is then shown as the LFIB has it.
+void ProgramResult::readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const {
+   out.clear();
+   const Interfaces& interfaces = agent_.interfaces();
+   if ( const Mpls::Hardware::Adjacency* const adjacency = adjacencyOf( viaSetKey ) ) {
+      for ( const auto& [viaIndex, via] : adjacency->via() ) {
+         ResultVia& made =
+            out.emplace_back( viaInto( via.labelAction, via.labelStack, via.nextHop, via.intf ) );
+         for ( const Mpls::Hardware::L2Via& l2Via : via.l2Via.l2Via() ) {
+            made.exits.push_back( { interfaces.name( l2Via.intf ), l2Via.vlanId, l2Via.macAddr } );
+         }
+         if ( made.into ) {
+            for ( const NextHopInfo& exit : agent_.foreignFecs().exits( via.intf ) ) {
+               made.exits.push_back(
+                  { interfaces.name( exit.l2Intf ), exit.vlanId, exit.macAddr } );
+            }
+         }
+      }
+   }
+   if ( out.empty() ) {
+      readViasFromLfib( viaSetKey, out );
+   }
+}
+
+void ProgramResult::readViasFromLfib( Mpls::LfibViaSetKey viaSetKey,
+                                      std::vector< ResultVia >& out ) const {
+   if ( !forwarded( viaSetKey.viaType() ) ) {
+      return;
+   }
+   const Mpls::LfibViaSet viaSet = agent_.lfib().lfibViaSet( viaSetKey );
+   for ( U32 i = 0; i < viaSet.viaKeys(); ++i ) {
+      if ( viaSetKey.viaType() == Mpls::viaTypeExternalFec ) {
+         const Fib::FecId fecId = agent_.lfib().lfibExtFecVia( viaSet.viaKey( i ) ).fecId;
+         out.push_back( viaInto( MplsLabelAction::none, {}, IpGenAddr(),
+                                 Fib::FecId::fecIdToHierarchicalIntfId( fecId ) ) );
+         continue;
+      }
+      const Mpls::LfibMplsVia via = agent_.lfib().lfibMplsVia( viaSet.viaKey( i ) );
+      out.push_back( viaInto( via.labelAction, via.labelStack, via.nextHop, via.intf ) );
+   }
+}
+
+// A via that has not resolved to anything yet.
+ResultVia ProgramResult::viaInto( MplsLabelAction action, const Mpls::LabelStack& labels,
+                                  const IpGenAddr& nextHop, IntfId intf ) const {
+   ResultVia via{ action, labelsOf( labels ), nextHop, {}, {} };
+   via.into = Interfaces::foreignKind( intf );
+   ( via.into ? via.name : via.interface ) = agent_.interfaces().name( intf );
+   via.there = via.into && agent_.foreignFecs().find( intf ) != nullptr;
+   return via;
+}
+
+// --- Reasons.
+
+std::string ProgramResult::reasonOf( const Found& found, const ResultRoute& route ) const {
+   if ( route.state == ProgramState::ignored ) {
+      const std::string& reason = agent_.ignoredReason( route.key );
+      return !reason.empty() ? reason
+                             : joinText( "vias of the type ", found.lfib.viaSetKey.viaType(),
+                                         " are not programmed by this version" );
+   }
+   if ( route.state == ProgramState::partiallyProgrammed ) {
+      return unresolvedReason( route.usableAsPrimaryVias ? route.vias : route.backup );
+   }
+   std::string reason( contradiction( found ) );
+   if ( reason.empty() ) {
+      reason = unprogrammedReason( found, route );
+   }
+   return reason;
+}
+
+// In the order of the way into hardware: the first obstacle is the one to remove.
+std::string ProgramResult::unprogrammedReason( const Found& found,
+                                               const ResultRoute& route ) const {
+   if ( const std::string fault = agent_.mplsSm().lFibViaSetFault( found.lfib.viaSetKey );
+        !fault.empty() ) {
+      return faultReason( fault, route.vias );
+   }
+   if ( std::string reason = backupReason( found, route ); !reason.empty() ) {
+      return reason;
+   }
+   const auto open = []( const std::vector< ResultVia >& vias ) {
+      return std::ranges::any_of( vias, &ResultVia::resolved );
+   };
+   if ( !( route.usableAsPrimaryVias && open( route.vias ) ) && !open( route.backup ) ) {
+      if ( std::string reason = unresolvedReason(
+              route.usableAsPrimaryVias || route.backup.empty() ? route.vias : route.backup );
+           !reason.empty() ) {
+         return reason;
+      }
+   }
+   if ( std::string reason = fecReason( found ); !reason.empty() ) {
+      return reason;
+   }
+   if ( std::string reason = refusals( found, route.key ); !reason.empty() ) {
+      return reason;
+   }
+   if ( !found.inItsFec() && !route.vias.empty() && route.vias.front().into ) {
+      // Its backup leads somewhere, but the FEC of a group is the group's.
+      if ( std::string reason = unresolvedReason( route.vias ); !reason.empty() ) {
+         return reason;
+      }
+   }
+   if ( found.fec() && !found.inItsFec() ) {
+      return "its FEC is not there yet; hardware still forwards by the one that it had";
+   }
+   return found.fec() && !route.usableAsPrimaryVias
+             ? "its vias are disabled, and no backup is in hardware"
+             : "not confirmed by hardware yet";
+}
+
+// Why the route waits for its backup; empty when it does not.
+std::string ProgramResult::backupReason( const Found& found, const ResultRoute& route ) const {
+   const VrfMplsState* const state = agent_.mplsSm().mplsState( L3::VrfName::defaultVrf() );
+   const L3Adjacency* const l3Adj = found.l3Adj();
+   std::string reason =
+      state && l3Adj ? agent_.mplsSm().backupWaitReason( *state, *l3Adj ) : std::string();
+   if ( reason.empty() ) {
+      return reason;
+   }
+   const std::string fault = agent_.mplsSm().lFibViaSetFault( l3Adj->backupAwaited() );
+   return fault.empty() ? reason : "its backup: " + faultReason( fault, route.backup );
+}
+
+// The hardware's own words: the VRF's status has one reason for all that it refuses.
+std::string ProgramResult::refusals( const Found& found, RouteKey key ) const {
+   const Driver::SwitchVrfStatus* const refused =
+      agent_.hardware().status()->vrf( LabelAgent::vrfId );
+   if ( refused == nullptr ) {
+      return {};
+   }
+   const L3Adjacency* const l3Adj = found.l3Adj();
+   const bool intoFec = l3Adj && l3Adj->extFecInfo();
+   Mpls::Hardware::L2Adjacency* const l2Adj = found.l2Adjacency();
+   if ( l2Adj && !intoFec && refused->refusedAdjacencyHas( l2Adj->index() ) ) {
+      return refusedReason( refused->refusedAdjacency( l2Adj->index() ), "its adjacency" );
+   }
+   return refused->refusedRouteHas( key )
+             ? refusedReason( refused->refusedRoute( key ), "the route" )
+             : std::string();
+}
+
+// Why hardware has not made the route's FEC of what it was asked for; empty when it has.
+std::string ProgramResult::fecReason( const Found& found ) const {
+   const L3Adjacency* const l3Adj = found.l3Adj();
+   const ExternalFecInfo* const info = l3Adj ? l3Adj->extFecInfo().get() : nullptr;
+   const Driver::SwitchStatus& status = *agent_.hardware().status();
+   if ( info == nullptr || !status.waitingFecHas( info->fecId() ) ) {
+      return {};
+   }
+   const UnprogrammedReason reason = status.waitingFec( info->fecId() );
+   return reason == UnprogrammedReason::AdjacencyFull ? "hardware is full: FECs"
+                                                      : refusedReason( reason, "its FEC" );
+}
+
+// The library says what is wrong with a via set; which via it is follows from what can be wrong
+// with one via: too many labels, no next hop, or no interface where hardware needs one. The last is
+// for want of a neighbour, from which the interface would have been filled in.
+std::string ProgramResult::faultReason( const std::string& fault,
+                                        const std::vector< ResultVia >& vias ) const {
+   for ( size_t i = 0; i < vias.size(); ++i ) {
+      const ResultVia& via = vias[i];
+      const bool named =
+         via.into || ( !via.nextHop.empty() && !( agent_.withFecs() && via.interface.empty() ) );
+      if ( via.outLabels.size() <= 1 && named ) {
+         continue;
+      }
+      return via.outLabels.size() > 1 || via.nextHop.empty()
+                ? joinText( "via ", i + 1, ": ", fault )
+                : unknownNextHopReason( vias );
+   }
+   return fault;
+}
+
+std::string ProgramResult::unknownNextHopReason( const std::vector< ResultVia >& vias ) const {
+   std::vector< ResultVia > unresolved;
+   for ( const ResultVia& via : vias ) {
+      const std::optional< IntfId > intf = agent_.interfaces().intf( via.interface );
+      if ( !intf || !agent_.l3().info( { *intf, via.nextHop } ).resolved ) {
+         unresolved.push_back( via );
+      }
+   }
+   return unresolvedReason( unresolved );
+}
+
+} // namespace Vel::Agent

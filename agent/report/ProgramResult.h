@@ -1,0 +1,151 @@
+// ProgramResult: what became of each route of the LFIB, and why.
+//
+// Everything is read back from where it ends up: the published status, the adjacencies, the
+// hardware configuration and status, and the tables of the software switch. Nothing is taken from
+// the label table that was read in, so that the result says what is, and not what was wanted. Where
+// the published status and the switch contradict each other, the switch is believed.
+//
+// A route into a FEC is published by what the library knows of its next hops. What is behind
+// next-hop groups and tunnels, and whether the backup leads anywhere, is looked up here.
+//
+// A result is a view of a settled agent: it holds the keys and states of the routes and reads the
+// rest on demand. It is out of date once the agent goes on.
+//
+// Cost: 9 bytes and 0.2 microseconds a route; reading one in full takes one or two.
+
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/world/LabelAgent.h"
+
+namespace Vel::Agent {
+
+enum class ProgramState : uint8_t {
+   programmed,          ///< in hardware, with all of its vias
+   partiallyProgrammed, ///< in hardware, without the vias whose next hop is not resolved
+   unprogrammed,        ///< not in hardware, or in a FEC that leads nowhere
+   ignored              ///< not for MPLS forwarding
+};
+std::string_view name( ProgramState state );
+
+/// One way that a via resolved to.
+struct ResultExit {
+   std::string interface;
+   Bridging::VlanId vlan = 0;
+   MacAddr mac;
+
+   friend bool operator==( const ResultExit&, const ResultExit& ) = default;
+};
+
+/// One via of a route.
+struct ResultVia {
+   MplsLabelAction action = MplsLabelAction::none;
+   std::vector< U32 > outLabels; ///< top first
+   IpGenAddr nextHop;            ///< may be empty
+   std::string interface;        ///< where the LFIB names one
+   /// What it resolved to, empty while its next hop is not resolved. Several when the LFIB names no
+   /// interface and the next hop is a neighbour on more than one, or behind what another agent has.
+   std::vector< ResultExit > exits;
+   std::optional< ForeignFec::Kind > into{}; ///< leads into what another agent has,
+   std::string name{};                       ///< under that name,
+   bool there = false;                       ///< and the agent has made it known
+   Fib::FecId fec{};                         ///< that it is part of in hardware, if any
+
+   bool resolved() const { return !exits.empty(); }
+};
+
+struct ResultRoute {
+   Mpls::RouteKey key;
+   ProgramState state = ProgramState::unprogrammed;
+   std::string reason; ///< for every state but programmed
+   std::optional< U64 > l3Adjacency;
+   std::optional< U64 > l2Adjacency;
+   std::vector< ResultVia > vias;   ///< in the order of the LFIB's via set; none when ignored
+   std::vector< ResultVia > backup; ///< of the via set that protects it
+   bool usableAsPrimaryVias = true; ///< false: only the backup is to be taken
+};
+
+struct ResultSummary {
+   std::array< size_t, 4 > byState{};
+   size_t routes = 0;
+   size_t l3Adjacencies = 0; ///< via sets that the library has taken up
+   size_t l2Adjacencies = 0; ///< in hardware
+
+   size_t of( ProgramState state ) const { return byState[static_cast< size_t >( state )]; }
+   /// Every route that is to be forwarded is in hardware with all of its vias.
+   bool complete() const {
+      return of( ProgramState::unprogrammed ) == 0 && of( ProgramState::partiallyProgrammed ) == 0;
+   }
+};
+
+/// What a start made of the hardware that it found.
+struct ResultStartup {
+   struct Stage {
+      std::string_view name;
+      double seconds = 0; ///< that it lasted
+   };
+   std::vector< Stage > stages;
+   U64 adopted = 0; ///< routes of the table whose hardware entry was kept as it was
+   U64 changed = 0; ///< ... was rewritten
+   U64 added = 0;   ///< ... was not there before
+   U64 stale = 0;   ///< routes that were removed
+   std::vector< Mpls::RouteKey > held; ///< that are stale, and wait for a word
+};
+
+class ProgramResult {
+ public:
+   /// The agent must outlive the result, and have settled.
+   explicit ProgramResult( const LabelAgent& agent );
+
+   const ResultSummary& summary() const { return summary_; }
+   ResultStartup startup() const;
+   const MplsSmCounters& counters() const { return *agent_.mplsSm().counters(); }
+   size_t routes() const { return routes_.size(); }
+   /// The keys in label order; a deeper stack stands before a shorter one that it begins with.
+   Mpls::RouteKey key( size_t i ) const { return routes_[i]; }
+   ProgramState state( size_t i ) const { return states_[i]; }
+   /// The route at that place, with everything. `out` is overwritten and its memory used again.
+   void read( size_t i, ResultRoute& out ) const;
+   /// The route under that key; nothing when the LFIB has none.
+   std::optional< ResultRoute > route( Mpls::RouteKey key ) const;
+   /// The vias of a via set, as far as MPLS forwarding takes it.
+   void readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
+
+ private:
+   struct Found;
+   /// How many vias of a via set lead somewhere.
+   enum class WaysOut : uint8_t { none, some, all };
+
+   Found find( Mpls::RouteKey key ) const;
+   ProgramState stateOf( const Found& found ) const;
+   ProgramState stateIntoFec( const Found& found ) const;
+   std::string_view contradiction( const Found& found ) const;
+   std::string_view fecContradiction( const Found& found ) const;
+   const Mpls::Hardware::Adjacency* adjacencyOf( Mpls::LfibViaSetKey viaSetKey ) const;
+   WaysOut waysOut( Mpls::LfibViaSetKey viaSetKey ) const;
+   ResultVia viaInto( MplsLabelAction action, const Mpls::LabelStack& labels,
+                      const IpGenAddr& nextHop, IntfId intf ) const;
+   void readViasFromLfib( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
+   void readRoute( Mpls::RouteKey key, ResultRoute& out ) const;
+   std::string reasonOf( const Found& found, const ResultRoute& route ) const;
+   std::string unprogrammedReason( const Found& found, const ResultRoute& route ) const;
+   std::string backupReason( const Found& found, const ResultRoute& route ) const;
+   std::string faultReason( const std::string& fault, const std::vector< ResultVia >& vias ) const;
+   std::string unknownNextHopReason( const std::vector< ResultVia >& vias ) const;
+   std::string fecReason( const Found& found ) const;
+   std::string refusals( const Found& found, Mpls::RouteKey key ) const;
+
+   const LabelAgent& agent_;
+   std::vector< Mpls::RouteKey > routes_;
+   std::vector< ProgramState > states_;
+   ResultSummary summary_;
+   // Of the via sets whose routes lead into a FEC, as they were asked for.
+   mutable Hash< Mpls::LfibViaSetKey, ProgramState > stateOfViaSet_;
+};
+
+} // namespace Vel::Agent

@@ -1,0 +1,421 @@
+#include "agent/report/ResultPrinter.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <ostream>
+#include <string_view>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "agent/report/Metrics.h"
+#include "agent/report/ReportText.h"
+
+namespace Vel::Agent {
+
+namespace {
+
+template< class T >
+void appendList( std::string& out, const std::vector< T >& values ) {
+   out += '[';
+   for ( size_t i = 0; i < values.size(); ++i ) {
+      out += i == 0 ? "" : ",";
+      appendText( out, values[i] );
+   }
+   out += ']';
+}
+
+std::vector< MplsLabel > stackOf( Mpls::RouteKey key ) {
+   std::vector< MplsLabel > stack;
+   for ( size_t depth = 0; depth < Mpls::RouteKey::maxLabels && !key.label( depth ).null();
+         ++depth ) {
+      stack.push_back( key.label( depth ) );
+   }
+   return stack;
+}
+
+std::string quotedOrNull( const std::string& text ) {
+   return text.empty() ? "null" : jsonText( text );
+}
+
+/// Where a via leaves: the interface of the LFIB, else the first one it resolved to.
+const std::string& exitInterface( const ResultVia& via ) {
+   return via.interface.empty() && via.resolved() ? via.exits.front().interface : via.interface;
+}
+
+// --- JSON.
+
+void appendExit( std::string& out, const ResultExit& exit ) {
+   out += joinText( "\"interface\":", jsonText( exit.interface ), ",\"vlan\":", exit.vlan,
+                    ",\"mac\":\"", exit.mac, "\"" );
+}
+
+std::string_view fieldOf( ForeignFec::Kind kind ) {
+   switch ( kind ) {
+   case ForeignFec::Kind::nextHopGroup:
+      return "nextHopGroup";
+   case ForeignFec::Kind::tunnel:
+      return "tunnel";
+   case ForeignFec::Kind::externalFec:
+      break;
+   }
+   return "externalFec";
+}
+
+void appendVia( std::string& out, const ResultVia& via ) {
+   out += joinText( "{\"action\":\"", via.action, "\",\"outLabels\":" );
+   appendList( out, via.outLabels );
+   out += joinText( ",\"nextHop\":", quotedOrNull( via.nextHop.text() ),
+                    ",\"interface\":", quotedOrNull( exitInterface( via ) ) );
+   if ( via.resolved() ) {
+      out += joinText( ",\"vlan\":", via.exits.front().vlan, ",\"mac\":\"", via.exits.front().mac,
+                       "\",\"resolved\":true" );
+   } else {
+      out += ",\"vlan\":0,\"mac\":null,\"resolved\":false";
+   }
+   if ( via.exits.size() > 1 ) {
+      out += ",\"exits\":[";
+      for ( size_t i = 0; i < via.exits.size(); ++i ) {
+         out += i == 0 ? "{" : ",{";
+         appendExit( out, via.exits[i] );
+         out += '}';
+      }
+      out += ']';
+   }
+   if ( via.into ) {
+      out += joinText( ",\"", fieldOf( *via.into ), "\":", jsonText( via.name ) );
+   }
+   if ( via.fec != Fib::FecId() ) {
+      out += joinText( ",\"fec\":\"", static_cast< U32 >( via.fec.adjType() ), ":", via.fec.index(),
+                       "\"" );
+   }
+   out += '}';
+}
+
+void appendVias( std::string& out, const std::vector< ResultVia >& vias ) {
+   out += '[';
+   for ( size_t i = 0; i < vias.size(); ++i ) {
+      out += i == 0 ? "" : ",";
+      appendVia( out, vias[i] );
+   }
+   out += ']';
+}
+
+void appendRoute( std::string& out, const ResultRoute& route ) {
+   out += joinText( "{\"label\":", route.key.topLabel() );
+   if ( !route.key.singleLabel() ) {
+      out += ",\"stack\":";
+      appendList( out, stackOf( route.key ) );
+   }
+   out += joinText( ",\"state\":\"", name( route.state ), "\"" );
+   if ( route.state != ProgramState::programmed ) {
+      out += ",\"reason\":" + jsonText( route.reason );
+   }
+   if ( route.l3Adjacency ) {
+      out += joinText( ",\"l3Adjacency\":", *route.l3Adjacency );
+   }
+   if ( route.l2Adjacency ) {
+      out += joinText( ",\"l2Adjacency\":", *route.l2Adjacency );
+   }
+   out += ",\"vias\":";
+   appendVias( out, route.vias );
+   if ( !route.backup.empty() ) {
+      out += ",\"backup\":";
+      appendVias( out, route.backup );
+   }
+   out += route.usableAsPrimaryVias ? "}" : ",\"usableAsPrimaryVias\":false}";
+}
+
+void appendStartup( std::string& out, const ResultStartup& startup ) {
+   out += "\"startup\":{\"stages\":[";
+   std::string_view comma;
+   for ( const ResultStartup::Stage& stage : startup.stages ) {
+      out += joinText( comma, "{\"stage\":\"", stage.name, "\",\"seconds\":", stage.seconds, "}" );
+      comma = ",";
+   }
+   out += joinText( "],\"adopted\":", startup.adopted, ",\"changed\":", startup.changed,
+                    ",\"added\":", startup.added, ",\"stale\":", startup.stale );
+   if ( !startup.held.empty() ) {
+      out += ",\"held\":[";
+      comma = "";
+      for ( const Mpls::RouteKey key : startup.held ) {
+         out += comma;
+         if ( key.singleLabel() ) {
+            appendText( out, key.topLabel() );
+         } else {
+            appendList( out, stackOf( key ) );
+         }
+         comma = ",";
+      }
+      out += ']';
+   }
+   out += "},\n";
+}
+
+std::string startupText( const ResultStartup& startup ) {
+   std::string text =
+      joinText( "start: ", startup.adopted, " adopted, ", startup.changed, " changed, ",
+                startup.added, " added, ", startup.stale, " removed\n" );
+   if ( !startup.held.empty() ) {
+      text += joinText( "stale and not removed: ", startup.held.size(), "\n" );
+      for ( const Mpls::RouteKey key : startup.held ) {
+         text += joinText( "   ", key, "\n" );
+      }
+   }
+   return text;
+}
+
+} // namespace
+
+bool printJson( std::ostream& out, const ProgramResult& result, bool startup ) {
+   TextOut writer( out );
+   std::string& text = writer.text();
+   const ResultSummary& sum = result.summary();
+   text += joinText( "{\"summary\":{\"routes\":", sum.routes );
+   for ( const auto state : { ProgramState::programmed, ProgramState::partiallyProgrammed,
+                              ProgramState::unprogrammed, ProgramState::ignored } ) {
+      text += joinText( ",\"", name( state ), "\":", sum.of( state ) );
+   }
+   text += joinText( ",\"l3Adjacencies\":", sum.l3Adjacencies,
+                     ",\"l2Adjacencies\":", sum.l2Adjacencies, "},\n\"counters\":{" );
+   std::string_view comma;
+   for ( const CounterName& counter : counterNames() ) {
+      text += joinText( comma, "\"", counter.name, "\":", ( result.counters().*counter.value )() );
+      comma = ",";
+   }
+   text += "},\n";
+   if ( startup ) {
+      appendStartup( text, result.startup() );
+   }
+   text += "\"routes\":[";
+   ResultRoute route;
+   for ( size_t i = 0; i < result.routes() && out.good(); ++i ) {
+      result.read( i, route );
+      text += i == 0 ? "\n" : ",\n";
+      appendRoute( text, route );
+      writer.lineDone();
+   }
+   text += "\n]}\n";
+   return writer.finish();
+}
+
+// --- Text.
+
+namespace {
+
+enum Column : size_t { label, state, l3Adj, l2Adj, action, out, nextHop, intf, vlan, mac, columns };
+
+constexpr std::array< std::string_view, columns > titles{
+   "LABEL", "STATE", "L3ADJ", "L2ADJ", "ACTION", "OUT", "NEXT-HOP", "INTERFACE", "VLAN", "MAC" };
+// What goes first when the terminal is narrow.
+constexpr std::array< Column, 5 > dispensable{ l3Adj, l2Adj, vlan, mac, action };
+constexpr size_t gap = 2;
+
+using Row = std::array< std::string, columns >;
+
+// Characters, not bytes. Those that would steer a terminal are not let through.
+size_t widthOf( std::string_view text ) {
+   return static_cast< size_t >( std::ranges::count_if(
+      text, []( char c ) { return ( static_cast< unsigned char >( c ) & 0xC0 ) != 0x80; } ) );
+}
+
+std::string harmless( std::string text ) {
+   for ( size_t at = 0; ( at = text.find( '\xC2', at ) ) != std::string::npos; ++at ) {
+      if ( at + 1 < text.size() && static_cast< unsigned char >( text[at + 1] ) < 0xA0 ) {
+         text.replace( at, 2, "?" ); // U+0080 to U+009F: control characters
+      }
+   }
+   return text;
+}
+
+std::string textOrDash( std::string text ) {
+   return text.empty() ? "-" : harmless( std::move( text ) );
+}
+
+std::string textOrDash( const std::optional< U64 >& number ) {
+   return number ? textOf( *number ) : "-";
+}
+
+std::string labelsText( const std::vector< U32 >& labels ) {
+   std::string text;
+   for ( const U32 one : labels ) {
+      text += joinText( text.empty() ? "" : "/", one );
+   }
+   return textOrDash( std::move( text ) );
+}
+
+void viaCells( const ResultVia& via, Row& row ) {
+   row[action] = textOf( via.action );
+   row[out] = labelsText( via.outLabels );
+   row[nextHop] =
+      textOrDash( via.into ? joinText( name( *via.into ), " ", via.name ) : via.nextHop.text() );
+   row[intf] = textOrDash( exitInterface( via ) );
+   if ( via.resolved() ) {
+      const ResultExit& exit = via.exits.front();
+      row[vlan] = exit.vlan == 0 ? "-" : textOf( exit.vlan );
+      row[mac] = exit.mac.text();
+      if ( via.exits.size() > 1 ) {
+         row[mac] += joinText( " and ", via.exits.size() - 1, " more" );
+      }
+   } else {
+      row[vlan] = "-";
+      row[mac] = "unresolved";
+   }
+}
+
+/// The rows of a route: its own columns stand in the first one only, backup vias come last.
+void routeRows( const ResultRoute& route, std::vector< Row >& rows ) {
+   const size_t primary = std::max< size_t >( route.vias.size(), 1 );
+   rows.assign( primary + route.backup.size(), Row() );
+   rows[0][label] = textOf( route.key );
+   rows[0][state] = name( route.state );
+   rows[0][l3Adj] = textOrDash( route.l3Adjacency );
+   rows[0][l2Adj] = textOrDash( route.l2Adjacency );
+   for ( size_t i = 0; i < route.vias.size(); ++i ) {
+      viaCells( route.vias[i], rows[i] );
+   }
+   for ( size_t i = 0; i < route.backup.size(); ++i ) {
+      rows[primary + i][state] = "  backup";
+      viaCells( route.backup[i], rows[primary + i] );
+   }
+}
+
+std::string_view colourOf( ProgramState of ) {
+   switch ( of ) {
+   case ProgramState::programmed:
+      return "\033[32m";
+   case ProgramState::partiallyProgrammed:
+      return "\033[33m";
+   case ProgramState::unprogrammed:
+      return "\033[31m";
+   case ProgramState::ignored:
+      break;
+   }
+   return "\033[2m";
+}
+
+class TextTable {
+ public:
+   TextTable( const ProgramResult& result, const TextStyle& style ) : style_( style ) {
+      for ( size_t column = 0; column < columns; ++column ) {
+         width_[column] = titles[column].size();
+      }
+      ResultRoute route;
+      for ( size_t i = 0; i < result.routes(); ++i ) {
+         result.read( i, route );
+         routeRows( route, rows_ );
+         for ( const Row& row : rows_ ) {
+            for ( size_t column = 0; column < columns; ++column ) {
+               width_[column] = std::max( width_[column], widthOf( row[column] ) );
+            }
+         }
+      }
+      shown_.fill( true );
+      for ( const Column column : dispensable ) {
+         if ( style.columns == 0 || total() <= style.columns ) {
+            break;
+         }
+         shown_[column] = false;
+      }
+   }
+
+   void appendTitles( std::string& text ) const {
+      Row row;
+      std::ranges::copy( titles, row.begin() );
+      appendRow( text, row, "" );
+   }
+
+   void append( std::string& text, const ResultRoute& route ) {
+      routeRows( route, rows_ );
+      for ( const Row& row : rows_ ) {
+         appendRow( text, row, style_.colour ? colourOf( route.state ) : "" );
+      }
+      if ( !route.reason.empty() ) {
+         text += std::string( width_[label] + gap, ' ' ) + harmless( route.reason ) + '\n';
+      }
+   }
+
+ private:
+   size_t total() const {
+      size_t sum = 0;
+      for ( size_t column = 0; column < columns; ++column ) {
+         sum += shown_[column] ? width_[column] + ( sum == 0 ? 0 : gap ) : 0;
+      }
+      return sum;
+   }
+
+   void appendRow( std::string& text, const Row& row, std::string_view colour ) const {
+      size_t blanks = 0;
+      for ( size_t column = 0; column < columns; ++column ) {
+         if ( !shown_[column] ) {
+            continue;
+         }
+         const bool coloured = column == state && !colour.empty() && !row[column].empty();
+         if ( !row[column].empty() ) {
+            text.append( blanks, ' ' );
+            blanks = 0;
+            text += coloured ? colour : "";
+            text += row[column];
+            text += coloured ? "\033[0m" : "";
+         }
+         blanks += width_[column] - widthOf( row[column] ) + gap;
+      }
+      text += '\n';
+   }
+
+   TextStyle style_;
+   std::array< size_t, columns > width_{};
+   std::array< bool, columns > shown_{};
+   std::vector< Row > rows_;
+};
+
+} // namespace
+
+TextStyle TextStyle::ofStandardOutput() {
+   TextStyle style;
+   if ( isatty( STDOUT_FILENO ) == 0 ) {
+      return style;
+   }
+   winsize size{};
+   if ( ioctl( STDOUT_FILENO, TIOCGWINSZ, &size ) == 0 ) { // NOLINT: the system's interface
+      style.columns = size.ws_col;
+   }
+   const char* const noColour = std::getenv( "NO_COLOR" ); // NOLINT: one thread
+   const char* const terminal = std::getenv( "TERM" );     // NOLINT: one thread
+   style.colour = ( noColour == nullptr || *noColour == '\0' ) && terminal != nullptr &&
+                  std::string_view( terminal ) != "dumb";
+   return style;
+}
+
+bool printText( std::ostream& out, const ProgramResult& result, const TextStyle& style,
+                bool startup ) {
+   TextOut writer( out );
+   std::string& text = writer.text();
+   if ( result.routes() != 0 ) {
+      TextTable table( result, style );
+      table.appendTitles( text );
+      ResultRoute route;
+      for ( size_t i = 0; i < result.routes() && out.good(); ++i ) {
+         result.read( i, route );
+         table.append( text, route );
+         writer.lineDone();
+      }
+      text += '\n';
+   }
+   const ResultSummary& sum = result.summary();
+   text += joinText(
+      counted( sum.routes, "route", "routes" ), ": ", sum.of( ProgramState::programmed ),
+      " programmed, ", sum.of( ProgramState::partiallyProgrammed ), " partially programmed, ",
+      sum.of( ProgramState::unprogrammed ), " unprogrammed, ", sum.of( ProgramState::ignored ),
+      " ignored; ", counted( sum.l3Adjacencies, "L3 adjacency", "L3 adjacencies" ), ", ",
+      counted( sum.l2Adjacencies, "L2 adjacency", "L2 adjacencies" ), "\n" );
+   if ( startup ) {
+      text += startupText( result.startup() );
+   }
+   return writer.finish();
+}
+
+} // namespace Vel::Agent

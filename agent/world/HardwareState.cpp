@@ -1,0 +1,291 @@
+#include "agent/world/HardwareState.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <nlohmann/json.hpp>
+
+namespace Vel::Agent {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::string_view versionField = "velmplsHardwareState";
+constexpr int knownVersion = 1;
+constexpr int deepestProtection = 8; // what hardware follows
+
+/// What is wrong with a file, for the one place that catches it.
+struct Unsound : std::runtime_error {
+   using std::runtime_error::runtime_error;
+};
+
+U64 natural( const json& number, U64 largest ) {
+   if ( !number.is_number_unsigned() || number.get< U64 >() > largest ) {
+      throw Unsound( number.dump() + " is no number from 0 to " + std::to_string( largest ) );
+   }
+   return number.get< U64 >();
+}
+constexpr U64 largestHwId = U64{ 1 } << 62;
+
+// --- Words.
+
+template< class E >
+json wordOf( E value ) {
+   return std::string( stringValue( value ) );
+}
+
+template< class E >
+E valueOf( const json& word ) {
+   const auto text = word.get< std::string >();
+   for ( const auto& [value, name] : EnumNames< E >::names ) {
+      if ( text == name ) {
+         return value;
+      }
+   }
+   throw Unsound( "\"" + text + "\" is not known" );
+}
+
+constexpr std::array< std::string_view, 3 > payloads{ "ipv4", "ipv6", "autodetect" };
+constexpr std::array< std::string_view, 2 > ttlModes{ "uniform", "pipe" };
+
+// Both are numbered from 1, 0 being undefined.
+template< size_t count >
+json optionalWord( const std::array< std::string_view, count >& words, size_t value ) {
+   return value == 0 ? json() : json( std::string( words.at( value - 1 ) ) );
+}
+template< class E, size_t count >
+E optionalValue( const std::array< std::string_view, count >& words, const json& word ) {
+   if ( word.is_null() ) {
+      return E{};
+   }
+   for ( size_t i = 0; i < count; ++i ) {
+      if ( word.get< std::string >() == words[i] ) {
+         return static_cast< E >( i + 1 );
+      }
+   }
+   throw Unsound( "\"" + word.get< std::string >() + "\" is not known" );
+}
+
+// --- Interfaces: an ordinary one by its name, another agent's by its kind and name.
+
+constexpr std::array< std::pair< ForeignFec::Kind, std::string_view >, 3 > foreignKinds{
+   { { ForeignFec::Kind::nextHopGroup, "nextHopGroup" },
+     { ForeignFec::Kind::tunnel, "tunnel" },
+     { ForeignFec::Kind::externalFec, "externalFec" } } };
+
+void writeIntf( json& via, IntfId intf, const Interfaces& interfaces ) {
+   if ( intf.empty() ) {
+      return;
+   }
+   const auto kind = Interfaces::foreignKind( intf );
+   std::string_view field = "interface";
+   for ( const auto& [foreign, name] : foreignKinds ) {
+      if ( kind == foreign ) {
+         field = name;
+      }
+   }
+   via[std::string( field )] = interfaces.name( intf );
+}
+
+IntfId readIntf( const json& via, Interfaces& interfaces ) {
+   for ( const auto& [kind, name] : foreignKinds ) {
+      if ( const auto at = via.find( name ); at != via.end() ) {
+         return interfaces.foreignIs( kind, at->get< std::string >() );
+      }
+   }
+   return interfaces.intfIs( via.value( "interface", std::string() ) );
+}
+
+// --- Vias.
+
+json viaToJson( const Fib::FecVia& via, const Interfaces& interfaces ) {
+   json out{ { "action", wordOf( via.labelAction ) } };
+   writeIntf( out, via.intf, interfaces );
+   if ( !via.nextHop.empty() ) {
+      out["nextHop"] = via.nextHop.text();
+   }
+   for ( size_t i = 0; i < via.labelStack.stackSize(); ++i ) {
+      out["outLabels"].push_back( via.labelStack.label( i ).value() );
+   }
+   if ( via.payloadType != Mpls::PayloadType::undefined ) {
+      out["payload"] = optionalWord( payloads, static_cast< size_t >( via.payloadType ) );
+   }
+   if ( via.ttlMode != Mpls::TtlMode::undefined ) {
+      out["ttlMode"] = optionalWord( ttlModes, static_cast< size_t >( via.ttlMode ) );
+   }
+   if ( via.drop ) {
+      out["drop"] = true;
+   }
+   return out;
+}
+
+Fib::FecVia viaFromJson( const json& in, Interfaces& interfaces ) {
+   Fib::FecVia via;
+   via.labelAction = valueOf< MplsLabelAction >( in.at( "action" ) );
+   via.intf = readIntf( in, interfaces );
+   if ( const auto at = in.find( "nextHop" ); at != in.end() ) {
+      const auto address = IpGenAddr::parse( at->get< std::string >() );
+      if ( !address ) {
+         throw Unsound( at->dump() + " is not an address" );
+      }
+      via.nextHop = *address;
+   }
+   for ( const json& label : in.value( "outLabels", json::array() ) ) {
+      if ( !via.labelStack.push( static_cast< U32 >( natural( label, MplsLabel::maxValue ) ) ) ) {
+         throw Unsound( "more outgoing labels than hardware takes" );
+      }
+   }
+   via.payloadType = optionalValue< Mpls::PayloadType >( payloads, in.value( "payload", json() ) );
+   via.ttlMode = optionalValue< Mpls::TtlMode >( ttlModes, in.value( "ttlMode", json() ) );
+   via.drop = in.value( "drop", false );
+   return via;
+}
+
+// --- Routes.
+
+json routeToJson( const Driver::HwState::Route& route ) {
+   json labels;
+   for ( size_t depth = 0; depth < Mpls::RouteKey::maxLabels && !route.key.label( depth ).null();
+         ++depth ) {
+      labels.push_back( route.key.label( depth ).value() );
+   }
+   json out{ { "vrf", route.vrfId },
+             { "stack", labels },
+             { "hwId", route.hwId },
+             { "action", wordOf( route.operation.action ) } };
+   out["payload"] = optionalWord( payloads, static_cast< size_t >( route.operation.payloadType ) );
+   out["ttlMode"] = optionalWord( ttlModes, static_cast< size_t >( route.operation.ttlMode ) );
+   return out;
+}
+
+Driver::HwState::Route routeFromJson( const json& in ) {
+   std::array< MplsLabel, Mpls::RouteKey::maxLabels > stack;
+   const json& labels = in.at( "stack" );
+   if ( labels.empty() || labels.size() > stack.size() ) {
+      throw Unsound( "a stack of " + std::to_string( labels.size() ) + " labels" );
+   }
+   for ( size_t i = 0; i < labels.size(); ++i ) {
+      stack[i] = MplsLabel( static_cast< U32 >( natural( labels[i], MplsLabel::maxValue ) ) );
+   }
+   return { static_cast< VrfId >( natural( in.at( "vrf" ), 0 ) ), // there is one
+            Mpls::RouteKey( stack[0], stack[1], stack[2] ),
+            natural( in.at( "hwId" ), largestHwId ),
+            { valueOf< MplsLabelAction >( in.at( "action" ) ),
+              optionalValue< Mpls::PayloadType >( payloads, in.at( "payload" ) ),
+              optionalValue< Mpls::TtlMode >( ttlModes, in.at( "ttlMode" ) ) } };
+}
+
+// --- The whole.
+
+Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
+   if ( in.at( versionField ) != json( knownVersion ) ) {
+      throw Unsound( "version " + in.at( versionField ).dump() +
+                     " is unknown; this program reads version 1" );
+   }
+   Driver::HwState state;
+   state.nextHwId = natural( in.at( "nextHwId" ), largestHwId );
+   for ( const json& vrf : in.at( "mplsRouting" ) ) {
+      state.mplsRouting.push_back( static_cast< VrfId >( natural( vrf, 0 ) ) );
+   }
+   Hash< U64, U64 > known; // FECs, and their backups
+   HashSet< Mpls::RouteKey > routes;
+   for ( const json& fec : in.at( "fecs" ) ) {
+      Driver::HwState::Fec& made = state.fecs.emplace_back();
+      made.hwId = natural( fec.at( "hwId" ), largestHwId );
+      made.backupHwId = natural( fec.value( "backupHwId", json( 0U ) ), largestHwId );
+      if ( made.hwId == 0 || made.hwId >= state.nextHwId ||
+           !known.emplace( made.hwId, made.backupHwId ).second ) {
+         throw Unsound( "the FEC " + std::to_string( made.hwId ) + " cannot be" );
+      }
+      for ( const json& via : fec.at( "vias" ) ) {
+         made.via.push_back( viaFromJson( via, interfaces ) );
+      }
+   }
+   for ( const Driver::HwState::Fec& fec : state.fecs ) {
+      // A FEC that was found by a restart may have a backup that has got one of its own meanwhile.
+      U64 backup = fec.backupHwId;
+      for ( int depth = 0; backup != 0; ++depth ) {
+         const U64* const next = known.find( backup );
+         if ( next == nullptr || depth == deepestProtection ) {
+            throw Unsound( "the FEC " + std::to_string( fec.hwId ) + " has the backup " +
+                           std::to_string( fec.backupHwId ) + ", which cannot be" );
+         }
+         backup = *next;
+      }
+   }
+   for ( const json& route : in.at( "routes" ) ) {
+      state.routes.push_back( routeFromJson( route ) );
+      if ( !routes.insert( state.routes.back().key ) ) {
+         throw Unsound( "two routes for one label" );
+      }
+      if ( !known.has( state.routes.back().hwId ) ) {
+         throw Unsound( "a route into the FEC " + std::to_string( state.routes.back().hwId ) +
+                        ", which is not there" );
+      }
+   }
+   return state;
+}
+
+} // namespace
+
+std::optional< Driver::HwState > loadHardwareState( const std::string& path, Interfaces& interfaces,
+                                                    std::string& fault ) {
+   std::ifstream in( path );
+   if ( !in ) {
+      if ( errno == ENOENT ) {
+         return Driver::HwState();
+      }
+      fault = path + ": cannot be opened";
+      return std::nullopt;
+   }
+   try {
+      return stateFromJson( json::parse( in ), interfaces );
+   } catch ( const json::exception& wrong ) {
+      fault = path + ": not a state of the hardware: " + wrong.what();
+   } catch ( const std::ios_base::failure& ) {
+      fault = path + ": cannot be read";
+   } catch ( const Unsound& wrong ) {
+      fault = path + ": not a state of the hardware: " + wrong.what();
+   }
+   return std::nullopt;
+}
+
+std::optional< std::string > saveHardwareState( const std::string& path,
+                                                const Driver::HwState& state,
+                                                const Interfaces& interfaces ) {
+   json out{ { std::string( versionField ), knownVersion },
+             { "nextHwId", state.nextHwId },
+             { "mplsRouting", state.mplsRouting },
+             { "fecs", json::array() },
+             { "routes", json::array() } };
+   for ( const Driver::HwState::Fec& fec : state.fecs ) {
+      json made{ { "hwId", fec.hwId }, { "vias", json::array() } };
+      if ( fec.backupHwId != 0 ) {
+         made["backupHwId"] = fec.backupHwId;
+      }
+      for ( const Fib::FecVia& via : fec.via ) {
+         made["vias"].push_back( viaToJson( via, interfaces ) );
+      }
+      out["fecs"].push_back( std::move( made ) );
+   }
+   for ( const Driver::HwState::Route& route : state.routes ) {
+      out["routes"].push_back( routeToJson( route ) );
+   }
+   std::error_code unknown; // a link goes on naming the file that it names
+   const std::filesystem::path found = std::filesystem::weakly_canonical( path, unknown );
+   const std::string target = unknown ? path : found.string();
+   const std::string beside = target + ".new";
+   std::ofstream file( beside );
+   file << out.dump() << '\n';
+   file.close();
+   if ( !file.good() || std::rename( beside.c_str(), target.c_str() ) != 0 ) {
+      return path + ": the state of the hardware could not be written";
+   }
+   return std::nullopt;
+}
+
+} // namespace Vel::Agent

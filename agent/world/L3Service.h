@@ -1,0 +1,79 @@
+// L3Service: answers the library's questions about next hops from a table of neighbours.
+//
+// The library asks in two ways. A next hop with an interface is an entry of the proactive ARP
+// watcher; the answer is the neighbour of that address on that interface. A next hop without one is
+// a watched address of the route resolver; the answer is the neighbours of that address on whatever
+// interface, as attached hosts (/32 or /128). What nobody asks for is not answered, and an answer
+// goes with its question. Hardware with FECs resolves by itself: it asks `info`, and is told of
+// every change by `onChange`. A neighbour that changes changes the answers that it is part of, at
+// once.
+//
+// Cost: a look-up for each question; for a changed neighbour one, or as many as the address has
+// interfaces while it is watched.
+
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "agent/import/NeighborTable.h"
+#include "agent/world/Interfaces.h"
+#include "platform/seams/L3Status.h"
+
+namespace Vel::Agent {
+
+/// What the service answers from.
+struct KnownNeighbor {
+   NextHopInfo info;
+   std::string state; ///< as the neighbour table words it, such as "REACHABLE"
+
+   friend bool operator==( const KnownNeighbor&, const KnownNeighbor& ) = default;
+};
+
+class L3Service {
+ public:
+   L3Service( Interfaces& interfaces, Ptr< VelL3Status > status,
+              const Ptr< ProactiveArpNexthopSm >& arp, const Ptr< RouteReactorConfig >& watched,
+              const Ptr< Route6ReactorConfig >& watched6 );
+   L3Service( const L3Service& ) = delete;
+   L3Service& operator=( const L3Service& ) = delete;
+   ~L3Service();
+
+   /// Adds the neighbour, or replaces the one of that address on that interface.
+   void neighborIs( const Neighbor& neighbor );
+   void neighborIs( const NextHopKey& key, const KnownNeighbor& neighbor );
+   /// False when there was none.
+   bool neighborDel( const NextHopKey& key );
+   /// The neighbour, or null.
+   const KnownNeighbor* neighbor( const NextHopKey& key ) const;
+   size_t neighbors() const { return neighbors_; }
+   /// The same as hardware sees it; not resolved when there is no such neighbour.
+   NextHopInfo info( const NextHopKey& key ) const;
+   /// Called after every change of a neighbour.
+   void onChangeIs( std::function< void() > onChange ) { onChange_ = std::move( onChange ); }
+
+ private:
+   class ArpReactor;
+   class WatchReactor;
+   class Watch6Reactor;
+   using ByInterface = std::map< IntfId, KnownNeighbor >;
+
+   void answer( const NextHopKey& key );
+   void answer( const VrfAndIpAddr& watched );
+   void answer6( const VrfAndIpGenAddr& watched );
+   void neighborChanged( const NextHopKey& key );
+   ResolvedAddr resolved( const IpGenAddr& address, uint8_t prefixLength ) const;
+
+   Interfaces& interfaces_;
+   Ptr< VelL3Status > status_;
+   Hash< IpGenAddr, ByInterface > neighbor_;
+   size_t neighbors_ = 0;
+   std::function< void() > onChange_;
+   std::unique_ptr< ArpReactor > arpReactor_;
+   std::unique_ptr< WatchReactor > watchReactor_;
+   std::unique_ptr< Watch6Reactor > watch6Reactor_;
+};
+
+} // namespace Vel::Agent

@@ -1,0 +1,82 @@
+// LfibPublisher: writes label tables into an LFIB region, one complete state after the other.
+//
+// The region is memory of its own, large enough for all tables of the plan. Of a table only the
+// difference to the one before it is written: vias and via sets that are new, then routes that are
+// new or have another via set; then routes that are gone, then the via sets and vias that no route
+// uses any more. A backup comes before what it protects and goes after it. So nothing ever names
+// what is not there, and a route whose vias did not change is not touched.
+//
+// Cost: about 60 ns for a route that changes; 3 microseconds, most of them for touching fresh
+// memory, when it brings a via set of its own.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "agent/world/LfibPlan.h"
+#include "platform/lfib/LfibRegion.h"
+
+namespace Vel::Agent {
+
+/// What one table changed in the LFIB.
+struct PublishedChanges {
+   size_t routesWritten = 0; ///< new ones, and those with other vias
+   size_t routesRemoved = 0;
+   size_t viaSetsWritten = 0;
+   size_t viaSetsRemoved = 0;
+   size_t viasWritten = 0;
+   size_t viasRemoved = 0;
+};
+
+class LfibPublisher {
+ public:
+   /// Called after every few thousand writes, so that readers keep up with the ring of changes.
+   using Pump = std::function< void() >;
+
+   /// Lays a region out for what the plan holds now. The plan must outlive the publisher.
+   explicit LfibPublisher( const LfibPlan& plan );
+
+   std::span< const std::byte > region() const { return region_; }
+   /// The number of the table that is published, once there is one.
+   std::optional< size_t > table() const { return table_; }
+
+   /// Publishes a table of the plan in place of the one that is there. The region is ready after
+   /// the first. A sentence when the region has no room for it: the LFIB then stays between the two
+   /// tables, and takes no other.
+   [[nodiscard]] std::optional< std::string > publish( size_t table, const Pump& pump = {} );
+   /// What the last table changed.
+   const PublishedChanges& changes() const { return changes_; }
+
+ private:
+   struct Free {
+      void operator()( void* memory ) const { std::free( memory ); } // NOLINT: from calloc
+   };
+
+   bool acquireViaSet( U32 number );
+   void releaseViaSet( U32 number );
+   bool written( Mpls::LfibWrite result, size_t& counter );
+   U32& users( std::vector< U32 >& counts, U32 number ) const;
+
+   const LfibPlan& plan_;
+   std::unique_ptr< void, Free > memory_;
+   std::span< std::byte > region_;
+   std::unique_ptr< Mpls::LfibWriter > writer_;
+   std::optional< size_t > table_;
+   std::vector< U32 > viaSetUsers_; // routes and protected via sets, by via set number
+   std::vector< U32 > extFecUsers_; // routes, by number of the external FEC
+   std::vector< U32 > viaUsers_;    // via sets in the region, by via number
+   PublishedChanges changes_;
+   std::string fault_; // of the table that did not fit
+   Pump pump_;
+   size_t sincePump_ = 0;
+   size_t pumpEvery_ = 0;
+};
+
+} // namespace Vel::Agent

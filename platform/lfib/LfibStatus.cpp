@@ -1,0 +1,286 @@
+#include "platform/lfib/LfibStatus.h"
+
+#include <limits>
+
+namespace Mpls {
+
+LfibStatus::LfibStatus( std::string name, std::span< const std::byte > region )
+   : statusName_( std::move( name ) ), region_( region ) {
+   reader_.corruptionHookIs( [this]( const LfibCorruption& corruption ) {
+      corruptionsInc();
+      if ( hook_ ) {
+         hook_( corruption );
+      }
+   } );
+   reader_.attach( region_ );
+}
+
+bool LfibStatus::pollPending() const {
+   return attached() && ( !started_ || stage_ != Stage::done || reader_.stale() || ringLag() != 0 );
+}
+
+U64 LfibStatus::announced() const {
+   return attached() && !reader_.stale() ? reader_.ring().head() + 1 : 0;
+}
+
+U64 LfibStatus::ringLag() const {
+   return attached() && started_ ? reader_.ring().head() - position_ : 0;
+}
+
+size_t LfibStatus::poll( size_t limit ) {
+   VEL_ASSERT_TEXT( !polling_, "!polling", "a handler polls", "LfibStatus", statusName_ );
+   const Vel::Ptr< LfibStatus > keep( this ); // a handler may release the last reference
+   if ( reader_.stale() ) {
+      started_ = false;
+      if ( !reader_.attach( region_ ) ) {
+         return 0; // what has been announced stands until there is something to compare it with
+      }
+   }
+   if ( !started_ ) {
+      resyncStart();
+   }
+   polling_ = true;
+   constexpr size_t most = std::numeric_limits< size_t >::max();
+   size_t budget = limit > most / 32 ? most : 16 * limit + 4096;
+   size_t announced = 0;
+   while ( announced < limit ) {
+      if ( stage_ != Stage::done ) {
+         if ( resyncStep( budget ) ) {
+            ++announced;
+         } else if ( stage_ != Stage::done ) {
+            break; // the budget is used up
+         }
+         continue;
+      }
+      if ( batchAt_ == batchEnd_ && !fillBatch() ) {
+         break;
+      }
+      if ( batchAt_ != batchEnd_ ) {
+         ++position_;
+         announce( batch_[batchAt_++] );
+         ++announced;
+      }
+   }
+   polling_ = false;
+   return announced;
+}
+
+// False when there is nothing to announce. Changes that are lost start a resynchronisation.
+bool LfibStatus::fillBatch() {
+   batchAt_ = batchEnd_ = 0;
+   const LfibRingRead read = reader_.ring().read( position_, batch_, batchEnd_ );
+   if ( read != LfibRingRead::good ) {
+      if ( read == LfibRingRead::rotten ) {
+         reader_.reportRing( position_ );
+      }
+      resyncStart();
+      return true;
+   }
+   for ( size_t i = 0; i < batchEnd_; ++i ) {
+      if ( batch_[i].kind == LfibChange::Kind::route ) {
+         reader_.prefetch( RouteKey::fromWord( batch_[i].keyWord ) );
+      }
+   }
+   return batchEnd_ != 0;
+}
+
+// --- Announcing
+
+// A handler that is told of a removal may find the key in the region again already. Then its
+// look-up enters the key again, and if the ring loses what comes next, the key is not forgotten.
+void LfibStatus::announceRoute( RouteKey key, bool present ) {
+   present ? routes_.insert( key ) : routes_.erase( key );
+   notify< Reactor >( [&]( Reactor& reactor ) { reactor.onLfibRoute( key ); } );
+}
+
+void LfibStatus::announceViaSet( LfibViaSetKey key, bool present ) {
+   present ? viaSets_.insert( key ) : viaSets_.erase( key );
+   notify< Reactor >( [&]( Reactor& reactor ) { reactor.onLfibViaSet( key ); } );
+}
+
+void LfibStatus::announceVia( LfibViaKey key, bool present ) {
+   present ? vias_.insert( key ) : vias_.erase( key );
+   notify< Reactor >( [&]( Reactor& reactor ) { reactor.onLfibVia( key ); } );
+}
+
+void LfibStatus::announceDot1q( LfibDot1qTagToVlanKey key, uint16_t tag, bool present ) {
+   if ( tag == lfibDot1qMap ) {
+      if ( present ) {
+         dot1qTagToVlanCollIs( key );
+      } else {
+         dot1qTagToVlanCollDel( key );
+      }
+   } else if ( !present ) {
+      if ( LfibDot1qTagToVlan* const map = dot1qTagToVlanColl( key ) ) {
+         map->dot1qTagToVlanIdDel( tag );
+      }
+   } else if ( const auto vlan = reader_.dot1qTagToVlan( key, tag ) ) {
+      dot1qTagToVlanCollIs( key )->dot1qTagToVlanIdIs( tag, *vlan );
+   }
+}
+
+void LfibStatus::announce( const LfibChange& change ) {
+   switch ( change.kind ) {
+   case LfibChange::Kind::route:
+      return announceRoute( RouteKey::fromWord( change.keyWord ), !change.removed );
+   case LfibChange::Kind::viaSet:
+      return announceViaSet( LfibViaSetKey::fromWord( change.keyWord ), !change.removed );
+   case LfibChange::Kind::via:
+      return announceVia( LfibViaKey::fromWord( change.keyWord ), !change.removed );
+   case LfibChange::Kind::dot1q:
+      return announceDot1q( LfibDot1qTagToVlanKey( change.keyWord ), change.tag, !change.removed );
+   case LfibChange::Kind::ready:
+      return readyIs( !change.removed );
+   }
+}
+
+// --- Resynchronisation
+
+void LfibStatus::resyncStart() {
+   started_ = true;
+   resyncsInc();
+   // In this order: a flag that is set later has an entry behind the position, and is announced
+   // when it comes.
+   resyncReady_ = reader_.ready();
+   position_ = reader_.ring().head();
+   batchAt_ = batchEnd_ = 0;
+   stageIs( Stage::goneRoutes );
+}
+
+void LfibStatus::stageIs( Stage stage ) {
+   stage_ = stage;
+   routePass_.reset();
+   viaSetPass_.reset();
+   viaPass_.reset();
+   slot_ = 0;
+   switch ( stage ) {
+   case Stage::goneRoutes:
+      routePass_.emplace( routes_, false );
+      break;
+   case Stage::goneViaSets:
+      viaSetPass_.emplace( viaSets_ );
+      break;
+   case Stage::goneVias:
+      viaPass_.emplace( vias_ );
+      break;
+   case Stage::dot1q:
+      table_ = LfibTable::dot1q;
+      break;
+   case Stage::vias:
+      table_ = LfibTable::mplsVia;
+      break;
+   case Stage::viaSets:
+      table_ = LfibTable::viaSet;
+      break;
+   case Stage::routes:
+      table_ = LfibTable::route;
+      break;
+   case Stage::goneDot1q:
+   case Stage::done:
+      break;
+   }
+}
+
+// Announces one key, or stops with the budget used up or with nothing left to do.
+bool LfibStatus::resyncStep( size_t& budget ) {
+   while ( stage_ != Stage::done ) {
+      if ( stageStep( budget ) ) {
+         return true;
+      }
+      if ( budget == 0 ) {
+         return false;
+      }
+      stageIs( static_cast< Stage >( static_cast< uint8_t >( stage_ ) + 1 ) );
+   }
+   readyIs( resyncReady_ );
+   return false;
+}
+
+bool LfibStatus::stageStep( size_t& budget ) {
+   switch ( stage_ ) {
+   case Stage::goneRoutes:
+      return sweep( *routePass_, budget, [this]( RouteKey key ) {
+         return !reader_.routeHas( key ) && ( announceRoute( key, false ), true );
+      } );
+   case Stage::goneViaSets:
+      return sweep( *viaSetPass_, budget, [this]( LfibViaSetKey key ) {
+         return !reader_.viaSetHas( key ) && ( announceViaSet( key, false ), true );
+      } );
+   case Stage::goneVias:
+      return sweep( *viaPass_, budget, [this]( LfibViaKey key ) {
+         return !reader_.viaHas( key ) && ( announceVia( key, false ), true );
+      } );
+   case Stage::goneDot1q:
+      sweepDot1q();
+      return false;
+   case Stage::dot1q:
+      return walk( LfibTable::dot1q, budget, [this]( const LfibReader::SliceKey& key ) {
+         announceDot1q( LfibDot1qTagToVlanKey( key.word ), key.tag, true );
+      } );
+   case Stage::vias:
+      return walk( LfibTable::evpnVlanAwareFloodVia, budget,
+                   [this]( const LfibReader::SliceKey& key ) {
+                      announceVia( LfibViaKey::fromWord( key.word ), true );
+                   } );
+   case Stage::viaSets:
+      return walk( LfibTable::viaSet, budget, [this]( const LfibReader::SliceKey& key ) {
+         announceViaSet( LfibViaSetKey::fromWord( key.word ), true );
+      } );
+   case Stage::routes:
+      return walk( LfibTable::deepRoute, budget, [this]( const LfibReader::SliceKey& key ) {
+         announceRoute( RouteKey::fromWord( key.word ), true );
+      } );
+   case Stage::done:
+      break;
+   }
+   return false;
+}
+
+// Goes on over what has been announced until one key is gone.
+template< class Pass, class F >
+bool LfibStatus::sweep( Pass& pass, size_t& budget, const F& gone ) {
+   for ( ; budget != 0; --budget ) {
+      if ( !pass.next() ) {
+         return false;
+      }
+      if ( gone( pass.key() ) ) {
+         return true;
+      }
+   }
+   return false;
+}
+
+// Goes on over the tables from `table_` to `last` until there is a key.
+template< class F >
+bool LfibStatus::walk( LfibTable last, size_t& budget, const F& found ) {
+   for ( ;; ) {
+      LfibReader::SliceKey key;
+      if ( reader_.sliceNext( table_, slot_, budget, key ) ) {
+         found( key );
+         return true;
+      }
+      if ( budget == 0 || table_ == last ) {
+         return false;
+      }
+      table_ = static_cast< LfibTable >( static_cast< uint8_t >( table_ ) + 1 );
+      slot_ = 0;
+   }
+}
+
+// Maps are few: not cut into slices.
+void LfibStatus::sweepDot1q() {
+   for ( const auto& [key, map] : dot1qTagToVlanColl() ) {
+      if ( !reader_.dot1qTagToVlanCollHas( key ) ) {
+         dot1qTagToVlanCollDel( key );
+         continue;
+      }
+      const Vel::Ptr< LfibDot1qTagToVlan > kept = map;
+      for ( const auto& [tag, vlan] : kept->dot1qTagToVlanId() ) {
+         if ( !reader_.dot1qTagToVlan( key, tag ) ) {
+            kept->dot1qTagToVlanIdDel( tag );
+         }
+      }
+   }
+}
+
+} // namespace Mpls

@@ -1,0 +1,59 @@
+#include "platform/lfib/LfibTable.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace Mpls {
+
+bool LfibTableView::retry( U32 attempt ) {
+   if ( attempt < quickRetries ) {
+      return true;
+   }
+   if ( attempt < quickRetries + yieldingRetries ) {
+      std::this_thread::yield(); // the writer may be waiting for this processor
+      return true;
+   }
+   return false;
+}
+
+U64 LfibRing::entryHead( U64 position, U64 low, U64 keyWord ) {
+   const std::array< U64, 2 > words{ low, keyWord };
+   return low | U64{ lfibCheck( position, words.data(), 2 ) } << 32;
+}
+
+void LfibRing::add( U64* region, U64 position, const LfibChange& change ) const {
+   U64* const entry = region + offset_ + 2 * ( position & mask_ );
+   const U64 low = static_cast< U64 >( change.kind ) | ( change.removed ? removedBit : 0 ) |
+                   U64{ change.tag } << 8;
+   lfibStore( entry, entryHead( position, low, change.keyWord ) );
+   lfibStore( entry + 1, change.keyWord );
+   lfibStore( region + LfibHeader::ringHead, position + 1 );
+}
+
+LfibRingRead LfibRing::read( U64 position, std::span< LfibChange > changes, size_t& count ) const {
+   // The writer may be writing the entry at its head, which is also the one a whole ring before: a
+   // reader may be at most one entry less than a ring behind, before and after reading.
+   const U64 available = head() - position;
+   count = 0;
+   if ( available > mask_ ) {
+      return LfibRingRead::overrun;
+   }
+   const size_t wanted = std::min< size_t >( available, changes.size() );
+   bool whole = true;
+   for ( size_t i = 0; i < wanted; ++i ) {
+      const U64* const entry = region_ + offset_ + 2 * ( ( position + i ) & mask_ );
+      const U64 entryHeadWord = lfibLoad( entry );
+      const U64 keyWord = lfibLoad( entry + 1 );
+      const U64 low = entryHeadWord & 0xFFFF'FFFF;
+      whole = whole && entryHead( position + i, low, keyWord ) == entryHeadWord;
+      changes[i] = { static_cast< LfibChange::Kind >( low & ( removedBit - 1 ) ),
+                     ( low & removedBit ) != 0, static_cast< uint16_t >( low >> 8 ), keyWord };
+   }
+   if ( head() - position > mask_ ) {
+      return LfibRingRead::overrun;
+   }
+   count = whole ? wanted : 0;
+   return whole ? LfibRingRead::good : LfibRingRead::rotten;
+}
+
+} // namespace Mpls

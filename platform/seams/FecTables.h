@@ -1,0 +1,164 @@
+// FECs and the tables that request and answer hardware FEC ids.
+
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "platform/entity/Entity.h"
+#include "platform/seams/L3Status.h"
+#include "platform/values/LfibTypes.h"
+
+namespace Fib {
+
+/// One way out of a FEC. An interface that stands for another FEC makes it hierarchical.
+struct FecVia {
+   Vel::IpGenAddr nextHop;
+   IntfId intf;
+   Vel::MplsLabelAction labelAction = Vel::MplsLabelAction::none;
+   Mpls::LabelStack labelStack;
+   Mpls::PayloadType payloadType = Mpls::PayloadType::undefined; ///< with a pop
+   Mpls::TtlMode ttlMode = Mpls::TtlMode::undefined;             ///< with a pop
+   bool drop = false;                                            ///< frames end here
+   friend bool operator==( const FecVia&, const FecVia& ) = default;
+};
+VEL_EXPORT void appendText( std::string& out, const FecVia& via );
+
+/// Index of a via in a FEC.
+class ViaIndex {
+ public:
+   static constexpr U32 min = 0;
+   static constexpr U32 max = 127;
+
+   explicit ViaIndex( U32 value ) : value_( value ) {
+      if ( value > max ) {
+         throw std::range_error( "ViaIndex::value < ViaIndex::min or > ViaIndex::max not allowed" );
+      }
+   }
+   U32 value() const { return value_; }
+
+ private:
+   U32 value_;
+};
+
+/// A FEC: its vias in via-index order, and the FEC that protects it, if any. Empty without vias.
+///
+/// A protected FEC's last via leads into its backup; frames take it while the others are down or
+/// drop.
+struct Fec {
+   FecId fecId;
+   std::vector< FecVia > via;
+   FecId backupFecId;
+   /// Appends a via. A 129th raises the range error of `ViaIndex`.
+   void viaAdd( const FecVia& added ) {
+      [[maybe_unused]] const ViaIndex index( static_cast< U32 >( via.size() ) );
+      via.push_back( added );
+   }
+   bool empty() const { return via.empty(); }
+   friend bool operator==( const Fec&, const Fec& ) = default;
+};
+VEL_EXPORT void appendText( std::string& out, const Fec& fec );
+
+} // namespace Fib
+
+namespace Fib6 {
+
+/// The IPv6 form has the same fields and a table of its own.
+struct Fec : Fib::Fec {
+   friend bool operator==( const Fec&, const Fec& ) = default;
+};
+
+} // namespace Fib6
+
+namespace Vel {
+
+/// Identifies an adjacency across a restart. Opaque; 0 is none.
+using AdjSyncId = U64;
+
+/// Asks for a hardware FEC id, and for what `fec` or `fec6` holds when it is written.
+struct HwFecIdRequest {
+   Fib::FecId fecId;
+   L3::VrfName vrfName;
+   U64 version = 0; ///< of the content: it grows with every change, also over lives of the id
+   friend bool operator==( const HwFecIdRequest&, const HwFecIdRequest& ) = default;
+};
+inline void appendText( std::string& out, const HwFecIdRequest& request ) {
+   out += joinText( request.fecId, " ", request.vrfName, " version ", request.version );
+}
+
+/// A hardware FEC id as granted, and what stands behind it.
+struct HwFecId {
+   U64 hwId = 0;    ///< 0: none
+   U64 version = 0; ///< of the request that has been carried out
+   /// What the FEC was before a restart and still is, with the routes of that time; 0: nothing.
+   AdjSyncId syncId = 0;
+   friend bool operator==( const HwFecId&, const HwFecId& ) = default;
+};
+inline void appendText( std::string& out, const HwFecId& id ) {
+   out += joinText( id.hwId, " version ", id.version );
+}
+
+/// An entry of the map from FEC to the adjacency sync id of the process before.
+struct AdjSyncIdEntry {
+   Fib::FecId fecId;
+   AdjSyncId syncId = 0;
+   friend bool operator==( const AdjSyncIdEntry&, const AdjSyncIdEntry& ) = default;
+};
+inline void appendText( std::string& out, const AdjSyncIdEntry& entry ) {
+   appendText( out, entry.syncId );
+}
+
+/// Requests to the hardware layer. Written by the label state machines.
+class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< FecIdToHwFecIdRequest > {
+    public:
+      virtual void onHwFecIdRequest( Fib::FecId ) {}
+      virtual void onMayReplace( AdjSyncId ) {}
+      virtual void onMayTakeOver( Fib::FecId ) {}
+      virtual void onSyncRequestsReady() {}
+   };
+
+   // clang-format off
+   ENTITY( FecIdToHwFecIdRequest )
+   KEY( std::string, requestName )
+   VALUES( Hash, Fib::FecId, Fib::Fec, fecId, fec ) // a change of the request follows each of these
+   VALUES( Hash, Fib::FecId, Fib6::Fec, fecId, fec6 )
+   VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
+   VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
+   COLLECTION( Hash, AdjSyncId, Fib::FecId, mayReplace, onMayReplace ) // all that still forwards there waits for this one; for several: none
+   COLLECTION( Hash, Fib::FecId, Fib::FecId, mayTakeOver, onMayTakeOver ) // the place of this requested one, whose routes all wait for the key's
+   ATTRIBUTE( bool, startsAfresh ) // nothing of the process before is wanted; set before syncRequestsReady
+   ATTRIBUTE( bool, syncRequestsReady, onSyncRequestsReady )
+   ENTITY_END_IN_SOURCE
+   // clang-format on
+
+ public:
+   explicit FecIdToHwFecIdRequest( std::string name ) : requestName_( std::move( name ) ) {}
+};
+
+/// Answers of the hardware layer.
+class VEL_EXPORT FecIdToHwFecIdResponse : public WatchedEntity {
+ public:
+   class Reactor : public ReactorOf< FecIdToHwFecIdResponse > {
+    public:
+      virtual void onHwFecId( Fib::FecId ) {}
+      virtual void onL2IntfId( Fib::FecId ) {}
+      virtual void onHwFecIdControl() {}
+   };
+
+   // clang-format off
+   ENTITY( FecIdToHwFecIdResponse )
+   KEY( std::string, responseName )
+   COLLECTION( Hash, Fib::FecId, HwFecId, hwFecId, onHwFecId )
+   COLLECTION( Hash, Fib::FecId, IntfId, l2IntfId, onL2IntfId )
+   ATTRIBUTE( bool, hwFecIdControl, onHwFecIdControl )
+   ENTITY_END_IN_SOURCE
+   // clang-format on
+
+ public:
+   explicit FecIdToHwFecIdResponse( std::string name ) : responseName_( std::move( name ) ) {}
+};
+
+} // namespace Vel
