@@ -609,6 +609,7 @@ void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
       for ( const Mpls::RouteKey routeKey : info->dependentRouteKey() ) {
          MPLS_TRACE( 7, "add route ", routeKey, " for review" );
          vrfState->routeKeyForReviewIs( routeKey );
+         vrfState->route( routeKey )->unconfirmedWritesInc(); // it was in what the id was before
       }
       publishRoutesProtectedBy( *vrfState, *info );
       queueWaitingForFec( *vrfState, *info );

@@ -338,7 +338,10 @@ void Watch::checkLabelAtRest( U32 index ) {
    if ( decided && !expected.empty() && !lit ) {
       throw Failure{ "exact", joinText( "frames are dropped; ", describe( index ) ) };
    }
-   label.firm = decided && !expected.empty();
+   // Hardware that has to write L2 adjacencies anew may find no room for the next change.
+   const bool spare = world_.inputs().clean() || ( world_.inputs().settings.fecs != 0 &&
+                                                   world_.inputs().settings.inPlace != 0 );
+   label.firm = decided && !expected.empty() && spare;
    label.joined = false;
    if ( decided ) {
       label.meant = { label.intent.exits };
