@@ -56,6 +56,7 @@ class FaultPlan {
    using FindIntf = std::function< IntfId( std::string_view name ) >;
 
    bool empty() const { return faults_.empty(); }
+   const std::vector< Fault >& faults() const { return faults_; }
    void add( const Fault& fault ) { faults_.push_back( fault ); }
    void clear() { faults_.clear(); }
    /// Adds the clauses of the text, separated by ";" or line ends. A sentence when one of them is

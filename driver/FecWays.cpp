@@ -1,6 +1,7 @@
 // FecUnit: the way that a frame takes through FECs and tunnels, and whether there is one.
 
 #include "driver/FecUnit.h"
+#include "driver/FlowOrder.h"
 #include "driver/SwitchStatus.h"
 
 namespace Vel::Driver {
@@ -33,6 +34,7 @@ struct FecUnit::Way {
    U32 depth = 0;
    Search* search = nullptr;
    U32 popped = 0;
+   bool laysBare = false;       // with what came off for good: what lies below is the top then
    std::vector< U32 > pushed{}; // top first
    Mpls::PayloadType payloadType = Mpls::PayloadType::undefined;
    Mpls::TtlMode ttlMode = Mpls::TtlMode::undefined;
@@ -43,10 +45,13 @@ struct FecUnit::Way {
       if ( via.labelAction == MplsLabelAction::pop || via.labelAction == MplsLabelAction::swap ) {
          if ( pushed.empty() ) {
             ++popped;
-            payloadType = via.payloadType;
-            ttlMode = via.ttlMode;
          } else {
             pushed.erase( pushed.begin() );
+         }
+         if ( pushed.empty() && popped != 0 && !laysBare ) {
+            laysBare = via.labelAction == MplsLabelAction::pop;
+            payloadType = via.payloadType;
+            ttlMode = via.ttlMode;
          }
       }
       for ( size_t i = via.labelStack.stackSize(); i > 0; --i ) {
@@ -94,10 +99,11 @@ bool FecUnit::wayOut( const HwRoute& route, U64 flowHash, L2Via& out, std::strin
          return false;
       }
    }
+   // What is laid bare gets its TTL also where labels go on above it.
    out.labelAction = way.popped == 0
                         ? way.pushed.empty() ? MplsLabelAction::none : MplsLabelAction::push
-                     : way.pushed.empty() ? MplsLabelAction::pop
-                                          : MplsLabelAction::swap;
+                     : way.laysBare || way.pushed.empty() ? MplsLabelAction::pop
+                                                          : MplsLabelAction::swap;
    return true;
 }
 
@@ -174,11 +180,10 @@ bool FecUnit::followTunnel( IntfId intf, Way& way, std::string& why ) const {
 // One of the usable vias, picked by the flow.
 bool FecUnit::follow( const std::vector< FecVia >& vias, Way& way, std::string& why ) const {
    const Way before = way;
+   FlowOrder order( before.hash, before.depth, vias.size() );
    for ( size_t tried = 0; tried < vias.size(); ++tried ) {
-      // From the via that the flow would take if all were usable.
-      const FecVia& via = vias[( before.hash + tried ) % vias.size()];
       way = before;
-      if ( follow( via, way, why ) ) {
+      if ( follow( vias[order.next()], way, why ) ) {
          return true;
       }
    }

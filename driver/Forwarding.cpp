@@ -4,6 +4,8 @@
 #include <optional>
 #include <utility>
 
+#include "driver/FlowOrder.h"
+
 namespace Vel::Driver {
 
 namespace {
@@ -138,11 +140,11 @@ const L2Via* Passage::lookup() {
    return nullptr;
 }
 
-// From the via that the flow takes when all links are up.
 const L2Via* Passage::viaOf( const HwAdjacency& adjacency ) {
    const std::vector< L2Via >& vias = adjacency.l2Via();
-   for ( size_t i = 0; i < vias.size(); ++i ) {
-      const L2Via& via = vias[( hash_ + i ) % vias.size()];
+   FlowOrder order( hash_, 0, vias.size() );
+   for ( size_t tried = 0; tried < vias.size(); ++tried ) {
+      const L2Via& via = vias[order.next()];
       if ( links_.allUp() || links_.up( via.intf ) ) {
          return &via;
       }
@@ -199,7 +201,8 @@ bool Passage::labelsFit( const L2Via& via ) {
       return dropBadVia( "has no label operation" );
    }
    const size_t labels = via.labelStack.stackSize();
-   if ( via.labelAction == MplsLabelAction::pop ? labels != 0 : labels == 0 ) {
+   const bool ofFec = &via == &wayOut_; // which may pop and lead into what pushes
+   if ( via.labelAction == MplsLabelAction::pop ? labels != 0 && !ofFec : labels == 0 ) {
       return dropBadVia( labels == 0 ? "has no outgoing label" : "pops and has outgoing labels" );
    }
    for ( size_t i = 0; i < labels; ++i ) {
@@ -218,6 +221,12 @@ bool Passage::exposePayload( const L2Via& via, uint8_t ttl, uint16_t& etherType 
    const AddressFamily wanted = via.payloadType == PayloadType::ipv4   ? ipv4()
                                 : via.payloadType == PayloadType::ipv6 ? ipv6()
                                                                        : family;
+   const bool coveredAgain = via.labelStack.stackSize() != 0; // by what a way through FECs pushes
+   const bool declared =
+      via.payloadType == PayloadType::ipv4 || via.payloadType == PayloadType::ipv6;
+   if ( coveredAgain && ( via.ttlMode == TtlMode::pipe || ( !declared && !ipTtl( payload ) ) ) ) {
+      return true; // nothing is written into it
+   }
    if ( family == AddressFamily::unspecified || family != wanted || !ipTtl( payload ) ) {
       const std::string_view expected = wanted == AddressFamily::unspecified
                                            ? std::string_view( "IPv4 or IPv6" )
@@ -226,7 +235,9 @@ bool Passage::exposePayload( const L2Via& via, uint8_t ttl, uint16_t& etherType 
                                                          " is no whole ", expected, " packet" ) );
    }
    exposedTtlIs( via.ttlMode, ttl );
-   etherType = family == ipv4() ? etherTypeIpv4 : etherTypeIpv6;
+   if ( !coveredAgain ) {
+      etherType = family == ipv4() ? etherTypeIpv4 : etherTypeIpv6;
+   }
    return true;
 }
 
@@ -263,8 +274,8 @@ bool Passage::leave( const L2Via& via ) {
    ethernetAppend( out.bytes, ethernet );
    const size_t labels = via.labelStack.stackSize();
    for ( size_t i = 0; i < labels; ++i ) {
-      // Only what a swap puts on can be the last label: a push leaves one below.
-      const bool last = i + 1 == labels && bottom && via.labelAction == MplsLabelAction::swap;
+      // A push leaves a label below.
+      const bool last = i + 1 == labels && bottom && via.labelAction != MplsLabelAction::push;
       labelEntryAppend( out.bytes,
                         { via.labelStack.label( i ).value(), top_.trafficClass, last, ttl } );
    }

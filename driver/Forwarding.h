@@ -5,8 +5,9 @@
 // of which a hash over the flow picks one, always the same for the same flow; the via says what
 // happens to the label and where the frame leaves.
 //
-//    pop    the label comes off and the frame leaves by the via: penultimate hop popping. A via
-//           without an interface stands for this switch itself: it looks at the next label.
+//    pop    the label comes off and the frame leaves by the via: penultimate hop popping. A way
+//           through FECs may put others on above what is laid bare. A via without an interface
+//           stands for this switch itself: it looks at the next label.
 //    swap   the label comes off and the via's labels go on, the first one on top.
 //    push   the label stays and the via's labels go on above it.
 //

@@ -4,6 +4,7 @@
 // traffic class, bottom of stack and TTL (three bits, one bit, eight bits). 03E81 is 16001.
 
 #include "driver/Forwarding.h"
+#include "driver/FlowOrder.h"
 
 #include <array>
 #include <functional>
@@ -250,6 +251,28 @@ TEST( Flow, flowsSpreadOverTheVias ) {
       for ( const size_t count : taken ) {
          EXPECT_NEAR( static_cast< double >( count ), flows / 3.0, flows / 20.0 )
             << frame( "...." );
+      }
+   }
+}
+
+// Two choices in a row use all that they lead to, and what a way carried goes to all the others.
+TEST( Flow, choicesAreIndependentAndAWaySpreadsWhenItGoes ) {
+   constexpr size_t flows = 6000;
+   std::array< std::array< size_t, 2 >, 2 > both{};
+   std::array< std::array< size_t, 4 >, 4 > instead{};
+   for ( U64 i = 0; i < flows; ++i ) {
+      const U64 flow = mixBits( i );
+      ++both.at( FlowOrder( flow, 1, 2 ).next() ).at( FlowOrder( flow, 2, 2 ).next() );
+      FlowOrder order( flow, 1, 4 );
+      const size_t first = order.next();
+      ++instead.at( first ).at( order.next() );
+   }
+   for ( size_t i = 0; i < 4; ++i ) {
+      EXPECT_NEAR( static_cast< double >( both.at( i / 2 ).at( i % 2 ) ), flows / 4.0,
+                   flows / 40.0 );
+      for ( size_t j = 0; j < 4; ++j ) {
+         EXPECT_NEAR( static_cast< double >( instead.at( i ).at( j ) ), i == j ? 0 : flows / 12.0,
+                      flows / 60.0 );
       }
    }
 }

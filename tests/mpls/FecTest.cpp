@@ -416,6 +416,18 @@ TEST_F( FecTest, NextHopGroupsAndTunnels ) {
    EXPECT_EQ( forward( 16001 ), "intf2 label 500" );
    EXPECT_EQ( forward( 16002 ), "intf2 label 500" );
    EXPECT_EQ( numbersInUse(), 1U ); // the group brings its own
+   // What a pop lays bare has the TTL of what came off (RFC 3443), also below what a tunnel pushes.
+   Mpls::LfibMplsVia popsInto = intoTunnel;
+   popsInto.labelAction = MplsLabelAction::pop;
+   popsInto.labelStack = {};
+   popsInto.ttlMode = Mpls::TtlMode::uniform;
+   viaSetIs( 1, { popsInto } );
+   rig.settle();
+   EXPECT_EQ( forward( 16001 ), "intf2 label 500" );
+   const auto frames = rig.hardware->forward( LabelRig::vrfId, frameOf( 16001 ) ).frames;
+   constexpr size_t ipTtlAt = 14 + 4 + 8;
+   ASSERT_EQ( frames.size(), 1U );
+   EXPECT_EQ( frames[0].bytes.at( ipTtlAt ), 63 );
    // From next hops to a tunnel and back: nothing is watched any more than needed.
    viaSetIs( 1, { swapOut( 3, 3, 19 ) } );
    rig.settle();
