@@ -1,11 +1,11 @@
 #include "agent/cli/AgentRun.h"
 
+#include <algorithm>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 
 #include "agent/report/Progress.h"
-#include "agent/world/HardwareState.h"
 #include "platform/services/SystemLog.h"
 
 namespace Vel::Agent {
@@ -28,6 +28,26 @@ std::optional< Driver::FaultPlan > faultPlan( const std::vector< std::string >& 
       }
    }
    return plan;
+}
+
+// A fault of a label that is in no table would pass unseen.
+std::optional< std::string > labelFault( const Driver::FaultPlan& faults, const LfibPlan& plan ) {
+   for ( const Driver::Fault& fault : faults.faults() ) {
+      if ( fault.kind != Driver::FaultKind::refuseLabel &&
+           fault.kind != Driver::FaultKind::forgetLabel ) {
+         continue;
+      }
+      bool known = false;
+      for ( size_t i = 0; i < plan.tables(); ++i ) {
+         known = known || ( std::ranges::binary_search( plan.table( i ).routes, fault.routeKey, {},
+                                                        &PlannedRoute::key ) &&
+                            plan.ignoredReason( i, fault.routeKey ).empty() );
+      }
+      if ( !known ) {
+         return joinText( "no table has a route of label ", fault.routeKey, " to forward" );
+      }
+   }
+   return std::nullopt;
 }
 
 // CLI::Range takes "nan" for a number between any two.
@@ -57,15 +77,15 @@ void addRunOptions( CLI::App& app, RunOptions& options ) {
    app.add_option( "--route-capacity", options.routeCapacity,
                    "Routes that fit into the hardware; no limit when not given" )
       ->type_name( "N" )
-      ->check( CLI::NonNegativeNumber );
+      ->check( naturalFault );
    app.add_option( "--adjacency-capacity", options.adjacencyCapacity,
                    "L2 adjacencies that fit into the hardware; no limit when not given" )
       ->type_name( "N" )
-      ->check( CLI::NonNegativeNumber );
+      ->check( naturalFault );
    app.add_option( "--fec-capacity", options.fecCapacity,
                    "FECs that fit into the hardware; no limit when not given" )
       ->type_name( "N" )
-      ->check( CLI::NonNegativeNumber );
+      ->check( naturalFault );
    app.add_flag_callback(
       "--without-fecs", [&options] { options.tables.withFecs = false; },
       "Hardware without FECs: no backups, next-hop groups, tunnels and external FECs" );
@@ -75,7 +95,8 @@ void addRunOptions( CLI::App& app, RunOptions& options ) {
                    "N, adjacency-capacity N, fec-capacity N, link-down INTERFACE, each with from T "
                    "and until T; several with ; between them" )
       ->type_name( "PLAN" )
-      ->allow_extra_args( false );
+      ->allow_extra_args( false )
+      ->check( emptyFault );
    app.add_option( "--for", options.forSeconds,
                    "Simulated seconds to go on after the last table, to watch what is tried again" )
       ->type_name( "SECONDS" )
@@ -87,7 +108,7 @@ void addRestartOptions( CLI::App& app, RunOptions& options ) {
       app.add_option( "--hardware-state", options.hardwareStateFile,
                       "File in which the hardware outlives the run: the next run with the same "
                       "file is a restart while hardware goes on forwarding" );
-   state->type_name( "FILE" );
+   state->type_name( "FILE" )->check( emptyFault );
    app.add_option(
          "--max-stale-share", options.maxStaleShare,
          "Share of the routes in hardware, 0 to 1, that a restart may remove unasked; all "
@@ -123,14 +144,14 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( 
    if ( !plan ) {
       return;
    }
+   if ( const auto fault = labelFault( *plan, loaded.plan ) ) {
+      std::cerr << "--fault: " << *fault << '\n';
+      return;
+   }
    settings.hardware.faults = std::move( *plan );
    if ( !options.hardwareStateFile.empty() ) {
-      std::string fault = "--hardware-state: hardware without FECs starts afresh";
-      auto recovered = settings.withFecs ? loadHardwareState( options.hardwareStateFile,
-                                                              loaded.plan.interfaces(), fault )
-                                         : std::nullopt;
+      auto recovered = recoveredHardware( loaded.plan.interfaces() );
       if ( !recovered ) {
-         std::cerr << fault << '\n';
          return;
       }
       settings.recovered = std::move( *recovered );
@@ -147,17 +168,37 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( 
                  ( agent_->mplsSm().staleSweepHeld() && !options.previewSweep );
 }
 
+// What the hardware holds; nothing, with a complaint, when that cannot be had.
+std::optional< Driver::HwState > AgentRun::recoveredHardware( Interfaces& interfaces ) {
+   if ( !options_.tables.withFecs ) {
+      std::cerr << "--hardware-state: hardware without FECs starts afresh\n";
+      return std::nullopt;
+   }
+   stateFile_.emplace( options_.hardwareStateFile );
+   if ( !options_.previewSweep ) {
+      if ( const auto fault = stateFile_->take() ) {
+         std::cerr << *fault << '\n';
+         return std::nullopt;
+      }
+   }
+   std::string fault;
+   auto recovered = stateFile_->load( interfaces, fault );
+   if ( !recovered ) {
+      std::cerr << fault << '\n';
+   }
+   return recovered;
+}
+
 AgentRun::~AgentRun() {
    systemLogSinkIs( {} );
    systemLogClockIs( nullptr );
 }
 
 bool AgentRun::leaveHardware() const {
-   if ( options_.hardwareStateFile.empty() || options_.previewSweep ) {
+   if ( !stateFile_ || options_.previewSweep ) {
       return true;
    }
-   const auto fault = saveHardwareState( options_.hardwareStateFile, agent_->hardware().state(),
-                                         agent_->interfaces() );
+   const auto fault = stateFile_->save( agent_->hardware().state(), agent_->interfaces() );
    if ( fault ) {
       std::cerr << *fault << '\n';
    }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "agent/cli/TableOptions.h"
+#include "agent/world/HardwareState.h"
 
 namespace Vel::Agent {
 
@@ -58,7 +59,10 @@ class AgentRun {
    void complain() const;
 
  private:
+   std::optional< Driver::HwState > recoveredHardware( Interfaces& interfaces );
+
    const RunOptions options_;
+   std::optional< HardwareStateFile > stateFile_; // while hardware outlives the run
    std::unique_ptr< LabelAgent > agent_;
    LabelAgent::Fault fault_;
    bool incomplete_ = false;

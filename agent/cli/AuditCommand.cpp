@@ -58,7 +58,7 @@ void addAuditCommand( CLI::App& app, CommandRun& run ) {
       ->add_option( "--limit", options->limit,
                     "Differences that are shown, 100 when not given; the rest is counted" )
       ->type_name( "N" )
-      ->check( CLI::NonNegativeNumber );
+      ->check( naturalFault );
    command->footer( "Exit status: 0 all agree and nothing is pending, 2 bad input or usage, 3 "
                     "something differs or is pending.\n\n"
                     "Example:\n"

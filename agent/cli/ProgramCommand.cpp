@@ -56,7 +56,10 @@ int runProgram( const ProgramOptions& options ) {
    progress->stage( "reading back" );
    const ProgramResult result( run.agent() );
    progress->hide();
-   const bool left = run.leaveHardware(); // before anything can go wrong with the result
+   if ( !run.leaveHardware() ) {
+      run.complain();
+      return ExitStatus::badInput; // what would be shown is lost with the hardware
+   }
    const bool printed = printResult( result, options );
    run.complain();
    if ( !printed ) {
@@ -67,11 +70,11 @@ int runProgram( const ProgramOptions& options ) {
       std::cerr << "velmpls: " << options.metricsFile << ": the metrics could not be written\n";
       return ExitStatus::badInput;
    }
-   if ( !left ) {
-      return ExitStatus::badInput;
-   }
    const bool complete =
       result.summary().complete() && !run.incomplete() && run.agent().hardware().breaches().empty();
+   if ( !complete && !options.quiet && options.run.tables.neighborFile.empty() ) {
+      std::cerr << "velmpls: no neighbours were given (--neighbors): no next hop is resolved\n";
+   }
    return complete ? ExitStatus::done : ExitStatus::incomplete;
 }
 
@@ -97,7 +100,8 @@ void addProgramCommand( CLI::App& app, CommandRun& run ) {
       ->add_option( "--metrics", options->metricsFile,
                     "Write what was counted to the file, in the text form of Prometheus; - for "
                     "standard output" )
-      ->type_name( "FILE" );
+      ->type_name( "FILE" )
+      ->check( emptyFault );
    command->add_flag( "--quiet", options->quiet,
                       "No result and no progress, only the exit status" );
    command->footer( "Exit status: 0 every route is programmed (ignored ones aside), 2 bad input or "

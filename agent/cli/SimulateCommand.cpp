@@ -135,7 +135,8 @@ void addSimulateCommand( CLI::App& app, CommandRun& run ) {
       ->check( CLI::Range( 1, 1'000'000 ) );
    command->add_flag( "!--no-shrink", options->shrink,
                       "Leave the events of a failure as they are" );
-   command->add_option( "--replay", options->replay, "Run the events of a file" );
+   command->add_option( "--replay", options->replay, "Run the events of a file" )
+      ->check( emptyFault );
    command->footer(
       "A failure prints its seed and writes simulate-SEED.events, the fewest events that show it,\n"
       "for --replay. The exit status is 0 without a failure, 1 with one." );

@@ -10,6 +10,19 @@
 
 namespace Vel::Agent {
 
+std::string naturalFault( const std::string& text ) {
+   constexpr size_t mostDigits = 9;
+   const bool digits = text.find_first_not_of( "0123456789" ) == text.npos &&
+                       ( text == "0" || !text.starts_with( '0' ) ); // which would make it octal
+   return digits && !text.empty() && text.size() <= mostDigits
+             ? std::string()
+             : "\"" + text + "\" is not a whole number from 0 to 999999999";
+}
+
+std::string emptyFault( const std::string& text ) {
+   return text.empty() ? "it is empty" : std::string();
+}
+
 void addTableOptions( CLI::App& app, TableOptions& options ) {
    app.add_option( "--lfib", options.lfibFiles,
                    "Label table; - for standard input. Several are successive complete states of "
@@ -30,7 +43,8 @@ void addTableOptions( CLI::App& app, TableOptions& options ) {
       } );
    app.add_option( "--neighbors", options.neighborFile,
                    "Neighbour table, as `ip -j neigh` prints it; - for standard input" )
-      ->type_name( "FILE" );
+      ->type_name( "FILE" )
+      ->check( emptyFault );
    app.add_flag( "--keep-going", options.keepGoing,
                  "Leave out what is wrong in a table and apply the rest" );
    app.add_option( "--trace", options.trace,

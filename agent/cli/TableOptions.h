@@ -37,6 +37,10 @@ struct TableOptions {
    std::string trace;    ///< trace setting; empty: none
 };
 
+/// What is wrong with the text of a number that counts something; empty when nothing is.
+std::string naturalFault( const std::string& text );
+/// What is wrong with a text that must not be empty; empty when nothing is.
+std::string emptyFault( const std::string& text );
 /// Declares the options. `options` must outlive the parsing.
 void addTableOptions( CLI::App& app, TableOptions& options );
 /// Turns the trace on; a sentence when the setting is wrong or names a handle that is not there.

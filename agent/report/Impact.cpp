@@ -36,6 +36,9 @@ Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
    std::ranges::sort( l3Adjacencies_, {}, &ImpactedAdjacency::index );
    std::ranges::sort( l2Adjacencies_, {}, &ImpactedAdjacency::index );
    std::ranges::sort( fecs_, {}, &ImpactedFec::fecId );
+   for ( const auto& [fecId, labels] : foreignLabels_ ) {
+      foreign_.push_back( { fecId, labels } );
+   }
    std::ranges::sort( foreign_, {}, &ForeignWay::fecId );
 }
 
@@ -194,8 +197,7 @@ void Impact::addUsers( const L3Adjacency& l3Adj, WaysLeft ways ) {
 }
 
 void Impact::addFec( Fib::FecId fecId, WaysLeft ways, const L3Adjacency* backup ) {
-   const auto same = std::ranges::find( fecs_, fecId, &ImpactedFec::fecId );
-   if ( same == fecs_.end() ) {
+   if ( fecsSeen_.insert( fecId ) ) {
       fecs_.push_back(
          { fecId, ways, backup ? std::optional( backup->extFecInfo()->fecId() ) : std::nullopt } );
    }
@@ -219,9 +221,7 @@ void Impact::countForeign( const L3Adjacency& l3Adj, const Adjacency& adjacency 
    if ( fecId == Fib::FecId() ) {
       tunnelLabels_ += labels;
    } else if ( labels != 0 ) {
-      const auto same = std::ranges::find( foreign_, fecId, &ForeignWay::fecId );
-      ( same == foreign_.end() ? foreign_.emplace_back( ForeignWay{ fecId } ) : *same ).labels +=
-         labels;
+      *foreignLabels_.emplace( fecId, size_t{ 0 } ).first += labels;
    }
 }
 

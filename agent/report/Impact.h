@@ -143,6 +143,8 @@ class Impact {
    std::vector< ImpactedAdjacency > l3Adjacencies_;
    std::vector< ImpactedAdjacency > l2Adjacencies_;
    std::vector< ImpactedFec > fecs_;
+   HashSet< Fib::FecId > fecsSeen_;
+   Hash< Fib::FecId, size_t > foreignLabels_;
    std::vector< ForeignWay > foreign_;
    size_t tunnelLabels_ = 0;
 };

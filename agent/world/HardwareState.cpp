@@ -1,12 +1,18 @@
 #include "agent/world/HardwareState.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
+#include <utility>
 
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "agent/import/ImportError.h"
 
 namespace Vel::Agent {
 
@@ -17,6 +23,7 @@ using nlohmann::json;
 constexpr std::string_view versionField = "velmplsHardwareState";
 constexpr int knownVersion = 1;
 constexpr int deepestProtection = 8; // what hardware follows
+constexpr int deepestNesting = 64;   // as in every other document
 
 /// What is wrong with a file, for the one place that catches it.
 struct Unsound : std::runtime_error {
@@ -30,6 +37,14 @@ U64 natural( const json& number, U64 largest ) {
    return number.get< U64 >();
 }
 constexpr U64 largestHwId = U64{ 1 } << 62;
+
+const json& fieldOf( const json& in, std::string_view name ) {
+   const auto at = in.find( name );
+   if ( at == in.end() ) {
+      throw Unsound( "\"" + std::string( name ) + "\" is missing" );
+   }
+   return *at;
+}
 
 // --- Words.
 
@@ -125,7 +140,7 @@ json viaToJson( const Fib::FecVia& via, const Interfaces& interfaces ) {
 
 Fib::FecVia viaFromJson( const json& in, Interfaces& interfaces ) {
    Fib::FecVia via;
-   via.labelAction = valueOf< MplsLabelAction >( in.at( "action" ) );
+   via.labelAction = valueOf< MplsLabelAction >( fieldOf( in, "action" ) );
    via.intf = readIntf( in, interfaces );
    if ( const auto at = in.find( "nextHop" ); at != in.end() ) {
       const auto address = IpGenAddr::parse( at->get< std::string >() );
@@ -164,44 +179,44 @@ json routeToJson( const Driver::HwState::Route& route ) {
 
 Driver::HwState::Route routeFromJson( const json& in ) {
    std::array< MplsLabel, Mpls::RouteKey::maxLabels > stack;
-   const json& labels = in.at( "stack" );
+   const json& labels = fieldOf( in, "stack" );
    if ( labels.empty() || labels.size() > stack.size() ) {
       throw Unsound( "a stack of " + std::to_string( labels.size() ) + " labels" );
    }
    for ( size_t i = 0; i < labels.size(); ++i ) {
       stack[i] = MplsLabel( static_cast< U32 >( natural( labels[i], MplsLabel::maxValue ) ) );
    }
-   return { static_cast< VrfId >( natural( in.at( "vrf" ), 0 ) ), // there is one
+   return { static_cast< VrfId >( natural( fieldOf( in, "vrf" ), 0 ) ), // there is one
             Mpls::RouteKey( stack[0], stack[1], stack[2] ),
-            natural( in.at( "hwId" ), largestHwId ),
-            { valueOf< MplsLabelAction >( in.at( "action" ) ),
-              optionalValue< Mpls::PayloadType >( payloads, in.at( "payload" ) ),
-              optionalValue< Mpls::TtlMode >( ttlModes, in.at( "ttlMode" ) ) } };
+            natural( fieldOf( in, "hwId" ), largestHwId ),
+            { valueOf< MplsLabelAction >( fieldOf( in, "action" ) ),
+              optionalValue< Mpls::PayloadType >( payloads, fieldOf( in, "payload" ) ),
+              optionalValue< Mpls::TtlMode >( ttlModes, fieldOf( in, "ttlMode" ) ) } };
 }
 
 // --- The whole.
 
 Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
-   if ( in.at( versionField ) != json( knownVersion ) ) {
-      throw Unsound( "version " + in.at( versionField ).dump() +
+   if ( fieldOf( in, versionField ) != json( knownVersion ) ) {
+      throw Unsound( "version " + fieldOf( in, versionField ).dump() +
                      " is unknown; this program reads version 1" );
    }
    Driver::HwState state;
-   state.nextHwId = natural( in.at( "nextHwId" ), largestHwId );
-   for ( const json& vrf : in.at( "mplsRouting" ) ) {
+   state.nextHwId = natural( fieldOf( in, "nextHwId" ), largestHwId );
+   for ( const json& vrf : fieldOf( in, "mplsRouting" ) ) {
       state.mplsRouting.push_back( static_cast< VrfId >( natural( vrf, 0 ) ) );
    }
    Hash< U64, U64 > known; // FECs, and their backups
    HashSet< Mpls::RouteKey > routes;
-   for ( const json& fec : in.at( "fecs" ) ) {
+   for ( const json& fec : fieldOf( in, "fecs" ) ) {
       Driver::HwState::Fec& made = state.fecs.emplace_back();
-      made.hwId = natural( fec.at( "hwId" ), largestHwId );
+      made.hwId = natural( fieldOf( fec, "hwId" ), largestHwId );
       made.backupHwId = natural( fec.value( "backupHwId", json( 0U ) ), largestHwId );
       if ( made.hwId == 0 || made.hwId >= state.nextHwId ||
            !known.emplace( made.hwId, made.backupHwId ).second ) {
          throw Unsound( "the FEC " + std::to_string( made.hwId ) + " cannot be" );
       }
-      for ( const json& via : fec.at( "vias" ) ) {
+      for ( const json& via : fieldOf( fec, "vias" ) ) {
          made.via.push_back( viaFromJson( via, interfaces ) );
       }
    }
@@ -217,7 +232,7 @@ Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
          backup = *next;
       }
    }
-   for ( const json& route : in.at( "routes" ) ) {
+   for ( const json& route : fieldOf( in, "routes" ) ) {
       state.routes.push_back( routeFromJson( route ) );
       if ( !routes.insert( state.routes.back().key ) ) {
          throw Unsound( "two routes for one label" );
@@ -232,31 +247,87 @@ Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
 
 } // namespace
 
-std::optional< Driver::HwState > loadHardwareState( const std::string& path, Interfaces& interfaces,
-                                                    std::string& fault ) {
-   std::ifstream in( path );
-   if ( !in ) {
-      if ( errno == ENOENT ) {
-         return Driver::HwState();
-      }
-      fault = path + ": cannot be opened";
+HardwareStateFile::HardwareStateFile( std::string path ) : path_( std::move( path ) ) {
+   namespace fs = std::filesystem;
+   std::error_code unknown;
+   fs::path leadsTo = path_;
+   if ( fs::is_symlink( leadsTo, unknown ) && !fs::exists( leadsTo, unknown ) ) {
+      leadsTo = leadsTo.parent_path() / fs::read_symlink( leadsTo, unknown ); // to what is to come
+   }
+   const fs::path found = fs::weakly_canonical( leadsTo, unknown );
+   target_ = unknown ? path_ : found.string();
+}
+
+HardwareStateFile::~HardwareStateFile() {
+   if ( lock_ >= 0 ) {
+      ::close( lock_ );
+   }
+}
+
+std::optional< std::string > HardwareStateFile::take() {
+   const std::string beside = target_ + ".lock";
+   constexpr mode_t everybody = 0666;
+   lock_ = ::open( beside.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, everybody );
+   if ( lock_ < 0 ) {
+      return beside + ": cannot be opened: " + std::strerror( errno );
+   }
+   if ( ::flock( lock_, LOCK_EX | LOCK_NB ) == 0 ) {
       return std::nullopt;
    }
+   return errno == EWOULDBLOCK
+             ? path_ + ": another run has this hardware; one can have it at a time"
+             : beside + ": cannot be locked: " + std::strerror( errno );
+}
+
+std::optional< Driver::HwState > HardwareStateFile::load( Interfaces& interfaces,
+                                                          std::string& fault ) const {
+   if ( ::access( target_.c_str(), F_OK ) != 0 && errno == ENOENT ) {
+      return Driver::HwState();
+   }
+   const std::optional< std::string > text = readFile( target_, fault );
+   if ( !text ) {
+      fault = path_ + ": " + fault;
+      return std::nullopt;
+   }
+   const auto shallow = []( int depth, json::parse_event_t, json& ) {
+      if ( depth > deepestNesting ) {
+         throw Unsound( "more than " + std::to_string( deepestNesting ) + " levels" );
+      }
+      return true;
+   };
+   fault = path_ + ": not a state of the hardware: ";
    try {
-      return stateFromJson( json::parse( in ), interfaces );
-   } catch ( const json::exception& wrong ) {
-      fault = path + ": not a state of the hardware: " + wrong.what();
-   } catch ( const std::ios_base::failure& ) {
-      fault = path + ": cannot be read";
+      return stateFromJson( json::parse( *text, shallow ), interfaces );
+   } catch ( const json::parse_error& wrong ) {
+      fault += "no JSON from byte " + std::to_string( wrong.byte ) + " on";
+   } catch ( const json::exception& ) {
+      fault += "a value is of another kind than it should be";
    } catch ( const Unsound& wrong ) {
-      fault = path + ": not a state of the hardware: " + wrong.what();
+      fault += wrong.what();
    }
    return std::nullopt;
 }
 
-std::optional< std::string > saveHardwareState( const std::string& path,
-                                                const Driver::HwState& state,
-                                                const Interfaces& interfaces ) {
+namespace {
+
+/// On the disk when this returns true.
+bool writeDurably( const std::string& file, std::string_view text ) {
+   constexpr mode_t everybody = 0666;
+   const int fd = ::open( file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, everybody );
+   bool good = fd >= 0;
+   while ( good && !text.empty() ) {
+      const ssize_t written = ::write( fd, text.data(), text.size() );
+      good = written > 0 || ( written < 0 && errno == EINTR );
+      text.remove_prefix( written > 0 ? static_cast< size_t >( written ) : 0 );
+   }
+   good = good && ::fsync( fd ) == 0;
+   return fd >= 0 && ::close( fd ) == 0 && good;
+}
+
+} // namespace
+
+std::optional< std::string > HardwareStateFile::save( const Driver::HwState& state,
+                                                      const Interfaces& interfaces ) const {
    json out{ { std::string( versionField ), knownVersion },
              { "nextHwId", state.nextHwId },
              { "mplsRouting", state.mplsRouting },
@@ -275,15 +346,18 @@ std::optional< std::string > saveHardwareState( const std::string& path,
    for ( const Driver::HwState::Route& route : state.routes ) {
       out["routes"].push_back( routeToJson( route ) );
    }
-   std::error_code unknown; // a link goes on naming the file that it names
-   const std::filesystem::path found = std::filesystem::weakly_canonical( path, unknown );
-   const std::string target = unknown ? path : found.string();
-   const std::string beside = target + ".new";
-   std::ofstream file( beside );
-   file << out.dump() << '\n';
-   file.close();
-   if ( !file.good() || std::rename( beside.c_str(), target.c_str() ) != 0 ) {
-      return path + ": the state of the hardware could not be written";
+   const std::string beside = target_ + ".new";
+   if ( !writeDurably( beside, out.dump() + '\n' ) ||
+        std::rename( beside.c_str(), target_.c_str() ) != 0 ) {
+      const std::string why = std::strerror( errno );
+      ::unlink( beside.c_str() );
+      return path_ + ": the state of the hardware could not be written: " + why;
+   }
+   const std::string folder = std::filesystem::path( target_ ).parent_path().string();
+   if ( const int fd = ::open( folder.empty() ? "." : folder.c_str(), O_RDONLY | O_CLOEXEC );
+        fd >= 0 ) { // a folder that cannot be synced has been written to all the same
+      ::fsync( fd );
+      ::close( fd );
    }
    return std::nullopt;
 }

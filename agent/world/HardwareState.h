@@ -4,7 +4,8 @@
 // the program this file is that hardware: what FECs and routes it holds, in JSON, with interfaces
 // by their names. docs/formats.md describes it.
 //
-// The file is written whole and then put in place, so that a run that is killed leaves the old one.
+// The file is written whole and put in place, so that a run that is killed leaves the old one. It is
+// one run's at a time: FILE.lock beside it says so while the run lasts.
 
 #pragma once
 
@@ -16,13 +17,28 @@
 
 namespace Vel::Agent {
 
-/// Reads the file. A file that is not there is hardware that has never been programmed. Nothing,
-/// with a sentence in `fault`, when it cannot be read.
-std::optional< Driver::HwState > loadHardwareState( const std::string& path, Interfaces& interfaces,
-                                                    std::string& fault );
-/// Writes the file; a sentence when it cannot.
-std::optional< std::string > saveHardwareState( const std::string& path,
-                                                const Driver::HwState& state,
-                                                const Interfaces& interfaces );
+class HardwareStateFile {
+ public:
+   explicit HardwareStateFile( std::string path );
+   HardwareStateFile( const HardwareStateFile& ) = delete;
+   HardwareStateFile& operator=( const HardwareStateFile& ) = delete;
+   /// Lets it go.
+   ~HardwareStateFile();
+
+   /// Takes it until the end of this object; a sentence when it cannot be had. Whoever only reads
+   /// need not take it.
+   std::optional< std::string > take();
+   /// A file that is not there is hardware that has never been programmed. Nothing, with a sentence
+   /// in `fault`, when it cannot be read.
+   std::optional< Driver::HwState > load( Interfaces& interfaces, std::string& fault ) const;
+   /// A sentence when it could not be written.
+   std::optional< std::string > save( const Driver::HwState& state,
+                                      const Interfaces& interfaces ) const;
+
+ private:
+   const std::string path_;
+   std::string target_; // what the path leads to: a link goes on naming the file that it names
+   int lock_ = -1;
+};
 
 } // namespace Vel::Agent

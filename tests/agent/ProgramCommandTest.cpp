@@ -7,6 +7,8 @@
 #include <fstream>
 #include <map>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -62,7 +64,7 @@ TEST_F( CommandTest, BadInputAndUsageEndWithTwoAndSayWhy ) {
    const std::string forward = "forward" + labels + " --frame ";
    const std::vector< std::pair< std::string, std::string > > cases{
       { "", "subcommand" },
-      { "fly", "subcommand" },
+      { "fly", "there is no command \"fly\"" },
       { "program", "--lfib" },
       { "audit", "--lfib" },
       { "program --lfib", "--lfib" },
@@ -90,6 +92,17 @@ TEST_F( CommandTest, BadInputAndUsageEndWithTwoAndSayWhy ) {
       { "explain none" + labels, "none" },
       { "explain 16001/1048576" + labels, "1048576" },
       { "audit --limit -1" + labels, "--limit" },
+      { "progam" + labels, "did you mean program?" },
+      { "program --route-capacity -1" + labels,
+        "\"-1\" is not a whole number from 0 to 999999999" },
+      { "program --fec-capacity 0x2" + labels, "\"0x2\"" },
+      { "program --fec-capacity 99999999999999999999" + labels, "\"99999999999999999999\"" },
+      { "program --neighbors ''" + labels, "--neighbors: it is empty" },
+      { "program --fault ''" + labels, "--fault: it is empty" },
+      { "program --hardware-state ''" + labels, "--hardware-state: it is empty" },
+      { "program --route-capacity 010" + labels, "\"010\"" },
+      { "program --fault 'forget label 77'" + labels,
+        "no table has a route of label 77 to forward" },
       { "impact" + labels, "" },
       { "impact --next-hop 10.3.6" + labels, "10.3.6" },
       { "impact --next-hop 10.3.6.7" + labels, "10.3.6.7" },
@@ -221,6 +234,15 @@ TEST_F( CommandTest, HardwareOutlivesTheProgram ) {
    EXPECT_TRUE( std::filesystem::is_symlink( folder_ + "/hw.json" ) );
 
    EXPECT_THAT( run( "program --without-fecs" + after ).err, HasSubstr( "without FECs" ) );
+   const int lock = ::open( ( folder_ + "/elsewhere.json.lock" ).c_str(), O_RDWR );
+   ASSERT_EQ( ::flock( lock, LOCK_EX | LOCK_NB ), 0 );
+   const Ran second = run( "program" + after );
+   EXPECT_EQ( second.status, 2 );
+   EXPECT_EQ( second.out, "" );
+   EXPECT_THAT( second.err, HasSubstr( "hw.json: another run has this hardware" ) );
+   ::close( lock );
+   file( "hw.json", std::string( 100'000, '[' ) );
+   EXPECT_THAT( run( "program" + after ).err, HasSubstr( "more than 64 levels" ) );
    for ( const std::string text : { "{", "[]", R"({"velmplsHardwareState":2})",
                                     R"({"velmplsHardwareState":1,"nextHwId":2,"mplsRouting":[0],)"
                                     R"("fecs":[],"routes":[{"vrf":0,"stack":[16],"hwId":1,)"
