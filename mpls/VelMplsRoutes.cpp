@@ -559,8 +559,10 @@ bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
    L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
    L3Adjacency& by = carrier ? *carrier : *route.l3Adj();
    if ( const ExternalFecInfo* const info = route.extFecInfo().get() ) {
+      const MplsHwVrfStatus* const status = writtenHwVrfStatus( vrfState );
+      const bool refused = status && status->unprogrammedRouteHas( route.routeKey() );
       const bool other = carrier || by.extFecInfo() != info;
-      if ( info->hwId() == 0 || ( other && !inFecInHardware( route ) ) ) {
+      if ( info->hwId() == 0 || ( other && refused ) ) {
          return false;
       }
       if ( by.extFecInfo() == info ) {

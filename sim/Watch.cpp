@@ -115,9 +115,9 @@ void Watch::intentsChanged() {
            !intent.exits.empty() ) {
          label.meant.push_back( intent.exits );
       }
-      // A via set that is not sane keeps what it had; and who joins one whose FEC is being rewritten
-      // goes its siblings' way until hardware has carried that out.
-      if ( !intent.exact || inputs.settings.fecs != 0 ) {
+      // A via set that is not sane keeps what it had; a route that is to go follows its via set until
+      // it has gone.
+      if ( !intent.exact || !inputs.routing ) {
          viaSetsWereMeant( index );
       }
       const auto alive = [&]( const Exits& exits ) {

@@ -585,10 +585,14 @@ std::string World::settle() {
          return {};
       }
       const VrfMplsState* const vrfState = state();
-      if ( vrfState && vrfState->numUnprogrammedRoute() != 0 &&
-           clock_->now() - lastRound > roundSeconds ) {
-         lastRound = clock_->now();
-         if ( ++rounds > maxRounds && ( agent_->hardware->idle() || !inputs_.clean() ) ) {
+      if ( vrfState && vrfState->numUnprogrammedRoute() != 0 ) {
+         if ( clock_->now() - lastRound > roundSeconds ) {
+            lastRound = clock_->now();
+            ++rounds;
+         }
+         const bool followUp = next - clock_->now() < 1 && rounds <= 2 * maxRounds; // of a retry
+         if ( rounds > maxRounds && !followUp &&
+              ( agent_->hardware->idle() || !inputs_.clean() ) ) {
             return {};
          }
       }
