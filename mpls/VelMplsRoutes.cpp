@@ -91,8 +91,10 @@ void MplsSm::dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeK
 
 void MplsSm::handleLFibRoute() {
    MPLS_TRACE_CALL( 3, " for vrf ", L3::VrfName::defaultVrf() );
+   // One that does not hold must not keep the others out: nobody else may announce them.
    in_.transitLfib->lfibRouteEach(
-      [this]( const Mpls::LfibRoute& route ) { handleLFibRoute( route.routeKey ); } );
+      [this]( const Mpls::LfibRoute& route ) { handleLFibRoute( route.routeKey ); },
+      Mpls::LfibWalk::skip );
 }
 
 void MplsSm::handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey ) {

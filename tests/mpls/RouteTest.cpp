@@ -290,6 +290,13 @@ TEST_F( Route, inACorruptSlotReadsAsAbsentAndTheRestGoesOn ) {
    EXPECT_NE( corruptions, 0 );
    EXPECT_EQ( rig.hardware->route( LabelRig::vrfId, key( 20 ) ), nullptr );
    EXPECT_EQ( rig.hardware->routes(), 32U ); // 31 of the old ones and the new one
+   // Only the walk brings them back when routing does.
+   rig.routingInfo->mplsRoutingIs( rig.vrf, false );
+   rig.settle();
+   EXPECT_EQ( rig.hardware->routes(), 0U );
+   rig.routingInfo->mplsRoutingIs( rig.vrf, true );
+   rig.settle();
+   EXPECT_EQ( rig.hardware->routes(), 32U );
 }
 
 } // namespace
