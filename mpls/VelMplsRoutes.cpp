@@ -269,6 +269,9 @@ std::string MplsSm::collectMplsIpLFibVias( const Mpls::LfibViaSet& viaSet,
    if ( seen.nexthopGroup && vias.vias() > 1 ) {
       return "Only one NHG via is supported now";
    }
+   if ( seen.nexthopGroup && ( *vias.via().begin() ).value.labelStack.stackSize() != 0 ) {
+      return "a next-hop group has its own label operation, only a pop may come before it";
+   }
    return seen.dynamicTunnel ? dynamicTunnelFault( vias ) : std::string();
 }
 

@@ -79,7 +79,8 @@ void readVia( RecordCheck& check, JsonValue record, LabelVia& via, Need needOfAc
                                                        "tunnel",    "nextHopGroup" };
    const size_t before = check.complaints();
    check.onlyFields( record, fields );
-   const auto action = check.text( record, "action", needOfAction );
+   const bool intoGroup = record.field( "nextHopGroup" ).has_value();
+   const auto action = check.text( record, "action", intoGroup ? Need::optional : needOfAction );
    if ( !action && check.complaints() != before ) {
       return;
    }
@@ -98,6 +99,10 @@ void readVia( RecordCheck& check, JsonValue record, LabelVia& via, Need needOfAc
       via.action == pop || ( via.action == swap && via.outLabels == std::vector{ 3U } );
    if ( !pops && ( record.field( "payload" ) || record.field( "ttlMode" ) ) ) {
       check.complain( "\"payload\" and \"ttlMode\" go with a pop only" );
+   }
+   if ( intoGroup && puts && !pops ) {
+      check.complain( "a via into a next-hop group pops, or has no \"action\": any other label "
+                      "operation is the group's own" );
    }
    readOutlet( check, record, via );
 }

@@ -42,7 +42,7 @@ enum class LabelOperation : uint8_t {
    pop,  ///< takes it off
    swap, ///< takes it off and puts the outgoing labels on
    push, ///< leaves it and puts the outgoing labels on top
-   keep  ///< leaves it as it is; in definitions only
+   keep  ///< leaves it as it is; in definitions, and into next-hop groups
 };
 
 /// What a pop lays bare.

@@ -48,9 +48,10 @@ inline std::string popVia( const std::string& nextHop, const std::string& interf
    return joinText( R"({"action":"pop","payload":"ipv4","nextHop":")", nextHop,
                     R"(","interface":")", interface, "\"}" );
 }
-/// Swaps into a "tunnel" or "nextHopGroup".
+/// Swaps into a "tunnel", or leads into a "nextHopGroup", which does what it does.
 inline std::string intoVia( const std::string& kind, const std::string& name ) {
-   return joinText( R"({"action":"swap","outLabels":[17],")", kind, R"(":")", name, "\"}" );
+   return joinText( kind == "nextHopGroup" ? R"({")" : R"({"action":"swap","outLabels":[17],")",
+                    kind, R"(":")", name, "\"}" );
 }
 inline std::string joined( const std::vector< std::string >& parts ) {
    std::string out;

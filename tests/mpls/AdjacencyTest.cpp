@@ -181,6 +181,9 @@ TEST_F( Adjacency, saysWhyAViaSetCannotBeProgrammed ) {
       Fib::FecId::fecIdForAdjType( Fib::AdjType::nexthopGroupAdj, 4 ) );
    const auto good = swapVia( 1, "10.0.0.1", 1, 5 );
    const auto nhg = with( swapVia( 2, "10.0.0.1", 1, 5 ), group );
+   auto nhgOnly = nhg;
+   nhgOnly.labelAction = MplsLabelAction::none;
+   nhgOnly.labelStack = {};
    const auto nhg2 = with( swapVia( 3, "10.0.0.1", 1, 5 ), group );
    const auto dyn = with( swapVia( 4, "10.0.0.1", 1, 5 ), tunnel );
    auto dynPop = with( swapVia( 5, "10.0.0.1", 1, 5 ), tunnel );
@@ -206,7 +209,8 @@ TEST_F( Adjacency, saysWhyAViaSetCannotBeProgrammed ) {
         "Adjacencies of dynamic tunnel should have the samepayloadTypes. The conflicting "
         "payloadTypes are: undefined and ipv4" },
       { { dyn }, "Unsupported lFib Adj adjTypeDynamicTunnel" },
-      { { nhg }, "Unsupported lFib Adj adjTypeNexthopGroup" },
+      { { nhg }, "a next-hop group has its own label operation, only a pop may come before it" },
+      { { nhgOnly }, "Unsupported lFib Adj adjTypeNexthopGroup" },
    };
    U32 viaSet = 1;
    for ( const auto& each : cases ) {

@@ -406,8 +406,11 @@ TEST_F( FecTest, NextHopGroupsAndTunnels ) {
 
    Mpls::LfibMplsVia intoTunnel = swapVia( 1, "", 0, 17 );
    intoTunnel.intf = tunnel;
-   Mpls::LfibMplsVia intoGroup = swapVia( 2, "", 0, 17 );
-   intoGroup.intf = Fib::FecId::fecIdToNexthopGroupIntfId( group );
+   Mpls::LfibMplsVia swapsIntoGroup = swapVia( 2, "", 0, 17 );
+   swapsIntoGroup.intf = Fib::FecId::fecIdToNexthopGroupIntfId( group );
+   Mpls::LfibMplsVia intoGroup = swapsIntoGroup;
+   intoGroup.labelAction = MplsLabelAction::none;
+   intoGroup.labelStack = {};
    viaSetIs( 1, { intoTunnel } );
    viaSetIs( 2, { intoGroup } );
    rig.routeIs( 16001, 1 );
@@ -416,6 +419,13 @@ TEST_F( FecTest, NextHopGroupsAndTunnels ) {
    EXPECT_EQ( forward( 16001 ), "intf2 label 500" );
    EXPECT_EQ( forward( 16002 ), "intf2 label 500" );
    EXPECT_EQ( numbersInUse(), 1U ); // the group brings its own
+   swapsIntoGroup.key = viaKey( 9 );
+   viaSetIs( 3, { swapsIntoGroup } ); // the group could not do it
+   rig.routeIs( 16003, 3 );
+   rig.settle();
+   EXPECT_EQ( forward( 16003 ), "no route for label 16003" );
+   EXPECT_EQ( rig.sm->lFibViaSetFault( viaSetKey( 3 ) ),
+              "a next-hop group has its own label operation, only a pop may come before it" );
    // What a pop lays bare has the TTL of what came off (RFC 3443), also below what a tunnel pushes.
    Mpls::LfibMplsVia popsInto = intoTunnel;
    popsInto.labelAction = MplsLabelAction::pop;
