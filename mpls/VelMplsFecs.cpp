@@ -586,7 +586,7 @@ void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
       MPLS_TRACE( 3, "no vrf state for vrf ", vrf );
       return;
    }
-   ExternalFecInfo* const info = vrfState->extFecInfo( fecId );
+   const Ptr< ExternalFecInfo > info = vrfState->extFecInfo( fecId );
    const HwFecId& answer = in_.hwFecIdResponse->hwFecId( fecId );
    if ( info && isAnswer( *info, answer ) ) {
       MPLS_TRACE( 3, "FEC response for ", fecId, " has not changed, skip processing" );
@@ -612,9 +612,11 @@ void MplsSm::handleHwFecIdResponse( Fib::FecId fecId ) {
          vrfState->route( routeKey )->unconfirmedWritesInc(); // it was in what the id was before
       }
       publishRoutesProtectedBy( *vrfState, *info );
-      queueWaitingForFec( *vrfState, *info );
    }
    processHwFecIdResponse( fecId, *vrfState );
+   if ( info ) {
+      queueWaitingForFec( *vrfState, *info );
+   }
    doMaybeScheduleReview( vrf );
 }
 
@@ -637,9 +639,12 @@ bool MplsSm::isAnswer( const ExternalFecInfo& info, const HwFecId& answer ) {
    return answer == HwFecId{ info.hwId(), info.carriedOut(), info.syncId() };
 }
 
-// Hardware has carried out what is requested of the FEC. Routes wait for that; and where it took its
-// time, it has been published.
+// Hardware has carried out what is requested of the FEC, or part of it. Routes wait for that; where
+// it took its time, it has been published; and what protected the FEC before may go.
 void MplsSm::queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info ) {
+   if ( !isBehind( info ) ) {
+      releaseFormerBackup( vrfState, info );
+   }
    if ( info.publishedBehind() ) {
       info.publishedBehindIs( false );
       for ( const Mpls::RouteKey routeKey : info.dependentRouteKey() ) {

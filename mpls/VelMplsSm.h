@@ -394,7 +394,8 @@ class VEL_EXPORT MplsSm : public Entity {
    bool stillUses( Mpls::RouteKey routeKey, const L3Adjacency& l3Adj ) const;
    static void answerIs( ExternalFecInfo& info, const HwFecId& answer );
    static bool isAnswer( const ExternalFecInfo& info, const HwFecId& answer );
-   static void queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info );
+   void queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info );
+   void releaseFormerBackup( VrfMplsState& vrfState, ExternalFecInfo& info );
    bool isBehind( const ExternalFecInfo& info ) const;
    bool waitsForFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,

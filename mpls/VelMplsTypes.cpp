@@ -159,7 +159,12 @@ VrfMplsState::VrfMplsState( L3::VrfName vrf )
      carriedRoutes_( std::make_shared< RouteKeyLinks >() ),
      routesOfL2Adj_( std::make_shared< RouteKeyLinks >() ),
      routesOfExtFec_( std::make_shared< RouteKeyLinks >() ) {}
-VrfMplsState::~VrfMplsState() = default;
+// FECs never lead in a circle, but what protected one may lead to it by now.
+VrfMplsState::~VrfMplsState() {
+   for ( const auto& [fecId, info] : extFecInfo_ ) {
+      info->formerBackupIs( nullptr );
+   }
+}
 
 bool VrfMplsState::idle() const {
    return route_.empty() && mplsNextHop_.empty() && l3Adjacency_.empty() && l2Adjacency_.empty() &&

@@ -69,8 +69,8 @@ class Watch {
 
    World& world_;
    std::vector< Label > label_;
-   /// What each via set has been while labels used it without a break: who joins them goes their
-   /// way until hardware has carried out the last change.
+   /// What each via set has been while labels used it without a break: one that is not sane keeps
+   /// what it had.
    std::vector< std::vector< Inputs::ViaSet > > viaSet_;
    std::vector< std::vector< Inputs::Foreign > > foreign_; ///< what there was under each number
    /// By link: nothing could leave there at some time since the last rest. Once it can, what does not
