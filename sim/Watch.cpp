@@ -129,12 +129,13 @@ void Watch::intentsChanged() {
          ( intent.exact && !( intent.primary.empty() && intent.backup.empty() ) );
       // Without FECs, what goes over to next hops that are not answered yet leaves hardware.
       const bool unanswered = inputs.settings.slowL3 != 0 &&
-                              ( label.meant.size() > 1 || viaSetChanged( index ) ) &&
                               !( inputs.settings.fecs != 0 && inputs.settings.inPlace != 0 );
       // Another agent's FEC keeps its number: hardware may have taken out what is answered still.
       const bool withdrawn =
          inputs.settings.slowFecs != 0 && inputs.route[index].type == 1 && label.meant.size() > 1;
-      label.firm = label.firm && toForward && !unanswered && !withdrawn &&
+      // A backup may be rewritten before what it protects has a way of its own again.
+      const bool leansOnChange = intent.primary.empty() && viaSetChanged( index );
+      label.firm = label.firm && toForward && !unanswered && !withdrawn && !leansOnChange &&
                    std::ranges::all_of( label.meant, alive );
    }
 }
@@ -201,9 +202,15 @@ bool Watch::joinsOthers( U32 index ) {
    return label.joined;
 }
 
+// Its own, or the one that is to protect that.
 bool Watch::viaSetChanged( U32 index ) const {
    const Inputs::Route& route = world_.inputs().route[index];
-   return route.there && route.type == 0 && viaSet_[route.set].size() > 1;
+   if ( !route.there || route.type != 0 ) {
+      return false;
+   }
+   const U32 backup = world_.inputs().viaSet[route.set].backup;
+   return viaSet_[route.set].size() > 1 ||
+          ( backup < viaSet_.size() && viaSet_[backup].size() > 1 );
 }
 
 void Watch::viaSetsWereMeant( U32 index ) {
