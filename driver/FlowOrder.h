@@ -1,8 +1,8 @@
 // FlowOrder: which of several ways a flow takes.
 //
 // Every way of every level has a weight of its own for each flow; the heaviest that can be used is
-// taken. So flows spread evenly, at each level of one look-up whatever they did at the one above; what a way that
-// goes down carried spreads over all the others, and no other flow moves.
+// taken. So flows spread evenly, at each level of one look-up whatever they did at the one above;
+// what a way that goes down carried spreads over all the others, and no other flow moves.
 
 #pragma once
 
