@@ -148,7 +148,7 @@ void MplsSm::maybeDeleteExtFecInfo( VrfMplsState& vrfState, Fib::FecId fecId ) {
       return;
    }
    MPLS_TRACE( 3, "delete ext fec ", fecId );
-   releaseFormerBackup( vrfState, *info );
+   releaseFormerBackups( vrfState, *info );
    if ( const Ptr< ExternalFecInfo > backup = info->backupExtFecInfo() ) {
       info->backupExtFecInfoIs( nullptr );
       backup->dependentPrimaryExtFecInfoDel( info.get() );
@@ -174,20 +174,26 @@ void MplsSm::updateBackupExtInfoForExtFecInfo( VrfMplsState& vrfState, ExternalF
    if ( backup ) {
       backup->dependentPrimaryExtFecInfoIs( &info );
    }
-   if ( before && !info.formerBackup() && isBehind( info ) ) {
-      info.formerBackupIs( before ); // frames may have no other way until hardware has rewritten it
-   } else if ( before && before != info.formerBackup() ) {
+   if ( before &&
+        isBehind( info ) ) { // frames may have no other way until hardware has rewritten it
+      info.formerBackupIs( before.get() );
+   } else if ( before ) {
       before->dependentPrimaryExtFecInfoDel( &info );
       maybeDeleteExtFecInfo( vrfState, before->fecId() );
    }
 }
 
-void MplsSm::releaseFormerBackup( VrfMplsState& vrfState, ExternalFecInfo& info ) {
-   const Ptr< ExternalFecInfo > former = info.formerBackup();
-   info.formerBackupIs( nullptr );
-   if ( former && former != info.backupExtFecInfo() ) {
-      former->dependentPrimaryExtFecInfoDel( &info );
-      maybeDeleteExtFecInfo( vrfState, former->fecId() );
+void MplsSm::releaseFormerBackups( VrfMplsState& vrfState, ExternalFecInfo& info ) {
+   std::vector< ExternalFecInfo* > formers;
+   for ( ExternalFecInfo* const former : info.formerBackup() ) {
+      formers.push_back( former );
+   }
+   info.formerBackupDelAll();
+   for ( ExternalFecInfo* const former : formers ) {
+      if ( former != info.backupExtFecInfo() ) {
+         former->dependentPrimaryExtFecInfoDel( &info );
+         maybeDeleteExtFecInfo( vrfState, former->fecId() );
+      }
    }
 }
 

@@ -305,10 +305,12 @@ bool MplsSm::protectsOthers( const VrfMplsState& vrfState, const L3Adjacency& l3
            uses->backupAdj().get() != &l3Adj || !stillUses( routeKey, *uses ) ) {
          return true;
       }
-      if ( uses != protectedAdj &&
-           in_.transitLfib->lfibViaSet( uses->lFibViaSetKey() ).backupViaSetKey() !=
-              l3Adj.lFibViaSetKey() ) {
-         return true;
+      if ( uses == protectedAdj ) {
+         continue;
+      }
+      const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( uses->lFibViaSetKey() );
+      if ( viaSet.backupViaSetKey() != l3Adj.lFibViaSetKey() || !isLFibViaSetSane( viaSet ) ) {
+         return true; // another backup's by now, or about to go
       }
       protectedAdj = uses;
    }
@@ -643,7 +645,7 @@ bool MplsSm::isAnswer( const ExternalFecInfo& info, const HwFecId& answer ) {
 // it took its time, it has been published; and what protected the FEC before may go.
 void MplsSm::queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info ) {
    if ( !isBehind( info ) ) {
-      releaseFormerBackup( vrfState, info );
+      releaseFormerBackups( vrfState, info );
    }
    if ( info.publishedBehind() ) {
       info.publishedBehindIs( false );

@@ -348,7 +348,7 @@ class VEL_EXPORT ExternalFecInfo : public Entity {
    SET( HashSet, L3Adjacency*, dependentL3Adjacency )
    SET( HashSet, ExternalFecInfo*, dependentPrimaryExtFecInfo ) // those that this one protects
    ATTRIBUTE( Ptr< ExternalFecInfo >, backupExtFecInfo )
-   ATTRIBUTE( Ptr< ExternalFecInfo >, formerBackup ) // that hardware may still use, until it has what is requested
+   SET( HashSet, ExternalFecInfo*, formerBackup ) // that hardware may still use, until it has what is requested
    SET( GroupedRouteKeys, Mpls::RouteKey, dependentRouteKey )
    ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
    ATTRIBUTE( AdjHwState, adjState )

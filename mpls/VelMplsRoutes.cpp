@@ -389,9 +389,7 @@ void MplsSm::stayWithoutViaSet( VrfMplsState& vrfState, MplsRoute& route ) {
       takeRouteOut( vrfState, route ); // nor is one that was refused to be tried again before
       return;
    }
-   if ( vrfState.carrierOf( route.routeKey() ) == nullptr ) {
-      bound->carriedRouteKeyIs( route.routeKey() );
-   }
+   maybeCarry( vrfState, *bound, route );
    if ( !stayInHardware( vrfState, route ) ) {
       takeRouteOut( vrfState, route );
    }
@@ -428,9 +426,7 @@ L3Adjacency& MplsSm::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
       MPLS_TRACE( 3, "viaSetKey changed" );
       MPLS_TRACE( 3, "remove routeKey ", routeKey, " from l3Adj index ", bound->index() );
       bound->routeKeyDel( routeKey );
-      if ( inHardware( route ) && vrfState.carrierOf( routeKey ) == nullptr ) {
-         bound->carriedRouteKeyIs( routeKey ); // until another one is written
-      }
+      maybeCarry( vrfState, *bound, route ); // until another one is written
       if ( recoveredRouteHas( routeKey ) ) {
          // It was to go with the others; now it is not.
          in_.hwFecIdRequest->mayReplaceDel( in_.mplsRouteSyncMap->adjSyncId( routeKey ) );
@@ -493,6 +489,7 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
    // The FEC that the route is in stays requested until the route has been written elsewhere.
    const Ptr< ExternalFecInfo > fecBefore = route.extFecInfo();
    route.extFecInfoIs( nullptr );
+   const bool moves = !route.unprogrammed() && route.l2Adj() != l2Adj;
    if ( route.l2Adj() != l2Adj ) {
       clearRouteMappings( vrfState, routeKey );
       route.l2AdjIs( l2Adj );
@@ -506,8 +503,10 @@ void MplsSm::writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Ad
         !config->routeHas( routeKey ) ) {
       routeUnprogrammedIs( route, true );
    }
-   if ( !config->l2AdjacencyHas( l3Adj.hwL2Adjacency() ) ) {
-      progHwL2Adj( vrf, l3Adj.hwL2Adjacency() ); // the VRF had no number when it was bound
+   // The VRF had no number when it was bound, or hardware refused it while no route needed it: one
+   // that leaves another way for it does not wait for a retry.
+   if ( !config->l2AdjacencyHas( l3Adj.hwL2Adjacency() ) || ( moves && l3Adj.unprogrammed() ) ) {
+      progHwL2Adj( vrf, l3Adj.hwL2Adjacency() );
    }
    if ( route.version() == 0 ) { // no report of an earlier life of the label fits
       route.versionIs( lastRouteVersion_ );
@@ -583,6 +582,16 @@ bool MplsSm::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
       writeRouteWithL2Adj( vrfState, route, by );
    }
    return true;
+}
+
+// An adjacency that has let go of what the route is in hardware by carries nothing: the route would
+// go with whatever its via set says next.
+void MplsSm::maybeCarry( const VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                         const MplsRoute& route ) {
+   if ( inHardware( route ) && vrfState.carrierOf( route.routeKey() ) == nullptr &&
+        ( l3Adj.nextHops() != 0 || l3Adj.extFecInfo() ) ) {
+      l3Adj.carriedRouteKeyIs( route.routeKey() );
+   }
 }
 
 // The adjacency by which it was in hardware may have been kept for nothing else.

@@ -342,6 +342,8 @@ class VEL_EXPORT MplsSm : public Entity {
    void stayWithoutViaSet( VrfMplsState& vrfState, MplsRoute& route );
    void stayWithoutNumber( VrfMplsState& vrfState, MplsRoute& route );
    void takeRouteOut( VrfMplsState& vrfState, MplsRoute& route );
+   static void maybeCarry( const VrfMplsState& vrfState, L3Adjacency& l3Adj,
+                           const MplsRoute& route );
    static void leaveCarrier( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
    static bool isOfGroup( const L3Adjacency& l3Adj );
    static bool inHardware( const MplsRoute& route );
@@ -395,7 +397,7 @@ class VEL_EXPORT MplsSm : public Entity {
    static void answerIs( ExternalFecInfo& info, const HwFecId& answer );
    static bool isAnswer( const ExternalFecInfo& info, const HwFecId& answer );
    void queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info );
-   void releaseFormerBackup( VrfMplsState& vrfState, ExternalFecInfo& info );
+   void releaseFormerBackups( VrfMplsState& vrfState, ExternalFecInfo& info );
    bool isBehind( const ExternalFecInfo& info ) const;
    bool waitsForFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,

@@ -162,7 +162,7 @@ VrfMplsState::VrfMplsState( L3::VrfName vrf )
 // FECs never lead in a circle, but what protected one may lead to it by now.
 VrfMplsState::~VrfMplsState() {
    for ( const auto& [fecId, info] : extFecInfo_ ) {
-      info->formerBackupIs( nullptr );
+      info->formerBackupDelAll();
    }
 }
 

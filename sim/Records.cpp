@@ -139,7 +139,8 @@ void checkFecs( const World& world, const VrfMplsState& state ) {
                  "FEC ", fecId, " has an L3 adjacency that is not its own" );
       }
       for ( const ExternalFecInfo* const primary : info->dependentPrimaryExtFecInfo() ) {
-         expect( primary->backupExtFecInfo() == info.get() || primary->formerBackup() == info.get(),
+         expect( primary->backupExtFecInfo() == info.get() ||
+                    primary->formerBackupHas( info.get() ),
                  "FEC ", fecId, " does not protect what it should" );
       }
       if ( const ExternalFecInfo* const backup = info->backupExtFecInfo().get() ) {
