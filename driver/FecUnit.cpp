@@ -98,10 +98,11 @@ void FecUnit::reportStates() {
    }
 }
 
+// Of one that nothing protects, only that nothing leaves by it.
 void FecUnit::report( HwFec& fec ) {
-   if ( fec.backupFecId != FecId() ) {
-      stateIs( fec, stateOf( fec ) );
-   }
+   const AdjHwState state = stateOf( fec );
+   stateIs( fec,
+            fec.backupFecId != FecId() || state == AdjHwState::down ? state : AdjHwState::unknown );
 }
 
 // An unknown state is none: the entry goes.
@@ -442,6 +443,7 @@ void FecUnit::remove( FecId fecId ) {
       status_.breachLog_.add( joinText( "FEC ", fecId, " is no longer requested while ",
                                         fec->routes, " routes forward into it" ) );
    }
+   stateIs( *fec, AdjHwState::unknown );
    contentIs( *fec, {}, {} );
    byHwId_.erase( fec->hwId );
    fecs_.erase( fecId );

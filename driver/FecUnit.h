@@ -19,7 +19,7 @@
 // Ways out. A via leads out by an interface that is up to a neighbour that is resolved, or into
 // another FEC or a tunnel that has a way out, eight levels deep at most. A hash over the flow picks
 // one of the usable vias. Without one the FEC's backup is taken. Which of both is in use is
-// reported for every protected FEC in AdjHwStatus. FecWays.cpp.
+// reported for every protected FEC in AdjHwStatus, and of any other that it has no way out. FecWays.cpp.
 //
 // Restart. A switch that starts on what an earlier driver left holds all requests back until the
 // library says that it has written them (`syncRequestsReady`). Then a request whose sync id names a
@@ -105,7 +105,7 @@ class FecUnit {
    void tunnelIs( IntfId intf, std::vector< Fib::FecVia > vias );
    void tunnelDel( IntfId intf );
 
-   /// Neighbours or links have changed: says of each protected FEC which way it takes now.
+   /// Neighbours or links have changed: says of each FEC which way it takes now.
    void reportStates();
 
    // --- Restart, FecRestart.cpp

@@ -104,6 +104,7 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
    faultTask_->runAfter( settings_.faults.nextChange( now() ) - now() );
    const Ptr< VelHelper::MplsRouteSyncMap > routeSyncMap = fecPlatform.routeSyncMap;
    status_->resolve_ = fecPlatform.resolve;
+   status_->links_ = &links_;
    if ( fecPlatform.present() ) {
       fecUnit_ = std::make_unique< FecUnit >( std::move( fecPlatform ), queue_, *status_,
                                               settings_.faults, links_, *scheduler->clock() );
@@ -124,6 +125,7 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
 SoftwareSwitch::~SoftwareSwitch() {
    status_->queue_ = nullptr;
    status_->resolve_ = nullptr;
+   status_->links_ = nullptr;
 }
 
 // Which listed keys are an earlier driver's: those of the configuration. The others are the
@@ -227,8 +229,18 @@ void SoftwareSwitch::faultsAre( FaultPlan faults ) {
 }
 
 void SoftwareSwitch::linkIs( IntfId intf, bool up ) {
-   if ( links_.upIs( intf, up ) && fecUnit_ ) {
+   if ( links_.upIs( intf, up ) ) {
+      linksChanged();
+   }
+}
+
+// Hardware changes over before anybody else hears of it.
+void SoftwareSwitch::linksChanged() {
+   if ( fecUnit_ ) {
       fecUnit_->reportStates();
+   }
+   if ( onLinks_ ) {
+      onLinks_();
    }
 }
 
@@ -675,8 +687,8 @@ void SoftwareSwitch::fecRouteDel( VrfId vrfId, RouteKey key ) {
 void SoftwareSwitch::faultsChanged() {
    if ( fecUnit_ ) {
       fecUnit_->retryWaiting();
-      fecUnit_->reportStates();
    }
+   linksChanged();
    faultTask_->runAfter( settings_.faults.nextChange( now() ) - now() );
 }
 

@@ -98,6 +98,9 @@ class SoftwareSwitch {
 
    /// A link goes down or comes up. Protected FECs change over at once.
    void linkIs( IntfId intf, bool up );
+   bool linkUp( IntfId intf ) const { return links_.up( intf ); }
+   /// Called when an interface may have gone down or come up.
+   void onLinksIs( std::function< void() > onLinks ) { onLinks_ = std::move( onLinks ); }
    /// The FECs; null for hardware without them.
    FecUnit* fecUnit() const { return fecUnit_.get(); }
 
@@ -138,6 +141,7 @@ class SoftwareSwitch {
    bool someVrfHas( Mpls::RouteKey key ) const;
    void routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec );
    void faultsChanged();
+   void linksChanged();
    UnprogrammedReason adjacencyRefusal( const Operation& operation,
                                         const Mpls::Hardware::L2ViaSet& vias );
    UnprogrammedReason routeRefusal( const HwVrf& vrf, const Operation& operation );
@@ -160,6 +164,7 @@ class SoftwareSwitch {
    LabelIndexed< Mpls::RouteKey, U64 > overtaken_;
    Ptr< TimerTask > faultTask_; // where a fault begins or ends
    Links links_;
+   std::function< void() > onLinks_;
    std::unique_ptr< FecUnit > fecUnit_;
    // What hears of changes goes first.
    Hash< VrfId, std::unique_ptr< ConfigWatch > > watch_;

@@ -6,14 +6,17 @@
 #include <functional>
 
 #include "driver/ConfigWatch.h"
+#include "driver/HwTables.h"
+#include "driver/Links.h"
 #include "driver/Operation.h"
+#include "mpls/VelMplsHwInsight.h"
 #include "platform/entity/ReadOnly.h"
 #include "platform/seams/FecTables.h"
 
 namespace Vel::Driver {
 
-/// What the switch counts.
-class SwitchStatus : public Entity {
+/// What the switch counts, and what it tells of itself.
+class SwitchStatus : public Entity, public MplsHwInsight {
    // clang-format off
    ENTITY( SwitchStatus )
    DERIVED( queueLength )             // operations that wait
@@ -44,10 +47,23 @@ class SwitchStatus : public Entity {
    std::string name() const override { return "softwareSwitch"; }
    U64 queueLength() const { return queue_ ? queue_->size() : 0; }
    U64 breaches() const { return breachLog_.count(); }
-   /// What hardware with FECs resolves the next hop to by itself, watched or not.
-   NextHopInfo neighbor( const NextHopKey& key ) const {
-      return resolve_ ? resolve_( key.intf, key.addr ) : NextHopInfo();
+
+   std::optional< U64 > operationsWaiting() const override { return queueLength(); }
+   std::optional< UnprogrammedReason > routeRefusal( VrfId vrfId,
+                                                     Mpls::RouteKey key ) const override;
+   std::optional< UnprogrammedReason > adjacencyRefusal( VrfId vrfId, U64 index ) const override;
+   std::optional< UnprogrammedReason > fecRefusal( Fib::FecId fecId ) const override;
+   bool routeLost( VrfId vrfId, Mpls::RouteKey key ) const override;
+   bool knowsForeign() const override { return true; }
+   const Fib::Fec* findForeignFec( Fib::FecId fecId ) const override {
+      return foreignFec().find( fecId );
    }
+   const Fib::Fec* findTunnel( IntfId intf ) const override { return tunnel().find( intf ); }
+   void eachForeign( const std::function< void( const Fib::Fec& ) >& call ) const override;
+   std::optional< NextHopInfo > neighbor( const NextHopKey& key ) const override {
+      return resolve_ ? std::optional( resolve_( key.intf, key.addr ) ) : std::nullopt;
+   }
+   bool linkUp( IntfId intf ) const override { return links_ == nullptr || links_->up( intf ); }
 
  private:
    friend class SoftwareSwitch;
@@ -56,7 +72,8 @@ class SwitchStatus : public Entity {
    const OperationQueue* queue_; // null once the switch is gone
    BreachLog breachLog_;
    std::function< NextHopInfo( IntfId, const IpGenAddr& ) >
-      resolve_; // null once the switch is gone
+      resolve_;                   // null once the switch is gone, as the next
+   const Links* links_ = nullptr; //
 };
 
 } // namespace Vel::Driver

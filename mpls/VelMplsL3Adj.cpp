@@ -155,12 +155,17 @@ void MplsSm::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    const Ptr< L3Adjacency > backupBefore = l3Adj->backupAdj();
    const Ptr< ExternalFecInfo > fecBefore = l3Adj->extFecInfo();
    l3Adj->contentDigestIs( contentDigestOf( viaSet ) );
+   const bool hadOtherVias = l3Adj->otherVias();
+   l3Adj->otherViasIs( false );
    const L3AdjOutcome outcome = programL3Adj( vrfState, *l3Adj, viaSet );
    const bool wasOutdated = l3Adj->outdated();
    if ( wasOutdated && outcome == L3AdjOutcome::programmed ) {
       queuePrimaries( vrfState, *l3Adj ); // whose FECs could not name this one's
    }
    l3Adj->outdatedIs( outcome != L3AdjOutcome::programmed );
+   if ( l3Adj->outdated() != wasOutdated || l3Adj->otherVias() != hadOtherVias ) {
+      publishRoutesOf( vrfState, *l3Adj ); // which leave by part of what is meant, or not any more
+   }
    maybeReleaseOutdated( vrfState, *l3Adj );
    if ( outcome != L3AdjOutcome::backedOff ) {
       settleL3Adj( vrfState, *l3Adj );
@@ -211,6 +216,7 @@ MplsSm::L3AdjOutcome MplsSm::programExtFecL3Adj( VrfMplsState& vrfState, L3Adjac
    stopWaitingForBackup( vrfState, l3Adj );
    const Mpls::LfibExtFecVia via = getSaneExtFecVia( l3Adj, viaSet );
    if ( via == Mpls::LfibExtFecVia() ) {
+      l3Adj.otherViasIs( true );
       return L3AdjOutcome::backedOff;
    }
    processExtFecL3Adj( vrfState, l3Adj, viaSet, via );
@@ -225,6 +231,7 @@ MplsSm::L3AdjOutcome MplsSm::programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjac
    const Ptr< CachedLFibMplsViaColl > saneVias = getSaneMplsIpLFibVias( viaSet );
    if ( !validateMplsIpL3Adj( l3Adj, viaSet, saneVias ) ) {
       stopWaitingForBackup( vrfState, l3Adj ); // who is not to be programmed needs no backup
+      l3Adj.otherViasIs( true );
       followVias( vrfState, l3Adj );
       return L3AdjOutcome::kept;
    }
@@ -234,6 +241,8 @@ MplsSm::L3AdjOutcome MplsSm::programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjac
       return L3AdjOutcome::programmed;
    }
    if ( !validateAndMaybeUpdateBackupAdjInfo( vrfState, l3Adj, viaSet ) ) {
+      l3Adj.otherViasIs( l3Adj.primaryViasDisabled() == saneVias->usableAsPrimaryVias() ||
+                         !hasVias( l3Adj, *saneVias ) );
       return followVias( vrfState, l3Adj ) ? L3AdjOutcome::kept : L3AdjOutcome::backedOff;
    }
    processMplsIpL3Adj( vrfState, l3Adj, viaSet, saneVias );

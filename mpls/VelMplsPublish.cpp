@@ -10,12 +10,14 @@ namespace Vel {
 
 namespace {
 
-// Which way hardware takes. It says so of FECs that are protected; what it said of one of ours that
-// is not protected any more is of the time before.
+// Which way hardware takes. It says so of FECs that are protected, and of others that nothing leaves
+// by them; which of two ways one of ours took that is not protected any more is of the time before.
 AdjHwState hwStateOf( const ExternalFecInfo& info ) {
    const bool ours =
       info.fecId().isA( Fib::AdjType::mplsV4Adj ) || info.fecId().isA( Fib::AdjType::mplsV6Adj );
-   return ours && !info.backupExtFecInfo() ? AdjHwState::unknown : info.adjState();
+   const AdjHwState state = info.adjState();
+   return ours && !info.backupExtFecInfo() && state != AdjHwState::down ? AdjHwState::unknown
+                                                                        : state;
 }
 
 } // namespace
@@ -109,6 +111,11 @@ bool MplsSm::inFecInHardware( const MplsRoute& route ) {
 }
 
 MplsSm::WaysOut MplsSm::waysOutOf( const MplsRoute& route ) const {
+   const WaysOut ways = waysInHardwareOf( route );
+   return route.l3Adj()->otherVias() ? std::min( ways, WaysOut::some ) : ways;
+}
+
+MplsSm::WaysOut MplsSm::waysInHardwareOf( const MplsRoute& route ) const {
    const L3Adjacency& l3Adj = *route.l3Adj();
    const ExternalFecInfo* const info = route.extFecInfo().get();
    if ( info == nullptr ) {
@@ -173,6 +180,12 @@ void MplsSm::judgeL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
       if ( l3Adj.extFecInfo() ) {
          publishRoutesProtectedBy( vrfState, *l3Adj.extFecInfo() );
       }
+   }
+}
+
+void MplsSm::publishRoutesOf( VrfMplsState& vrfState, const L3Adjacency& l3Adj ) {
+   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+      vrfState.routeKeyForPublishIs( routeKey );
    }
 }
 

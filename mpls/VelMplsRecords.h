@@ -303,6 +303,7 @@ class VEL_EXPORT L3Adjacency : public Entity {
    ATTRIBUTE( U64, contentDigest ) // of its via set and vias when it was last processed
    ATTRIBUTE( U64, contentSameAt ) // how much the LFIB had announced when they were last seen to be the same
    ATTRIBUTE( bool, outdated )    // what it has, if anything, is not what its via set says now
+   ATTRIBUTE( bool, otherVias )   // outdated, and frames that leave by it do so by other vias
    ATTRIBUTE( bool, superseded )  // its via set has another content by now; it only carries
    SET( HashSet, U64, primaryAdj ) // the adjacencies that this one protects
    ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )

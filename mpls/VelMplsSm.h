@@ -480,10 +480,12 @@ class VEL_EXPORT MplsSm : public Entity {
    void queueForPublishing( VrfMplsState& vrfState );
    enum class WaysOut { none, some, all };
    WaysOut waysOutOf( const MplsRoute& route ) const;
+   WaysOut waysInHardwareOf( const MplsRoute& route ) const;
    WaysOut waysOutOf( const L3Adjacency& l3Adj ) const;
    WaysOut waysOutOf( const ExternalFecInfo& info ) const;
    void judgeRouteIntoFec( const VrfMplsState& vrfState, MplsRoute& route );
    void judgeL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
+   static void publishRoutesOf( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
    static void publishRoutesProtectedBy( VrfMplsState& vrfState, const ExternalFecInfo& info );
    void runAgainAtOnce( TimerTask& task ) const;
 

@@ -1,4 +1,5 @@
 #include "mpls/VelMplsTypes.h"
+#include "mpls/VelMplsHwInsight.h"
 
 #include <charconv>
 
@@ -144,6 +145,8 @@ U32 MplsHwVrfStatus::mcastHwIdSeqInc( U16 groupId, U32 delta ) {
 }
 
 MplsRoute::MplsRoute( Mpls::RouteKey routeKey ) : routeKey_( routeKey ) {}
+MplsHwInsight::~MplsHwInsight() = default;
+
 MplsRoute::~MplsRoute() = default;
 
 L3Adjacency::L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links,

@@ -50,15 +50,16 @@ class L3Layer : public Sim::L3Layer {
 };
 
 /// An Ethernet frame with that one label, TTL 64, above an IPv4 packet without payload.
-inline Driver::Bytes frameOf( U32 label ) {
+inline Driver::Bytes frameOf( U32 label, U32 flow = 1 ) {
    Driver::Bytes frame( 12, 2 );
    const U32 entry = label << 12 | 1U << 8 | 64U;
    for ( const U32 byte :
          { 0x88U, 0x47U, entry >> 24, entry >> 16 & 0xFFU, entry >> 8 & 0xFFU, entry & 0xFFU } ) {
       frame.push_back( static_cast< uint8_t >( byte ) );
    }
-   frame.insert( frame.end(),
-                 { 0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2 } );
+   frame.insert( frame.end(), { 0x45, 0,  0, 20, 0,   0, 0, 0,
+                                64,   17, 0, 0,  192, 0, 2, static_cast< uint8_t >( flow ),
+                                192,  0,  2, 2 } );
    return frame;
 }
 

@@ -8,8 +8,9 @@
 #include <CLI/CLI.hpp>
 
 #include "agent/cli/AgentRun.h"
-#include "agent/report/Audit.h"
+#include "agent/report/AuditPrinter.h"
 #include "agent/report/Progress.h"
+#include "agent/report/ReportText.h"
 
 namespace Vel::Agent {
 
@@ -29,9 +30,9 @@ int runAudit( const AuditOptions& options ) {
    }
    const LabelAgent& agent = run.agent();
    progress.stage( "comparing" );
-   const Audit audit( agent.entityManager(),
-                      [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); } );
-   const AuditReport report = audit.run( options.limit );
+   const Inspect::Audit audit(
+      agent.entityManager(), [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); } );
+   const Inspect::AuditReport report = audit.run( options.limit );
    progress.hide();
    const bool printed =
       options.format == "json" ? printJson( std::cout, report ) : printText( std::cout, report );

@@ -10,6 +10,7 @@
 #include "agent/cli/AgentRun.h"
 #include "agent/report/ExplainPrinter.h"
 #include "agent/report/Progress.h"
+#include "agent/report/ReportText.h"
 
 namespace Vel::Agent {
 
@@ -36,7 +37,7 @@ int runExplain( const ExplainOptions& options ) {
    progress->hide();
    const LabelAgent& agent = run.agent();
    const Mpls::RouteKey key = *labelOf( options.label );
-   const Explanation explanation(
+   const Inspect::Explanation explanation(
       agent.entityManager(), key,
       [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); },
       agent.ignoredReason( key ) );
@@ -70,15 +71,7 @@ void addExplainCommand( CLI::App& app, CommandRun& run ) {
                                ", or up to three with / between them)" );
       } );
    addRunOptions( *command, options->run );
-   command
-      ->add_option( "--format", options->format,
-                    "Form of the explanation: text (when not given) or json" )
-      ->type_name( "FORM" )
-      ->check( []( const std::string& form ) {
-         return form == "text" || form == "json"
-                   ? std::string()
-                   : "\"" + form + "\" is not a form of the explanation; there are text and json";
-      } );
+   addReportFormat( *command, options->format );
    command->footer( "Exit status: 0 the label is forwarded by all of its vias, or is not to be "
                     "forwarded, 2 bad input or\nusage, 3 the label is not forwarded, or only "
                     "partially.\n\n"

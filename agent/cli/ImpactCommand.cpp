@@ -8,8 +8,9 @@
 #include <CLI/CLI.hpp>
 
 #include "agent/cli/AgentRun.h"
-#include "agent/report/Impact.h"
+#include "agent/report/ImpactPrinter.h"
 #include "agent/report/Progress.h"
+#include "agent/report/ReportText.h"
 
 namespace Vel::Agent {
 
@@ -23,7 +24,7 @@ struct ImpactOptions {
 };
 
 /// A neighbour of the table whom no label needs is nobody's next hop, and yet not unknown.
-bool neighborIsKnown( LabelAgent& agent, const ImpactTarget& target ) {
+bool neighborIsKnown( LabelAgent& agent, const Inspect::ImpactTarget& target ) {
    const size_t interfaces = agent.interfaces().size();
    for ( U32 number = 1; target.nextHop && number <= interfaces; ++number ) {
       const IntfId intf = IntfId::ordinary( number );
@@ -47,7 +48,7 @@ int runImpact( const ImpactOptions& options ) {
    }
    LabelAgent& agent = run.agent();
    progress.hide();
-   ImpactTarget target;
+   Inspect::ImpactTarget target;
    if ( !options.nextHop.empty() ) {
       target.nextHop = IpGenAddr::parse( options.nextHop );
    }
@@ -60,7 +61,7 @@ int runImpact( const ImpactOptions& options ) {
       }
       target.intf = *intf;
    }
-   const Impact impact( agent.entityManager(), target );
+   const Inspect::Impact impact( agent.entityManager(), target );
    const ImpactQuestion question{
       options.nextHop, options.interface,
       target.text( [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); } ) };

@@ -12,6 +12,7 @@
 #include "agent/report/Metrics.h"
 #include "agent/report/ProgramResult.h"
 #include "agent/report/Progress.h"
+#include "agent/report/ReportText.h"
 #include "agent/report/ResultPrinter.h"
 
 namespace Vel::Agent {
@@ -87,15 +88,7 @@ void addProgramCommand( CLI::App& app, CommandRun& run ) {
    const auto options = std::make_shared< ProgramOptions >();
    addRunOptions( *command, options->run );
    addRestartOptions( *command, options->run );
-   command
-      ->add_option( "--format", options->format,
-                    "Form of the result: text (when not given) or json" )
-      ->type_name( "FORM" )
-      ->check( []( const std::string& form ) {
-         return form == "text" || form == "json"
-                   ? std::string()
-                   : "\"" + form + "\" is not a form of the result; there are text and json";
-      } );
+   addReportFormat( *command, options->format );
    command
       ->add_option( "--metrics", options->metricsFile,
                     "Write what was counted to the file, in the text form of Prometheus; - for "

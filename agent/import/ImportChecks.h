@@ -139,6 +139,10 @@ void importFrr( std::string_view text, JsonCut cut, std::vector< LabelRoute >& r
 void importIproute2( std::string_view text, std::vector< LabelRoute >& routes, ErrorList& errors );
 void importNative( std::string_view text, LabelTable& table, ErrorList& errors );
 
+/// Takes routes out whose frames would be lost on a way through what other agents have, with a
+/// complaint each.
+void dropWhatLosesLabels( LabelTable& table, ErrorList& errors );
+
 /// Adds a route while the table has room. False, with a complaint, when it has none.
 bool addRoute( std::vector< LabelRoute >& routes, LabelRoute&& route, size_t offset,
                ErrorList& errors );

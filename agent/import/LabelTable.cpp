@@ -157,6 +157,7 @@ void import( std::string_view text, std::optional< LabelTableFormat > forced, La
       break;
    }
    sortAndDropDoubles( table.routes, errors );
+   dropWhatLosesLabels( table, errors );
 }
 
 } // namespace

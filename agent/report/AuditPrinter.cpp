@@ -1,8 +1,17 @@
-#include "agent/report/Audit.h"
+#include "agent/report/AuditPrinter.h"
 
 #include <ostream>
 
+#include "agent/report/ReportText.h"
+#include "inspect/Words.h"
+
 namespace Vel::Agent {
+
+using Inspect::AuditFinding;
+using Inspect::AuditPending;
+using Inspect::AuditQueues;
+using Inspect::AuditReport;
+using Inspect::counted;
 
 namespace {
 

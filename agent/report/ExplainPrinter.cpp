@@ -5,7 +5,15 @@
 #include <cstdio>
 #include <ostream>
 
+#include <nlohmann/json.hpp>
+
 namespace Vel::Agent {
+
+using Inspect::ChainLink;
+using Inspect::Explanation;
+using Inspect::LabelState;
+using Inspect::Obstacle;
+using Inspect::Value;
 
 namespace {
 
@@ -54,7 +62,7 @@ std::string headline( const Explanation& explanation ) {
                                 " at ", secondsText( explanation.now() ) );
    if ( const ChainLink* const blocker = explanation.blocker() ) {
       text += joinText( ", blocked at: ", blocker->title );
-      text += explanation.inHardware() ? ". The hardware still forwards with what it has" : "";
+      text += explanation.leaves() ? ". The hardware still forwards with what it has" : "";
    }
    return text + "\n\n";
 }
@@ -79,7 +87,7 @@ class ChainText {
  private:
    void append( const ChainLink& link ) {
       const bool blocker = &link == explanation_.blocker();
-      const bool wanted = explanation_.state() != ExplainState::ignored;
+      const bool wanted = explanation_.state() != LabelState::ignored;
       const bool red = blocker && style_.colour;
       text_ += red ? "\033[31m" : "";
       text_ += padded( blocker ? "=>" : "", titleColumn );
@@ -125,6 +133,31 @@ class ChainText {
    std::string text_;
 };
 
+Json jsonOf( const Value& value );
+
+struct JsonOf {
+   Json operator()( std::monostate ) const { return {}; }
+   Json operator()( const auto& plain ) const { return plain; }
+   Json operator()( const Value::List& list ) const {
+      Json made = Json::array();
+      for ( const Value& one : list ) {
+         made.push_back( jsonOf( one ) );
+      }
+      return made;
+   }
+   Json operator()( const Value::Table& table ) const {
+      Json made = Json::object();
+      for ( const auto& [name, one] : table ) {
+         made[std::string( name )] = jsonOf( one );
+      }
+      return made;
+   }
+};
+
+Json jsonOf( const Value& value ) {
+   return std::visit( JsonOf(), value.as() );
+}
+
 Json jsonOf( const ChainLink& link, bool blocker ) {
    Json out{ { "link", link.name }, { "holds", link.holds }, { "text", link.text } };
    if ( link.degraded ) {
@@ -137,7 +170,9 @@ Json jsonOf( const ChainLink& link, bool blocker ) {
       out["nextTrySeconds"] = secondsOrNull( link.obstacle.nextTry );
       out["waitsFor"] = link.obstacle.waitsFor.empty() ? Json() : Json( link.obstacle.waitsFor );
    }
-   out.update( link.facts );
+   if ( const Json facts = jsonOf( link.facts ); facts.is_object() ) {
+      out.update( facts );
+   }
    return out;
 }
 
@@ -169,6 +204,7 @@ bool printJson( std::ostream& out, const Explanation& explanation ) {
    made["state"] = name( explanation.state() );
    made["atSeconds"] = explanation.now();
    made["inHardware"] = explanation.inHardware();
+   made["framesLeave"] = explanation.leaves();
    made["blocker"] = blocker ? Json( blocker->name ) : Json();
    made["links"] = Json::array();
    for ( const ChainLink& link : explanation.links() ) {

@@ -1,10 +1,22 @@
-#include "agent/report/Impact.h"
+#include "agent/report/ImpactPrinter.h"
 
 #include <algorithm>
 #include <array>
 #include <ostream>
 
+#include "agent/report/ReportText.h"
+#include "inspect/Words.h"
+
 namespace Vel::Agent {
+
+using Inspect::counted;
+using Inspect::fecIdText;
+using Inspect::ForeignWay;
+using Inspect::Impact;
+using Inspect::ImpactedAdjacency;
+using Inspect::ImpactedFec;
+using Inspect::ImpactedLabel;
+using Inspect::WaysLeft;
 
 namespace {
 

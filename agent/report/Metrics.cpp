@@ -5,6 +5,7 @@
 
 namespace Vel::Agent {
 
+using Inspect::LabelState;
 namespace {
 
 using C = MplsSmCounters;
@@ -102,8 +103,8 @@ bool printMetrics( std::ostream& out, const LabelAgent& agent, const ProgramResu
                       ( *sm.counters().*counter.value )() );
    }
    writer.begin( "routes", "gauge", "Routes of the LFIB by what became of them." );
-   for ( const auto state : { ProgramState::programmed, ProgramState::partiallyProgrammed,
-                              ProgramState::unprogrammed, ProgramState::ignored } ) {
+   for ( const auto state : { LabelState::programmed, LabelState::partiallyProgrammed,
+                              LabelState::unprogrammed, LabelState::ignored } ) {
       writer.sample( "routes", result.summary().of( state ),
                      joinText( "state=\"", name( state ), "\"" ) );
    }

@@ -4,6 +4,7 @@
 
 namespace Vel::Agent {
 
+using Inspect::LabelState;
 using Mpls::RouteKey;
 using Mpls::RouteStatusCode;
 
@@ -70,62 +71,31 @@ std::string refusedReason( UnprogrammedReason reason, std::string_view what ) {
    return joinText( "refused by hardware: ", what );
 }
 
-// Whether hardware has the FEC as it is asked for. The last via of a protected one leads into its
-// backup, which hardware keeps apart.
-bool holds( const Driver::HwFec& held, const Fib::Fec& asked ) {
-   const bool isProtected = asked.backupFecId != Fib::FecId();
-   const size_t primaries = asked.via.size() - ( isProtected && !asked.empty() ? 1 : 0 );
-   return held.backupFecId == asked.backupFecId && held.via.size() >= primaries &&
-          held.via.size() <= asked.via.size() &&
-          std::equal( held.via.begin(), held.via.begin() + static_cast< ptrdiff_t >( primaries ),
-                      asked.via.begin() );
-}
-
 bool forwarded( Mpls::LfibViaType type ) {
    return type == Mpls::viaTypeMplsIp || type == Mpls::viaTypeExternalFec;
 }
 
 } // namespace
 
-std::string_view name( ProgramState state ) {
-   switch ( state ) {
-   case ProgramState::programmed:
-      return "programmed";
-   case ProgramState::partiallyProgrammed:
-      return "partiallyProgrammed";
-   case ProgramState::unprogrammed:
-      return "unprogrammed";
-   case ProgramState::ignored:
-      break;
-   }
-   return "ignored";
-}
-
-/// Where a route stands, everywhere.
+/// Where a route stands.
 struct ProgramResult::Found {
    Mpls::LfibRoute lfib;
-   const MplsRoute* record = nullptr;     // what the state machine holds
-   const Mpls::RouteInfo* info = nullptr; // what it has published
-   const Mpls::Hardware::Route* hwMpls = nullptr;
-   const MplsHwRoute* config = nullptr;       // what the hardware was asked for
-   const Driver::HwRoute* hardware = nullptr; // what the hardware holds
+   const MplsRoute* record = nullptr; // what the state machine holds
 
-   bool ignored() const { return !forwarded( lfib.viaSetKey.viaType() ); }
    const L3Adjacency* l3Adj() const { return record ? record->l3Adj().get() : nullptr; }
-   const Driver::HwFec* fec() const { return hardware ? hardware->fec.get() : nullptr; }
+   const ExternalFecInfo* fec() const {
+      return record && MplsSm::inFecInHardware( *record ) ? record->extFecInfo().get() : nullptr;
+   }
    /// False while it stays in the FEC of its earlier vias, until that of its present ones is there.
-   bool inItsFec() const {
-      const L3Adjacency* const adjacency = l3Adj();
-      const ExternalFecInfo* const wanted = adjacency ? adjacency->extFecInfo().get() : nullptr;
-      return fec() && wanted && wanted->fecId() == fec()->fecId;
-   }
-   Mpls::Hardware::L2Adjacency* l2Adjacency() const {
-      const auto* const adjacency = hwMpls ? hwMpls->adjacency.get() : nullptr;
-      return adjacency ? adjacency->l2Adjacency().get() : nullptr;
-   }
+   bool inItsFec() const { return fec() && l3Adj() && l3Adj()->extFecInfo() == fec(); }
 };
 
-ProgramResult::ProgramResult( const LabelAgent& agent ) : agent_( agent ) {
+ProgramResult::ProgramResult( const LabelAgent& agent )
+   : agent_( agent ),
+     name_( [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); } ),
+     fecs_( agent.entityManager() ),
+     foreignWays_( agent.entityManager(), name_ ),
+     labelStates_( agent.entityManager() ) {
    routes_.reserve( agent.lfib().lfibRoutes() );
    agent.lfib().lfibRouteEach(
       [this]( const Mpls::LfibRoute& route ) { routes_.push_back( route.routeKey ); },
@@ -133,7 +103,7 @@ ProgramResult::ProgramResult( const LabelAgent& agent ) : agent_( agent ) {
    std::ranges::sort( routes_ );
    states_.reserve( routes_.size() );
    for ( const RouteKey key : routes_ ) {
-      const ProgramState state = stateOf( find( key ) );
+      const LabelState state = labelStates_.of( key ).state;
       states_.push_back( state );
       ++summary_.byState[static_cast< size_t >( state )];
    }
@@ -148,12 +118,6 @@ ProgramResult::Found ProgramResult::find( RouteKey key ) const {
    if ( const VrfMplsState* const state = agent_.mplsSm().mplsState( L3::VrfName::defaultVrf() ) ) {
       found.record = state->route( key );
    }
-   found.info = agent_.lfibHwStatus().unprogrammedRoute().find( key );
-   found.hwMpls = agent_.hwMplsStatus().route().find( key );
-   if ( const MplsHwVrfConfig* const config = agent_.hwConfig() ) {
-      found.config = config->route().find( key );
-   }
-   found.hardware = agent_.hardware().route( LabelAgent::vrfId, key );
    return found;
 }
 
@@ -173,113 +137,11 @@ ResultStartup ProgramResult::startup() const {
    return startup;
 }
 
-ProgramState ProgramResult::stateOf( const Found& found ) const {
-   if ( found.ignored() ) {
-      return ProgramState::ignored;
-   }
-   if ( found.info == nullptr || found.info->statusCode == RouteStatusCode::notProgrammed ||
-        !contradiction( found ).empty() ) {
-      return ProgramState::unprogrammed;
-   }
-   if ( found.fec() ) {
-      return found.inItsFec() ? stateIntoFec( found ) : ProgramState::unprogrammed;
-   }
-   return found.info->statusCode == RouteStatusCode::programmed ? ProgramState::programmed
-                                                                : ProgramState::partiallyProgrammed;
-}
-
-// The same for all routes of a via set: they share the FEC.
-ProgramState ProgramResult::stateIntoFec( const Found& found ) const {
-   const Mpls::LfibViaSetKey key = found.lfib.viaSetKey;
-   if ( const ProgramState* const known = stateOfViaSet_.find( key ) ) {
-      return *known;
-   }
-   ProgramState state = ProgramState::unprogrammed;
-   if ( fecReason( found ).empty() ) { // else hardware still has what was there before
-      const Mpls::LfibViaSet viaSet = agent_.lfib().lfibViaSet( key );
-      const WaysOut backup = found.fec()->backupFecId == Fib::FecId()
-                                ? WaysOut::none
-                                : waysOut( viaSet.backupViaSetKey() );
-      WaysOut ways = viaSet.usableAsPrimaryVias() ? waysOut( key ) : backup;
-      if ( ways == WaysOut::none && backup != WaysOut::none ) {
-         ways = WaysOut::some; // not by the vias that are meant
-      }
-      state = ways == WaysOut::all    ? ProgramState::programmed
-              : ways == WaysOut::some ? ProgramState::partiallyProgrammed
-                                      : ProgramState::unprogrammed;
-   }
-   stateOfViaSet_.emplace( key, state );
-   return state;
-}
-
 const Mpls::Hardware::Adjacency* ProgramResult::adjacencyOf( Mpls::LfibViaSetKey viaSetKey ) const {
    const VrfMplsState* const state = agent_.mplsSm().mplsState( L3::VrfName::defaultVrf() );
    return state && state->lFibViaSetToL3AdjHas( viaSetKey )
              ? agent_.hwMplsStatus().adjacency( state->lFibViaSetToL3Adj( viaSetKey ) )
              : nullptr;
-}
-
-ProgramResult::WaysOut ProgramResult::waysOut( Mpls::LfibViaSetKey viaSetKey ) const {
-   const Mpls::Hardware::Adjacency* const adjacency = adjacencyOf( viaSetKey );
-   if ( adjacency == nullptr ) {
-      return WaysOut::none;
-   }
-   size_t open = 0;
-   for ( const auto& [index, via] : adjacency->via() ) {
-      open += Interfaces::foreignKind( via.intf ) ? !agent_.foreignFecs().exits( via.intf ).empty()
-                                                  : via.resolved();
-   }
-   return open == 0 ? WaysOut::none : open < adjacency->vias() ? WaysOut::some : WaysOut::all;
-}
-
-// What the published status says against what the hardware holds.
-std::string_view ProgramResult::contradiction( const Found& found ) const {
-   if ( found.info == nullptr || found.info->statusCode == RouteStatusCode::notProgrammed ) {
-      // A FEC that leads nowhere is in hardware, and forwards nothing.
-      const bool idle =
-         found.fec() && ( found.inItsFec() ? stateIntoFec( found ) == ProgramState::unprogrammed
-                                           : waysOut( found.lfib.viaSetKey ) == WaysOut::none );
-      // What a restart has found goes on forwarding while its new FEC waits for room.
-      const bool waits = found.fec() && !fecReason( found ).empty();
-      return found.hardware && !idle && !waits
-                ? "published as not programmed, but the hardware still forwards with it"
-                : "";
-   }
-   if ( found.hardware == nullptr ) {
-      return "published as programmed, but the hardware does not hold it";
-   }
-   if ( found.fec() ) {
-      return fecContradiction( found );
-   }
-   const Driver::HwAdjacency& held = *found.hardware->adjacency;
-   if ( found.l2Adjacency() == nullptr || held.l2Adjacency().get() != found.l2Adjacency() ) {
-      return "published as programmed, but the hardware holds it with another adjacency";
-   }
-   if ( found.config == nullptr || found.config->version != found.hardware->version ) {
-      return "published as programmed, but the hardware holds another version of it";
-   }
-   if ( !held.inHardware() || held.l2Via() != found.l2Adjacency()->l2ViaSet().l2Via() ) {
-      return "published as programmed, but the hardware holds other vias for it";
-   }
-   return "";
-}
-
-std::string_view ProgramResult::fecContradiction( const Found& found ) const {
-   const Driver::HwFec& held = *found.fec();
-   if ( found.hwMpls == nullptr || found.hwMpls->fecId != held.fecId ) {
-      return "published as programmed, but the hardware holds it with another FEC";
-   }
-   if ( agent_.hardware().fecUnit()->fec( held.hwId ) != &held ) {
-      return "published as programmed, but the hardware does not hold its FEC";
-   }
-   const FecIdToHwFecIdRequest& request = *agent_.mplsSm().inputs().hwFecIdRequest;
-   const Fib::Fec* asked = request.fec().find( held.fecId );
-   if ( asked == nullptr ) {
-      asked = request.fec6().find( held.fecId ); // null: another agent's
-   }
-   return asked == nullptr || holds( held, *asked ) || !fecReason( found ).empty()
-             ? ""
-             : "published as programmed, but the hardware holds other vias for it";
 }
 
 // --- One route.
@@ -300,7 +162,7 @@ std::optional< ResultRoute > ProgramResult::route( RouteKey key ) const {
 void ProgramResult::readRoute( RouteKey key, ResultRoute& out ) const {
    const Found found = find( key );
    out.key = key;
-   out.state = stateOf( found );
+   out.state = labelStates_.of( key ).state;
    out.reason.clear();
    out.l3Adjacency.reset();
    out.l2Adjacency.reset();
@@ -317,15 +179,16 @@ void ProgramResult::readRoute( RouteKey key, ResultRoute& out ) const {
    if ( !viaSet.null() && !viaSet.backupViaSetKey().empty() ) {
       readVias( viaSet.backupViaSetKey(), out.backup );
    }
-   if ( const Driver::HwFec* const fec = found.inItsFec() ? found.fec() : nullptr ) {
+   if ( found.inItsFec() ) {
+      const Fib::Fec* const content = fecs_.requested( found.fec()->fecId() );
       for ( ResultVia& via : out.vias ) {
-         via.fec = fec->fecId;
+         via.fec = found.fec()->fecId();
       }
       for ( ResultVia& via : out.backup ) {
-         via.fec = fec->backupFecId;
+         via.fec = content ? content->backupFecId : Fib::FecId();
       }
    }
-   if ( out.state != ProgramState::programmed ) {
+   if ( out.state != LabelState::programmed ) {
       out.reason = reasonOf( found, out );
    }
 }
@@ -343,9 +206,9 @@ void ProgramResult::readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< Result
             made.exits.push_back( { interfaces.name( l2Via.intf ), l2Via.vlanId, l2Via.macAddr } );
          }
          if ( made.into ) {
-            for ( const NextHopInfo& exit : agent_.foreignFecs().exits( via.intf ) ) {
-               made.exits.push_back(
-                  { interfaces.name( exit.l2Intf ), exit.vlanId, exit.macAddr } );
+            for ( const Inspect::ForeignExit& exit : foreignWays_.read( via.intf ).exits ) {
+               made.exits.push_back( { interfaces.name( exit.rewrite.l2Intf ), exit.rewrite.vlanId,
+                                       exit.rewrite.macAddr } );
             }
          }
       }
@@ -386,25 +249,30 @@ ResultVia ProgramResult::viaInto( MplsLabelAction action, const Mpls::LabelStack
 // --- Reasons.
 
 std::string ProgramResult::reasonOf( const Found& found, const ResultRoute& route ) const {
-   if ( route.state == ProgramState::ignored ) {
+   if ( route.state == LabelState::ignored ) {
       const std::string& reason = agent_.ignoredReason( route.key );
       return !reason.empty() ? reason
                              : joinText( "vias of the type ", found.lfib.viaSetKey.viaType(),
                                          " are not programmed by this version" );
    }
-   if ( route.state == ProgramState::partiallyProgrammed ) {
-      return unresolvedReason( route.usableAsPrimaryVias ? route.vias : route.backup );
+   const L3Adjacency* const l3Adj = found.l3Adj();
+   if ( route.state == LabelState::partiallyProgrammed &&
+        ( ( found.fec() && !found.inItsFec() ) || ( l3Adj && l3Adj->otherVias() ) ) ) {
+      return "forwards by what hardware had: " + obstacle( found, route );
    }
-   std::string reason( contradiction( found ) );
-   if ( reason.empty() ) {
-      reason = unprogrammedReason( found, route );
+   if ( route.state == LabelState::partiallyProgrammed ) {
+      std::string reason =
+         unresolvedReason( route.usableAsPrimaryVias ? route.vias : route.backup );
+      if ( reason.empty() && found.inItsFec() && !route.usableAsPrimaryVias ) {
+         return "its vias are disabled, it leaves by its backup";
+      }
+      return reason.empty() ? obstacle( found, route ) : reason;
    }
-   return reason;
+   return obstacle( found, route );
 }
 
 // In the order of the way into hardware: the first obstacle is the one to remove.
-std::string ProgramResult::unprogrammedReason( const Found& found,
-                                               const ResultRoute& route ) const {
+std::string ProgramResult::obstacle( const Found& found, const ResultRoute& route ) const {
    if ( const std::string fault = agent_.mplsSm().lFibViaSetFault( found.lfib.viaSetKey );
         !fault.empty() ) {
       return faultReason( fault, route.vias );
@@ -437,9 +305,8 @@ std::string ProgramResult::unprogrammedReason( const Found& found,
    if ( found.fec() && !found.inItsFec() ) {
       return "its FEC is not there yet; hardware still forwards by the one that it had";
    }
-   return found.fec() && !route.usableAsPrimaryVias
-             ? "its vias are disabled, and no backup is in hardware"
-             : "not confirmed by hardware yet";
+   return !route.usableAsPrimaryVias ? "its vias are disabled, and no backup is in hardware"
+                                     : "not confirmed by hardware yet";
 }
 
 // Why the route waits for its backup; empty when it does not.
@@ -464,7 +331,7 @@ std::string ProgramResult::refusals( const Found& found, RouteKey key ) const {
    }
    const L3Adjacency* const l3Adj = found.l3Adj();
    const bool intoFec = l3Adj && l3Adj->extFecInfo();
-   Mpls::Hardware::L2Adjacency* const l2Adj = found.l2Adjacency();
+   const MplsL2Adjacency* const l2Adj = l3Adj ? l3Adj->l2Adjacency().get() : nullptr;
    if ( l2Adj && !intoFec && refused->refusedAdjacencyHas( l2Adj->index() ) ) {
       return refusedReason( refused->refusedAdjacency( l2Adj->index() ), "its adjacency" );
    }

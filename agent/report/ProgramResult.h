@@ -1,12 +1,8 @@
 // ProgramResult: what became of each route of the LFIB, and why.
 //
-// Everything is read back from where it ends up: the published status, the adjacencies, the
-// hardware configuration and status, and the tables of the software switch. Nothing is taken from
-// the label table that was read in, so that the result says what is, and not what was wanted. Where
-// the published status and the switch contradict each other, the switch is believed.
-//
-// A route into a FEC is published by what the library knows of its next hops. What is behind
-// next-hop groups and tunnels, and whether the backup leads anywhere, is looked up here.
+// Everything is read back from where it ends up, and nothing is taken from the label table that was
+// read in, so that the result says what is, and not what was wanted. The state of a label is that of
+// inspect/LabelState.h.
 //
 // A result is a view of a settled agent: it holds the keys and states of the routes and reads the
 // rest on demand. It is out of date once the agent goes on.
@@ -18,20 +14,12 @@
 #include <array>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "agent/world/LabelAgent.h"
+#include "inspect/LabelState.h"
 
 namespace Vel::Agent {
-
-enum class ProgramState : uint8_t {
-   programmed,          ///< in hardware, with all of its vias
-   partiallyProgrammed, ///< in hardware, without the vias whose next hop is not resolved
-   unprogrammed,        ///< not in hardware, or in a FEC that leads nowhere
-   ignored              ///< not for MPLS forwarding
-};
-std::string_view name( ProgramState state );
 
 /// One way that a via resolved to.
 struct ResultExit {
@@ -61,7 +49,7 @@ struct ResultVia {
 
 struct ResultRoute {
    Mpls::RouteKey key;
-   ProgramState state = ProgramState::unprogrammed;
+   Inspect::LabelState state = Inspect::LabelState::unprogrammed;
    std::string reason; ///< for every state but programmed
    std::optional< U64 > l3Adjacency;
    std::optional< U64 > l2Adjacency;
@@ -71,15 +59,16 @@ struct ResultRoute {
 };
 
 struct ResultSummary {
-   std::array< size_t, 4 > byState{};
+   std::array< size_t, 4 > byState{}; ///< of those that the LFIB has
    size_t routes = 0;
    size_t l3Adjacencies = 0; ///< via sets that the library has taken up
    size_t l2Adjacencies = 0; ///< in hardware
 
-   size_t of( ProgramState state ) const { return byState[static_cast< size_t >( state )]; }
+   size_t of( Inspect::LabelState state ) const { return byState[static_cast< size_t >( state )]; }
    /// Every route that is to be forwarded is in hardware with all of its vias.
    bool complete() const {
-      return of( ProgramState::unprogrammed ) == 0 && of( ProgramState::partiallyProgrammed ) == 0;
+      return of( Inspect::LabelState::unprogrammed ) == 0 &&
+             of( Inspect::LabelState::partiallyProgrammed ) == 0;
    }
 };
 
@@ -108,7 +97,7 @@ class ProgramResult {
    size_t routes() const { return routes_.size(); }
    /// The keys in label order; a deeper stack stands before a shorter one that it begins with.
    Mpls::RouteKey key( size_t i ) const { return routes_[i]; }
-   ProgramState state( size_t i ) const { return states_[i]; }
+   Inspect::LabelState state( size_t i ) const { return states_[i]; }
    /// The route at that place, with everything. `out` is overwritten and its memory used again.
    void read( size_t i, ResultRoute& out ) const;
    /// The route under that key; nothing when the LFIB has none.
@@ -118,22 +107,14 @@ class ProgramResult {
 
  private:
    struct Found;
-   /// How many vias of a via set lead somewhere.
-   enum class WaysOut : uint8_t { none, some, all };
-
    Found find( Mpls::RouteKey key ) const;
-   ProgramState stateOf( const Found& found ) const;
-   ProgramState stateIntoFec( const Found& found ) const;
-   std::string_view contradiction( const Found& found ) const;
-   std::string_view fecContradiction( const Found& found ) const;
    const Mpls::Hardware::Adjacency* adjacencyOf( Mpls::LfibViaSetKey viaSetKey ) const;
-   WaysOut waysOut( Mpls::LfibViaSetKey viaSetKey ) const;
    ResultVia viaInto( MplsLabelAction action, const Mpls::LabelStack& labels,
                       const IpGenAddr& nextHop, IntfId intf ) const;
    void readViasFromLfib( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
    void readRoute( Mpls::RouteKey key, ResultRoute& out ) const;
    std::string reasonOf( const Found& found, const ResultRoute& route ) const;
-   std::string unprogrammedReason( const Found& found, const ResultRoute& route ) const;
+   std::string obstacle( const Found& found, const ResultRoute& route ) const;
    std::string backupReason( const Found& found, const ResultRoute& route ) const;
    std::string faultReason( const std::string& fault, const std::vector< ResultVia >& vias ) const;
    std::string unknownNextHopReason( const std::vector< ResultVia >& vias ) const;
@@ -142,10 +123,12 @@ class ProgramResult {
 
    const LabelAgent& agent_;
    std::vector< Mpls::RouteKey > routes_;
-   std::vector< ProgramState > states_;
+   std::vector< Inspect::LabelState > states_;
    ResultSummary summary_;
-   // Of the via sets whose routes lead into a FEC, as they were asked for.
-   mutable Hash< Mpls::LfibViaSetKey, ProgramState > stateOfViaSet_;
+   Inspect::InterfaceName name_;
+   Inspect::FecView fecs_;
+   Inspect::ForeignWays foreignWays_;
+   mutable Inspect::LabelStates labelStates_; // remembers
 };
 
 } // namespace Vel::Agent

@@ -13,8 +13,12 @@
 
 #include "agent/report/Metrics.h"
 #include "agent/report/ReportText.h"
+#include "inspect/Words.h"
 
 namespace Vel::Agent {
+
+using Inspect::counted;
+using Inspect::LabelState;
 
 namespace {
 
@@ -111,7 +115,7 @@ void appendRoute( std::string& out, const ResultRoute& route ) {
       appendList( out, stackOf( route.key ) );
    }
    out += joinText( ",\"state\":\"", name( route.state ), "\"" );
-   if ( route.state != ProgramState::programmed ) {
+   if ( route.state != LabelState::programmed ) {
       out += ",\"reason\":" + jsonText( route.reason );
    }
    if ( route.l3Adjacency ) {
@@ -175,8 +179,8 @@ bool printJson( std::ostream& out, const ProgramResult& result, bool startup ) {
    std::string& text = writer.text();
    const ResultSummary& sum = result.summary();
    text += joinText( "{\"summary\":{\"routes\":", sum.routes );
-   for ( const auto state : { ProgramState::programmed, ProgramState::partiallyProgrammed,
-                              ProgramState::unprogrammed, ProgramState::ignored } ) {
+   for ( const auto state : { LabelState::programmed, LabelState::partiallyProgrammed,
+                              LabelState::unprogrammed, LabelState::ignored } ) {
       text += joinText( ",\"", name( state ), "\":", sum.of( state ) );
    }
    text += joinText( ",\"l3Adjacencies\":", sum.l3Adjacencies,
@@ -283,15 +287,16 @@ void routeRows( const ResultRoute& route, std::vector< Row >& rows ) {
    }
 }
 
-std::string_view colourOf( ProgramState of ) {
+std::string_view colourOf( LabelState of ) {
    switch ( of ) {
-   case ProgramState::programmed:
+   case LabelState::programmed:
       return "\033[32m";
-   case ProgramState::partiallyProgrammed:
+   case LabelState::partiallyProgrammed:
       return "\033[33m";
-   case ProgramState::unprogrammed:
+   case LabelState::unprogrammed:
       return "\033[31m";
-   case ProgramState::ignored:
+   case LabelState::ignored:
+   case LabelState::absent:
       break;
    }
    return "\033[2m";
@@ -407,9 +412,9 @@ bool printText( std::ostream& out, const ProgramResult& result, const TextStyle&
    }
    const ResultSummary& sum = result.summary();
    text += joinText(
-      counted( sum.routes, "route", "routes" ), ": ", sum.of( ProgramState::programmed ),
-      " programmed, ", sum.of( ProgramState::partiallyProgrammed ), " partially programmed, ",
-      sum.of( ProgramState::unprogrammed ), " unprogrammed, ", sum.of( ProgramState::ignored ),
+      counted( sum.routes, "route", "routes" ), ": ", sum.of( LabelState::programmed ),
+      " programmed, ", sum.of( LabelState::partiallyProgrammed ), " partially programmed, ",
+      sum.of( LabelState::unprogrammed ), " unprogrammed, ", sum.of( LabelState::ignored ),
       " ignored; ", counted( sum.l3Adjacencies, "L3 adjacency", "L3 adjacencies" ), ", ",
       counted( sum.l2Adjacencies, "L2 adjacency", "L2 adjacencies" ), "\n" );
    if ( startup ) {

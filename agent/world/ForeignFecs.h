@@ -24,9 +24,8 @@ class ForeignFecs {
    /// What is known to hardware, by what stands for it.
    using Vias = std::vector< Fib::FecVia >;
 
-   /// Hardware without FECs is told nothing. It must outlive this, like the others.
-   ForeignFecs( const Driver::SoftwareSwitch& hardware, const L3Service& l3 )
-      : fecs_( hardware.fecUnit() ), l3_( l3 ) {}
+   /// Hardware without FECs is told nothing. It must outlive this.
+   explicit ForeignFecs( const Driver::SoftwareSwitch& hardware ) : fecs_( hardware.fecUnit() ) {}
    ForeignFecs( const ForeignFecs& ) = delete;
    ForeignFecs& operator=( const ForeignFecs& ) = delete;
 
@@ -37,8 +36,6 @@ class ForeignFecs {
 
    /// The vias; null while nobody has made it known.
    const Vias* find( IntfId intf ) const;
-   /// The neighbours that frames can reach through it now, each once.
-   std::vector< NextHopInfo > exits( IntfId intf ) const;
 
  private:
    struct Known {
@@ -47,10 +44,8 @@ class ForeignFecs {
    };
 
    void tell( IntfId intf, const Vias* vias );
-   void addExit( const Fib::FecVia& via, std::vector< NextHopInfo >& out ) const;
 
    Driver::FecUnit* fecs_;
-   const L3Service& l3_;
    std::map< IntfId, Known > known_;
 };
 

@@ -107,18 +107,33 @@ const KnownNeighbor* L3Service::neighbor( const NextHopKey& key ) const {
 
 NextHopInfo L3Service::info( const NextHopKey& key ) const {
    const KnownNeighbor* const known = neighbor( key );
-   return known ? known->info : NextHopInfo();
+   NextHopInfo info = known ? known->info : NextHopInfo();
+   info.resolved = info.resolved && ( !linkUp_ || linkUp_( key.intf ) );
+   return info;
+}
+
+void L3Service::linksChanged() {
+   for ( const auto& [address, there] : neighbor_ ) {
+      for ( const auto& [intf, known] : there ) {
+         answer( NextHopKey{ intf, address } );
+      }
+      answerWatched( address );
+   }
 }
 
 void L3Service::neighborChanged( const NextHopKey& key ) {
    answer( key );
-   if ( key.addr.af() == ipv4() ) {
-      answer( VrfAndIpAddr{ L3::VrfName::defaultVrf(), key.addr } );
-   } else {
-      answer6( { L3::VrfName::defaultVrf(), key.addr } );
-   }
+   answerWatched( key.addr );
    if ( onChange_ ) {
       onChange_();
+   }
+}
+
+void L3Service::answerWatched( const IpGenAddr& address ) {
+   if ( address.af() == ipv4() ) {
+      answer( VrfAndIpAddr{ L3::VrfName::defaultVrf(), address } );
+   } else {
+      answer6( { L3::VrfName::defaultVrf(), address } );
    }
 }
 
@@ -130,7 +145,7 @@ void L3Service::answer( const NextHopKey& key ) {
    const bool asked =
       arpReactor_->notifier()->entryHas( { L3::VrfName::defaultVrf(), key.addr, key.intf } );
    if ( asked && known ) {
-      status_->nextHopInfoIs( key, known->info );
+      status_->nextHopInfoIs( key, info( key ) );
    } else {
       status_->nextHopInfoDel( key );
    }
@@ -158,7 +173,8 @@ ResolvedAddr L3Service::resolved( const IpGenAddr& address, uint8_t prefixLength
    ResolvedAddr found{ { address, prefixLength }, {} };
    if ( const ByInterface* const there = neighbor_.find( address ) ) {
       for ( const auto& [intf, known] : *there ) {
-         found.nexthop.push_back( { address, intf, ResolvedNexthop::Type::attached, known.info } );
+         found.nexthop.push_back(
+            { address, intf, ResolvedNexthop::Type::attached, info( { intf, address } ) } );
       }
    }
    return found;

@@ -49,8 +49,13 @@ class L3Service {
    /// The neighbour, or null.
    const KnownNeighbor* neighbor( const NextHopKey& key ) const;
    size_t neighbors() const { return neighbors_; }
-   /// The same as hardware sees it; not resolved when there is no such neighbour.
+   /// The same as hardware sees it; not resolved when there is no such neighbour, or its interface
+   /// is down.
    NextHopInfo info( const NextHopKey& key ) const;
+   /// Which interfaces are up; all of them where nobody says otherwise.
+   void linkUpIs( std::function< bool( IntfId ) > linkUp ) { linkUp_ = std::move( linkUp ); }
+   /// Some interface may have gone down or come up.
+   void linksChanged();
    /// Called after every change of a neighbour.
    void onChangeIs( std::function< void() > onChange ) { onChange_ = std::move( onChange ); }
 
@@ -64,6 +69,7 @@ class L3Service {
    void answer( const VrfAndIpAddr& watched );
    void answer6( const VrfAndIpGenAddr& watched );
    void neighborChanged( const NextHopKey& key );
+   void answerWatched( const IpGenAddr& address );
    ResolvedAddr resolved( const IpGenAddr& address, uint8_t prefixLength ) const;
 
    Interfaces& interfaces_;
@@ -71,6 +77,7 @@ class L3Service {
    Hash< IpGenAddr, ByInterface > neighbor_;
    size_t neighbors_ = 0;
    std::function< void() > onChange_;
+   std::function< bool( IntfId ) > linkUp_;
    std::unique_ptr< ArpReactor > arpReactor_;
    std::unique_ptr< WatchReactor > watchReactor_;
    std::unique_ptr< Watch6Reactor > watch6Reactor_;

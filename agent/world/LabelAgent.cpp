@@ -44,8 +44,10 @@ LabelAgent::LabelAgent( LfibPlan plan, LabelAgentSettings settings )
    switch_ = std::make_unique< Driver::SoftwareSwitch >(
       inputs.mplsHwConfig, inputs.mplsHwStatus, scheduler_, settings_.hardware,
       fecPlatform( inputs ), settings_.recovered );
-   entityManager_->rootIs( "softwareSwitch", switch_->status() );
-   foreignFecs_ = std::make_unique< ForeignFecs >( *switch_, *l3_ );
+   entityManager_->rootIs( "mplsHwInsight", switch_->status() );
+   l3_->linkUpIs( [this]( IntfId intf ) { return switch_->linkUp( intf ); } );
+   switch_->onLinksIs( [this] { l3_->linksChanged(); } );
+   foreignFecs_ = std::make_unique< ForeignFecs >( *switch_ );
    if ( Driver::FecUnit* const fecs = switch_->fecUnit() ) {
       inputs.mplsSmHelper = make< Driver::SwitchHelper >( *switch_ );
       l3_->onChangeIs( [fecs] { fecs->reportStates(); } );
@@ -64,6 +66,7 @@ LabelAgent::~LabelAgent() {
    mplsSm_ = nullptr;
    foreignFecs_.reset();
    l3_->onChangeIs( {} );
+   l3_->linkUpIs( {} );
    switch_.reset();
    l3_.reset();
 }

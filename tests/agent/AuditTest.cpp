@@ -7,10 +7,12 @@
 
 #include <gmock/gmock.h>
 
-#include "agent/report/Audit.h"
+#include "agent/report/AuditPrinter.h"
 
 namespace VelTest {
 namespace {
+
+using namespace Vel::Inspect;
 
 using Mpls::RouteStatusCode;
 using ::testing::HasSubstr;

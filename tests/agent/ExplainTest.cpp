@@ -8,12 +8,15 @@
 #include <cstdio>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
-#include "agent/report/Audit.h"
+#include "inspect/Audit.h"
 #include "tests/agent/ProgramFixtures.h"
 
 namespace VelTest {
 namespace {
+
+using namespace Vel::Inspect;
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -34,13 +37,14 @@ class World : public Vel::Test::LabelRig {
       entities->rootIs( "lfibHwStatus", lfibHwStatus );
       entities->rootIs( "routingHwMplsStatus", hwMplsStatus );
       entities->rootIs( "routingHwRouteStatus", routeStatus );
+      entities->rootIs( "mplsRoutingInfo", routingInfo );
       entities->rootIs( "mplsHwConfig", hwConfig );
       entities->rootIs( "mplsHwStatus", hwStatus );
       entities->rootIs( "velL3Status", l3Status );
       entities->rootIs( "proactiveArpNexthopSm", l3.arp );
       entities->rootIs( "routeReactorConfig", l3.resolver );
       entities->rootIs( "route6ReactorConfig", l3.resolver6 );
-      entities->rootIs( "softwareSwitch", hardware->status() );
+      entities->rootIs( "mplsHwInsight", hardware->status() );
       if ( withFecs ) {
          entities->rootIs( "hwFecIdRequest", fecRequest );
          entities->rootIs( "hwFecIdResponse", fecResponse );
@@ -252,7 +256,7 @@ TEST( Explain, LfibThatIsAbsentMissingOrNotSane ) {
    EXPECT_TRUE( world.explain( 21 ).asWanted() );
    world.viaSetIs( 1, { deep } ); // in place: what is programmed stays
    world.runUntil( 2 );
-   EXPECT_EQ( world.verdict(), "unprogrammed+ admission ? 0 " + viaSetChange );
+   EXPECT_EQ( world.verdict(), "partiallyProgrammed+ admission ? 0 " + viaSetChange );
    EXPECT_TRUE( world.link( "driver" ).holds );
 }
 
@@ -264,13 +268,13 @@ TEST( Explain, StaleHardwareIsToldBelowTheBlocker ) {
    world.runUntil( 3 );
    world.writer.routeIs( { RouteKey( label ), viaSetKey( 1 ), 5 } ); // the metric alone
    world.runUntil( 3.5 );
-   EXPECT_EQ( world.verdict(), "unprogrammed+ driver ? 1 the driver's answer" );
+   EXPECT_EQ( world.verdict(), "programmed+ driver ? 1 the driver's answer" );
    world.viaSetIs( 2, { swapVia( 2, "10.0.0.1", 1, 200 ) } );
    world.routeIs( label, 2 );
    world.poll();
-   EXPECT_EQ( world.verdict(), "unprogrammed+ l3Adjacency ? 0 3.501" );
+   EXPECT_EQ( world.verdict(), "partiallyProgrammed+ l3Adjacency ? 0 3.501" );
    world.runUntil( 4 );
-   EXPECT_EQ( world.verdict(), "unprogrammed+ driver ? 2 the driver's answer" );
+   EXPECT_EQ( world.verdict(), "partiallyProgrammed+ driver ? 2 the driver's answer" );
    EXPECT_EQ( world.link( "driver" ).text,
               "version 3 is not answered yet, 4 operations wait; version 1 is in hardware" );
    world.routeDel( label );
@@ -292,7 +296,8 @@ TEST( Explain, LabelForwardingSwitchedOff ) {
    world.status()->mplsRoutingIs( true );
    world.runUntil( 2 );
    world.routingInfo->mplsRoutingIs( world.vrf, false );
-   EXPECT_EQ( world.verdict(), "unprogrammed+ admission ? 0 label forwarding to be switched on" );
+   EXPECT_EQ( world.verdict(),
+              "partiallyProgrammed+ admission ? 0 label forwarding to be switched on" );
    world.runUntil( 3 );
    EXPECT_EQ( world.verdict(), "unprogrammed admission ? 0 label forwarding to be switched on" );
    EXPECT_THAT( world.link( "hwConfig" ).text, HasSubstr( "off" ) );
@@ -481,6 +486,7 @@ TEST( Explain, FecOfAnotherAgent ) {
    world.expect( "nextHops FEC 7:5 of another agent leads nowhere: next hop 10.0.0.77 on",
                  "FEC 7:5 of another agent leads nowhere" );
    world.l3.neighborIs( "10.0.0.77", 1, 77 );
+   world.hardware->fecUnit()->reportStates();
    world.expect( "programmed 7:5, hardware id 1, of another agent" );
    EXPECT_EQ( world.link( "nextHops" ).text, "the other agent's, or the tunnel's" );
    world.hardware->fecUnit()->foreignFecDel( externalFec );
@@ -499,10 +505,10 @@ TEST( Explain, FecLinkTellsWhatIsInTheFec ) {
    world.settle();
    const ChainLink fec = world.link( "fec" );
    const std::string backup = fecIdText( world.l3Adj( 2 )->extFecInfo()->fecId() );
-   EXPECT_EQ( fec.facts["fecId"], fecIdText( world.l3Adj( 1 )->extFecInfo()->fecId() ) );
-   EXPECT_EQ( fec.facts["backupFecId"], backup );
-   EXPECT_EQ( fec.facts["popWithRoute"], true );
-   EXPECT_EQ( fec.facts["backupState"], "primaryActive" );
+   EXPECT_EQ( *fec.facts.find( "fecId" ), fecIdText( world.l3Adj( 1 )->extFecInfo()->fecId() ) );
+   EXPECT_EQ( *fec.facts.find( "backupFecId" ), backup );
+   EXPECT_EQ( *fec.facts.find( "popWithRoute" ), true );
+   EXPECT_EQ( *fec.facts.find( "backupState" ), "primaryActive" );
    EXPECT_THAT( fec.details,
                 ElementsAre( HasSubstr( "10.0.0.1 on " ), HasSubstr( "backup FEC " + backup ),
                              "the pop is in the route, not in the FEC",
@@ -511,8 +517,7 @@ TEST( Explain, FecLinkTellsWhatIsInTheFec ) {
 
 TEST( Explain, SaysWhatIsNotMounted ) {
    World world;
-   world.entities->rootIs( "softwareSwitch", nullptr );
-   world.entities->rootIs( "velL3Status", nullptr );
+   world.entities->rootIs( "mplsHwInsight", nullptr );
    world.runUntil( 1 );
    EXPECT_THAT( world.verdict(), StartsWith( "unprogrammed nextHops" ) ) << "another driver";
    world.entities->rootIs( "mplsHwStatus", nullptr );

@@ -38,15 +38,14 @@
 #pragma once
 
 #include <cstddef>
-#include <iosfwd>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "agent/report/ReportText.h"
+#include "inspect/Words.h"
 #include "platform/entity/EntityManager.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 /// Between which two a difference stands.
 enum class AuditStage : uint8_t { written, reported, published };
@@ -96,8 +95,8 @@ struct AuditReport {
 
 class Audit {
  public:
-   /// The entities must outlive the audit and be mounted under the names that LabelAgent gives
-   /// them. `name` may be empty: the library's text for interfaces.
+   /// The entities must outlive the audit and be mounted under their names
+   /// (docs/inspecting.md). `name` may be empty: the library's text for interfaces.
    explicit Audit( const EntityManager& entities, InterfaceName name = {} )
       : entities_( entities ), name_( std::move( name ) ) {}
    /// Compares, and keeps at most `limit` differences and as many that are pending; the rest is
@@ -109,10 +108,4 @@ class Audit {
    InterfaceName name_;
 };
 
-/// A summary in the first line, then a line for each difference. False when the stream could not
-/// take it.
-bool printText( std::ostream& out, const AuditReport& report );
-/// One JSON object, a line for each difference.
-bool printJson( std::ostream& out, const AuditReport& report );
-
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

@@ -24,17 +24,16 @@
 #pragma once
 
 #include <cstddef>
-#include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "agent/report/ForeignWays.h"
-#include "agent/report/LfibIntent.h"
-#include "agent/report/ReportText.h"
+#include "inspect/ForeignWays.h"
+#include "inspect/LabelState.h"
+#include "inspect/Words.h"
 #include "mpls/VelMplsRecords.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 /// What goes. One of the two at least.
 struct ImpactTarget {
@@ -92,7 +91,7 @@ struct ForeignWay {
 
 class Impact {
  public:
-   /// Looks at the entities, which must be mounted under the names that LabelAgent gives them.
+   /// Looks at the entities, which must be mounted under their names (docs/inspecting.md).
    Impact( const EntityManager& entities, const ImpactTarget& target );
 
    /// The next hop is watched or resolved somewhere, on the interface when that is given; without
@@ -121,7 +120,7 @@ class Impact {
    bool someNextHop( const EntityManager& entities ) const;
    void findL3Adjacencies();
    const L3Adjacency* protectorOf( const L3Adjacency& l3Adj ) const;
-   bool inHardware( Mpls::RouteKey key ) const;
+   bool inHardware( Mpls::RouteKey key ) { return states_.of( key ).leaves; }
    void addUsers( const L3Adjacency& l3Adj, WaysLeft ways );
    void addFec( Fib::FecId fecId, WaysLeft ways, const L3Adjacency* backup );
    void countForeign( const L3Adjacency& l3Adj, const Adjacency& adjacency );
@@ -133,7 +132,7 @@ class Impact {
    const InterfaceName noName_ = []( IntfId ) { return std::string(); };
    const ForeignWays foreignWays_;
    const Mpls::Hardware::Status& hwMplsStatus_;
-   const Mpls::LfibHwStatus& lfibHwStatus_;
+   LabelStates states_;
    const VrfMplsState* state_;      // null while there is none
    const AdjHwStatus* adjHwStatus_; // null where hardware does not report protection
    std::optional< VrfId > vrfId_;
@@ -149,18 +148,4 @@ class Impact {
    size_t tunnelLabels_ = 0;
 };
 
-/// What the reader is told to have asked for.
-struct ImpactQuestion {
-   std::string nextHop;   ///< empty: none was given
-   std::string interface; ///< empty: none was given
-   std::string text;
-};
-
-/// A summary in the first line, then who loses all, who changes over to a backup, and who loses
-/// some. False when the stream
-/// could not take it.
-bool printText( std::ostream& out, const Impact& impact, const ImpactQuestion& question );
-/// One JSON object.
-bool printJson( std::ostream& out, const Impact& impact, const ImpactQuestion& question );
-
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

@@ -1,6 +1,6 @@
-#include "agent/report/AuditComparison.h"
+#include "inspect/AuditComparison.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 using L2Adj = Mpls::Hardware::L2Adjacency;
 using Mpls::RouteKey;
@@ -11,27 +11,26 @@ AuditComparison::AuditComparison( const EntityManager& entities, const Interface
    : name_( name ),
      foreignWays_( entities, name ),
      limit_( limit ),
-     inputs_( entities ),
      sm_( mountedRoot< MplsSm >( entities, "mplsSm" ) ),
      lfibHwStatus_( mountedRoot< Mpls::LfibHwStatus >( entities, "lfibHwStatus" ) ),
      hwMplsStatus_( mountedRoot< Mpls::Hardware::Status >( entities, "routingHwMplsStatus" ) ),
      arp_( mountedRoot< ProactiveArpNexthopSm >( entities, "proactiveArpNexthopSm" ) ),
      watched_( mountedRoot< RouteReactorConfig >( entities, "routeReactorConfig" ) ),
      watched6_( mountedRoot< Route6ReactorConfig >( entities, "route6ReactorConfig" ) ),
-     request_( entities.root< FecIdToHwFecIdRequest >( "hwFecIdRequest" ) ),
-     response_( entities.root< FecIdToHwFecIdResponse >( "hwFecIdResponse" ) ),
-     switch_( entities.root< Driver::SwitchStatus >( "softwareSwitch" ) ) {
+     fecs_( entities ),
+     states_( entities ),
+     insight_( entities.root< MplsHwInsight >( "mplsHwInsight" ) ) {
    const auto& numbers =
       mountedRoot< Routing::Hardware::RouteStatus >( entities, "routingHwRouteStatus" );
    if ( numbers.vrfStatusHas( LfibIntent::vrf() ) ) {
-      const VrfId vrfId = numbers.vrfStatus( LfibIntent::vrf() );
-      config_ = mountedRoot< MplsHwConfig >( entities, "mplsHwConfig" ).vrfConfig( vrfId );
-      status_ = mountedRoot< MplsHwStatus >( entities, "mplsHwStatus" ).vrfStatus( vrfId );
-      refusals_ = switch_ ? switch_->vrf( vrfId ) : nullptr;
+      vrfId_ = numbers.vrfStatus( LfibIntent::vrf() );
+      config_ = mountedRoot< MplsHwConfig >( entities, "mplsHwConfig" ).vrfConfig( vrfId_ );
+      status_ = mountedRoot< MplsHwStatus >( entities, "mplsHwStatus" ).vrfStatus( vrfId_ );
    }
    state_ = sm_.mplsState( LfibIntent::vrf() );
-   VEL_ASSERT_TEXT( !sm_.forwardingIntoExternalFecsSupported() || ( request_ && response_ ),
-                    "request_ && response_", "an entity is not mounted", "velmpls",
+   VEL_ASSERT_TEXT( !sm_.forwardingIntoExternalFecsSupported() ||
+                       ( fecs_.request() && fecs_.response() ),
+                    "request && response", "an entity is not mounted", "velmpls",
                     "hwFecIdRequest, hwFecIdResponse" );
 }
 
@@ -55,7 +54,7 @@ AuditReport AuditComparison::run() {
 
 std::vector< RouteKey > AuditComparison::allLabels() const {
    LabelSet<> found;
-   inputs_.lfib().lfibRouteEach(
+   states_.inputs().lfib().lfibRouteEach(
       [&]( const Mpls::LfibRoute& route ) { found.insert( route.routeKey ); },
       Mpls::LfibWalk::skip );
    const auto add = [&]( const auto& collection ) {
@@ -87,11 +86,11 @@ std::vector< RouteKey > AuditComparison::allLabels() const {
 
 void AuditComparison::readQueues() {
    AuditQueues& queues = report_.queues;
-   queues.lfib = inputs_.lfib().ringLag();
-   if ( queues.lfib == 0 && inputs_.lfib().pollPending() ) {
+   queues.lfib = states_.inputs().lfib().ringLag();
+   if ( queues.lfib == 0 && states_.inputs().lfib().pollPending() ) {
       queues.lfib = 1; // a walk over the LFIB, which nobody has counted
    }
-   queues.hardware = switch_ ? switch_->queueLength() : 0;
+   queues.hardware = insight_ ? insight_->operationsWaiting().value_or( 0 ) : 0;
    if ( state_ ) {
       queues.review = state_->routeKeyForReviews() + state_->l3AdjForReviews() +
                       state_->l2AdjForReviews() + state_->l2AdjPendingForDeletes();
@@ -161,7 +160,7 @@ void AuditComparison::objectDiffers( AuditStage stage, std::string object, std::
 
 void AuditComparison::compareLabel( RouteKey key ) {
    key_ = key;
-   inputs_.read( key, intent_ );
+   states_.inputs().read( key, intent_ );
    findRecords();
    differs_ = false;
    fecAgrees_ = false;
@@ -297,20 +296,18 @@ void AuditComparison::comparePublished() {
       }
       return;
    }
-   if ( !info && !route && !held && intent_.kind == IntentKind::awaited ) {
+   // What differs before, or forwarding as a whole, is said once, and not again of the code.
+   const bool said = differs_ || !status_ || !status_->mplsRouting();
+   const RouteStatusCode code = codeOf( states_.of( key_, intent_ ).state );
+   if ( !info && !route && code == RouteStatusCode::notProgrammed &&
+        intent_.kind == IntentKind::awaited ) {
       return; // nothing is known of it yet
    }
-   if ( !held ) {
-      if ( !info || info->statusCode != RouteStatusCode::notProgrammed ) {
-         differs( "notProgrammed", publishedText( info ) );
-      }
-   } else if ( intent_.kind == IntentKind::forwarded || byFec() ) {
-      if ( !info || info->statusCode != codeInHardware() ) {
-         differs( textOf( codeInHardware() ), publishedText( info ) );
-      }
-   } else if ( !info || ( info->statusCode == RouteStatusCode::notProgrammed &&
-                          intent_.kind != IntentKind::unresolved ) ) {
-      differs( "programmed", publishedText( info ) );
+   const bool same =
+      info && ( info->statusCode == code ||
+                ( said && held == ( info->statusCode != RouteStatusCode::notProgrammed ) ) );
+   if ( !same ) {
+      differs( textOf( code ), publishedText( info ) );
    }
    if ( !route ) {
       differs( "a published route", "none" );
@@ -321,14 +318,10 @@ void AuditComparison::comparePublished() {
    }
 }
 
-// Whether a FEC leads out depends on its backup, and on what hardware says of it: what is published
-// is to be what these come to now.
-RouteStatusCode AuditComparison::codeInHardware() const {
-   if ( byFec() ) {
-      return sm_.statusCodeOf( *route_ );
-   }
-   return intent_.unresolvedVias == 0 ? RouteStatusCode::programmed
-                                      : RouteStatusCode::partiallyProgrammed;
+RouteStatusCode AuditComparison::codeOf( LabelState state ) {
+   return state == LabelState::programmed            ? RouteStatusCode::programmed
+          : state == LabelState::partiallyProgrammed ? RouteStatusCode::partiallyProgrammed
+                                                     : RouteStatusCode::notProgrammed;
 }
 
 void AuditComparison::comparePublishedAdjacency( const Mpls::Hardware::Route& route ) {
@@ -371,8 +364,8 @@ void AuditComparison::compareRouting() {
    const auto text = []( bool on ) { return std::string( on ? "on" : "off" ); };
    const bool written = config_ && config_->mplsRouting();
    const bool reported = status_ && status_->mplsRouting();
-   if ( written != inputs_.routing() ) {
-      objectDiffers( AuditStage::written, "label forwarding", text( inputs_.routing() ),
+   if ( written != states_.inputs().routing() ) {
+      objectDiffers( AuditStage::written, "label forwarding", text( states_.inputs().routing() ),
                      text( written ) );
    }
    if ( reported != written ) {
@@ -478,19 +471,15 @@ std::string AuditComparison::versionText( const MplsHwRoute& route ) const {
                                       : "no L2 adjacency" );
 }
 
-// A driver has one reason for all that it refuses; the software switch knows each.
+// A driver has one reason for all that it refuses; one that tells more knows each.
 std::string AuditComparison::refusalText() const {
-   const UnprogrammedReason reason = refusals_ && refusals_->refusedRouteHas( key_ )
-                                        ? refusals_->refusedRoute( key_ )
-                                        : status_->unprogrammedReason();
-   return joinText( "refused: ", reason );
+   const auto told = insight_ ? insight_->routeRefusal( vrfId_, key_ ) : std::nullopt;
+   return joinText( "refused: ", told.value_or( status_->unprogrammedReason() ) );
 }
 
 std::string AuditComparison::adjacencyRefusal( U64 index ) const {
-   const UnprogrammedReason reason = refusals_ && refusals_->refusedAdjacencyHas( index )
-                                        ? refusals_->refusedAdjacency( index )
-                                        : status_->unprogrammedReason();
-   return joinText( "refused: ", reason );
+   const auto told = insight_ ? insight_->adjacencyRefusal( vrfId_, index ) : std::nullopt;
+   return joinText( "refused: ", told.value_or( status_->unprogrammedReason() ) );
 }
 
 std::string AuditComparison::publishedText( const Mpls::RouteInfo* info ) {
@@ -513,4 +502,4 @@ AuditReport Audit::run( size_t limit ) const {
    return AuditComparison( entities_, name_, limit ).run();
 }
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

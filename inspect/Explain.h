@@ -17,28 +17,18 @@
 
 #pragma once
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
+#include "inspect/LabelState.h"
+#include "inspect/Value.h"
+#include "inspect/Words.h"
 #include "mpls/VelMplsRecords.h"
 #include "platform/entity/EntityManager.h"
 
-namespace Vel::Agent {
-
-enum class ExplainState : uint8_t {
-   programmed,          ///< forwards by all of its vias
-   partiallyProgrammed, ///< forwards, but not by all that is meant: next hops are not resolved, the
-                        ///< backup stands in, or it stays in the FEC of before
-   unprogrammed,        ///< does not forward, or not as the LFIB wants it now
-   ignored,             ///< in the LFIB, and not for MPLS forwarding
-   absent               ///< not in the LFIB
-};
-std::string_view name( ExplainState state );
+namespace Vel::Inspect {
 
 /// What a link that does not hold is up against.
 struct Obstacle {
@@ -58,14 +48,12 @@ struct ChainLink {
    bool degraded = false; ///< holds, but not with all that is wanted
    std::string text;
    std::vector< std::string > details; ///< a line each: next hops, L2 vias
-   nlohmann::ordered_json facts = nlohmann::ordered_json::object();
-   Obstacle obstacle; ///< means something while the link does not hold
+   Value facts;                        ///< a table
+   Obstacle obstacle;                  ///< means something while the link does not hold
 };
 
 class Explanation {
  public:
-   using InterfaceName = std::function< std::string( IntfId ) >;
-
    /// Reads the chain of that label. `ignoredReason`: why the label table has the route as one that
    /// is not to be forwarded, where somebody knows.
    Explanation( const EntityManager& entityManager, Mpls::RouteKey key,
@@ -75,7 +63,9 @@ class Explanation {
    /// A root without which nothing can be told is not mounted: which. There are no links then.
    const std::string& fault() const { return fault_; }
    Mpls::RouteKey key() const { return key_; }
-   ExplainState state() const { return state_; }
+   LabelState state() const { return verdict_.state; }
+   /// Frames leave by what hardware holds for the label, whatever the LFIB says of it now.
+   bool leaves() const { return verdict_.leaves; }
    /// The time of the explanation, in seconds.
    double now() const { return now_; }
    /// From the LFIB down. The FEC is there only where the adjacency or the route has one.
@@ -87,16 +77,17 @@ class Explanation {
    bool inHardware() const { return inHardware_; }
    /// The label does what it is meant to: forwards by all vias, or is not to be forwarded.
    bool asWanted() const {
-      return state_ == ExplainState::programmed || state_ == ExplainState::ignored;
+      return state() == LabelState::ignored ||
+             ( state() == LabelState::programmed && blocker() == nullptr );
    }
 
  private:
    Mpls::RouteKey key_;
    std::string fault_;
-   ExplainState state_ = ExplainState::absent;
+   LabelVerdict verdict_;
    double now_ = 0;
    std::vector< ChainLink > links_;
    bool inHardware_ = false;
 };
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

@@ -1,8 +1,8 @@
-#include "agent/report/ForeignWays.h"
+#include "inspect/ForeignWays.h"
 
 #include <algorithm>
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 using Fib::Fec;
 using Fib::FecVia;
@@ -15,17 +15,18 @@ constexpr size_t maxDepth = 8; // as in hardware, the FEC that the route forward
 
 std::string ForeignWays::text( IntfId intf ) const {
    const Fib::FecId fecId = Fib::FecIdIntfId::intfIdToFecId( intf );
-   return fecId == Fib::FecId() ? "tunnel " + name_( intf )
+   return fecId == Fib::FecId() ? "tunnel " + name( intf )
                                 : joinText( "FEC ", fecIdText( fecId ), " of another agent" );
 }
 
+std::string ForeignWays::name( IntfId intf ) const {
+   return name_ ? name_( intf ) : textOf( intf );
+}
+
 const Fec* ForeignWays::find( IntfId intf ) const {
-   if ( switch_ == nullptr ) {
-      return nullptr;
-   }
    return DynamicTunnelIntfId::isDynamicTunnelIntfId( intf )
-             ? switch_->tunnel().find( intf )
-             : switch_->foreignFec().find( Fib::FecIdIntfId::intfIdToFecId( intf ) );
+             ? insight_->findTunnel( intf )
+             : insight_->findForeignFec( Fib::FecIdIntfId::intfIdToFecId( intf ) );
 }
 
 void ForeignWays::addEnd( const FecVia& via, ForeignEnds& ends ) const {
@@ -34,8 +35,10 @@ void ForeignWays::addEnd( const FecVia& via, ForeignEnds& ends ) const {
       return;
    }
    const NextHopKey key{ via.intf, via.nextHop };
-   const NextHopInfo info = switch_->neighbor( key );
-   if ( !info.resolved ) {
+   const NextHopInfo info = rewrite( key );
+   if ( !insight_->linkUp( via.intf.empty() ? info.l2Intf : via.intf ) ) {
+      ends.why = "interface " + name( via.intf ) + " is down";
+   } else if ( !info.resolved ) {
       ends.why = nextHopText( via.nextHop, via.intf, name_ ) + " is not resolved";
    } else if ( std::ranges::find( ends.exits, key, &ForeignExit::nextHop ) == ends.exits.end() ) {
       ends.exits.push_back( { key, info } );
@@ -45,7 +48,7 @@ void ForeignWays::addEnd( const FecVia& via, ForeignEnds& ends ) const {
 // Level by level, so that each is met where it is least deep.
 ForeignEnds ForeignWays::read( IntfId intf ) const {
    ForeignEnds ends;
-   if ( switch_ == nullptr ) {
+   if ( !known() ) {
       ends.known = false;
       return ends;
    }
@@ -82,20 +85,16 @@ ForeignEnds ForeignWays::read( IntfId intf ) const {
 }
 
 void ForeignWays::eachNextHop( const std::function< void( const NextHopKey& ) >& call ) const {
-   if ( switch_ == nullptr ) {
+   if ( !known() ) {
       return;
    }
-   const auto each = [&]( const auto& contents ) {
-      for ( const auto& [id, content] : contents ) {
-         for ( const FecVia& via : content.via ) {
-            if ( !leadsElsewhere( via.intf ) && !via.drop ) {
-               call( { via.intf, via.nextHop } );
-            }
+   insight_->eachForeign( [&]( const Fec& content ) {
+      for ( const FecVia& via : content.via ) {
+         if ( !leadsElsewhere( via.intf ) && !via.drop ) {
+            call( { via.intf, via.nextHop } );
          }
       }
-   };
-   each( switch_->foreignFec() );
-   each( switch_->tunnel() );
+   } );
 }
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

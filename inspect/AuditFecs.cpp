@@ -1,29 +1,16 @@
-#include "agent/report/AuditComparison.h"
+#include "inspect/AuditComparison.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 using Fib::FecId;
 using Fib::FecVia;
 
 namespace {
 
-// The FEC ids whose numbers this library gives out.
-bool isLabelFec( FecId fecId ) {
-   return fecId.adjType() == Fib::AdjType::mplsV4Adj || fecId.adjType() == Fib::AdjType::mplsV6Adj;
-}
-
 bool leadsInto( const FecVia& via, FecId fecId ) {
    FecVia plain;
    plain.intf = FecId::fecIdToHierarchicalIntfId( fecId );
    return via == plain;
-}
-
-Fib::AdjType wantedType( const std::vector< FecVia >& vias ) {
-   const auto named = std::ranges::find_if( vias, []( const FecVia& via ) {
-      return !via.nextHop.empty(); // tunnels know their own
-   } );
-   return named != vias.end() && named->nextHop.af() == ipv6() ? Fib::AdjType::mplsV6Adj
-                                                               : Fib::AdjType::mplsV4Adj;
 }
 
 } // namespace
@@ -64,57 +51,17 @@ std::string AuditComparison::fecFault() const {
    if ( fecsCompared_.has( fec_ ) ) {
       return {};
    }
-   if ( !request_->hwFecIdRequestHas( fecId ) ) {
+   if ( !fecs_.request()->hwFecIdRequestHas( fecId ) ) {
       return joinText( "FEC ", fecIdText( fecId ), ", which is not requested" );
    }
    if ( intent_.fec.foreign != FecId() ) {
       return fecId == intent_.fec.foreign ? std::string() : fecText( fecId );
    }
-   const Fib::Fec* const found = requested( fecId );
-   if ( found == nullptr || !isLabelFec( fecId ) ) {
+   const Fib::Fec* const found = fecs_.requested( fecId );
+   if ( found == nullptr ) {
       return joinText( "FEC ", fecIdText( fecId ), " without content" );
    }
-   return contentFault( *found );
-}
-
-const Fib::Fec* AuditComparison::requested( FecId fecId ) const {
-   return fecId.adjType() == Fib::AdjType::mplsV6Adj ? request_->fec6().find( fecId )
-                                                     : request_->fec().find( fecId );
-}
-
-std::string AuditComparison::contentFault( const Fib::Fec& found ) const {
-   const std::vector< FecVia >& wanted = intent_.fec.vias;
-   // What drops has no next hops that could say of which family it is.
-   const bool drops = !wanted.empty() && wanted.front().drop;
-   if ( !sameWays( wanted, found ) ||
-        ( !drops && fec_->fecId().adjType() != wantedType( wanted ) ) ) {
-      return fecText( fec_->fecId() );
-   }
-   return backupFault( found );
-}
-
-// A pop that travels with the routes comes before what the FEC does, with the payload of the
-// adjacency that the route is bound to.
-bool AuditComparison::sameWays( const std::vector< FecVia >& wanted, const Fib::Fec& found ) const {
-   const size_t primaries = found.via.size() - ( found.backupFecId == FecId() ? 0 : 1 );
-   if ( primaries != wanted.size() ) {
-      return false;
-   }
-   for ( size_t i = 0; i < primaries; ++i ) {
-      FecVia via = found.via[i];
-      if ( fec_->popLabelActionRemoved() && !via.drop ) {
-         if ( via.labelAction != MplsLabelAction::none || via.labelStack.stackSize() != 0 ) {
-            return false; // more than the route's label would come off
-         }
-         via.labelAction = MplsLabelAction::pop;
-         via.payloadType = l3Adj_->payloadType();
-         via.ttlMode = l3Adj_->ttlMode();
-      }
-      if ( via != wanted[i] ) {
-         return false;
-      }
-   }
-   return true;
+   return fecs_.isAsWanted( intent_.fec, *l3Adj_ ) ? backupFault( *found ) : fecText( fecId );
 }
 
 std::string AuditComparison::backupFault( const Fib::Fec& found ) const {
@@ -123,9 +70,9 @@ std::string AuditComparison::backupFault( const Fib::Fec& found ) const {
    if ( fec.backup.empty() && backup == FecId() ) {
       return {};
    }
-   const Fib::Fec* const content = backup == FecId() ? nullptr : requested( backup );
+   const Fib::Fec* const content = fecs_.requested( backup );
    if ( content && !fec.backup.empty() && leadsInto( found.via.back(), backup ) &&
-        sameWays( fec.backupVias, *content ) ) {
+        FecView::hasVias( *content, fec.backupVias, *l3Adj_, fec_->popLabelActionRemoved() ) ) {
       return {};
    }
    std::string text = fecText( fec_->fecId() );
@@ -157,62 +104,71 @@ void AuditComparison::compareFecReported() {
       found( std::move( fault ) );
       return;
    }
-   const U64 hwId = response_->hwFecId( fecId ).hwId;
+   const U64 hwId = fecs_.response()->hwFecId( fecId ).hwId;
    if ( hwId != fec_->hwId() ) {
       found( joinText( "hardware id ", hwId, " is granted, and ", fec_->hwId(), " in use" ) );
    } else if ( refused_ ) {
       found( refusalText() );
-   } else if ( refusals_ && refusals_->lostRouteHas( key_ ) ) {
+   } else if ( insight_ && insight_->routeLost( vrfId_, key_ ) ) {
       differ( AuditStage::reported, expected, [] { return std::string( "the writing is lost" ); } );
    } else if ( in != fec_ || !inHardware() ) {
       differ( AuditStage::reported, expected,
               [&] { return inHardware() ? into( in ) : "no route"; } );
-   } else if ( const Fib::Fec* const content = isLabelFec( fecId ) ? requested( fecId ) : nullptr;
-               content && content->backupFecId != FecId() ) {
-      if ( std::string fault = answerFault( content->backupFecId ); !fault.empty() ) {
-         found( "its backup: " + fault );
+   } else {
+      compareFecWays();
+   }
+}
+
+// Hardware has it as it is requested; whether it leads out, and is protected, is seen behind it.
+void AuditComparison::compareFecWays() {
+   if ( const Fib::Fec* const content = fecs_.requested( fec_->fecId() );
+        content && content->backupFecId != FecId() ) {
+      const std::string fault = answerFault( content->backupFecId );
+      if ( !fault.empty() ) {
+         differ(
+            AuditStage::reported, [&] { return "a route into FEC " + fecIdText( fec_->fecId() ); },
+            [&] { return "its backup: " + fault; } );
       }
-   } else if ( const std::string fault = foreignFault(); !fault.empty() ) {
+   }
+   if ( const std::string fault = foreignFault(); !fault.empty() ) {
       differ(
          AuditStage::reported, [] { return std::string( "a way out" ); },
          [&] { return std::string( fault ); } );
    }
 }
 
-// Why nothing leaves by what other agents have; empty when something does, or when hardware does not
-// tell what is in it.
+// What other agents have of the label's vias that leads nowhere, and why; empty when all of them lead
+// out, or when hardware does not tell what is in them. The library cannot know.
 std::string AuditComparison::foreignFault() const {
    const Mpls::Hardware::Adjacency* const adjacency =
       l3Adj_ ? hwMplsStatus_.adjacency( l3Adj_->index() ) : nullptr;
-   std::string fault;
    for ( U32 i = 0; adjacency && i < adjacency->vias(); ++i ) {
       const IntfId intf = adjacency->via( i ).intf;
       if ( !ForeignWays::leadsElsewhere( intf ) ) {
-         return {};
+         continue;
       }
       const ForeignEnds ends = foreignWays_.read( intf );
-      if ( !ends.known || !ends.exits.empty() ) {
-         return {};
+      if ( ends.known && ends.exits.empty() ) {
+         return joinText( foreignWays_.text( intf ), " leads nowhere: ", ends.why );
       }
-      fault = joinText( foreignWays_.text( intf ), " leads nowhere: ", ends.why );
    }
-   return fault;
+   return {};
 }
 
 // Why what is requested of it does not stand behind a hardware id; empty when it does.
 std::string AuditComparison::answerFault( FecId fecId ) const {
-   const HwFecId& answer = response_->hwFecId( fecId );
-   const U64 wanted = request_->hwFecIdRequest( fecId ).version;
+   const HwFecId& answer = fecs_.response()->hwFecId( fecId );
+   const U64 wanted = fecs_.request()->hwFecIdRequest( fecId ).version;
    if ( answer.hwId != 0 && answer.version == wanted ) {
       return {};
    }
    const std::string text = answer.hwId == 0 ? "no answer for FEC " + fecIdText( fecId )
                                              : joinText( "version ", answer.version, " instead of ",
                                                          wanted, " of FEC ", fecIdText( fecId ) );
-   if ( switch_ && switch_->waitingFecHas( fecId ) ) {
-      return joinText( text, ", refused: ", switch_->waitingFec( fecId ) );
+   if ( const auto reason = insight_ ? insight_->fecRefusal( fecId ) : std::nullopt ) {
+      return joinText( text, ", refused: ", *reason );
    }
-   return isLabelFec( fecId ) ? text : text + " of another agent";
+   return FecView::ours( fecId ) ? text : text + " of another agent";
 }
 
 // --- Reported -> published.
@@ -241,11 +197,11 @@ void AuditComparison::comparePublishedFec( const Mpls::Hardware::Route& route ) 
 // --- FECs that no label leads to.
 
 void AuditComparison::compareFecs() {
-   if ( request_ == nullptr || response_ == nullptr ) {
+   if ( fecs_.request() == nullptr || fecs_.response() == nullptr ) {
       return;
    }
    const auto object = []( FecId fecId ) { return "FEC " + fecIdText( fecId ); };
-   for ( const auto& [fecId, request] : request_->hwFecIdRequest() ) {
+   for ( const auto& [fecId, request] : fecs_.request()->hwFecIdRequest() ) {
       const ExternalFecInfo* const info = state_ ? state_->extFecInfo( fecId ) : nullptr;
       if ( request.vrfName == LfibIntent::vrf() &&
            ( info == nullptr || info->dependentL3Adjacencys() + info->dependentRouteKeys() +
@@ -257,16 +213,16 @@ void AuditComparison::compareFecs() {
    }
    const auto compareContents = [&]( const auto& contents ) {
       for ( const auto& [fecId, content] : contents ) {
-         if ( !request_->hwFecIdRequestHas( fecId ) ) {
+         if ( !fecs_.request()->hwFecIdRequestHas( fecId ) ) {
             objectDiffers( AuditStage::written, object( fecId ), "no content: it is not requested",
                            fecViasText( content.via, name_ ) );
          }
       }
    };
-   compareContents( request_->fec() );
-   compareContents( request_->fec6() );
-   for ( const auto& [fecId, answer] : response_->hwFecId() ) {
-      if ( !request_->hwFecIdRequestHas( fecId ) ) {
+   compareContents( fecs_.request()->fec() );
+   compareContents( fecs_.request()->fec6() );
+   for ( const auto& [fecId, answer] : fecs_.response()->hwFecId() ) {
+      if ( !fecs_.request()->hwFecIdRequestHas( fecId ) ) {
          objectDiffers( AuditStage::reported, object( fecId ), "no answer: it is not requested",
                         joinText( "hardware id ", answer.hwId ) );
       }
@@ -288,11 +244,11 @@ void AuditComparison::compareFecRecords( HashSet< U64 >& numbers ) {
    const NumAllocatorStatus& inUse = *sm_.numAllocator()->status();
    for ( const auto& [fecId, info] : state_->extFecInfo() ) {
       const std::string object = "FEC " + fecIdText( fecId );
-      if ( !request_->hwFecIdRequestHas( fecId ) && info->dependentRouteKeys() == 0 &&
+      if ( !fecs_.request()->hwFecIdRequestHas( fecId ) && info->dependentRouteKeys() == 0 &&
            info->dependentL3Adjacencys() == 0 ) { // else a label has said so
          objectDiffers( AuditStage::written, object, "requested", "not requested" );
       }
-      if ( isLabelFec( fecId ) ) {
+      if ( FecView::ours( fecId ) ) {
          numbers.insert( fecId.index() );
          if ( !inUse.numberInUseHas( fecId.index() ) ) {
             objectDiffers( AuditStage::written, object, "its number in use", "not in use" );
@@ -308,9 +264,9 @@ void AuditComparison::compareFecRecords( HashSet< U64 >& numbers ) {
 
 std::string AuditComparison::fecText( FecId fecId ) const {
    const std::string text = "FEC " + fecIdText( fecId );
-   const Fib::Fec* const content = isLabelFec( fecId ) ? requested( fecId ) : nullptr;
+   const Fib::Fec* const content = fecs_.requested( fecId );
    if ( content == nullptr ) {
-      return isLabelFec( fecId ) ? text + " without content" : text + " of another agent";
+      return FecView::ours( fecId ) ? text + " without content" : text + " of another agent";
    }
    std::string out = joinText( text, ": ", fecViasText( content->via, name_ ) );
    const ExternalFecInfo* const info = state_->extFecInfo( fecId );
@@ -318,7 +274,7 @@ std::string AuditComparison::fecText( FecId fecId ) const {
       out += ", with the pop in the routes";
    }
    const FecId backup = content->backupFecId;
-   if ( const Fib::Fec* const other = backup == FecId() ? nullptr : requested( backup ) ) {
+   if ( const Fib::Fec* const other = fecs_.requested( backup ) ) {
       out += joinText( " (", fecViasText( other->via, name_ ), ")" );
    }
    return out;
@@ -338,4 +294,4 @@ std::string AuditComparison::fecIntentText() const {
    return text;
 }
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

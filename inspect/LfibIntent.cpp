@@ -1,10 +1,10 @@
-#include "agent/report/LfibIntent.h"
+#include "inspect/LfibIntent.h"
 
 #include <algorithm>
 
 #include "mpls/VelMplsSm.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 namespace {
 
@@ -161,17 +161,20 @@ void LfibIntent::readVias( const Mpls::LfibViaSet& viaSet, Intent& intent ) cons
    if ( std::string fault = collect( viaSet, leads ); !fault.empty() ) {
       return refuse( intent, IntentKind::unsound, std::move( fault ) );
    }
-   if ( leads == Leads::toNextHops ) {
+   intent.intoFec = byFec( viaSet.key(), leads );
+   const bool usable = viaSet.usableAsPrimaryVias();
+   if ( leads == Leads::toNextHops && ( usable || intent.intoFec ) ) {
       for ( const Mpls::LfibMplsVia& via : collected_ ) {
          addWays( via, intent );
       }
       sortEachOnce( intent.vias );
    }
-   intent.intoFec = byFec( viaSet.key(), leads );
    if ( intent.intoFec ) {
       readFec( viaSet, leads, intent );
    } else if ( leads != Leads::toNextHops ) {
       refuse( intent, IntentKind::unsound, "the hardware has no FECs to forward into" );
+   } else if ( !usable ) {
+      refuse( intent, IntentKind::unresolved, "its vias are disabled" );
    } else if ( intent.vias.empty() ) {
       intent.kind = IntentKind::unresolved;
       intent.reason = "no next hop is resolved";
@@ -223,7 +226,8 @@ void LfibIntent::readFec( const Mpls::LfibViaSet& viaSet, Leads leads, Intent& i
    fec.backup = {};
    fec.backupVias.clear();
    fec.backupFault.clear();
-   if ( leads == Leads::toGroup ) { // ways out and protection are the group's
+   if ( leads == Leads::toGroup && viaSet.usableAsPrimaryVias() ) {
+      // Ways out and protection are the group's.
       fec.foreign = Fib::FecIdIntfId::intfIdToFecId( collected_.front().intf );
       return;
    }
@@ -251,7 +255,7 @@ void LfibIntent::readBackup( Mpls::LfibViaSetKey key, FecIntent& fec ) const {
    if ( std::string fault = backup.viaKeys() == 0 ? "it is empty" : collect( backup, leads );
         !fault.empty() ) {
       fec.backupFault = "the backup cannot be forwarded with: " + fault;
-   } else if ( leads == Leads::toGroup ) {
+   } else if ( leads == Leads::toGroup && backup.usableAsPrimaryVias() ) {
       fec.backupFault = "the backup is a next-hop group, which is another agent's";
    } else if ( !backup.backupViaSetKey().empty() ) {
       fec.backupFault = "the backup has a backup";
@@ -271,4 +275,4 @@ void LfibIntent::addWays( const Mpls::LfibMplsVia& via, Intent& intent ) const {
    }
 }
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

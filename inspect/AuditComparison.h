@@ -8,13 +8,14 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/report/Audit.h"
-#include "agent/report/ForeignWays.h"
-#include "agent/report/LfibIntent.h"
-#include "driver/SwitchStatus.h"
+#include "inspect/Audit.h"
+#include "inspect/ForeignWays.h"
+#include "inspect/LabelState.h"
+#include "inspect/LfibIntent.h"
+#include "mpls/VelMplsHwInsight.h"
 #include "mpls/VelMplsSm.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 /// One run. Members that end in nothing else are what the stages say of the label in hand.
 class AuditComparison {
@@ -36,7 +37,7 @@ class AuditComparison {
    void compareReported();
    void compareReportedAdjacency();
    void comparePublished();
-   RouteStatusCode codeInHardware() const;
+   static RouteStatusCode codeOf( LabelState state );
    void comparePublishedAdjacency( const Mpls::Hardware::Route& route );
    void comparePublishedVias( const Mpls::Hardware::Adjacency& adjacency,
                               const std::vector< Mpls::Hardware::L2Via >& expected );
@@ -50,11 +51,9 @@ class AuditComparison {
    bool byFec() const { return intent_.intoFec || fec_ || ( route_ && route_->extFecInfo() ); }
    void compareFecWritten();
    std::string fecFault() const;
-   std::string contentFault( const Fib::Fec& found ) const;
    std::string backupFault( const Fib::Fec& found ) const;
-   bool sameWays( const std::vector< Fib::FecVia >& wanted, const Fib::Fec& found ) const;
-   const Fib::Fec* requested( Fib::FecId fecId ) const;
    void compareFecReported();
+   void compareFecWays();
    std::string answerFault( Fib::FecId fecId ) const;
    std::string foreignFault() const;
    void comparePublishedFec( const Mpls::Hardware::Route& route );
@@ -84,20 +83,19 @@ class AuditComparison {
    const InterfaceName& name_;
    const ForeignWays foreignWays_;
    const size_t limit_;
-   const LfibIntent inputs_;
    const MplsSm& sm_;
    const Mpls::LfibHwStatus& lfibHwStatus_;
    const Mpls::Hardware::Status& hwMplsStatus_;
    const ProactiveArpNexthopSm& arp_;
    const RouteReactorConfig& watched_;
    const Route6ReactorConfig& watched6_;
-   const FecIdToHwFecIdRequest* request_;    // null where the hardware has no FECs, as the next
-   const FecIdToHwFecIdResponse* response_;  //
+   const FecView fecs_;
+   const LabelStates states_;
    const MplsHwVrfConfig* config_ = nullptr; // null while there is none
    const MplsHwVrfStatus* status_ = nullptr;
    const VrfMplsState* state_ = nullptr;
-   const Driver::SwitchStatus* switch_ = nullptr; // null with another driver
-   const Driver::SwitchVrfStatus* refusals_ = nullptr;
+   const MplsHwInsight* insight_ = nullptr; // null where the driver keeps to itself
+   VrfId vrfId_ = 0;                        // of the configuration
 
    RouteKey key_;
    Intent intent_;
@@ -134,4 +132,4 @@ void AuditComparison::differ( AuditStage stage, const Expected& expected, const 
    }
 }
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

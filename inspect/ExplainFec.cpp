@@ -1,37 +1,20 @@
-#include "agent/report/ExplainChain.h"
+#include "inspect/ExplainChain.h"
 
-#include "agent/report/ReportText.h"
+#include "inspect/Words.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 using Fib::FecId;
 
-namespace {
-
-// Requested with its content, and numbered, by this library.
-bool isLabelFec( FecId fecId ) {
-   return fecId.adjType() == Fib::AdjType::mplsV4Adj || fecId.adjType() == Fib::AdjType::mplsV6Adj;
-}
-
-} // namespace
-
-const Fib::Fec* ChainReader::requested( FecId fecId ) const {
-   if ( fecRequest_ == nullptr || !isLabelFec( fecId ) ) {
-      return nullptr;
-   }
-   return fecId.adjType() == Fib::AdjType::mplsV6Adj ? fecRequest_->fec6().find( fecId )
-                                                     : fecRequest_->fec().find( fecId );
-}
-
 // Which way hardware says that the FEC takes; unknown of one that is not protected.
 AdjHwState ChainReader::hwState() const {
-   const AdjHwStatus* const states = l3Status_ ? l3Status_->adjHwStatus().get() : nullptr;
+   const AdjHwStatus* const states = l3Status_->adjHwStatus().get();
    return states && fec_ && vrfId_ ? states->adjHwState( { *vrfId_, fec_->fecId() } )
                                    : AdjHwState::unknown;
 }
 
 bool ChainReader::isForeign() const {
-   if ( !isLabelFec( fec_->fecId() ) ) {
+   if ( !FecView::ours( fec_->fecId() ) ) {
       return true;
    }
    for ( const auto& [index, via] : hwAdj_->via() ) {
@@ -81,7 +64,7 @@ void ChainReader::readProtection( ChainLink& link ) const {
 
 // ", not protected: ..." where the via set names a backup and the FEC does not; else nothing.
 std::string ChainReader::protectionLack() const {
-   const Fib::Fec* const content = requested( fec_->fecId() );
+   const Fib::Fec* const content = fecs_.requested( fec_->fecId() );
    if ( content == nullptr || content->backupFecId != FecId() || viaSet_.null() ||
         viaSet_.backupViaSetKey().empty() ) {
       return {};
@@ -162,7 +145,7 @@ ChainLink ChainReader::fec() const {
       readUnanswered( link );
    } else if ( behind() && hwState() != AdjHwState::down ) {
       readUnanswered( link );
-   } else if ( const Fib::Fec* const content = requested( fec_->fecId() );
+   } else if ( const Fib::Fec* const content = fecs_.requested( fec_->fecId() );
                content && !primariesUsable() && content->backupFecId == FecId() ) {
       fails( link, link.text + ": its vias are disabled, and it has no backup", recordSince(),
              "a backup, or the leave to use its own vias" );
@@ -181,8 +164,8 @@ ChainLink ChainReader::fec() const {
 
 void ChainReader::readFecContent( ChainLink& link ) const {
    const FecId fecId = fec_->fecId();
-   const Fib::Fec* const content = requested( fecId );
-   if ( !isLabelFec( fecId ) ) {
+   const Fib::Fec* const content = fecs_.requested( fecId );
+   if ( !FecView::ours( fecId ) ) {
       link.text += ", of another agent";
    }
    if ( content ) {
@@ -192,7 +175,7 @@ void ChainReader::readFecContent( ChainLink& link ) const {
          link.facts["vias"].push_back( link.details.back() );
       }
       if ( content->backupFecId != FecId() ) {
-         const Fib::Fec* const backup = requested( content->backupFecId );
+         const Fib::Fec* const backup = fecs_.requested( content->backupFecId );
          link.facts["backupFecId"] = fecIdText( content->backupFecId );
          link.details.push_back(
             joinText( "backup FEC ", fecIdText( content->backupFecId ), ": ",
@@ -212,7 +195,7 @@ void ChainReader::readFecContent( ChainLink& link ) const {
 std::string ChainReader::roomText() const {
    std::string text = "room for another FEC in the hardware";
    const ExternalFecInfo* const in = inOlderFec() ? record_->extFecInfo().get() : nullptr;
-   if ( in == nullptr || fecRequest_->mayTakeOverHas( fec_->fecId() ) ) {
+   if ( in == nullptr || fecs_.request()->mayTakeOverHas( fec_->fecId() ) ) {
       return text;
    }
    return joinText( text, ", or for the others in FEC ", fecIdText( in->fecId() ),
@@ -225,17 +208,16 @@ std::string ChainReader::roomText() const {
 void ChainReader::readUnanswered( ChainLink& link ) const {
    const FecId fecId = fec_->fecId();
    std::string waitsFor = "the hardware layer's answer to the request for the FEC";
-   link.text += behind()              ? ", not yet what is requested"
-                : isLabelFec( fecId ) ? ", not answered yet"
-                                      : ", of another agent, not there yet";
-   if ( switch_ && switch_->waitingFecHas( fecId ) ) {
-      const UnprogrammedReason reason = switch_->waitingFec( fecId );
-      link.facts["reason"] = stringValue( reason );
-      link.text += joinText( ": ", reason );
-      waitsFor = reason == UnprogrammedReason::InterfaceNotReady
+   link.text += behind()                 ? ", not yet what is requested"
+                : FecView::ours( fecId ) ? ", not answered yet"
+                                         : ", of another agent, not there yet";
+   if ( const auto reason = insight_ ? insight_->fecRefusal( fecId ) : std::nullopt ) {
+      link.facts["reason"] = stringValue( *reason );
+      link.text += joinText( ": ", *reason );
+      waitsFor = *reason == UnprogrammedReason::InterfaceNotReady
                     ? "an interface of its vias to become ready"
                     : roomText();
-   } else if ( !isLabelFec( fecId ) ) {
+   } else if ( !FecView::ours( fecId ) ) {
       waitsFor = joinText( "the agent that owns FEC ", fecIdText( fecId ), " to make it known" );
    }
    if ( inFec() && ( behind() || inOlderFec() ) ) {
@@ -267,4 +249,4 @@ void ChainReader::readFecRoute( ChainLink& link ) const {
    }
 }
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

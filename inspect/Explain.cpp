@@ -1,25 +1,23 @@
-#include "agent/report/ExplainChain.h"
+#include "inspect/ExplainChain.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <set>
 
-#include "agent/report/ReportText.h"
+#include "inspect/Words.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 using Mpls::RouteKey;
 using Mpls::RouteStatusCode;
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr size_t namedNextHops = 3; // of those that are waited for; the rest is counted
 
-Json secondsOrNull( double seconds ) {
-   return seconds == neverTime ? Json() : Json( seconds );
+Value secondsOrNothing( double seconds ) {
+   return seconds == neverTime ? Value() : Value( seconds );
 }
 
 } // namespace
@@ -27,11 +25,11 @@ Json secondsOrNull( double seconds ) {
 // --- Finding.
 
 ChainReader::ChainReader( const EntityManager& roots, RouteKey key,
-                          const Explanation::InterfaceName& interfaceName,
-                          std::string ignoredReason )
+                          const InterfaceName& interfaceName, std::string ignoredReason )
    : key_( key ),
      interfaceName_( interfaceName ),
      foreignWays_( roots, interfaceName ),
+     fecs_( roots ),
      ignoredReason_( std::move( ignoredReason ) ) {
    clock_ = required< Clock >( roots, "clock" );
    sm_ = required< MplsSm >( roots, "mplsSm" );
@@ -40,13 +38,12 @@ ChainReader::ChainReader( const EntityManager& roots, RouteKey key,
    hwMpls_ = required< Mpls::Hardware::Status >( roots, "routingHwMplsStatus" );
    hwConfig_ = required< MplsHwConfig >( roots, "mplsHwConfig" );
    hwStatus_ = required< MplsHwStatus >( roots, "mplsHwStatus" );
-   l3Status_ = roots.root< VelL3Status >( "velL3Status" );
+   l3Status_ = required< VelL3Status >( roots, "velL3Status" );
+   numbers_ = required< Routing::Hardware::RouteStatus >( roots, "routingHwRouteStatus" );
    lfibInfo_ = roots.root< Mpls::LfibInfo >( "lfibInfo" );
-   switch_ = roots.root< Driver::SwitchStatus >( "softwareSwitch" );
-   fecRequest_ = roots.root< FecIdToHwFecIdRequest >( "hwFecIdRequest" );
-   fecResponse_ = roots.root< FecIdToHwFecIdResponse >( "hwFecIdResponse" );
+   insight_ = roots.root< MplsHwInsight >( "mplsHwInsight" );
    if ( fault_.empty() ) {
-      findVrf( roots );
+      findVrf();
       findRecords();
    }
 }
@@ -61,17 +58,14 @@ const T* ChainReader::required( const EntityManager& roots, std::string_view nam
 }
 
 // Without its number nothing has been written for the VRF.
-void ChainReader::findVrf( const EntityManager& roots ) {
+void ChainReader::findVrf() {
    vrf_ = sm_->mplsState( vrfName_ );
-   const auto* const numbers =
-      roots.root< Routing::Hardware::RouteStatus >( "routingHwRouteStatus" );
-   if ( numbers == nullptr || !numbers->vrfStatusHas( vrfName_ ) ) {
+   if ( !numbers_->vrfStatusHas( vrfName_ ) ) {
       return;
    }
-   vrfId_ = numbers->vrfStatus( vrfName_ );
+   vrfId_ = numbers_->vrfStatus( vrfName_ );
    config_ = hwConfig_->vrfConfig( *vrfId_ );
    status_ = hwStatus_->vrfStatus( *vrfId_ );
-   refused_ = switch_ ? switch_->vrf( *vrfId_ ) : nullptr;
 }
 
 void ChainReader::findRecords() {
@@ -88,22 +82,6 @@ void ChainReader::findRecords() {
    }
    written_ = config_ ? config_->route().find( key_ ) : nullptr;
    reported_ = status_ ? status_->route().find( key_ ) : nullptr;
-}
-
-ExplainState ChainReader::state( const ChainLink* blocker ) const {
-   if ( !route_ ) {
-      return ExplainState::absent;
-   }
-   if ( ignored() ) {
-      return ExplainState::ignored;
-   }
-   if ( blocker ) {
-      return ExplainState::unprogrammed;
-   }
-   const bool unresolved = hwAdj_ && hwAdj_->unresolvedVias() != 0 && primariesUsable();
-   return unresolved || inOlderFec() || behind() || byBackupOnly()
-             ? ExplainState::partiallyProgrammed
-             : ExplainState::programmed;
 }
 
 // --- Obstacles.
@@ -292,13 +270,13 @@ ChainLink ChainReader::l3Adjacency() const {
 }
 
 std::string ChainReader::nextHopText( const IpGenAddr& address, IntfId intf ) const {
-   return intf.empty() ? address.text() : joinText( address, " on ", interfaceName_( intf ) );
+   return intf.empty() ? address.text() : joinText( address, " on ", intfText( intf ) );
 }
 
 // What the L3 layer knows of a next hop that is not resolved.
 std::string ChainReader::unresolvedWhy( const IpGenAddr& address, IntfId intf ) const {
-   if ( l3Status_ == nullptr ) {
-      return "";
+   if ( insight_ && !intf.empty() && !insight_->linkUp( intf ) ) {
+      return ", the interface is down";
    }
    if ( !intf.empty() ) {
       const NextHopInfo* const info = l3Status_->nextHopInfo().find( { intf, address } );
@@ -324,7 +302,7 @@ std::string ChainReader::unresolvedWhy( const IpGenAddr& address, IntfId intf ) 
 std::string ChainReader::exitsText( const Mpls::Hardware::L2ViaSet& exits ) const {
    std::string text;
    for ( const Mpls::Hardware::L2Via& exit : exits.l2Via() ) {
-      text += joinText( text.empty() ? "" : ", ", interfaceName_( exit.intf ), " " );
+      text += joinText( text.empty() ? "" : ", ", intfText( exit.intf ), " " );
       text += exit.vlanId == 0 ? "" : joinText( "vlan ", exit.vlanId, " " );
       text += exit.macAddr.text();
    }
@@ -335,19 +313,22 @@ std::string ChainReader::exitsText( const Mpls::Hardware::L2ViaSet& exits ) cons
 void ChainReader::readNextHop( const Mpls::Hardware::AdjacencyVia& via, ChainLink& link ) const {
    const MplsNextHop* const record = vrf_->mplsNextHop( { via.nextHop, via.intf } );
    const double since = record ? record->unresolvedSince() : neverTime;
-   Json fact{ { "nextHop", via.nextHop.text() } };
-   fact["interface"] = via.intf.empty() ? Json() : Json( interfaceName_( via.intf ) );
+   Value fact;
+   fact["nextHop"] = via.nextHop.text();
+   fact["interface"] = via.intf.empty() ? Value() : Value( intfText( via.intf ) );
    fact["resolved"] = via.resolved();
    std::string line = nextHopText( via.nextHop, via.intf );
    if ( via.resolved() ) {
       line += " -> " + exitsText( via.l2Via );
       for ( const Mpls::Hardware::L2Via& exit : via.l2Via.l2Via() ) {
-         fact["exits"].push_back( { { "interface", interfaceName_( exit.intf ) },
-                                    { "vlan", exit.vlanId },
-                                    { "mac", exit.macAddr.text() } } );
+         Value one;
+         one["interface"] = intfText( exit.intf );
+         one["vlan"] = exit.vlanId;
+         one["mac"] = exit.macAddr.text();
+         fact["exits"].push_back( std::move( one ) );
       }
    } else {
-      fact["unresolvedSinceSeconds"] = secondsOrNull( since );
+      fact["unresolvedSinceSeconds"] = secondsOrNothing( since );
       std::array< char, 40 > seconds{};
       if ( since != neverTime ) {
          std::snprintf( seconds.data(), seconds.size(), " since %.3f s", since );
@@ -400,14 +381,14 @@ ChainLink ChainReader::nextHops() const {
 
 // The driver's own words where it has some: the VRF's status has one reason for all, the last.
 UnprogrammedReason ChainReader::adjacencyReason() const {
-   const U64 index = l2Adj_->index();
-   return refused_ && refused_->refusedAdjacencyHas( index ) ? refused_->refusedAdjacency( index )
-                                                             : status_->unprogrammedReason();
+   const auto told =
+      insight_ ? insight_->adjacencyRefusal( *vrfId_, l2Adj_->index() ) : std::nullopt;
+   return told.value_or( status_->unprogrammedReason() );
 }
 
 UnprogrammedReason ChainReader::routeReason() const {
-   return refused_ && refused_->refusedRouteHas( key_ ) ? refused_->refusedRoute( key_ )
-                                                        : status_->unprogrammedReason();
+   const auto told = insight_ ? insight_->routeRefusal( *vrfId_, key_ ) : std::nullopt;
+   return told.value_or( status_->unprogrammedReason() );
 }
 
 U32 ChainReader::adjacencyWritten() const {
@@ -524,27 +505,27 @@ ChainLink ChainReader::hwConfig() const {
 
 // The route has been written, and what the driver reports is not it.
 void ChainReader::readUnconfirmed( ChainLink& link ) const {
-   const U64 waiting = switch_ ? switch_->queueLength() : 0;
+   const std::optional< U64 > waiting = operationsWaiting();
    const U64 tries = record_ ? record_->unconfirmedWrites() : 0;
    std::string text = joinText( "version ", written_->version, " is not answered" );
-   if ( switch_ ) {
-      text += waiting == 0
+   if ( waiting ) {
+      text += *waiting == 0
                  ? ", and nothing waits: the writing is lost"
-                 : joinText( " yet, ", counted( waiting, "operation waits", "operations wait" ) );
+                 : joinText( " yet, ", counted( *waiting, "operation waits", "operations wait" ) );
    }
    if ( reported_ ) {
       text += joinText( "; version ", reported_->version, " is in hardware" );
    }
    fails( link, std::move( text ), recordSince(),
-          switch_ && waiting == 0 ? "a change of the route, its via set or its next hops"
-                                  : "the driver's answer" );
+          waiting == U64{ 0 } ? "a change of the route, its via set or its next hops"
+                              : "the driver's answer" );
    link.obstacle.tries = tries;
 }
 
 ChainLink ChainReader::driver() const {
    ChainLink link( "driver", "driver" );
-   if ( switch_ ) {
-      link.facts["operationsWaiting"] = switch_->queueLength();
+   if ( const std::optional< U64 > waiting = operationsWaiting() ) {
+      link.facts["operationsWaiting"] = *waiting;
    }
    if ( status_ == nullptr ) {
       fails( link, "the driver has no status of the VRF", recordSince(), "the driver" );
@@ -553,7 +534,7 @@ ChainLink ChainReader::driver() const {
    const bool listed = status_->unprogrammedRouteHas( key_ );
    const U32 carriedOut = adjacencyCarriedOut();
    link.facts["listed"] = listed;
-   link.facts["routeVersion"] = reported_ ? Json( reported_->version ) : Json();
+   link.facts["routeVersion"] = reported_ ? Value( reported_->version ) : Value();
    link.facts["adjacencyVersion"] = carriedOut;
    if ( listed ) {
       link.facts["reason"] = stringValue( routeReason() );
@@ -592,8 +573,8 @@ ChainLink ChainReader::published() const {
    const Mpls::Hardware::Route* const route = hwMpls_->route().find( key_ );
    const bool pending = publishingPending();
    const auto* const adjacency = route ? route->adjacency.get() : nullptr;
-   link.facts["statusCode"] = info ? Json( stringValue( info->statusCode ) ) : Json();
-   link.facts["l3Adjacency"] = adjacency ? Json( adjacency->index() ) : Json();
+   link.facts["statusCode"] = info ? Value( stringValue( info->statusCode ) ) : Value();
+   link.facts["l3Adjacency"] = adjacency ? Value( adjacency->index() ) : Value();
    link.facts["reviewPending"] = pending;
    std::string text = info ? textOf( info->statusCode ) : "nothing";
    text += adjacency ? joinText( ", L3 adjacency ", adjacency->index() ) : "";
@@ -615,22 +596,6 @@ ChainLink ChainReader::published() const {
    return link;
 }
 
-std::string_view name( ExplainState state ) {
-   switch ( state ) {
-   case ExplainState::programmed:
-      return "programmed";
-   case ExplainState::partiallyProgrammed:
-      return "partiallyProgrammed";
-   case ExplainState::unprogrammed:
-      return "unprogrammed";
-   case ExplainState::ignored:
-      return "ignored";
-   case ExplainState::absent:
-      break;
-   }
-   return "absent";
-}
-
 Explanation::Explanation( const EntityManager& entityManager, RouteKey key,
                           const InterfaceName& interfaceName,
                           const std::optional< std::string >& ignoredReason )
@@ -650,16 +615,15 @@ Explanation::Explanation( const EntityManager& entityManager, RouteKey key,
    links_.push_back( reader.hwConfig() );
    links_.push_back( reader.driver() );
    links_.push_back( reader.published() );
-   state_ = reader.ignored() ? ExplainState::ignored : ExplainState::absent;
-   state_ = reader.state( blocker() );
+   verdict_ = LabelStates( entityManager ).of( key );
 }
 
 const ChainLink* Explanation::blocker() const {
-   if ( state_ == ExplainState::ignored ) {
+   if ( state() == LabelState::ignored ) {
       return nullptr;
    }
    const auto first = std::ranges::find( links_, false, &ChainLink::holds );
    return first == links_.end() ? nullptr : &*first;
 }
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

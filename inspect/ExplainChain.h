@@ -6,12 +6,13 @@
 #include <string>
 #include <string_view>
 
-#include "agent/report/Explain.h"
-#include "agent/report/ForeignWays.h"
-#include "driver/SwitchStatus.h"
+#include "inspect/Explain.h"
+#include "inspect/FecView.h"
+#include "inspect/ForeignWays.h"
+#include "mpls/VelMplsHwInsight.h"
 #include "mpls/VelMplsSm.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 /// Who reads: the roots, and where the label stands in each.
 class ChainReader {
@@ -19,12 +20,11 @@ class ChainReader {
    using RouteStatusCode = Mpls::RouteStatusCode;
 
  public:
-   ChainReader( const EntityManager& roots, RouteKey key,
-                const Explanation::InterfaceName& interfaceName, std::string ignoredReason );
+   ChainReader( const EntityManager& roots, RouteKey key, const InterfaceName& interfaceName,
+                std::string ignoredReason );
 
    const std::string& fault() const { return fault_; }
    double now() const { return clock_->now(); }
-   ExplainState state( const ChainLink* blocker ) const;
    bool ignored() const {
       const Mpls::LfibViaType type = route_.viaSetKey.viaType();
       return !!route_ && type != Mpls::viaTypeMplsIp && type != Mpls::viaTypeExternalFec;
@@ -49,9 +49,15 @@ class ChainReader {
  private:
    template< class T >
    const T* required( const EntityManager& roots, std::string_view name );
-   void findVrf( const EntityManager& roots );
+   void findVrf();
    void findRecords();
 
+   std::optional< U64 > operationsWaiting() const {
+      return insight_ ? insight_->operationsWaiting() : std::nullopt;
+   }
+   std::string intfText( IntfId intf ) const {
+      return interfaceName_ ? interfaceName_( intf ) : textOf( intf );
+   }
    double recordSince() const { return record_ ? record_->unprogrammedSince() : neverTime; }
    double viaSetSince() const;
    double nextRetry() const;
@@ -77,7 +83,6 @@ class ChainReader {
    std::string roomText() const;
    void readUnanswered( ChainLink& link ) const;
    void readFecRoute( ChainLink& link ) const;
-   const Fib::Fec* requested( Fib::FecId fecId ) const;
    std::string backupWaitsFor() const;
    std::string protectionLack() const;
    AdjHwState hwState() const;
@@ -86,14 +91,11 @@ class ChainReader {
    bool primariesUsable() const { return viaSet_.null() || viaSet_.usableAsPrimaryVias(); }
    bool inFec() const { return record_ && MplsSm::inFecInHardware( *record_ ); }
    /// The driver has answered the last writing into a FEC, and lost it.
-   bool writingLost() const { return refused_ && refused_->lostRouteHas( key_ ); }
+   bool writingLost() const { return insight_ && vrfId_ && insight_->routeLost( *vrfId_, key_ ); }
    /// Still forwards into the FEC of before, until the one that is wanted now is answered.
    bool inOlderFec() const { return inFec() && record_->extFecInfo() != fec_; }
    /// Hardware has what was requested of the FEC before.
-   bool behind() const {
-      return fec_ && fec_->hwId() != 0 && fecRequest_ &&
-             fec_->carriedOut() != fecRequest_->hwFecIdRequest( fec_->fecId() ).version;
-   }
+   bool behind() const { return fec_ && fecs_.behind( fec_->fecId() ); }
    bool byBackupOnly() const {
       return fec_ && primariesUsable() && hwState() == AdjHwState::backupActive;
    }
@@ -108,8 +110,9 @@ class ChainReader {
    void failsUntilRetry( ChainLink& link, std::string text, double since, U64 tries ) const;
 
    RouteKey key_;
-   const Explanation::InterfaceName& interfaceName_;
+   const InterfaceName& interfaceName_;
    const ForeignWays foreignWays_;
+   const FecView fecs_;
    std::string ignoredReason_;
    std::string fault_;
    // The roots.
@@ -120,12 +123,10 @@ class ChainReader {
    const Mpls::Hardware::Status* hwMpls_ = nullptr;
    const MplsHwConfig* hwConfig_ = nullptr;
    const MplsHwStatus* hwStatus_ = nullptr;
-   const VelL3Status* l3Status_ = nullptr;               // may be missing, as what follows
-   const Mpls::LfibInfo* lfibInfo_ = nullptr;            //
-   const FecIdToHwFecIdRequest* fecRequest_ = nullptr;   // hardware without FECs has none
-   const FecIdToHwFecIdResponse* fecResponse_ = nullptr; //
-   const Driver::SwitchStatus* switch_ = nullptr;        // another driver has none
-   const Driver::SwitchVrfStatus* refused_ = nullptr;
+   const VelL3Status* l3Status_ = nullptr;
+   const Routing::Hardware::RouteStatus* numbers_ = nullptr;
+   const Mpls::LfibInfo* lfibInfo_ = nullptr; // may be missing, as what follows
+   const MplsHwInsight* insight_ = nullptr;   // a driver may have none
    // What they hold of the VRF and the label; null where they hold nothing.
    L3::VrfName vrfName_ = L3::VrfName::defaultVrf();
    std::optional< VrfId > vrfId_;
@@ -143,4 +144,4 @@ class ChainReader {
    const MplsHwRoute* reported_ = nullptr; // what it says to hold
 };
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

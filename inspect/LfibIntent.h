@@ -29,7 +29,7 @@
 #include "platform/seams/L3Status.h"
 #include "platform/seams/RoutingStatus.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 /// One neighbour that a next hop resolves to.
 struct WayOut {
@@ -138,4 +138,4 @@ const T& mountedRoot( const EntityManager& entities, std::string_view name ) {
    return *root;
 }
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

@@ -1,10 +1,10 @@
-#include "agent/report/Impact.h"
+#include "inspect/Impact.h"
 
 #include <algorithm>
 
 #include "mpls/VelMplsSm.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 using Mpls::Hardware::AdjacencyVia;
 using Mpls::Hardware::L2Via;
@@ -18,7 +18,7 @@ Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
      nextHops_( entities ),
      foreignWays_( entities, noName_ ),
      hwMplsStatus_( mountedRoot< Mpls::Hardware::Status >( entities, "routingHwMplsStatus" ) ),
-     lfibHwStatus_( mountedRoot< Mpls::LfibHwStatus >( entities, "lfibHwStatus" ) ),
+     states_( entities ),
      state_( mountedRoot< MplsSm >( entities, "mplsSm" ).mplsState( LfibIntent::vrf() ) ),
      adjHwStatus_( nextHops_.status().adjHwStatus().get() ) {
    const auto& numbers =
@@ -168,11 +168,6 @@ bool Impact::leavesByBackup( const L3Adjacency& l3Adj, const WaysLeft& primaries
                AdjHwState::backupActive );
 }
 
-bool Impact::inHardware( Mpls::RouteKey key ) const {
-   const Mpls::RouteInfo* const info = lfibHwStatus_.unprogrammedRoute().find( key );
-   return info && info->statusCode != Mpls::RouteStatusCode::notProgrammed;
-}
-
 /// Labels and FEC of the adjacency, by what they leave by now.
 void Impact::addUsers( const L3Adjacency& l3Adj, WaysLeft ways ) {
    const L3Adjacency* backup = protectorOf( l3Adj );
@@ -259,4 +254,4 @@ void Impact::findL2Adjacencies() {
    }
 }
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

@@ -1,15 +1,15 @@
 // ForeignWays: where frames get to through what other agents have: next-hop groups, external FECs,
 // dynamic tunnels.
 //
-// The hardware has been told of these by their owners, and says what it knows in the switch's
-// status; the label state machine only names them. Each is followed once, as deep as hardware does,
+// The hardware has been told of these by their owners, and its driver may tell what it knows
+// (MplsHwInsight); the label state machine only names them. Each is followed once, as deep as hardware does,
 // whatever leads into it and how often.
 //
 //    const ForeignWays ways( entityManager );
 //    const ForeignEnds ends = ways.read( via.intf );
 //    if ( ends.known && ends.exits.empty() ) ... ends.why ...
 //
-// Without a software switch nothing is known of them, and nobody says that they lead nowhere.
+// Without a driver that tells nothing is known of them, and nobody says that they lead nowhere.
 //
 // Cost: a look-up for each FEC, tunnel and via that is behind the one asked for.
 
@@ -19,11 +19,11 @@
 #include <string>
 #include <vector>
 
-#include "agent/report/ReportText.h"
-#include "driver/SwitchStatus.h"
+#include "inspect/Words.h"
+#include "mpls/VelMplsHwInsight.h"
 #include "platform/entity/EntityManager.h"
 
-namespace Vel::Agent {
+namespace Vel::Inspect {
 
 /// A neighbour that frames can reach.
 struct ForeignExit {
@@ -40,9 +40,9 @@ struct ForeignEnds {
 
 class ForeignWays {
  public:
-   /// Takes "softwareSwitch" where it is mounted. `name` must outlive it.
+   /// Takes "mplsHwInsight" where it is mounted. `name` must outlive it.
    ForeignWays( const EntityManager& entities, const InterfaceName& name )
-      : switch_( entities.root< Driver::SwitchStatus >( "softwareSwitch" ) ), name_( name ) {}
+      : insight_( entities.root< MplsHwInsight >( "mplsHwInsight" ) ), name_( name ) {}
 
    /// What stands behind the interface is another agent's.
    static bool leadsElsewhere( IntfId intf ) {
@@ -55,17 +55,20 @@ class ForeignWays {
    /// The next hops that the vias of other agents name, whoever leads into these.
    void eachNextHop( const std::function< void( const NextHopKey& ) >& call ) const;
    NextHopInfo rewrite( const NextHopKey& key ) const {
-      return switch_ ? switch_->neighbor( key ) : NextHopInfo();
+      return insight_ ? insight_->neighbor( key ).value_or( NextHopInfo() ) : NextHopInfo();
    }
    /// What stands behind the interface, in words: "tunnel east", "FEC 7:5 of another agent".
    std::string text( IntfId intf ) const;
 
  private:
    const Fib::Fec* find( IntfId intf ) const;
+   std::string name( IntfId intf ) const;
    void addEnd( const Fib::FecVia& via, ForeignEnds& ends ) const;
 
-   const Driver::SwitchStatus* switch_;
+   bool known() const { return insight_ && insight_->knowsForeign(); }
+
+   const MplsHwInsight* insight_;
    const InterfaceName& name_;
 };
 
-} // namespace Vel::Agent
+} // namespace Vel::Inspect

@@ -1,0 +1,110 @@
+// LabelState: what state a label is in. One function says so, and everyone asks it: the program's
+// result, an explanation, an audit, what would break. What the library publishes is held against it.
+//
+//    programmed             frames leave by all that the LFIB means
+//    partiallyProgrammed    frames leave, but by part of it: next hops are not resolved, a link is
+//                           down, the backup stands in, or hardware still has what was meant before
+//    unprogrammed           none can leave, or the last writing was refused
+//    ignored                in the LFIB, and for another state machine than the one for MPLS
+//                           forwarding
+//    absent                 not in the LFIB
+//
+// It follows from three things. What is meant, by the LFIB and the L3 layer as they are now
+// (LfibIntent). What hardware holds, by what it was asked for and has confirmed: an L2 adjacency, or a
+// FEC with the content that stands behind its id. And which of the ways there lead out: next hops,
+// links, other agents' FECs and tunnels, and what hardware itself reports of a FEC (AdjHwStatus).
+// A FEC that is answered with an earlier version has a content that nobody can tell; frames are taken
+// to leave by it unless hardware reports that none do. What an earlier agent left counts when it has
+// been taken over.
+//
+// Where the driver tells no more than it must (MplsHwInsight is not mounted), links count as up, and
+// what leads into other agents' FECs and tunnels as leading out.
+//
+//    LabelStates states( entityManager );
+//    if ( states.of( key ).state == LabelState::unprogrammed ) ...
+//
+// Labels that share a via set share the answer, of which some thousand are kept: an object is for one
+// moment. Make another one when anything has changed.
+//
+// Cost: 0.2 microseconds for a label whose via set is remembered, else that of LfibIntent and a
+// look-up for each via. Memory is bounded.
+
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "inspect/FecView.h"
+#include "inspect/ForeignWays.h"
+#include "inspect/LfibIntent.h"
+#include "mpls/VelMplsHwInsight.h"
+#include "mpls/VelMplsRecords.h"
+
+namespace Vel::Inspect {
+
+enum class LabelState : uint8_t { programmed, partiallyProgrammed, unprogrammed, ignored, absent };
+std::string_view name( LabelState state );
+
+struct LabelVerdict {
+   LabelState state = LabelState::absent;
+   /// Frames leave by what hardware holds for the label, whatever the LFIB says of it now.
+   bool leaves = false;
+};
+
+class LabelStates {
+ public:
+   /// Takes what LfibIntent takes, and the hardware's configuration, status, requests and answers.
+   explicit LabelStates( const EntityManager& entities );
+
+   LabelVerdict of( Mpls::RouteKey key );
+   /// The same for those who have read what is meant.
+   LabelVerdict of( Mpls::RouteKey key, const Intent& intent ) const;
+   /// The inputs alone.
+   const LfibIntent& inputs() const { return inputs_; }
+
+ private:
+   /// By what the label is in hardware: one of them, or neither.
+   struct Held {
+      const MplsRoute* record = nullptr;
+      const Mpls::Hardware::L2Adjacency* l2Adjacency = nullptr;
+      const ExternalFecInfo* fec = nullptr;
+      bool refused = false; ///< the last writing was
+
+      const void* what() const { return fec ? static_cast< const void* >( fec ) : l2Adjacency; }
+   };
+   enum class Ways : uint8_t { none, some, all };
+   struct Known {
+      Mpls::LfibViaSetKey viaSetKey;
+      const void* held = nullptr;
+      const void* l3Adjacency = nullptr;
+      LabelVerdict verdict;
+   };
+
+   Held find( Mpls::RouteKey key ) const;
+   LabelVerdict judge( const Held& held, const Intent& intent ) const;
+   Ways waysOf( const Held& held ) const;
+   Ways waysOfL2( const Mpls::Hardware::L2Adjacency& adjacency ) const;
+   Ways waysOfFec( Fib::FecId fecId ) const;
+   Ways waysOfVias( const std::vector< Fib::FecVia >& vias, size_t count ) const;
+   bool leadsOut( const Fib::FecVia& via ) const;
+   bool isMeant( const Held& held, const Intent& intent ) const;
+   AdjHwState reported( Fib::FecId fecId ) const;
+   bool linkUp( IntfId intf ) const { return insight_ == nullptr || insight_->linkUp( intf ); }
+
+   const LfibIntent inputs_;
+   const FecView fecs_;
+   const InterfaceName noName_{};
+   const ForeignWays foreignWays_;
+   const NextHopView nextHops_;
+   const MplsHwInsight* insight_;
+   const VrfMplsState* vrf_ = nullptr;        // null while there is none, as the next
+   const MplsHwVrfStatus* status_ = nullptr;  //
+   const AdjHwStatus* adjHwStatus_ = nullptr; // null where hardware does not report
+   VrfId vrfId_ = 0;
+   std::vector< Known > known_;         // of some via sets, by hash
+   Intent intent_;                      // memory for one label
+   mutable std::vector< WayOut > ways_; // memory for one via
+};
+
+} // namespace Vel::Inspect
