@@ -276,12 +276,25 @@ void SoftwareSwitch::routingOffUnlessWanted( VrfId vrfId ) {
 void SoftwareSwitch::run() {
    while ( queue_.ready() && !task_->shouldYield() ) {
       carryOut( queue_.pop() );
+      countMost();
       task_->workCountInc();
    }
    if ( queue_.empty() && !overtaken_.empty() ) {
       overtaken_.clear();
    }
    queue_.schedule();
+}
+
+void SoftwareSwitch::countMost() {
+   SwitchStatus& status = *status_;
+   status.mostRoutes_ = std::max( status.mostRoutes_, status.routes_ );
+   status.mostAdjacencies_ = std::max( status.mostAdjacencies_, status.adjacencies_ );
+   status.mostFecs_ = std::max( status.mostFecs_, status.fecs_ );
+}
+
+void SoftwareSwitch::forgetMost() {
+   status_->mostRoutes_ = status_->mostAdjacencies_ = status_->mostFecs_ = 0;
+   countMost();
 }
 
 void SoftwareSwitch::carryOut( Operation operation ) {
@@ -656,6 +669,7 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
    }
    const auto [route, made] = vrf.route.emplace( key );
    status_->routes_ += made;
+   countMost();
    status_->routesAdded_ += made && countedRoute_.insert( key );
    routeMoved( *route, nullptr, fec );
    route->operation = operation;

@@ -96,6 +96,9 @@ class SoftwareSwitch {
    /// What hardware forwards with now, for the driver that comes after this one.
    HwState state() const;
 
+   /// What there was most of is counted afresh.
+   void forgetMost();
+
    /// A link goes down or comes up. Protected FECs change over at once.
    void linkIs( IntfId intf, bool up );
    bool linkUp( IntfId intf ) const { return links_.up( intf ); }
@@ -142,6 +145,7 @@ class SoftwareSwitch {
    void routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec );
    void faultsChanged();
    void linksChanged();
+   void countMost();
    UnprogrammedReason adjacencyRefusal( const Operation& operation,
                                         const Mpls::Hardware::L2ViaSet& vias );
    UnprogrammedReason routeRefusal( const HwVrf& vrf, const Operation& operation );

@@ -26,6 +26,9 @@ class SwitchStatus : public Entity, public MplsHwInsight {
    READ_ONLY( U64, routes )           // in hardware, all VRFs
    READ_ONLY( U64, adjacencies )      // in hardware, all VRFs
    READ_ONLY( U64, fecs )             // in hardware
+   READ_ONLY( U64, mostRoutes )       // that there were at a time, since `forgetMost`
+   READ_ONLY( U64, mostAdjacencies )
+   READ_ONLY( U64, mostFecs )
    READ_ONLY( U64, fecsAdopted )      // of an earlier driver, taken over as they were
    READ_ONLY( U64, routesAdopted )    // of an earlier driver, taken over as they were
    READ_ONLY( U64, routesChanged )    // of an earlier driver, rewritten

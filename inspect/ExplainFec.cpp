@@ -150,8 +150,14 @@ ChainLink ChainReader::fec() const {
       fails( link, link.text + ": its vias are disabled, and it has no backup", recordSince(),
              "a backup, or the leave to use its own vias" );
    } else if ( hwState() == AdjHwState::down ) {
-      fails( link, link.text + ": neither its vias nor its backup lead out", neverTime,
-             "a link or a neighbour of its vias or of its backup" );
+      const Fib::Fec* const own = fecs_.requested( fec_->fecId() );
+      const bool hasBackup = own && own->backupFecId != FecId();
+      fails( link,
+             link.text + ( hasBackup ? ": neither its vias nor its backup lead out"
+                                     : ": nothing leads out of it" ),
+             neverTime,
+             hasBackup ? "a link or a neighbour of its vias or of its backup"
+                       : "a link or a neighbour of its vias" );
    } else {
       const std::string lack = protectionLack();
       link.holds = true;

@@ -16,7 +16,7 @@ namespace Vel {
 class VEL_EXPORT MplsSmCounters : public Entity {
    // clang-format off
    ENTITY( MplsSmCounters )
-   COUNTER( routesReceived )     // announcements of the LFIB, a change and a removal being one each
+   COUNTER( routesReceived )     // announcements of the LFIB, a change and a removal being one each, and what a walk over it is the first to find
    COUNTER( routesAccepted )     // of these, routes to be forwarded, new or changed
    COUNTER( routesRemoved )      // of these, removals of routes that had been accepted
    COUNTER( routesIgnored )      // of these, the others: not for MPLS forwarding, or it is off

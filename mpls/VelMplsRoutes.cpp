@@ -11,17 +11,19 @@ namespace Vel {
 void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
    const L3::VrfName& vrf = L3::VrfName::defaultVrf();
    MPLS_TRACE_CALL( 3, " vrf ", vrf, " routeKey ", routeKey );
-   counters_->routesReceivedInc();
+   // Whoever walks the LFIB meets again what has been announced.
+   const U64 news = !walksLfib_ || !mplsIpRouteKeyHas( routeKey ) ? 1 : 0;
+   counters_->routesReceivedInc( news );
    if ( !mplsRoutingEnabled( vrf ) ) {
       MPLS_TRACE( 3, "mplsRouting disable in vrf ", vrf );
-      counters_->routesIgnoredInc();
+      counters_->routesIgnoredInc( news );
       return;
    }
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
    if ( !lfibRoute ) {
       if ( !mplsIpRouteKeyHas( routeKey ) ) {
          MPLS_TRACE( 7, "Ignoring LFIB route ", routeKey );
-         counters_->routesIgnoredInc();
+         counters_->routesIgnoredInc( news );
          // Wanted when it was last asked, by an LFIB that is read ahead of its announcements.
          dropRecoveredRoute( vrf, routeKey );
          return;
@@ -30,11 +32,11 @@ void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
       MPLS_TRACE( 3, "delete LFIB route ", routeKey );
       mplsIpRouteKeyDel( routeKey );
    } else if ( !routeSupported( lfibRoute ) ) {
-      counters_->routesIgnoredInc();
+      counters_->routesIgnoredInc( news );
       dropUnsupportedRoute( vrf, routeKey );
       return;
    } else {
-      counters_->routesAcceptedInc();
+      counters_->routesAcceptedInc( news );
       mplsIpRouteKeyIs( routeKey );
       if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmNormal &&
            staleRecoveredRouteHas( routeKey ) ) {
@@ -92,9 +94,11 @@ void MplsSm::dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeK
 void MplsSm::handleLFibRoute() {
    MPLS_TRACE_CALL( 3, " for vrf ", L3::VrfName::defaultVrf() );
    // One that does not hold must not keep the others out: nobody else may announce them.
+   walksLfib_ = true;
    in_.transitLfib->lfibRouteEach(
       [this]( const Mpls::LfibRoute& route ) { handleLFibRoute( route.routeKey ); },
       Mpls::LfibWalk::skip );
+   walksLfib_ = false;
 }
 
 void MplsSm::handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey ) {

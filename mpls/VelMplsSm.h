@@ -497,6 +497,7 @@ class VEL_EXPORT MplsSm : public Entity {
    HashSet< Fib::FecId > fecsBeingLeft_; // by routes that wait for another one's answer
    size_t viaSetsAwaitedLimit_ = 64;     // from where those that nobody uses are looked for
    U64 lastRouteVersion_ = 0;            // the largest of any route that is gone
+   bool walksLfib_ = false;              // over all of its routes
    U64 lastFecVersion_ = 0;              // of all FEC requests
    bool resourceFullOwed_ = false;       // a full message that its limit did not allow
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;

@@ -1,6 +1,7 @@
 #include "agent/cli/AgentRun.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
@@ -31,7 +32,8 @@ std::optional< Driver::FaultPlan > faultPlan( const std::vector< std::string >& 
 }
 
 // A fault of a label that is in no table would pass unseen.
-std::optional< std::string > labelFault( const Driver::FaultPlan& faults, const LfibPlan& plan ) {
+std::optional< std::string > unknownLabelFault( const Driver::FaultPlan& faults,
+                                                const LfibPlan& plan ) {
    for ( const Driver::Fault& fault : faults.faults() ) {
       if ( fault.kind != Driver::FaultKind::refuseLabel &&
            fault.kind != Driver::FaultKind::forgetLabel ) {
@@ -121,6 +123,15 @@ void addRestartOptions( CLI::App& app, RunOptions& options ) {
       ->needs( state );
 }
 
+void addHardwareBefore( CLI::App& app, RunOptions& options ) {
+   options.readsStateOnly = true;
+   app.add_option( "--hardware-state", options.hardwareStateFile,
+                   "File in which `velmpls program` has left the hardware: the run is a restart on "
+                   "it, and leaves the file as it is" )
+      ->type_name( "FILE" )
+      ->check( emptyFault );
+}
+
 AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( options ) {
    if ( const auto fault = traceOn( options.tables.trace ) ) {
       std::cerr << *fault << '\n';
@@ -144,7 +155,7 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( 
    if ( !plan ) {
       return;
    }
-   if ( const auto fault = labelFault( *plan, loaded.plan ) ) {
+   if ( const auto fault = unknownLabelFault( *plan, loaded.plan ) ) {
       std::cerr << "--fault: " << *fault << '\n';
       return;
    }
@@ -159,7 +170,8 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( 
    }
    agent_ = std::make_unique< LabelAgent >( std::move( loaded.plan ), settings );
    logToStandardError( *agent_, progress );
-   fault_ = applyTables( *agent_, loaded.neighbors, options.tables, progress );
+   fault_ = applyTables( *agent_, loaded.neighbors, options.tables, progress,
+                         options.holdLastTable ? 1 : 0 );
    if ( !fault_ ) {
       progress.stage( "letting time pass" );
       fault_ = agent_->runFor( options.forSeconds );
@@ -174,8 +186,12 @@ std::optional< Driver::HwState > AgentRun::recoveredHardware( Interfaces& interf
       std::cerr << "--hardware-state: hardware without FECs starts afresh\n";
       return std::nullopt;
    }
+   if ( options_.readsStateOnly && !std::filesystem::exists( options_.hardwareStateFile ) ) {
+      std::cerr << options_.hardwareStateFile << ": there is no state of hardware\n";
+      return std::nullopt;
+   }
    stateFile_.emplace( options_.hardwareStateFile );
-   if ( !options_.previewSweep ) {
+   if ( !options_.previewSweep && !options_.readsStateOnly ) {
       if ( const auto fault = stateFile_->take() ) {
          std::cerr << *fault << '\n';
          return std::nullopt;

@@ -31,12 +31,16 @@ struct RunOptions {
    double maxStaleShare = 1;          ///< of what was in hardware that may be removed unasked
    bool previewSweep = false;         ///< remove none of it, and keep the file as it is
    double forSeconds = 0;             ///< simulated time to go on after the last table has settled
+   bool holdLastTable = false;        ///< plan it, and leave it to others to apply it
+   bool readsStateOnly = false;       ///< the file is where the run begins, and stays as it is
 };
 
 /// Declares the options, those of the tables included. `options` must outlive the parsing.
 void addRunOptions( CLI::App& app, RunOptions& options );
 /// Declares the options of hardware that outlives the run.
 void addRestartOptions( CLI::App& app, RunOptions& options );
+/// Declares the option of hardware that the run begins with, and does not change.
+void addHardwareBefore( CLI::App& app, RunOptions& options );
 
 class AgentRun {
  public:

@@ -54,6 +54,7 @@ void addAuditCommand( CLI::App& app, CommandRun& run ) {
                                    "hardware, what it reports and what is published" );
    const auto options = std::make_shared< AuditOptions >();
    addRunOptions( *command, options->run );
+   addHardwareBefore( *command, options->run );
    addReportFormat( *command, options->format );
    command
       ->add_option( "--limit", options->limit,

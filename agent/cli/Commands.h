@@ -20,6 +20,8 @@ void addForwardCommand( CLI::App& app, CommandRun& run );
 void addExplainCommand( CLI::App& app, CommandRun& run );
 void addAuditCommand( CLI::App& app, CommandRun& run );
 void addImpactCommand( CLI::App& app, CommandRun& run );
+void addPlanCommand( CLI::App& app, CommandRun& run );
+void addDiffCommand( CLI::App& app, CommandRun& run );
 void addSimulateCommand( CLI::App& app, CommandRun& run );
 
 } // namespace Vel::Agent

@@ -22,12 +22,6 @@ struct ExplainOptions {
    std::string format = "text";
 };
 
-/// "16001" or "16001/16002/16003", top label first.
-std::optional< Mpls::RouteKey > labelOf( const std::string& text ) {
-   const std::optional< Mpls::RouteKey > key = Mpls::routeKeyParse( text );
-   return key && !key->null() ? key : std::nullopt;
-}
-
 int runExplain( const ExplainOptions& options ) {
    auto progress = std::make_unique< Progress >( options.run.tables.trace.empty() );
    const AgentRun run( options.run, *progress );
@@ -64,13 +58,9 @@ void addExplainCommand( CLI::App& app, CommandRun& run ) {
                     "The incoming label, or up to three with / between them, the top one first" )
       ->required()
       ->type_name( "" )
-      ->check( []( const std::string& text ) {
-         return labelOf( text )
-                   ? std::string()
-                   : joinText( "\"", text, "\" is no label (0 to ", MplsLabel::maxValue,
-                               ", or up to three with / between them)" );
-      } );
+      ->check( labelFault );
    addRunOptions( *command, options->run );
+   addHardwareBefore( *command, options->run );
    addReportFormat( *command, options->format );
    command->footer( "Exit status: 0 the label is forwarded by all of its vias, or is not to be "
                     "forwarded, 2 bad input or\nusage, 3 the label is not forwarded, or only "

@@ -123,6 +123,7 @@ void addForwardCommand( CLI::App& app, CommandRun& run ) {
                                      "through it" );
    const auto options = std::make_shared< ForwardOptions >();
    addRunOptions( *command, options->run );
+   addHardwareBefore( *command, options->run );
    command
       ->add_option( "--frame", options->frames,
                     "An Ethernet frame as hexadecimal digits; blanks and colons may stand between "

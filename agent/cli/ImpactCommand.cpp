@@ -88,6 +88,7 @@ void addImpactCommand( CLI::App& app, CommandRun& run ) {
                                     "would lose its ways out if a next hop or an interface went" );
    const auto options = std::make_shared< ImpactOptions >();
    addRunOptions( *command, options->run );
+   addHardwareBefore( *command, options->run );
    addReportFormat( *command, options->format );
    CLI::Option_group* const target =
       command->add_option_group( "What goes", "At least one of --next-hop and --interface" );

@@ -67,6 +67,8 @@ int runVelmpls( int argc, char** argv ) {
    Vel::Agent::addExplainCommand( app, run );
    Vel::Agent::addAuditCommand( app, run );
    Vel::Agent::addImpactCommand( app, run );
+   Vel::Agent::addPlanCommand( app, run );
+   Vel::Agent::addDiffCommand( app, run );
    Vel::Agent::addSimulateCommand( app, run );
    if ( const std::string fault = unknownCommand( app, argc > 1 ? argv[1] : "" ); !fault.empty() ) {
       std::cerr << fault;

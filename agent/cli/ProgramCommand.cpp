@@ -2,6 +2,8 @@
 
 #include "agent/cli/Commands.h"
 
+#include <algorithm>
+#include <array>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -17,6 +19,8 @@
 
 namespace Vel::Agent {
 
+using Inspect::LabelState;
+
 namespace {
 
 struct ProgramOptions {
@@ -24,16 +28,46 @@ struct ProgramOptions {
    std::string format = "text";
    std::string metricsFile; // empty: none
    bool quiet = false;
+   std::vector< std::string > labels; // to be shown; none: all
+   std::vector< std::string > states; // the same
 };
 
-bool printResult( const ProgramResult& result, const ProgramOptions& options ) {
+constexpr std::array< LabelState, 4 > allStates{ LabelState::programmed,
+                                                 LabelState::partiallyProgrammed,
+                                                 LabelState::unprogrammed, LabelState::ignored };
+
+std::optional< LabelState > stateOf( const std::string& text ) {
+   const auto at =
+      std::ranges::find( allStates, text, []( LabelState state ) { return name( state ); } );
+   return at == allStates.end() ? std::nullopt : std::optional( *at );
+}
+
+/// Nothing, with a complaint, when a label is in no table.
+std::optional< ResultFilter > filterOf( const ProgramOptions& options,
+                                        const ProgramResult& result ) {
+   ResultFilter filter;
+   for ( const std::string& text : options.labels ) {
+      filter.labels.push_back( *labelOf( text ) );
+      if ( !result.route( filter.labels.back() ) ) {
+         std::cerr << "--label: the table has no route of label " << text << '\n';
+         return std::nullopt;
+      }
+   }
+   for ( const std::string& text : options.states ) {
+      filter.states.push_back( *stateOf( text ) );
+   }
+   return filter;
+}
+
+bool printResult( const ProgramResult& result, const ProgramOptions& options,
+                  const ResultFilter& filter ) {
    if ( options.quiet ) {
       return true;
    }
    const bool restarts = !options.run.hardwareStateFile.empty();
    return options.format == "json"
-             ? printJson( std::cout, result, restarts )
-             : printText( std::cout, result, TextStyle::ofStandardOutput(), restarts );
+             ? printJson( std::cout, result, restarts, filter )
+             : printText( std::cout, result, TextStyle::ofStandardOutput(), restarts, filter );
 }
 
 bool writeMetrics( const LabelAgent& agent, const ProgramResult& result, const std::string& file ) {
@@ -57,11 +91,15 @@ int runProgram( const ProgramOptions& options ) {
    progress->stage( "reading back" );
    const ProgramResult result( run.agent() );
    progress->hide();
+   const std::optional< ResultFilter > filter = filterOf( options, result );
+   if ( !filter ) {
+      return ExitStatus::badInput;
+   }
    if ( !run.leaveHardware() ) {
       run.complain();
       return ExitStatus::badInput; // what would be shown is lost with the hardware
    }
-   const bool printed = printResult( result, options );
+   const bool printed = printResult( result, options, *filter );
    run.complain();
    if ( !printed ) {
       std::cerr << "velmpls: the result could not be written\n";
@@ -95,6 +133,22 @@ void addProgramCommand( CLI::App& app, CommandRun& run ) {
                     "standard output" )
       ->type_name( "FILE" )
       ->check( emptyFault );
+   command
+      ->add_option( "--label", options->labels,
+                    "Show this label only, or up to three with / between them; several times for "
+                    "several. The summary is of all" )
+      ->type_name( "LABEL" )
+      ->allow_extra_args( false )
+      ->check( labelFault );
+   command
+      ->add_option( "--state", options->states,
+                    "Show labels in this state only: programmed, partiallyProgrammed, unprogrammed "
+                    "or ignored; several times for several" )
+      ->type_name( "STATE" )
+      ->allow_extra_args( false )
+      ->check( []( const std::string& text ) {
+         return stateOf( text ) ? std::string() : "\"" + text + "\" is no state of a label";
+      } );
    command->add_flag( "--quiet", options->quiet,
                       "No result and no progress, only the exit status" );
    command->footer( "Exit status: 0 every route is programmed (ignored ones aside), 2 bad input or "

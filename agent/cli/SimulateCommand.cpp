@@ -111,8 +111,11 @@ void addSimulateCommand( CLI::App& app, CommandRun& run ) {
    auto options = std::make_shared< SimulateOptions >();
    CLI::App* const command =
       app.add_subcommand( "simulate", "Tries the agent and its hardware under random events" );
-   command->add_option( "--seed", options->seed, "The first seed; each run has the next one" );
-   command->add_option( "--events", options->events, "Events in all" )->capture_default_str();
+   command->add_option( "--seed", options->seed, "The first seed; each run has the next one" )
+      ->check( longNaturalFault );
+   command->add_option( "--events", options->events, "Events in all" )
+      ->capture_default_str()
+      ->check( longNaturalFault );
    command->add_option( "--events-per-run", options->eventsPerRun, "Events of one world" )
       ->capture_default_str()
       ->check( CLI::Range( 1, 1'000'000 ) );

@@ -10,17 +10,39 @@
 
 namespace Vel::Agent {
 
-std::string naturalFault( const std::string& text ) {
-   constexpr size_t mostDigits = 9;
+namespace {
+
+std::string naturalFault( const std::string& text, size_t mostDigits ) {
    const bool digits = text.find_first_not_of( "0123456789" ) == text.npos &&
                        ( text == "0" || !text.starts_with( '0' ) ); // which would make it octal
    return digits && !text.empty() && text.size() <= mostDigits
              ? std::string()
-             : "\"" + text + "\" is not a whole number from 0 to 999999999";
+             : "\"" + text + "\" is not a whole number from 0 to " + std::string( mostDigits, '9' );
+}
+
+} // namespace
+
+std::string naturalFault( const std::string& text ) {
+   return naturalFault( text, 9 );
+}
+
+std::string longNaturalFault( const std::string& text ) {
+   return naturalFault( text, 18 );
 }
 
 std::string emptyFault( const std::string& text ) {
    return text.empty() ? "it is empty" : std::string();
+}
+
+std::optional< Mpls::RouteKey > labelOf( const std::string& text ) {
+   const std::optional< Mpls::RouteKey > key = Mpls::routeKeyParse( text );
+   return key && !key->null() ? key : std::nullopt;
+}
+
+std::string labelFault( const std::string& text ) {
+   return labelOf( text ) ? std::string()
+                          : joinText( "\"", text, "\" is no label (0 to ", MplsLabel::maxValue,
+                                      ", or up to three with / between them)" );
 }
 
 void addTableOptions( CLI::App& app, TableOptions& options ) {
@@ -127,9 +149,9 @@ LoadedTables loadTables( const TableOptions& options, Progress& progress,
 }
 
 LabelAgent::Fault applyTables( LabelAgent& agent, const NeighborTable& neighbors,
-                               const TableOptions& options, Progress& progress ) {
+                               const TableOptions& options, Progress& progress, size_t held ) {
    agent.neighborsAre( neighbors );
-   for ( size_t table = 0; table < agent.plan().tables(); ++table ) {
+   for ( size_t table = 0; table + held < agent.plan().tables(); ++table ) {
       progress.stage( "programming " + inputName( options.lfibFiles[table] ) );
       if ( LabelAgent::Fault fault = agent.apply( table ) ) {
          return fault;

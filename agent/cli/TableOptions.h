@@ -39,8 +39,14 @@ struct TableOptions {
 
 /// What is wrong with the text of a number that counts something; empty when nothing is.
 std::string naturalFault( const std::string& text );
+/// The same with up to 18 digits.
+std::string longNaturalFault( const std::string& text );
 /// What is wrong with a text that must not be empty; empty when nothing is.
 std::string emptyFault( const std::string& text );
+/// "16001" or "16001/16002/16003", top label first; nothing for any other text.
+std::optional< Mpls::RouteKey > labelOf( const std::string& text );
+/// What is wrong with a text that is to be such a label; empty when nothing is.
+std::string labelFault( const std::string& text );
 /// Declares the options. `options` must outlive the parsing.
 void addTableOptions( CLI::App& app, TableOptions& options );
 /// Turns the trace on; a sentence when the setting is wrong or names a handle that is not there.
@@ -59,8 +65,9 @@ struct LoadedTables {
 LoadedTables loadTables( const TableOptions& options, Progress& progress,
                          std::ostream& complaints );
 
-/// Makes the agent's neighbours known, applies all tables of its plan and settles after each.
+/// Makes the agent's neighbours known, applies the tables of its plan but for the last `held` ones,
+/// and settles after each.
 LabelAgent::Fault applyTables( LabelAgent& agent, const NeighborTable& neighbors,
-                               const TableOptions& options, Progress& progress );
+                               const TableOptions& options, Progress& progress, size_t held = 0 );
 
 } // namespace Vel::Agent

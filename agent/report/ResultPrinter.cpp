@@ -174,7 +174,8 @@ std::string startupText( const ResultStartup& startup ) {
 
 } // namespace
 
-bool printJson( std::ostream& out, const ProgramResult& result, bool startup ) {
+bool printJson( std::ostream& out, const ProgramResult& result, bool startup,
+                const ResultFilter& filter ) {
    TextOut writer( out );
    std::string& text = writer.text();
    const ResultSummary& sum = result.summary();
@@ -196,11 +197,15 @@ bool printJson( std::ostream& out, const ProgramResult& result, bool startup ) {
    }
    text += "\"routes\":[";
    ResultRoute route;
+   comma = "\n";
    for ( size_t i = 0; i < result.routes() && out.good(); ++i ) {
-      result.read( i, route );
-      text += i == 0 ? "\n" : ",\n";
-      appendRoute( text, route );
-      writer.lineDone();
+      if ( filter.shows( result, i ) ) {
+         result.read( i, route );
+         text += comma;
+         comma = ",\n";
+         appendRoute( text, route );
+         writer.lineDone();
+      }
    }
    text += "\n]}\n";
    return writer.finish();
@@ -304,12 +309,16 @@ std::string_view colourOf( LabelState of ) {
 
 class TextTable {
  public:
-   TextTable( const ProgramResult& result, const TextStyle& style ) : style_( style ) {
+   TextTable( const ProgramResult& result, const TextStyle& style, const ResultFilter& filter )
+      : style_( style ) {
       for ( size_t column = 0; column < columns; ++column ) {
          width_[column] = titles[column].size();
       }
       ResultRoute route;
       for ( size_t i = 0; i < result.routes(); ++i ) {
+         if ( !filter.shows( result, i ) ) {
+            continue;
+         }
          result.read( i, route );
          routeRows( route, rows_ );
          for ( const Row& row : rows_ ) {
@@ -379,6 +388,11 @@ class TextTable {
 
 } // namespace
 
+bool ResultFilter::shows( const ProgramResult& result, size_t i ) const {
+   return ( labels.empty() || std::ranges::find( labels, result.key( i ) ) != labels.end() ) &&
+          ( states.empty() || std::ranges::find( states, result.state( i ) ) != states.end() );
+}
+
 TextStyle TextStyle::ofStandardOutput() {
    TextStyle style;
    if ( isatty( STDOUT_FILENO ) == 0 ) {
@@ -396,17 +410,19 @@ TextStyle TextStyle::ofStandardOutput() {
 }
 
 bool printText( std::ostream& out, const ProgramResult& result, const TextStyle& style,
-                bool startup ) {
+                bool startup, const ResultFilter& filter ) {
    TextOut writer( out );
    std::string& text = writer.text();
    if ( result.routes() != 0 ) {
-      TextTable table( result, style );
+      TextTable table( result, style, filter );
       table.appendTitles( text );
       ResultRoute route;
       for ( size_t i = 0; i < result.routes() && out.good(); ++i ) {
-         result.read( i, route );
-         table.append( text, route );
-         writer.lineDone();
+         if ( filter.shows( result, i ) ) {
+            result.read( i, route );
+            table.append( text, route );
+            writer.lineDone();
+         }
       }
       text += '\n';
    }

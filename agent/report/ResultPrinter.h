@@ -23,10 +23,19 @@ struct TextStyle {
    static TextStyle ofStandardOutput();
 };
 
+/// Which routes are shown; the summary is of all of them.
+struct ResultFilter {
+   std::vector< Mpls::RouteKey > labels;      ///< none: all
+   std::vector< Inspect::LabelState > states; ///< none: all
+
+   bool shows( const ProgramResult& result, size_t i ) const;
+};
+
 /// One JSON object, a line each route. False when the stream could not take it.
-bool printJson( std::ostream& out, const ProgramResult& result, bool startup = false );
+bool printJson( std::ostream& out, const ProgramResult& result, bool startup = false,
+                const ResultFilter& filter = {} );
 /// A table, a line each via, then what keeps a route out, and a summary in the last line.
 bool printText( std::ostream& out, const ProgramResult& result, const TextStyle& style = {},
-                bool startup = false );
+                bool startup = false, const ResultFilter& filter = {} );
 
 } // namespace Vel::Agent

@@ -107,7 +107,12 @@ TEST_F( CommandTest, BadInputAndUsageEndWithTwoAndSayWhy ) {
       { "impact --next-hop 10.3.6" + labels, "10.3.6" },
       { "impact --next-hop 10.3.6.7" + labels, "10.3.6.7" },
       { "impact --next-hop 10.3.6.6 --interface to-seattle" + labels, "10.3.6.6" },
-      { "impact --interface eth9" + labels, "eth9" } };
+      { "impact --interface eth9" + labels, "eth9" },
+      { "program --label 7" + labels, "the table has no route of label 7" },
+      { "program --state lost" + labels, "\"lost\" is no state" },
+      { "explain 16001 --hardware-state gone.json" + labels, "gone.json: there is no state" },
+      { "simulate --events 0x2", "\"0x2\" is not a whole number" },
+      { "diff " + cut + " " + bad, "cut.json" } };
    for ( const auto& [arguments, complaint] : cases ) {
       const Ran ran = run( arguments );
       EXPECT_EQ( ran.status, 2 ) << arguments;
@@ -157,6 +162,38 @@ TEST_F( CommandTest, ProgramPrintsWhatIsAskedFor ) {
                 HasSubstr( "VelMplsSm/7 process routeKey 16001" ) );
    EXPECT_THAT( run( "--version" ).out, StartsWith( "velmpls " ) );
    EXPECT_THAT( run( "program --help" ).out, HasSubstr( "Example:\n" ) );
+}
+
+TEST_F( CommandTest, ShowsAndComparesWhatIsAskedFor ) {
+   const std::string both = labels + neighbors;
+   const std::string next = " --next " + examplePath( "labels-link-down" );
+   const std::string off = file( "off.json", R"([{"dst":"16001","to":"16","dev":"x",)"
+                                             R"("via":{"family":"inet","host":"10.9.9.9"}}])" );
+   struct Case {
+      std::string arguments;
+      int status;
+      std::string has;
+      std::string lacks;
+   };
+   const std::string quietly = " --fault 'refuse label 16002'";
+   for ( const Case& one : std::vector< Case >{
+            { "program --label 16001" + both, 0, "\n16001 ", "\n16002 " },
+            { "program --state unprogrammed" + both + quietly, 3, "\n16002 ", "\n16001 " },
+            { "program --format json --label 16001 --label 16004" + both, 0, R"({"label":16004,)",
+              R"({"label":16002,)" },
+            { "diff " + examplePath( "labels" ) + " " + examplePath( "labels-native" ), 0,
+              "0 differences", "+ " },
+            { "diff " + examplePath( "labels" ) + " " + off, 3,
+              "+ 16001  swap 16 to 10.9.9.9 on x\n- 16002", "+ 16002" },
+            { "plan" + both + next, 0, "0 added, 0 removed, 7 changed, 3 as they are", "lost" },
+            { "plan --format json" + both + next, 0, R"("changed":[16001,16002,)", "null" },
+            { "plan --next " + off + both, 3, "16001  would be unprogrammed: next hop 10.9.9.9",
+              "16001  changed" } } ) {
+      const Ran ran = run( one.arguments );
+      EXPECT_EQ( ran.status, one.status ) << one.arguments;
+      EXPECT_THAT( ran.out, HasSubstr( one.has ) ) << one.arguments;
+      EXPECT_THAT( ran.out, testing::Not( HasSubstr( one.lacks ) ) ) << one.arguments;
+   }
 }
 
 TEST_F( CommandTest, KeepGoingTakesWhatIsSound ) {
@@ -233,6 +270,9 @@ TEST_F( CommandTest, HardwareOutlivesTheProgram ) {
    EXPECT_THAT( run( "program" + before ).out, counts( 1, 1, 1, 1 ) );
    EXPECT_TRUE( std::filesystem::is_symlink( folder_ + "/hw.json" ) );
 
+   const std::string hardware = contents( folder_ + "/hw.json" );
+   EXPECT_EQ( run( "explain 19" + after ).status, 0 ); // on that hardware, and leaves it alone
+   EXPECT_EQ( contents( folder_ + "/hw.json" ), hardware );
    EXPECT_THAT( run( "program --without-fecs" + after ).err, HasSubstr( "without FECs" ) );
    const int lock = ::open( ( folder_ + "/elsewhere.json.lock" ).c_str(), O_RDWR );
    ASSERT_EQ( ::flock( lock, LOCK_EX | LOCK_NB ), 0 );

@@ -1,0 +1,70 @@
+// velmpls diff: what differs between two label tables.
+
+#include "agent/cli/Commands.h"
+
+#include <array>
+#include <iostream>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+
+#include "agent/cli/TableOptions.h"
+#include "agent/report/ReportText.h"
+#include "agent/report/TableDiff.h"
+
+namespace Vel::Agent {
+
+namespace {
+
+struct DiffOptions {
+   std::array< std::string, 2 > files;
+   std::string format = "text";
+};
+
+int runDiff( const DiffOptions& options ) {
+   std::array< LabelTable, 2 > tables;
+   bool sound = true;
+   for ( size_t i = 0; i < tables.size(); ++i ) {
+      tables[i] = loadLabelTable( options.files[i] );
+      for ( const ImportError& error : tables[i].errors ) {
+         std::cerr << error.text() << '\n';
+         sound = false;
+      }
+   }
+   if ( !sound ) {
+      return ExitStatus::badInput;
+   }
+   const std::vector< TableDifference > found = differencesOf( tables[0], tables[1] );
+   const bool printed =
+      options.format == "json" ? printJson( std::cout, found ) : printText( std::cout, found );
+   if ( !printed ) {
+      std::cerr << "velmpls: the differences could not be written\n";
+      return ExitStatus::badInput;
+   }
+   return found.empty() ? ExitStatus::done : ExitStatus::incomplete;
+}
+
+} // namespace
+
+void addDiffCommand( CLI::App& app, CommandRun& run ) {
+   CLI::App* const command = app.add_subcommand(
+      "diff", "Show what differs between two label tables, of whatever formats" );
+   const auto options = std::make_shared< DiffOptions >();
+   for ( size_t i = 0; i < options->files.size(); ++i ) {
+      command
+         ->add_option( i == 0 ? "BEFORE" : "AFTER", options->files[i],
+                       i == 0 ? "Label table; - for standard input"
+                              : "The label table to compare it with" )
+         ->required()
+         ->type_name( "" )
+         ->check( emptyFault );
+   }
+   addReportFormat( *command, options->format );
+   command->footer(
+      "Exit status: 0 the tables say the same, 2 bad input or usage, 3 they differ.\n\n"
+      "Example:\n"
+      "  velmpls diff labels-of-yesterday.json labels.json" );
+   command->callback( [options, &run] { run = [options] { return runDiff( *options ); }; } );
+}
+
+} // namespace Vel::Agent
