@@ -318,12 +318,6 @@ void AuditComparison::comparePublished() {
    }
 }
 
-RouteStatusCode AuditComparison::codeOf( LabelState state ) {
-   return state == LabelState::programmed            ? RouteStatusCode::programmed
-          : state == LabelState::partiallyProgrammed ? RouteStatusCode::partiallyProgrammed
-                                                     : RouteStatusCode::notProgrammed;
-}
-
 void AuditComparison::comparePublishedAdjacency( const Mpls::Hardware::Route& route ) {
    const Mpls::Hardware::Adjacency* const adjacency = route.adjacency.get();
    const L2Adj* const l2Adj = adjacency ? adjacency->l2Adjacency().get() : nullptr;

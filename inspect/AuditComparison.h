@@ -37,7 +37,6 @@ class AuditComparison {
    void compareReported();
    void compareReportedAdjacency();
    void comparePublished();
-   static RouteStatusCode codeOf( LabelState state );
    void comparePublishedAdjacency( const Mpls::Hardware::Route& route );
    void comparePublishedVias( const Mpls::Hardware::Adjacency& adjacency,
                               const std::vector< Mpls::Hardware::L2Via >& expected );

@@ -160,7 +160,11 @@ std::string AuditComparison::answerFault( FecId fecId ) const {
    const HwFecId& answer = fecs_.response()->hwFecId( fecId );
    const U64 wanted = fecs_.request()->hwFecIdRequest( fecId ).version;
    if ( answer.hwId != 0 && answer.version == wanted ) {
-      return {};
+      const auto reason =
+         insight_ && !FecView::ours( fecId ) ? insight_->fecRefusal( fecId ) : std::nullopt;
+      return reason ? joinText( "FEC ", fecIdText( fecId ),
+                                " of another agent as it was before, refused: ", *reason )
+                    : std::string();
    }
    const std::string text = answer.hwId == 0 ? "no answer for FEC " + fecIdText( fecId )
                                              : joinText( "version ", answer.version, " instead of ",

@@ -42,6 +42,10 @@ ChainReader::ChainReader( const EntityManager& roots, RouteKey key,
    numbers_ = required< Routing::Hardware::RouteStatus >( roots, "routingHwRouteStatus" );
    lfibInfo_ = roots.root< Mpls::LfibInfo >( "lfibInfo" );
    insight_ = roots.root< MplsHwInsight >( "mplsHwInsight" );
+   if ( fault_.empty() && sm_->forwardingIntoExternalFecsSupported() ) {
+      required< FecIdToHwFecIdRequest >( roots, "hwFecIdRequest" );
+      required< FecIdToHwFecIdResponse >( roots, "hwFecIdResponse" );
+   }
    if ( fault_.empty() ) {
       findVrf();
       findRecords();
@@ -270,7 +274,8 @@ ChainLink ChainReader::l3Adjacency() const {
 }
 
 std::string ChainReader::nextHopText( const IpGenAddr& address, IntfId intf ) const {
-   return intf.empty() ? address.text() : joinText( address, " on ", intfText( intf ) );
+   return intf.empty() ? address.text()
+                       : joinText( address, " on ", intfText( intf, interfaceName_ ) );
 }
 
 // What the L3 layer knows of a next hop that is not resolved.
@@ -302,7 +307,7 @@ std::string ChainReader::unresolvedWhy( const IpGenAddr& address, IntfId intf ) 
 std::string ChainReader::exitsText( const Mpls::Hardware::L2ViaSet& exits ) const {
    std::string text;
    for ( const Mpls::Hardware::L2Via& exit : exits.l2Via() ) {
-      text += joinText( text.empty() ? "" : ", ", intfText( exit.intf ), " " );
+      text += joinText( text.empty() ? "" : ", ", intfText( exit.intf, interfaceName_ ), " " );
       text += exit.vlanId == 0 ? "" : joinText( "vlan ", exit.vlanId, " " );
       text += exit.macAddr.text();
    }
@@ -315,14 +320,14 @@ void ChainReader::readNextHop( const Mpls::Hardware::AdjacencyVia& via, ChainLin
    const double since = record ? record->unresolvedSince() : neverTime;
    Value fact;
    fact["nextHop"] = via.nextHop.text();
-   fact["interface"] = via.intf.empty() ? Value() : Value( intfText( via.intf ) );
+   fact["interface"] = via.intf.empty() ? Value() : Value( intfText( via.intf, interfaceName_ ) );
    fact["resolved"] = via.resolved();
    std::string line = nextHopText( via.nextHop, via.intf );
    if ( via.resolved() ) {
       line += " -> " + exitsText( via.l2Via );
       for ( const Mpls::Hardware::L2Via& exit : via.l2Via.l2Via() ) {
          Value one;
-         one["interface"] = intfText( exit.intf );
+         one["interface"] = intfText( exit.intf, interfaceName_ );
          one["vlan"] = exit.vlanId;
          one["mac"] = exit.macAddr.text();
          fact["exits"].push_back( std::move( one ) );
@@ -563,11 +568,7 @@ ChainLink ChainReader::driver() const {
 
 // --- Publishing.
 
-RouteStatusCode ChainReader::expectedCode() const {
-   return l3Adj_ == nullptr ? RouteStatusCode::notProgrammed : sm_->statusCodeOf( *record_ );
-}
-
-ChainLink ChainReader::published() const {
+ChainLink ChainReader::published( LabelState state ) const {
    ChainLink link( "published", "published" );
    const Mpls::RouteInfo* const info = lfibHwStatus_->unprogrammedRoute().find( key_ );
    const Mpls::Hardware::Route* const route = hwMpls_->route().find( key_ );
@@ -578,13 +579,17 @@ ChainLink ChainReader::published() const {
    link.facts["reviewPending"] = pending;
    std::string text = info ? textOf( info->statusCode ) : "nothing";
    text += adjacency ? joinText( ", L3 adjacency ", adjacency->index() ) : "";
-   const RouteStatusCode expected = expectedCode();
+   const RouteStatusCode expected = codeOf( state );
    const ExternalFecInfo* const in = record_ ? record_->extFecInfo().get() : nullptr;
    const bool sameFec = route && route->fecId == ( in ? in->fecId() : Fib::FecId() );
-   if ( info && adjacency && adjacency == hwAdj_ && sameFec && info->statusCode == expected &&
+   // The library cannot know that one of several tunnels leads nowhere.
+   const bool asFarAsKnown = info && info->statusCode == RouteStatusCode::programmed &&
+                             state == LabelState::partiallyProgrammed;
+   if ( info && adjacency && adjacency == hwAdj_ && sameFec &&
+        ( info->statusCode == expected || asFarAsKnown ) &&
         expected != RouteStatusCode::notProgrammed ) {
       link.holds = true;
-      link.degraded = pending;
+      link.degraded = pending || asFarAsKnown;
       link.text = text + ( pending ? "; a review is pending" : "" );
       return link;
    }
@@ -614,8 +619,11 @@ Explanation::Explanation( const EntityManager& entityManager, RouteKey key,
    }
    links_.push_back( reader.hwConfig() );
    links_.push_back( reader.driver() );
-   links_.push_back( reader.published() );
-   verdict_ = LabelStates( entityManager ).of( key );
+   const LabelStates states( entityManager );
+   Intent intent;
+   states.inputs().read( key, intent );
+   verdict_ = states.of( key, intent );
+   links_.push_back( reader.published( verdict_.state ) );
 }
 
 const ChainLink* Explanation::blocker() const {

@@ -9,6 +9,7 @@
 #include "inspect/Explain.h"
 #include "inspect/FecView.h"
 #include "inspect/ForeignWays.h"
+#include "inspect/LfibIntent.h"
 #include "mpls/VelMplsHwInsight.h"
 #include "mpls/VelMplsSm.h"
 
@@ -26,8 +27,7 @@ class ChainReader {
    const std::string& fault() const { return fault_; }
    double now() const { return clock_->now(); }
    bool ignored() const {
-      const Mpls::LfibViaType type = route_.viaSetKey.viaType();
-      return !!route_ && type != Mpls::viaTypeMplsIp && type != Mpls::viaTypeExternalFec;
+      return !!route_ && !LfibIntent::forMplsForwarding( route_.viaSetKey.viaType() );
    }
    bool inHardware() const {
       return status_ && status_->mplsRouting() &&
@@ -44,7 +44,7 @@ class ChainReader {
    ChainLink fec() const;
    ChainLink hwConfig() const;
    ChainLink driver() const;
-   ChainLink published() const;
+   ChainLink published( LabelState state ) const;
 
  private:
    template< class T >
@@ -54,9 +54,6 @@ class ChainReader {
 
    std::optional< U64 > operationsWaiting() const {
       return insight_ ? insight_->operationsWaiting() : std::nullopt;
-   }
-   std::string intfText( IntfId intf ) const {
-      return interfaceName_ ? interfaceName_( intf ) : textOf( intf );
    }
    double recordSince() const { return record_ ? record_->unprogrammedSince() : neverTime; }
    double viaSetSince() const;
@@ -100,7 +97,6 @@ class ChainReader {
       return fec_ && primariesUsable() && hwState() == AdjHwState::backupActive;
    }
    void readUnconfirmed( ChainLink& link ) const;
-   RouteStatusCode expectedCode() const;
    bool publishingPending() const {
       return vrf_ && ( vrf_->routeKeyForReviewHas( key_ ) || vrf_->routeKeyForPublishHas( key_ ) );
    }

@@ -6,11 +6,12 @@ namespace Vel::Inspect {
 
 using Fib::FecId;
 
-// Which way hardware says that the FEC takes; unknown of one that is not protected.
+// Which way hardware says that the FEC takes; of one that is not protected, only that none leads out.
 AdjHwState ChainReader::hwState() const {
    const AdjHwStatus* const states = l3Status_->adjHwStatus().get();
-   return states && fec_ && vrfId_ ? states->adjHwState( { *vrfId_, fec_->fecId() } )
-                                   : AdjHwState::unknown;
+   return states && fec_ && vrfId_
+             ? fecs_.believed( states->adjHwState( { *vrfId_, fec_->fecId() } ), fec_->fecId() )
+             : AdjHwState::unknown;
 }
 
 bool ChainReader::isForeign() const {
@@ -175,8 +176,7 @@ void ChainReader::readFecContent( ChainLink& link ) const {
       link.text += ", of another agent";
    }
    if ( content ) {
-      const size_t primaries = content->via.size() - ( content->backupFecId == FecId() ? 0 : 1 );
-      for ( size_t i = 0; i < primaries; ++i ) {
+      for ( size_t i = 0; i < FecView::primaries( *content ); ++i ) {
          link.details.push_back( fecViasText( { content->via[i] }, interfaceName_ ) );
          link.facts["vias"].push_back( link.details.back() );
       }

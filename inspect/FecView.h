@@ -33,9 +33,18 @@ class FecView {
       return answered( fecId ) && request_ &&
              response_->hwFecId( fecId ).version != request_->hwFecIdRequest( fecId ).version;
    }
+   /// What hardware says of the FEC, as far as it is of what is requested: which way it takes where
+   /// it is protected, and that nothing leaves by it.
+   AdjHwState believed( AdjHwState reported, Fib::FecId fecId ) const {
+      const Fib::Fec* const content = requested( fecId );
+      const bool said =
+         !content || content->backupFecId != Fib::FecId() || reported == AdjHwState::down;
+      return said ? reported : AdjHwState::unknown;
+   }
    /// How many of a FEC's vias are its own, and do not lead into its backup.
    static size_t primaries( const Fib::Fec& content ) {
-      return content.via.size() - ( content.backupFecId == Fib::FecId() ? 0 : 1 );
+      return content.via.size() -
+             ( content.backupFecId == Fib::FecId() || content.via.empty() ? 0 : 1 );
    }
    /// The FEC's own vias are just these, counting a pop that travels with the routes of the
    /// adjacency.

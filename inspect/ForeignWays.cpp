@@ -15,12 +15,8 @@ constexpr size_t maxDepth = 8; // as in hardware, the FEC that the route forward
 
 std::string ForeignWays::text( IntfId intf ) const {
    const Fib::FecId fecId = Fib::FecIdIntfId::intfIdToFecId( intf );
-   return fecId == Fib::FecId() ? "tunnel " + name( intf )
+   return fecId == Fib::FecId() ? "tunnel " + intfText( intf, name_ )
                                 : joinText( "FEC ", fecIdText( fecId ), " of another agent" );
-}
-
-std::string ForeignWays::name( IntfId intf ) const {
-   return name_ ? name_( intf ) : textOf( intf );
 }
 
 const Fec* ForeignWays::find( IntfId intf ) const {
@@ -35,9 +31,15 @@ void ForeignWays::addEnd( const FecVia& via, ForeignEnds& ends ) const {
       return;
    }
    const NextHopKey key{ via.intf, via.nextHop };
-   const NextHopInfo info = rewrite( key );
-   if ( !insight_->linkUp( via.intf.empty() ? info.l2Intf : via.intf ) ) {
-      ends.why = "interface " + name( via.intf ) + " is down";
+   const std::optional< NextHopInfo > told = insight_->neighbor( key );
+   if ( !told ) {
+      ends.known = false;
+      return;
+   }
+   const NextHopInfo& info = *told;
+   const IntfId out = via.intf.empty() ? info.l2Intf : via.intf;
+   if ( !insight_->linkUp( out ) ) {
+      ends.why = "interface " + intfText( out, name_ ) + " is down";
    } else if ( !info.resolved ) {
       ends.why = nextHopText( via.nextHop, via.intf, name_ ) + " is not resolved";
    } else if ( std::ranges::find( ends.exits, key, &ForeignExit::nextHop ) == ends.exits.end() ) {

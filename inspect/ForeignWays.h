@@ -62,7 +62,6 @@ class ForeignWays {
 
  private:
    const Fib::Fec* find( IntfId intf ) const;
-   std::string name( IntfId intf ) const;
    void addEnd( const Fib::FecVia& via, ForeignEnds& ends ) const;
 
    bool known() const { return insight_ && insight_->knowsForeign(); }

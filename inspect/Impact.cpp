@@ -10,7 +10,7 @@ using Mpls::Hardware::AdjacencyVia;
 using Mpls::Hardware::L2Via;
 
 std::string ImpactTarget::text( const InterfaceName& name ) const {
-   return nextHop ? nextHopText( *nextHop, intf, name ) : "interface " + name( intf );
+   return nextHop ? nextHopText( *nextHop, intf, name ) : "interface " + intfText( intf, name );
 }
 
 Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
@@ -19,6 +19,7 @@ Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
      foreignWays_( entities, noName_ ),
      hwMplsStatus_( mountedRoot< Mpls::Hardware::Status >( entities, "routingHwMplsStatus" ) ),
      states_( entities ),
+     insight_( entities.root< MplsHwInsight >( "mplsHwInsight" ) ),
      state_( mountedRoot< MplsSm >( entities, "mplsSm" ).mplsState( LfibIntent::vrf() ) ),
      adjHwStatus_( nextHops_.status().adjHwStatus().get() ) {
    const auto& numbers =
@@ -110,7 +111,9 @@ void Impact::eachWay( const Adjacency& adjacency, const F& call ) {
    for ( const auto& [index, via] : adjacency.via() ) {
       nextHops_.read( via.nextHop, via.intf, ways_ );
       for ( const WayOut& way : ways_ ) {
-         call( via, way, goes( via, way ) );
+         if ( insight_ == nullptr || insight_->linkUp( way.intf ) ) {
+            call( via, way, goes( via, way ) );
+         }
       }
    }
 }
@@ -168,6 +171,22 @@ bool Impact::leavesByBackup( const L3Adjacency& l3Adj, const WaysLeft& primaries
                AdjHwState::backupActive );
 }
 
+/// The labels that leave by the adjacency now, also those that are to leave by another one.
+template< class F >
+void Impact::eachUser( const L3Adjacency& l3Adj, const F& call ) {
+   for ( const Mpls::RouteKey key : l3Adj.routeKey() ) {
+      const L3Adjacency* const carrier = state_->carrierOf( key );
+      if ( ( carrier == nullptr || carrier == &l3Adj ) && inHardware( key ) ) {
+         call( key );
+      }
+   }
+   for ( const Mpls::RouteKey key : l3Adj.carriedRouteKey() ) {
+      if ( state_->route( key )->l3Adj().get() != &l3Adj && inHardware( key ) ) {
+         call( key );
+      }
+   }
+}
+
 /// Labels and FEC of the adjacency, by what they leave by now.
 void Impact::addUsers( const L3Adjacency& l3Adj, WaysLeft ways ) {
    const L3Adjacency* backup = protectorOf( l3Adj );
@@ -181,11 +200,9 @@ void Impact::addUsers( const L3Adjacency& l3Adj, WaysLeft ways ) {
       return;
    }
    const std::optional< U64 > by = backup ? std::optional( backup->index() ) : std::nullopt;
-   for ( const Mpls::RouteKey key : l3Adj.routeKey() ) {
-      if ( inHardware( key ) ) {
-         labels_.push_back( { key, ways, by, onBackup } );
-      }
-   }
+   eachUser( l3Adj, [&]( Mpls::RouteKey key ) {
+      labels_.push_back( { key, ways, by, onBackup } );
+   } );
    if ( l3Adj.extFecInfo() ) {
       addFec( l3Adj.extFecInfo()->fecId(), ways, backup );
    }
@@ -210,9 +227,7 @@ void Impact::countForeign( const L3Adjacency& l3Adj, const Adjacency& adjacency 
       return;
    }
    size_t labels = 0;
-   for ( const Mpls::RouteKey key : l3Adj.routeKey() ) {
-      labels += inHardware( key );
-   }
+   eachUser( l3Adj, [&]( Mpls::RouteKey ) { ++labels; } );
    if ( fecId == Fib::FecId() ) {
       tunnelLabels_ += labels;
    } else if ( labels != 0 ) {

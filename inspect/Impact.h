@@ -13,7 +13,8 @@
 // them is a way out, or when hardware says that the backup is in use. It loses what it leaves by
 // now; a label that would change over to its backup is protected. Through the FECs of other agents
 // and tunnels it leaves by every neighbour behind them. Where hardware does not tell what is in them
-// the labels are counted, and taken for untouched.
+// the labels are counted, and taken for untouched; so is a label that leaves by what a FEC was before,
+// which nobody can tell.
 //
 //    const Impact impact( entityManager, { .nextHop = address } );
 //    if ( impact.known() ) ... impact.labels() ...
@@ -121,6 +122,8 @@ class Impact {
    void findL3Adjacencies();
    const L3Adjacency* protectorOf( const L3Adjacency& l3Adj ) const;
    bool inHardware( Mpls::RouteKey key ) { return states_.of( key ).leaves; }
+   template< class F >
+   void eachUser( const L3Adjacency& l3Adj, const F& call );
    void addUsers( const L3Adjacency& l3Adj, WaysLeft ways );
    void addFec( Fib::FecId fecId, WaysLeft ways, const L3Adjacency* backup );
    void countForeign( const L3Adjacency& l3Adj, const Adjacency& adjacency );
@@ -133,6 +136,7 @@ class Impact {
    const ForeignWays foreignWays_;
    const Mpls::Hardware::Status& hwMplsStatus_;
    LabelStates states_;
+   const MplsHwInsight* insight_;   // null where the driver keeps to itself
    const VrfMplsState* state_;      // null while there is none
    const AdjHwStatus* adjHwStatus_; // null where hardware does not report protection
    std::optional< VrfId > vrfId_;

@@ -16,10 +16,6 @@ namespace {
 
 constexpr size_t remembered = 4096; // via sets
 
-bool forMplsForwarding( Mpls::LfibViaType type ) {
-   return type == Mpls::viaTypeMplsIp || type == Mpls::viaTypeExternalFec;
-}
-
 } // namespace
 
 std::string_view name( LabelState state ) {
@@ -38,6 +34,12 @@ std::string_view name( LabelState state ) {
    return "absent";
 }
 
+Mpls::RouteStatusCode codeOf( LabelState state ) {
+   return state == LabelState::programmed            ? Mpls::RouteStatusCode::programmed
+          : state == LabelState::partiallyProgrammed ? Mpls::RouteStatusCode::partiallyProgrammed
+                                                     : Mpls::RouteStatusCode::notProgrammed;
+}
+
 LabelStates::LabelStates( const EntityManager& entities )
    : inputs_( entities ),
      fecs_( entities ),
@@ -46,6 +48,10 @@ LabelStates::LabelStates( const EntityManager& entities )
      insight_( entities.root< MplsHwInsight >( "mplsHwInsight" ) ),
      vrf_( mountedRoot< MplsSm >( entities, "mplsSm" ).mplsState( LfibIntent::vrf() ) ),
      adjHwStatus_( nextHops_.status().adjHwStatus().get() ) {
+   const bool hasFecs =
+      mountedRoot< MplsSm >( entities, "mplsSm" ).forwardingIntoExternalFecsSupported();
+   VEL_ASSERT_TEXT( !hasFecs || ( fecs_.request() && fecs_.response() ), "request && response",
+                    "an entity is not mounted", "velmpls", "hwFecIdRequest, hwFecIdResponse" );
    const auto& numbers =
       mountedRoot< Routing::Hardware::RouteStatus >( entities, "routingHwRouteStatus" );
    if ( numbers.vrfStatusHas( LfibIntent::vrf() ) ) {
@@ -84,7 +90,7 @@ LabelVerdict LabelStates::judge( const Held& held, const Intent& intent ) const 
    if ( intent.kind == IntentKind::absent ) {
       return { LabelState::absent, leaves };
    }
-   if ( !forMplsForwarding( intent.viaSetKey.viaType() ) ) {
+   if ( !LfibIntent::forMplsForwarding( intent.viaSetKey.viaType() ) ) {
       return { LabelState::ignored, leaves };
    }
    if ( !leaves || held.refused ) {
@@ -143,7 +149,9 @@ LabelStates::Ways LabelStates::waysOf( const Held& held ) const {
    if ( state == AdjHwState::down ) {
       return Ways::none;
    }
-   if ( fecs_.behind( fecId ) ) {
+   // What its owner has made of another agent's may have to wait, and what was there stays.
+   const bool waits = !FecView::ours( fecId ) && insight_ && insight_->fecRefusal( fecId );
+   if ( waits || fecs_.behind( fecId ) ) {
       return Ways::some;
    }
    const Ways ways = waysOfFec( fecId );
@@ -207,7 +215,8 @@ bool LabelStates::leadsOut( const FecVia& via ) const {
 }
 
 AdjHwState LabelStates::reported( FecId fecId ) const {
-   return adjHwStatus_ ? adjHwStatus_->adjHwState( { vrfId_, fecId } ) : AdjHwState::unknown;
+   return adjHwStatus_ ? fecs_.believed( adjHwStatus_->adjHwState( { vrfId_, fecId } ), fecId )
+                       : AdjHwState::unknown;
 }
 
 } // namespace Vel::Inspect

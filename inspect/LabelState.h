@@ -45,6 +45,8 @@ namespace Vel::Inspect {
 
 enum class LabelState : uint8_t { programmed, partiallyProgrammed, unprogrammed, ignored, absent };
 std::string_view name( LabelState state );
+/// The code that is published of a label in that state.
+Mpls::RouteStatusCode codeOf( LabelState state );
 
 struct LabelVerdict {
    LabelState state = LabelState::absent;
@@ -56,6 +58,8 @@ class LabelStates {
  public:
    /// Takes what LfibIntent takes, and the hardware's configuration, status, requests and answers.
    explicit LabelStates( const EntityManager& entities );
+   LabelStates( const LabelStates& ) = delete;
+   LabelStates& operator=( const LabelStates& ) = delete;
 
    LabelVerdict of( Mpls::RouteKey key );
    /// The same for those who have read what is meant.

@@ -117,7 +117,7 @@ void LfibIntent::read( Mpls::RouteKey key, Intent& intent ) const {
       return refuse( intent, IntentKind::notOurs, "label forwarding is off" );
    }
    const Mpls::LfibViaType type = route.viaSetKey.viaType();
-   if ( type != Mpls::viaTypeMplsIp && type != Mpls::viaTypeExternalFec ) {
+   if ( !forMplsForwarding( type ) ) {
       return refuse( intent, IntentKind::notOurs, "the route is not for MPLS forwarding" );
    }
    const Mpls::LfibViaSet viaSet = lfib_.lfibViaSet( route.viaSetKey );

@@ -105,6 +105,10 @@ class LfibIntent {
    /// Label forwarding is wanted.
    bool routing() const { return routing_ == nullptr || routing_->mplsRouting( vrf() ); }
    const Mpls::LfibStatus& lfib() const { return lfib_; }
+   /// Routes with such vias are for MPLS forwarding; the others are another state machine's.
+   static bool forMplsForwarding( Mpls::LfibViaType type ) {
+      return type == Mpls::viaTypeMplsIp || type == Mpls::viaTypeExternalFec;
+   }
    static const L3::VrfName& vrf() { return L3::VrfName::defaultVrf(); }
 
  private:

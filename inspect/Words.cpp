@@ -4,10 +4,6 @@ namespace Vel::Inspect {
 
 namespace {
 
-std::string intfText( IntfId intf, const InterfaceName& name ) {
-   return name ? name( intf ) : textOf( intf );
-}
-
 /// What a via does with the label: "swap 17", "pop ipv4 uniform".
 template< class Via >
 void appendOperation( std::string& out, const Via& via ) {
@@ -24,6 +20,10 @@ void appendOperation( std::string& out, const Via& via ) {
 }
 
 } // namespace
+
+std::string intfText( IntfId intf, const InterfaceName& name ) {
+   return name ? name( intf ) : textOf( intf );
+}
 
 std::string viasText( const std::vector< Mpls::Hardware::L2Via >& vias,
                       const InterfaceName& name ) {

@@ -17,6 +17,8 @@ namespace Vel::Inspect {
 /// Gives an interface's name. Where it is empty, the library's text for interfaces stands.
 using InterfaceName = std::function< std::string( IntfId ) >;
 
+/// The interface's name.
+std::string intfText( IntfId intf, const InterfaceName& name );
 /// "swap 16040 to 02:00:0a:00:01:02 on eth1 vlan 20, pop ipv4 to ...".
 std::string viasText( const std::vector< Mpls::Hardware::L2Via >& vias, const InterfaceName& name );
 /// "10:3": adjacency type and index of the FEC id.

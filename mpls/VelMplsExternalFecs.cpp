@@ -435,12 +435,17 @@ std::string MplsSm::backupWaitReason( const VrfMplsState& vrfState,
                         : fault;
 }
 
-// --- What hardware makes of protected FECs.
+// --- What hardware makes of FECs: which way a protected one takes, and that nothing leaves by one.
 
 void MplsSm::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {
    MPLS_TRACE( 3, "handleAdjHwState", " fecId ", globalFecId );
    MPLS_RING( "US handleAdjHwState fecId", globalFecId.fecId );
-   const L3::VrfName vrf = vrfOfReport( globalFecId.vrfId );
+   // The VRF may have lost its name, and its number, since it was told.
+   const VrfMplsState* const there = mplsState( L3::VrfName::defaultVrf() );
+   const ExternalFecInfo* const told = there ? there->extFecInfo( globalFecId.fecId ) : nullptr;
+   const bool followed =
+      told && told->adjState() != AdjHwState::unknown && told->adjStateVrfId() == globalFecId.vrfId;
+   const L3::VrfName vrf = followed ? L3::VrfName::defaultVrf() : vrfOfReport( globalFecId.vrfId );
    if ( vrf != L3::VrfName::defaultVrf() ) {
       MPLS_TRACE( 3, "  not default vrf" );
       MPLS_RING( "US   not default vrf" );
@@ -461,6 +466,7 @@ void MplsSm::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {
    info->adjStateIs( in_.velL3Status->adjHwStatus()
                         ? in_.velL3Status->adjHwStatus()->adjHwState( globalFecId )
                         : AdjHwState::unknown );
+   info->adjStateVrfIdIs( globalFecId.vrfId );
    for ( const Mpls::RouteKey routeKey : info->dependentRouteKey() ) {
       vrfState->routeKeyForPublishIs( routeKey );
    }

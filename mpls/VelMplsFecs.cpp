@@ -492,6 +492,12 @@ ExternalFecInfo& MplsSm::extFecInfoMake( VrfMplsState& vrfState, Fib::FecId fecI
    }
    ExternalFecInfo& made = *vrfState.extFecInfoMake( fecId );
    answerIs( made, in_.hwFecIdResponse->hwFecId( fecId ) );
+   if ( const MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrfState.vrfName() ) ) {
+      const AdjHwStatus* const states = in_.velL3Status->adjHwStatus().get();
+      made.adjStateIs( states ? states->adjHwState( { config->vrfId(), fecId } )
+                              : AdjHwState::unknown );
+      made.adjStateVrfIdIs( config->vrfId() );
+   }
    return made;
 }
 
@@ -646,6 +652,7 @@ bool MplsSm::isAnswer( const ExternalFecInfo& info, const HwFecId& answer ) {
 void MplsSm::queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info ) {
    if ( !isBehind( info ) ) {
       releaseFormerBackups( vrfState, info );
+      publishRoutesProtectedBy( vrfState, info );
    }
    if ( info.publishedBehind() ) {
       info.publishedBehindIs( false );

@@ -112,7 +112,11 @@ bool MplsSm::inFecInHardware( const MplsRoute& route ) {
 
 MplsSm::WaysOut MplsSm::waysOutOf( const MplsRoute& route ) const {
    const WaysOut ways = waysInHardwareOf( route );
-   return route.l3Adj()->otherVias() ? std::min( ways, WaysOut::some ) : ways;
+   // Carried until its own via set can take it, it leaves by what was meant before.
+   const VrfMplsState* const vrfState = mplsState( L3::VrfName::defaultVrf() );
+   const bool former = route.l3Adj()->otherVias() ||
+                       ( vrfState && vrfState->carrierOf( route.routeKey() ) != nullptr );
+   return former ? std::min( ways, WaysOut::some ) : ways;
 }
 
 MplsSm::WaysOut MplsSm::waysInHardwareOf( const MplsRoute& route ) const {
@@ -155,6 +159,9 @@ MplsSm::WaysOut MplsSm::waysOutOf( const L3Adjacency& l3Adj ) const {
 MplsSm::WaysOut MplsSm::waysOutOf( const ExternalFecInfo& info ) const {
    if ( info.hwId() == 0 || hwStateOf( info ) == AdjHwState::down ) {
       return WaysOut::none;
+   }
+   if ( isBehind( info ) ) { // nobody follows what it was
+      return WaysOut::some;
    }
    for ( const L3Adjacency* const l3Adj : info.dependentL3Adjacency() ) {
       return waysOutOf( *l3Adj ); // all of them have the same

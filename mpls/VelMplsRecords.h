@@ -353,6 +353,7 @@ class VEL_EXPORT ExternalFecInfo : public Entity {
    SET( GroupedRouteKeys, Mpls::RouteKey, dependentRouteKey )
    ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
    ATTRIBUTE( AdjHwState, adjState )
+   ATTRIBUTE( VrfId, adjStateVrfId ) // the number under which that was reported
    ATTRIBUTE( bool, popLabelActionRemoved )
    ATTRIBUTE( bool, shouldRemovePopLabelAction )
    ENTITY_END_IN_SOURCE

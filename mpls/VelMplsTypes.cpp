@@ -144,9 +144,9 @@ U32 MplsHwVrfStatus::mcastHwIdSeqInc( U16 groupId, U32 delta ) {
    return value;
 }
 
-MplsRoute::MplsRoute( Mpls::RouteKey routeKey ) : routeKey_( routeKey ) {}
 MplsHwInsight::~MplsHwInsight() = default;
 
+MplsRoute::MplsRoute( Mpls::RouteKey routeKey ) : routeKey_( routeKey ) {}
 MplsRoute::~MplsRoute() = default;
 
 L3Adjacency::L3Adjacency( U64 index, std::shared_ptr< RouteKeyLinks > links,

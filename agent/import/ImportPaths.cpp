@@ -20,9 +20,7 @@ struct Effect {
    /// First this, then the other.
    Effect then( const Effect& next ) const {
       const size_t undone = std::min( on, next.off );
-      // More than one is as bad as two, and more than hardware can put on as bad as one more.
-      return { std::min< size_t >( off + next.off - undone, 2 ),
-               std::min( on - undone + next.on, maxOutgoingLabels + 1 ) };
+      return { off + next.off - undone, on - undone + next.on };
    }
    friend auto operator<=>( const Effect&, const Effect& ) = default;
 };
@@ -32,46 +30,57 @@ Effect effectOf( const LabelVia& via ) {
    return { takesOff ? size_t{ 1 } : 0, via.outLabels.size() };
 }
 
-/// The effects of all ways through a definition. One that leads into itself has no way there.
+constexpr size_t maxDepth = 8; // of definitions in definitions, as in hardware
+
+/// The effects of all ways through each definition, as deep as hardware follows them.
 class Paths {
  public:
    using Effects = std::set< Effect >;
    using Kind = ForeignFec::Kind;
 
    explicit Paths( const std::vector< ForeignFec >& definitions ) {
-      for ( const ForeignFec& one : definitions ) {
-         definition_.insert_or_assign( { one.kind, one.name }, &one );
+      bool changed = !definitions.empty();
+      for ( size_t depth = 0; changed && depth < maxDepth; ++depth ) {
+         const std::map< Key, Effects > below = effects_;
+         changed = false;
+         for ( const ForeignFec& one : definitions ) {
+            Effects& found = effects_[{ one.kind, one.name }];
+            const size_t before = found.size();
+            for ( const LabelVia& via : one.vias ) {
+               add( via, below, found );
+            }
+            changed = changed || found.size() != before;
+         }
       }
    }
-   const Effects& of( Kind kind, const std::string& name ) {
-      const auto [at, made] = effects_.try_emplace( { kind, name } );
-      const auto there = definition_.find( { kind, name } );
-      if ( !made || there == definition_.end() ) {
-         return at->second;
-      }
+   /// Nothing where nobody defines it.
+   Effects of( Kind kind, const std::string& name ) const { return in( effects_, kind, name ); }
+   /// Those of the via's own operation, and what is behind it.
+   Effects of( const LabelVia& via ) const {
       Effects found;
-      for ( const LabelVia& via : there->second->vias ) {
-         add( via, found );
-      }
-      return at->second = std::move( found );
+      add( via, effects_, found );
+      return found;
    }
-   /// The via's own operation, and what is behind it.
-   void add( const LabelVia& via, Effects& found ) {
+
+ private:
+   using Key = std::pair< Kind, std::string >;
+
+   static Effects in( const std::map< Key, Effects >& all, Kind kind, const std::string& name ) {
+      const auto at = all.find( { kind, name } );
+      return at == all.end() ? Effects() : at->second;
+   }
+   static void add( const LabelVia& via, const std::map< Key, Effects >& below, Effects& found ) {
       const Effect own = effectOf( via );
       if ( via.outlet == LabelOutlet::interface ) {
          found.insert( own );
          return;
       }
-      for ( const Effect& next :
-            of( via.outlet == LabelOutlet::tunnel ? Kind::tunnel : Kind::nextHopGroup,
-                via.interface ) ) {
+      const Kind kind = via.outlet == LabelOutlet::tunnel ? Kind::tunnel : Kind::nextHopGroup;
+      for ( const Effect& next : in( below, kind, via.interface ) ) {
          found.insert( own.then( next ) );
       }
    }
 
- private:
-   using Key = std::pair< Kind, std::string >;
-   std::map< Key, const ForeignFec* > definition_;
    std::map< Key, Effects > effects_;
 };
 
@@ -93,7 +102,7 @@ std::string faultOf( const Paths::Effects& ways, const std::string& into ) {
 }
 
 /// Why the route would lose frames, with the via in front; empty when it would not.
-std::string faultOf( const LabelRoute& route, Paths& paths ) {
+std::string faultOf( const LabelRoute& route, const Paths& paths ) {
    if ( !route.externalFec.empty() ) {
       return faultOf( paths.of( ForeignFec::Kind::externalFec, route.externalFec ),
                       "external FEC " + inQuotes( route.externalFec ) );
@@ -104,12 +113,10 @@ std::string faultOf( const LabelRoute& route, Paths& paths ) {
          if ( via.outlet == LabelOutlet::interface ) {
             continue;
          }
-         Paths::Effects ways;
-         paths.add( via, ways );
          const std::string into =
             ( via.outlet == LabelOutlet::tunnel ? "tunnel " : "next-hop group " ) +
             inQuotes( via.interface );
-         if ( const std::string fault = faultOf( ways, into ); !fault.empty() ) {
+         if ( const std::string fault = faultOf( paths.of( via ), into ); !fault.empty() ) {
             return ( vias == &route.vias ? "via " : "backup via " ) + std::to_string( i + 1 ) +
                    ": " + fault;
          }
@@ -121,7 +128,7 @@ std::string faultOf( const LabelRoute& route, Paths& paths ) {
 } // namespace
 
 void dropWhatLosesLabels( LabelTable& table, ErrorList& errors ) {
-   Paths paths( table.foreignFecs );
+   const Paths paths( table.foreignFecs );
    std::erase_if( table.routes, [&]( const LabelRoute& route ) {
       std::string fault = faultOf( route, paths );
       if ( fault.empty() ) {

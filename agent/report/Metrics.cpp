@@ -6,6 +6,7 @@
 namespace Vel::Agent {
 
 using Inspect::LabelState;
+
 namespace {
 
 using C = MplsSmCounters;

@@ -6,7 +6,6 @@ namespace Vel::Agent {
 
 using Inspect::LabelState;
 using Mpls::RouteKey;
-using Mpls::RouteStatusCode;
 
 namespace {
 
@@ -69,10 +68,6 @@ std::string refusedReason( UnprogrammedReason reason, std::string_view what ) {
       break;
    }
    return joinText( "refused by hardware: ", what );
-}
-
-bool forwarded( Mpls::LfibViaType type ) {
-   return type == Mpls::viaTypeMplsIp || type == Mpls::viaTypeExternalFec;
 }
 
 } // namespace
@@ -220,7 +215,7 @@ void ProgramResult::readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< Result
 
 void ProgramResult::readViasFromLfib( Mpls::LfibViaSetKey viaSetKey,
                                       std::vector< ResultVia >& out ) const {
-   if ( !forwarded( viaSetKey.viaType() ) ) {
+   if ( !Inspect::LfibIntent::forMplsForwarding( viaSetKey.viaType() ) ) {
       return;
    }
    const Mpls::LfibViaSet viaSet = agent_.lfib().lfibViaSet( viaSetKey );

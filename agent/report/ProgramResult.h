@@ -59,7 +59,7 @@ struct ResultRoute {
 };
 
 struct ResultSummary {
-   std::array< size_t, 4 > byState{}; ///< of those that the LFIB has
+   std::array< size_t, 5 > byState{};
    size_t routes = 0;
    size_t l3Adjacencies = 0; ///< via sets that the library has taken up
    size_t l2Adjacencies = 0; ///< in hardware
@@ -90,6 +90,8 @@ class ProgramResult {
  public:
    /// The agent must outlive the result, and have settled.
    explicit ProgramResult( const LabelAgent& agent );
+   ProgramResult( const ProgramResult& ) = delete;
+   ProgramResult& operator=( const ProgramResult& ) = delete;
 
    const ResultSummary& summary() const { return summary_; }
    ResultStartup startup() const;

@@ -20,7 +20,7 @@ using Inspect::LabelState;
 /// Draws tables whose label operations can be told apart: every via puts on a label of its own.
 class Draw {
  public:
-   /// What the vias of a route put on: 0 where nothing does, as behind an external FEC.
+   /// What is put on by the vias of a route, or behind them.
    struct Route {
       std::set< uint32_t > own;
       bool usable = true;
@@ -40,22 +40,27 @@ class Draw {
       }
       return swapVia( nextLabel_++, joinText( "10.0.0.", at ), joinText( "eth", at ) );
    }
-   std::string into( const std::string& kind, Route* route = nullptr ) {
-      const std::string to = joinText( "\"", kind, "\":\"f", upTo( 3 ), "\"}" );
-      if ( kind != "tunnel" ) {
-         return "{" + to;
-      }
+   std::string intoTunnel( Route* route = nullptr ) {
       if ( route ) {
          route->own.insert( nextLabel_ );
       }
-      return joinText( R"({"action":"swap","outLabels":[)", nextLabel_++, "],", to );
+      return joinText( R"({"action":"swap","outLabels":[)", nextLabel_++, R"(],"tunnel":"f)",
+                       upTo( 3 ), "\"}" );
+   }
+   /// Whose operation is its own.
+   std::string into( const std::string& kind, Route& route ) {
+      const std::string name = joinText( "f", upTo( 3 ) );
+      route.own = { puts_[kind + "s" + name] };
+      return joinText( "\"", kind, "\":\"", name, "\"" );
    }
    std::string definitions() {
       std::string text;
+      puts_.clear();
       for ( const std::string list : { "tunnels", "nextHopGroups", "externalFecs" } ) {
          std::vector< std::string > each;
          for ( const std::string name : { "f0", "f1" } ) { // f2 is never there
             if ( !oneIn( 4 ) ) {
+               puts_[list + name] = nextLabel_;
                each.push_back(
                   joinText( R"({"name":")", name, R"(","vias":[)", foreignVia( list ), "]}" ) );
             }
@@ -66,23 +71,22 @@ class Draw {
    }
    std::string route( uint32_t label, bool withFecs, Route& route ) {
       if ( withFecs && oneIn( 6 ) ) {
-         return joinText( R"({"label":)", label, R"(,"externalFec":"f)", upTo( 3 ), "\"}" );
+         return joinText( R"({"label":)", label, ",", into( "externalFec", route ), "}" );
       }
       std::vector< std::string > vias;
       if ( withFecs && oneIn( 5 ) ) {
-         vias.push_back( into( "nextHopGroup" ) );
+         vias.push_back( "{" + into( "nextHopGroup", route ) + "}" );
       } else {
          const bool tunnels = withFecs && oneIn( 3 );
          do {
-            vias.push_back( tunnels ? into( "tunnel", &route ) : via( &route ) );
+            vias.push_back( tunnels ? intoTunnel( &route ) : via( &route ) );
          } while ( vias.size() < 3 && oneIn( 2 ) );
       }
       route.usable = !oneIn( 6 );
       const std::string rest = route.usable ? "" : primariesDisabled;
-      backups_.insert( nextLabel_ );
-      return oneIn( 3 ) ? guardedRoute( label, vias,
-                                        oneIn( 3 ) && withFecs ? into( "tunnel" ) : via(), rest )
-                        : routeOf( label, vias, rest );
+      return oneIn( 3 )
+                ? guardedRoute( label, vias, oneIn( 3 ) && withFecs ? intoTunnel() : via(), rest )
+                : routeOf( label, vias, rest );
    }
    std::string faults() {
       std::vector< std::string > each;
@@ -100,7 +104,6 @@ class Draw {
       }
       return text;
    }
-   bool isBackup( uint32_t outLabel ) const { return backups_.contains( outLabel ); }
 
  private:
    std::string foreignVia( const std::string& list ) {
@@ -115,7 +118,8 @@ class Draw {
 
    std::mt19937_64 random_;
    uint32_t nextLabel_ = 1000;
-   std::set< uint32_t > backups_;
+   std::map< std::string, uint32_t >
+      puts_; // what each definition of this table puts on; 0: it is not there
 };
 
 /// The labels that frames leave with, of many flows; 0 for a frame that does not leave.
@@ -133,16 +137,13 @@ std::set< uint32_t > outLabels( const Programmed& made, uint32_t label ) {
    return found;
 }
 
-/// By what left alone. `own` is empty where others put the labels on: any way but the backup's is
-/// meant then.
-LabelState stateByFrames( const std::set< uint32_t >& left, const Draw::Route& route,
-                          const Draw& draw ) {
+/// By what left alone.
+LabelState stateByFrames( const std::set< uint32_t >& left, const Draw::Route& route ) {
    if ( left == std::set< uint32_t >{ 0 } ) {
       return LabelState::unprogrammed;
    }
-   const bool all = route.own.empty() ? !left.contains( 0 ) && !draw.isBackup( *left.begin() )
-                                      : left == route.own;
-   return route.usable && all ? LabelState::programmed : LabelState::partiallyProgrammed;
+   return route.usable && left == route.own ? LabelState::programmed
+                                            : LabelState::partiallyProgrammed;
 }
 
 TEST( LabelState, IsWhatFramesDo ) {
@@ -152,12 +153,18 @@ TEST( LabelState, IsWhatFramesDo ) {
       Draw draw( seed + round );
       const bool withFecs = !draw.oneIn( 4 );
       std::map< uint32_t, Draw::Route > routes;
-      std::vector< std::string > texts;
-      const std::string definitions = draw.definitions();
-      for ( uint32_t label = 100; label < 108; ++label ) {
-         texts.push_back( draw.route( label, withFecs, routes[label] ) );
+      std::string text;
+      std::vector< LabelTable > tables;
+      for ( size_t i = draw.upTo( 2 ); i < 2; ++i ) { // what the first one had may still forward
+         std::vector< std::string > texts;
+         routes.clear();
+         const std::string definitions = draw.definitions();
+         for ( uint32_t label = 100; label < 108; ++label ) {
+            texts.push_back( draw.route( label, withFecs, routes[label] ) );
+         }
+         text += tableText( texts, definitions ) + "\n";
+         tables.push_back( tableOf( texts, definitions ) );
       }
-      const std::string table = tableText( texts, definitions );
       std::vector< Neighbor > neighbors;
       for ( uint8_t at = 1; at <= 3; ++at ) {
          neighbors.push_back(
@@ -165,18 +172,25 @@ TEST( LabelState, IsWhatFramesDo ) {
          neighbors.back().resolved = !draw.oneIn( 5 );
       }
       const std::string faults = draw.faults();
-      SCOPED_TRACE( joinText( "VELMPLS_SEED=", seed + round, " ", faults, "\n", table ) );
-      LabelTable parsed = parseLabelTable( table, "t" );
-      ASSERT_EQ( errorText( parsed.errors ), "" );
-      Programmed made( { parsed }, neighbors, withFecs, faults );
-      made.apply( 0 );
+      const U32 flips = static_cast< U32 >( draw.upTo( 4 ) );
+      SCOPED_TRACE(
+         joinText( "VELMPLS_SEED=", seed + round, " ", faults, " eth", flips, "\n", text ) );
+      Programmed made( tables, neighbors, withFecs, faults );
+      for ( size_t i = 0; i < tables.size(); ++i ) {
+         made.apply( i );
+      }
+      if ( flips != 0 ) {
+         made.agent->hardware().linkIs( made.intf( joinText( "eth", flips ) ), false );
+         made.settle();
+      }
       const EntityManager& entities = made.agent->entityManager();
       std::set< RouteKey > told; // by the audit: the library cannot know what is behind tunnels
       for ( const Inspect::AuditFinding& one : Inspect::Audit( entities ).run().differences ) {
          ASSERT_TRUE( one.stage != Inspect::AuditStage::published ||
                       faults.find( "forget" ) != std::string::npos )
             << textOf( one.label ) << one.object << ": " << one.expected << " / " << one.found;
-         if ( one.found.find( "leads nowhere" ) != std::string::npos ) {
+         if ( one.found.find( "leads nowhere" ) != std::string::npos ||
+              one.found.find( "as it was before" ) != std::string::npos ) {
             told.insert( one.label );
          }
       }
@@ -190,14 +204,17 @@ TEST( LabelState, IsWhatFramesDo ) {
       }
       for ( const auto& [label, route] : routes ) {
          const RouteKey key( label );
-         const LabelState state = stateByFrames( outLabels( made, label ), route, draw );
+         const LabelState state = stateByFrames( outLabels( made, label ), route );
          ++seen[static_cast< size_t >( state )];
          ASSERT_EQ( name( Inspect::LabelStates( entities ).of( key ).state ), name( state ) )
             << label << ": " << made.stateOf( label );
          ASSERT_EQ( name( result.route( key )->state ), name( state ) ) << label;
          ASSERT_EQ( name( Inspect::Explanation( entities, key, {} ).state() ), name( state ) )
             << label;
-         ASSERT_EQ( hit.contains( key ), state != LabelState::unprogrammed ) << label;
+         if ( state !=
+              LabelState::partiallyProgrammed ) { // else it may leave by what nobody can tell
+            ASSERT_EQ( hit.contains( key ), state == LabelState::programmed ) << label;
+         }
          if ( faults.find( joinText( "forget label ", label ) ) == std::string::npos ) {
             const auto code = made.root< Mpls::LfibHwStatus >( "lfibHwStatus" )
                                  .unprogrammedRoute( key )
@@ -205,7 +222,8 @@ TEST( LabelState, IsWhatFramesDo ) {
             const std::string published = textOf( code );
             ASSERT_TRUE( ( published == "notProgrammed" ? "unprogrammed" : published ) ==
                             name( state ) ||
-                         ( published == "programmed" && told.contains( key ) ) )
+                         ( published == "programmed" && state == LabelState::partiallyProgrammed &&
+                           told.contains( key ) ) )
                << label << ": " << published << ", " << made.stateOf( label );
          }
       }

@@ -202,6 +202,21 @@ TEST( LabelTable, tellsWhatIsWrongWithABadTable ) {
       { tableText( { guardedRoute( 16, { goodVia }, "" ) } ), "the route has no backup vias" },
       { tableText( { guardedRoute( 16, { goodVia }, goodVia + R"(,{"action":"pop"})" ) } ),
         "label 16: backup via 2: neither a next hop nor an interface" },
+      // Ways through what other agents have, on which a label would be lost.
+      { tableText( { routeOf( 16, { R"({"action":"pop","nextHopGroup":"g"})" } ) },
+                   defined( "nextHopGroups", "g", goodVia ) ),
+        "label 16: via 1: on a way through next-hop group \"g\" more than the label" },
+      { tableText( { guardedRoute( 16, { goodVia }, R"({"action":"pop","tunnel":"a"})" ) },
+                   R"("tunnels":[{"name":"a","vias":[{"tunnel":"b"},{"interface":"x"}]},)"
+                   R"({"name":"b","vias":[{"tunnel":"a"},{"action":"pop","interface":"x"}]}],)" ),
+        "label 16: backup via 1: on a way through tunnel \"a\" more than the label" },
+      { tableText( { R"({"label":16,"externalFec":"x"})" },
+                   R"("tunnels":[{"name":"p","vias":[{"action":"pop","interface":"x"}]},)"
+                   R"({"name":"q","vias":[{"action":"pop","tunnel":"p"}]},)"
+                   R"({"name":"r","vias":[{"action":"pop","tunnel":"q"}]}],)" +
+                      defined( "externalFecs", "x", // of the three, one takes its own off
+                               R"({"action":"push","outLabels":[17],"tunnel":"r"})" ) ),
+        "label 16: on a way through external FEC \"x\" more than the label" },
       { tableText( { routeOf( 16, { goodVia }, R"(,"usableAsPrimaryVias":1)" ) } ),
         "the field \"usableAsPrimaryVias\" is 1, not true or false" },
       { nativeRoute( R"("label":16,"externalFec":"x","vias":[])" ),
