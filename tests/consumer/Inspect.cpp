@@ -34,10 +34,12 @@ int main() {
                make< Mpls::LfibStatus >( "transitLfib", std::span< const std::byte >( memory ) ) );
    in.transitLfib = lfib;
    in.lfibInfo = make< Mpls::LfibInfo >( "lfibInfo" );
-   const auto routing = mounted( *roots, "mplsRoutingInfo", make< Mpls::RoutingInfo >( "routing" ) );
+   const auto routing =
+      mounted( *roots, "mplsRoutingInfo", make< Mpls::RoutingInfo >( "routing" ) );
    routing->mplsRoutingIs( L3::VrfName::defaultVrf(), true );
    in.mplsRoutingInfo = routing;
-   in.lfibHwStatus = mounted( *roots, "lfibHwStatus", make< Mpls::LfibHwStatus >( "lfibHwStatus" ) );
+   in.lfibHwStatus =
+      mounted( *roots, "lfibHwStatus", make< Mpls::LfibHwStatus >( "lfibHwStatus" ) );
    const auto numbers = mounted( *roots, "routingHwRouteStatus",
                                  make< Routing::Hardware::RouteStatus >( "routeStatus" ) );
    numbers->vrfStatusIs( L3::VrfName::defaultVrf(), 1 );
