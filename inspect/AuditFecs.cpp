@@ -233,7 +233,11 @@ void AuditComparison::compareFecs() {
    }
    HashSet< U64 > numbers; // of the FECs that there are
    compareFecRecords( numbers );
-   for ( const U64 number : sm_.numAllocator()->status()->numberInUse() ) {
+   const NumAllocatorStatus* const inUse = sm_.numAllocatorStatus();
+   if ( inUse == nullptr ) {
+      return; // the state machine is still to begin
+   }
+   for ( const U64 number : inUse->numberInUse() ) {
       if ( !numbers.has( number ) ) {
          objectDiffers( AuditStage::written, joinText( "FEC number ", number ),
                         "not in use: no FEC has it", "in use" );
@@ -242,10 +246,10 @@ void AuditComparison::compareFecs() {
 }
 
 void AuditComparison::compareFecRecords( HashSet< U64 >& numbers ) {
-   if ( state_ == nullptr ) {
+   if ( state_ == nullptr || sm_.numAllocatorStatus() == nullptr ) {
       return;
    }
-   const NumAllocatorStatus& inUse = *sm_.numAllocator()->status();
+   const NumAllocatorStatus& inUse = *sm_.numAllocatorStatus();
    for ( const auto& [fecId, info] : state_->extFecInfo() ) {
       const std::string object = "FEC " + fecIdText( fecId );
       if ( !fecs_.request()->hwFecIdRequestHas( fecId ) && info->dependentRouteKeys() == 0 &&

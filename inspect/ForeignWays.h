@@ -40,9 +40,9 @@ struct ForeignEnds {
 
 class ForeignWays {
  public:
-   /// Takes "mplsHwInsight" where it is mounted. `name` must outlive it.
-   ForeignWays( const EntityManager& entities, const InterfaceName& name )
-      : insight_( entities.root< MplsHwInsight >( "mplsHwInsight" ) ), name_( name ) {}
+   /// Takes "mplsHwInsight" where it is mounted.
+   explicit ForeignWays( const EntityManager& entities, InterfaceName name = {} )
+      : insight_( entities.root< MplsHwInsight >( "mplsHwInsight" ) ), name_( std::move( name ) ) {}
 
    /// What stands behind the interface is another agent's.
    static bool leadsElsewhere( IntfId intf ) {
@@ -67,7 +67,7 @@ class ForeignWays {
    bool known() const { return insight_ && insight_->knowsForeign(); }
 
    const MplsHwInsight* insight_;
-   const InterfaceName& name_;
+   const InterfaceName name_;
 };
 
 } // namespace Vel::Inspect

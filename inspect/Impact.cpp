@@ -16,7 +16,7 @@ std::string ImpactTarget::text( const InterfaceName& name ) const {
 Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
    : target_( target ),
      nextHops_( entities ),
-     foreignWays_( entities, noName_ ),
+     foreignWays_( entities ),
      hwMplsStatus_( mountedRoot< Mpls::Hardware::Status >( entities, "routingHwMplsStatus" ) ),
      states_( entities ),
      insight_( entities.root< MplsHwInsight >( "mplsHwInsight" ) ),

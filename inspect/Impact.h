@@ -132,7 +132,6 @@ class Impact {
 
    const ImpactTarget target_;
    const NextHopView nextHops_;
-   const InterfaceName noName_ = []( IntfId ) { return std::string(); };
    const ForeignWays foreignWays_;
    const Mpls::Hardware::Status& hwMplsStatus_;
    LabelStates states_;

@@ -43,7 +43,7 @@ Mpls::RouteStatusCode codeOf( LabelState state ) {
 LabelStates::LabelStates( const EntityManager& entities )
    : inputs_( entities ),
      fecs_( entities ),
-     foreignWays_( entities, noName_ ),
+     foreignWays_( entities ),
      nextHops_( entities ),
      insight_( entities.root< MplsHwInsight >( "mplsHwInsight" ) ),
      vrf_( mountedRoot< MplsSm >( entities, "mplsSm" ).mplsState( LfibIntent::vrf() ) ),

@@ -98,7 +98,6 @@ class LabelStates {
 
    const LfibIntent inputs_;
    const FecView fecs_;
-   const InterfaceName noName_{};
    const ForeignWays foreignWays_;
    const NextHopView nextHops_;
    const MplsHwInsight* insight_;

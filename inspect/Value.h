@@ -43,7 +43,8 @@ class Value {
             return value;
          }
       }
-      return table.emplace_back( name, Value() ).second;
+      table.emplace_back().first = name;
+      return table.back().second;
    }
    /// What was no list becomes one.
    void push_back( Value value ) { of< List >().push_back( std::move( value ) ); }

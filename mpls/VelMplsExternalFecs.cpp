@@ -20,10 +20,6 @@ namespace {
 // row only news of it brings the adjacency back.
 constexpr U32 maxLooksForBackup = 3;
 
-std::string subject( const L3Adjacency& l3Adj ) {
-   return l3Adj.fullName();
-}
-
 // Ids of our own kinds are ours to give, and an index has to fit into an interface.
 bool externalFecIdValid( Fib::FecId fecId ) {
    constexpr U64 indexLimit = U64{ 1 } << 48;
@@ -112,9 +108,9 @@ void MplsSm::processExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                  const Mpls::LfibViaSet& viaSet,
                                  const Mpls::LfibExtFecVia& extFecVia ) {
    MPLS_ASSERT( forwardingIntoExternalFecsSupported(), "forwardingIntoExternalFecsSupported()",
-                subject( l3Adj ) );
+                l3Adj.fullName() );
    MPLS_ASSERT( extFecVia != Mpls::LfibExtFecVia(), "extFecVia != Mpls::LfibExtFecVia()",
-                subject( l3Adj ) );
+                l3Adj.fullName() );
    const Fib::FecId fecId = extFecVia.fecId;
    requestHwFecIdAndUpdateDependencyMaps( fecId, Fib::Fec{ fecId, {}, {} }, Fib6::Fec(), vrfState,
                                           l3Adj, viaSet.key() );
@@ -376,7 +372,7 @@ void MplsSm::stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj ) 
    BackupWait* const wait = vrfState.waitsForBackup( backupKey );
    MPLS_ASSERT( wait && wait->l3AdjacencyHas( l3Adj.index() ),
                 "vrfState.waitsForBackup( backupKey )->l3AdjacencyHas( l3Adj.index() )",
-                subject( l3Adj ) );
+                l3Adj.fullName() );
    wait->l3AdjacencyDel( l3Adj.index() );
    if ( wait->l3Adjacencys() == 0 ) {
       vrfState.waitsForBackupDel( backupKey );

@@ -5,14 +5,6 @@
 
 namespace Vel {
 
-namespace {
-
-std::string subject( const L3Adjacency& l3Adj ) {
-   return l3Adj.fullName();
-}
-
-} // namespace
-
 L3Adjacency* MplsSm::newL3Adjacency( VrfMplsState& vrfState ) {
    const U64 index = adjacencyIndex();
    MPLS_TRACE( 3, "create l3 adj ", index );
@@ -324,7 +316,7 @@ void MplsSm::releaseVias( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
 void MplsSm::settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
    const L3::VrfName& vrf = vrfState.vrfName();
    Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
-   MPLS_ASSERT( hwAdj, "hwAdj", subject( l3Adj ) );
+   MPLS_ASSERT( hwAdj, "hwAdj", l3Adj.fullName() );
    if ( l3Adj.l2Adjacency() ) {
       const MplsHwVrfStatus* const status = velMplsHwVrfStatus( vrf );
       l3Adj.unprogrammedIs( status && status->unprogrammedAdjacencyHas( l3Adj.hwL2Adjacency() ) );
@@ -355,7 +347,7 @@ void MplsSm::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                  const ProgrammableMplsFecVias& vias, L3AdjLFibAdjType adjType ) {
    MPLS_TRACE( 3, " Set hardware info for l3Adj ", l3Adj.index() );
    Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
-   MPLS_ASSERT( hwAdj, "hwAdj", subject( l3Adj ) );
+   MPLS_ASSERT( hwAdj, "hwAdj", l3Adj.fullName() );
    hwAdj->viaSetTypeIs( viaSet.key().viaSetType() );
    MPLS_ASSERT( viaSet.key().viaType() == Mpls::viaTypeMplsIp,
                 "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_", textOf( viaSet.key() ) );
@@ -553,7 +545,7 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
                                              const ProgrammableMplsFecVias& vias,
                                              L3AdjLFibAdjType adjType ) {
    Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
-   MPLS_ASSERT( hwAdj, "l3Adj", subject( l3Adj ) );
+   MPLS_ASSERT( hwAdj, "l3Adj", l3Adj.fullName() );
    hwAdj->viaDelAll();
    hwAdj->unresolvedViasIs( 0 );
    hwAdj->viaSetTypeIs( viaSet.key().viaSetType() );
@@ -562,7 +554,7 @@ void MplsSm::setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency
    MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", vias.vias(), " adj type ",
                adjType );
    MPLS_ASSERT( adjType == L3AdjLFibAdjType::adjTypeRegular,
-                "lFibAdjType == L3AdjLFibAdjType::adjTypeRegular_", subject( l3Adj ) );
+                "lFibAdjType == L3AdjLFibAdjType::adjTypeRegular_", l3Adj.fullName() );
    std::vector< Mpls::Hardware::L2Via > exits;
    exits.reserve( vias.vias() );
    for ( const auto& [viaIndex, via] : vias.via() ) {
@@ -635,7 +627,7 @@ void MplsSm::bindL3AdjToL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
       hwL2Adj = in_.routingHwMplsStatus->l2Adjacency( l2Adj->index() );
       viaSetToHwL2AdjIs( l2ViaSet, hwL2Adj );
    }
-   MPLS_ASSERT( l2Adj, "l2Adj", subject( l3Adj ) );
+   MPLS_ASSERT( l2Adj, "l2Adj", l3Adj.fullName() );
    l2Adj->l3AdjacencyIs( &l3Adj );
    l2Adj->l2ViaSetIs( l2ViaSet );
    hwL2Adj->l2ViaSetIs( l2ViaSet );

@@ -107,8 +107,15 @@ class VEL_EXPORT MplsSm : public Entity {
    TimerTask* routePublishTask() const { return routePublishTask_.get(); }
    Mpls::LfibTrackingStatus* lfibTrackingStatus() const { return lfibTrackingStatus_.get(); }
    Mpls::LfibTrackingSm* lfibTrackingSm() const { return lfibTrackingSm_.get(); }
-   /// Of FEC indices; its config and status hang on it, as with the next.
+   /// Of FEC indices, none before the state machine is initialized. Config and status hang on it, as
+   /// with the one of multicast groups.
    NumAllocator* numAllocator() const { return numAllocator_.get(); }
+   NumAllocatorConfig* numAllocatorConfig() const {
+      return numAllocator_ ? numAllocator_->config().get() : nullptr;
+   }
+   NumAllocatorStatus* numAllocatorStatus() const {
+      return numAllocator_ ? numAllocator_->status().get() : nullptr;
+   }
    NumAllocator* numAllocatorMcastGroupId() const { return numAllocatorMcastGroupId_.get(); }
 
    // --- Capabilities

@@ -1,12 +1,13 @@
 #include "agent/import/NeighborTable.h"
 
 #include <algorithm>
-#include <charconv>
+#include <array>
 #include <optional>
 #include <unordered_set>
 #include <utility>
 
 #include "agent/import/ImportChecks.h"
+#include "platform/values/IpTypes.h"
 
 namespace Vel::Agent {
 
@@ -14,21 +15,9 @@ namespace {
 
 using Mac = std::array< uint8_t, 6 >;
 
-/// Six groups of two hexadecimal digits, joined by ":".
 std::optional< Mac > readMac( std::string_view text ) {
-   constexpr size_t groupChars = 3;
-   Mac mac{};
-   if ( text.size() != mac.size() * groupChars - 1 ) {
-      return std::nullopt;
-   }
-   for ( size_t i = 0; i < mac.size(); ++i ) {
-      const char* const at = text.data() + i * groupChars;
-      const auto [end, fault] = std::from_chars( at, at + 2, mac.at( i ), 16 );
-      if ( fault != std::errc() || end != at + 2 || ( i + 1 < mac.size() && *end != ':' ) ) {
-         return std::nullopt;
-      }
-   }
-   return mac;
+   const std::optional< MacAddr > mac = MacAddr::parse( text );
+   return mac ? std::optional( mac->bytes() ) : std::nullopt;
 }
 
 /// Why frames cannot be sent to the address. Empty when they can.

@@ -13,7 +13,6 @@
 #include <map>
 #include <vector>
 
-#include "agent/world/L3Service.h"
 #include "agent/world/LfibPlan.h"
 #include "driver/SoftwareSwitch.h"
 
