@@ -786,7 +786,7 @@ void MplsSm::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adja
       addRouteKeyToExtFecInfo( routeKey, *info );
       route.extFecInfoIs( info );
    }
-   judgeRouteIntoFec( vrfState, route );
+   judgeRoute( vrfState, route, isBehind( *info ) );
 }
 
 } // namespace Vel

@@ -76,19 +76,21 @@ void MplsSm::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       MPLS_TRACE( 3, "not publishing routeKey", routeKey, " since l3 adjacency doesn't exist" );
       return;
    }
-   judgeRouteIntoFec( vrfState, *route );
-   if ( ExternalFecInfo* const info = route->extFecInfo().get(); info && isBehind( *info ) ) {
+   ExternalFecInfo* const info = route->extFecInfo().get();
+   const bool behind = info && isBehind( *info );
+   if ( behind ) {
       info->publishedBehindIs( true );
    }
+   const WaysOut ways = judgeRoute( vrfState, *route, behind );
    MPLS_TRACE( 7, "publish routeKey ", routeKey, " adj ", l3Adj->index(), " unprogrammed ",
                route->unprogrammed() );
    Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj->index() );
    MPLS_ASSERT( hwAdj, "hwAdj", l3Adj->fullName() );
-   in_.routingHwMplsStatus->routeIs(
-      { routeKey, hwAdj, route->extFecInfo() ? route->extFecInfo()->fecId() : Fib::FecId() } );
-   in_.lfibHwStatus->unprogrammedRouteIs( { routeKey, route->unprogrammed()
-                                                         ? Mpls::RouteStatusCode::notProgrammed
-                                                         : statusCodeOf( *route ) } );
+   in_.routingHwMplsStatus->routeIs( { routeKey, hwAdj, info ? info->fecId() : Fib::FecId() } );
+   in_.lfibHwStatus->unprogrammedRouteIs(
+      { routeKey, route->unprogrammed()   ? Mpls::RouteStatusCode::notProgrammed
+                  : ways == WaysOut::some ? Mpls::RouteStatusCode::partiallyProgrammed
+                                          : Mpls::RouteStatusCode::programmed } );
 }
 
 // --- Whether frames leave.
@@ -97,29 +99,20 @@ void MplsSm::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
 // its vias resolve or not, and whether its backup does. A label without any is unprogrammed, one
 // that leaves by part of what the LFIB means, or by an earlier FEC, is partially programmed.
 
-Mpls::RouteStatusCode MplsSm::statusCodeOf( const MplsRoute& route ) const {
-   const WaysOut ways = waysOutOf( route );
-   if ( inFecInHardware( route ) ? ways == WaysOut::none : route.unprogrammed() ) {
-      return Mpls::RouteStatusCode::notProgrammed;
-   }
-   return ways == WaysOut::some ? Mpls::RouteStatusCode::partiallyProgrammed
-                                : Mpls::RouteStatusCode::programmed;
-}
-
 bool MplsSm::inFecInHardware( const MplsRoute& route ) {
    return route.extFecInfo() && route.unconfirmedWrites() == 0;
 }
 
-MplsSm::WaysOut MplsSm::waysOutOf( const MplsRoute& route ) const {
-   const WaysOut ways = waysInHardwareOf( route );
+MplsSm::WaysOut MplsSm::waysOutOf( const VrfMplsState& vrfState, const MplsRoute& route,
+                                   bool behind ) const {
+   const WaysOut ways = waysInHardwareOf( route, behind );
    // Carried until its own via set can take it, it leaves by what was meant before.
-   const VrfMplsState* const vrfState = mplsState( L3::VrfName::defaultVrf() );
-   const bool former = route.l3Adj()->otherVias() ||
-                       ( vrfState && vrfState->carrierOf( route.routeKey() ) != nullptr );
+   const bool former =
+      route.l3Adj()->otherVias() || vrfState.carrierOf( route.routeKey() ) != nullptr;
    return former ? std::min( ways, WaysOut::some ) : ways;
 }
 
-MplsSm::WaysOut MplsSm::waysInHardwareOf( const MplsRoute& route ) const {
+MplsSm::WaysOut MplsSm::waysInHardwareOf( const MplsRoute& route, bool behind ) const {
    const L3Adjacency& l3Adj = *route.l3Adj();
    const ExternalFecInfo* const info = route.extFecInfo().get();
    if ( info == nullptr ) {
@@ -128,7 +121,7 @@ MplsSm::WaysOut MplsSm::waysInHardwareOf( const MplsRoute& route ) const {
                 ? WaysOut::all
                 : WaysOut::some;
    }
-   if ( info == l3Adj.extFecInfo().get() && isBehind( *info ) ) { // nobody follows what it was
+   if ( info == l3Adj.extFecInfo().get() && behind ) { // nobody follows what it was
       return hwStateOf( *info ) == AdjHwState::down ? WaysOut::none : WaysOut::some;
    }
    if ( info == l3Adj.extFecInfo().get() ) {
@@ -169,14 +162,17 @@ MplsSm::WaysOut MplsSm::waysOutOf( const ExternalFecInfo& info ) const {
    return WaysOut::all; // of an earlier content, whose next hops nobody follows any more
 }
 
-void MplsSm::judgeRouteIntoFec( const VrfMplsState& vrfState, MplsRoute& route ) {
+// By which of the ways that are meant the route leaves; in a FEC that leads nowhere it is
+// unprogrammed. `behind`: hardware has not got what is requested of its FEC.
+MplsSm::WaysOut MplsSm::judgeRoute( const VrfMplsState& vrfState, MplsRoute& route, bool behind ) {
+   const WaysOut ways = waysOutOf( vrfState, route, behind );
    if ( !route.extFecInfo() ) {
-      return;
+      return ways;
    }
    const MplsHwVrfStatus* const status = writtenHwVrfStatus( vrfState );
    const bool listed = status && status->unprogrammedRouteHas( route.routeKey() );
-   routeUnprogrammedIs( route, listed || !inFecInHardware( route ) ||
-                                  waysOutOf( route ) == WaysOut::none );
+   routeUnprogrammedIs( route, listed || !inFecInHardware( route ) || ways == WaysOut::none );
+   return ways;
 }
 
 // The adjacency has been processed; its own routes are looked at anyway.

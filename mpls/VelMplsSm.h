@@ -110,9 +110,6 @@ class VEL_EXPORT MplsSm : public Entity {
    /// Of FEC indices, none before the state machine is initialized. Config and status hang on it, as
    /// with the one of multicast groups.
    NumAllocator* numAllocator() const { return numAllocator_.get(); }
-   NumAllocatorConfig* numAllocatorConfig() const {
-      return numAllocator_ ? numAllocator_->config().get() : nullptr;
-   }
    NumAllocatorStatus* numAllocatorStatus() const {
       return numAllocator_ ? numAllocator_->status().get() : nullptr;
    }
@@ -241,8 +238,6 @@ class VEL_EXPORT MplsSm : public Entity {
 
    void runPublishRouteKeysTask();
    void publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
-   /// What is to be published of a route that has an L3 adjacency.
-   Mpls::RouteStatusCode statusCodeOf( const MplsRoute& route ) const;
    /// Whether hardware has the route in the FEC that it is recorded with, which may have no way
    /// out.
    static bool inFecInHardware( const MplsRoute& route );
@@ -486,11 +481,11 @@ class VEL_EXPORT MplsSm : public Entity {
    void doPublishRouteKeys( VrfMplsState& vrfState );
    void queueForPublishing( VrfMplsState& vrfState );
    enum class WaysOut { none, some, all };
-   WaysOut waysOutOf( const MplsRoute& route ) const;
-   WaysOut waysInHardwareOf( const MplsRoute& route ) const;
+   WaysOut waysOutOf( const VrfMplsState& vrfState, const MplsRoute& route, bool behind ) const;
+   WaysOut waysInHardwareOf( const MplsRoute& route, bool behind ) const;
    WaysOut waysOutOf( const L3Adjacency& l3Adj ) const;
    WaysOut waysOutOf( const ExternalFecInfo& info ) const;
-   void judgeRouteIntoFec( const VrfMplsState& vrfState, MplsRoute& route );
+   WaysOut judgeRoute( const VrfMplsState& vrfState, MplsRoute& route, bool behind );
    void judgeL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    static void publishRoutesOf( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
    static void publishRoutesProtectedBy( VrfMplsState& vrfState, const ExternalFecInfo& info );
