@@ -20,7 +20,12 @@ endif()
 find_program(CCACHE_PROGRAM ccache)
 mark_as_advanced(CCACHE_PROGRAM)
 if(CCACHE_PROGRAM AND NOT DEFINED CMAKE_CXX_COMPILER_LAUNCHER)
-   set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE_PROGRAM}")
+   # The cache takes what is compiled with precompiled headers only when told that this is meant.
+   set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env
+      CCACHE_SLOPPINESS=pch_defines,time_macros "${CCACHE_PROGRAM}")
+   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+      add_compile_options(-fpch-preprocess)
+   endif()
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)

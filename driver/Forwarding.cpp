@@ -16,10 +16,13 @@ using Mpls::TtlMode;
 using Mpls::Hardware::L2Via;
 
 std::string hexText( uint16_t value ) {
-   std::array< char, 8 > digits;
-   const auto end = std::to_chars( digits.data(), digits.data() + digits.size(), value, 16 );
-   const auto size = static_cast< size_t >( end.ptr - digits.data() );
-   return "0x" + std::string( 4 - size, '0' ) + std::string( digits.data(), size );
+   constexpr std::string_view digits = "0123456789abcdef";
+   std::string text = "0x";
+   for ( unsigned shift = 16; shift != 0; ) {
+      shift -= 4;
+      text.push_back( digits[( value >> shift ) & 0xF] );
+   }
+   return text;
 }
 
 /// "label 16001", and for a special-purpose label what it stands for.
