@@ -63,7 +63,7 @@ class AuditComparison {
 
    void needNextHops( bool required );
    bool inHardware() const {
-      return byFec() ? route_ && MplsSm::inFecInHardware( *route_ ) : reported_ && !refused_;
+      return byFec() ? route_ && route_->inFecInHardware() : reported_ && !refused_;
    }
    std::string_view queuedFor() const;
    std::string_view excuse( AuditStage stage ) const;

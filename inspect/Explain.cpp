@@ -239,7 +239,7 @@ ChainLink ChainReader::l3Adjacency() const {
       return link;
    }
    const U64 index = l3Adj_->index();
-   const bool pending = sm_->isAdjPendingForReview( *vrf_, index );
+   const bool pending = vrf_->isAdjPendingForReview( index );
    link.facts["l3Adjacency"] = index;
    link.facts["routes"] = l3Adj_->routeKeys();
    link.facts["reviewPending"] = pending;

@@ -86,7 +86,7 @@ class ChainReader {
    /// Whether next hops are somebody else's: of a next-hop group, a tunnel or an external FEC.
    bool isForeign() const;
    bool primariesUsable() const { return viaSet_.null() || viaSet_.usableAsPrimaryVias(); }
-   bool inFec() const { return record_ && MplsSm::inFecInHardware( *record_ ); }
+   bool inFec() const { return record_ && record_->inFecInHardware(); }
    /// The driver has answered the last writing into a FEC, and lost it.
    bool writingLost() const { return insight_ && vrfId_ && insight_->routeLost( *vrfId_, key_ ); }
    /// Still forwards into the FEC of before, until the one that is wanted now is answered.

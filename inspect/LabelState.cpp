@@ -110,7 +110,7 @@ LabelStates::Held LabelStates::find( RouteKey key ) const {
       return held;
    }
    held.refused = status_->unprogrammedRouteHas( key );
-   if ( held.record && MplsSm::inFecInHardware( *held.record ) ) {
+   if ( held.record && held.record->inFecInHardware() ) {
       const bool lost = insight_ && insight_->routeLost( vrfId_, key );
       const ExternalFecInfo* const fec = held.record->extFecInfo().get();
       held.fec = !lost && fecs_.answered( fec->fecId() ) ? fec : nullptr;

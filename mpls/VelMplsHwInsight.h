@@ -40,8 +40,8 @@ class VEL_EXPORT MplsHwInsight {
    /// The last writing of the route into a FEC was answered, and hardware does not have it.
    virtual bool routeLost( VrfId, Mpls::RouteKey ) const { return false; }
 
-   /// The driver knows what other agents have made known to hardware. Without that, where their FECs
-   /// and tunnels lead is not to be told, and the next three mean nothing.
+   /// The driver knows what other agents have made known to hardware. Without that, where their
+   /// FECs and tunnels lead is not to be told, and the next three mean nothing.
    virtual bool knowsForeign() const { return false; }
    /// What the FEC of another agent, or the tunnel, is made of; null when it is not there.
    virtual const Fib::Fec* findForeignFec( Fib::FecId ) const { return nullptr; }
@@ -49,8 +49,8 @@ class VEL_EXPORT MplsHwInsight {
    /// Each FEC and tunnel of other agents.
    virtual void eachForeign( const std::function< void( const Fib::Fec& ) >& ) const {}
 
-   /// What hardware resolves a next hop to by itself, whether the library watches it or not; nothing
-   /// when the L3 layer is to be asked.
+   /// What hardware resolves a next hop to by itself, whether the library watches it or not;
+   /// nothing when the L3 layer is to be asked.
    virtual std::optional< NextHopInfo > neighbor( const NextHopKey& ) const { return std::nullopt; }
    /// False: frames that leave by the interface are lost.
    virtual bool linkUp( IntfId ) const { return true; }

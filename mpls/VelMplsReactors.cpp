@@ -1,6 +1,9 @@
 #include "mpls/VelMplsReactors.h"
 
+#include <functional>
+
 #include "mpls/VelMplsTrace.h"
+#include "mpls/transit/Parts.h"
 
 namespace Vel {
 
@@ -8,7 +11,7 @@ class MplsSmReactors::LfibInfoReactor : public Mpls::LfibInfo::Reactor {
  public:
    explicit LfibInfoReactor( MplsSm& sm ) : sm_( sm ) {}
    void onNexthopResolutionAllowDefaultRoute() override {
-      sm_.handleNexthopResolutionAllowDefaultRoute();
+      sm_.parts().nextHops.handleNexthopResolutionAllowDefaultRoute();
    }
 
  private:
@@ -86,18 +89,20 @@ class MplsSmReactors::MplsHwVrfStatusReactor : public MplsHwVrfStatus::Reactor {
    MplsHwVrfStatusReactor( MplsSm& sm, MplsHwVrfStatus* status ) : sm_( sm ) {
       notifierIs( status );
    }
-   void onRoute( Mpls::RouteKey key ) override { sm_.handleProgrammedRoute( *notifier(), key ); }
+   void onRoute( Mpls::RouteKey key ) override {
+      sm_.parts().driverReports.handleProgrammedRoute( *notifier(), key );
+   }
    void onUnprogrammedRoute( Mpls::RouteKey key ) override {
-      sm_.handleUnprogrammedRoute( *notifier(), key );
+      sm_.parts().driverReports.handleUnprogrammedRoute( *notifier(), key );
    }
    void onUnprogrammedAdjacency( const Ptr< Mpls::Hardware::L2Adjacency >& adjacency ) override {
-      sm_.handleUnprogrammedAdj( *notifier(), adjacency );
+      sm_.parts().driverReports.handleUnprogrammedAdj( *notifier(), adjacency );
    }
    void onMplsRouting() override {
       sm_.handleHwRoutingEnabled( notifier()->vrfId(), notifier()->mplsRouting() );
    }
    void onMcastHwIdSeq( U16 groupId ) override {
-      sm_.handleMcastId( notifier()->vrfId(), groupId );
+      sm_.parts().driverReports.handleMcastId( notifier()->vrfId(), groupId );
    }
 
  private:
@@ -108,9 +113,13 @@ class MplsSmReactors::VelL3StatusReactor : public VelL3Status::Reactor {
  public:
    VelL3StatusReactor( MplsSm& sm, MplsSmReactors& all ) : sm_( sm ), all_( all ) {}
    void onAdjHwStatus() override { all_.adjHwStatusIs(); }
-   void onNextHopInfo( NextHopKey key ) override { sm_.handleNextHop( key ); }
-   void onResolvedAddr( VrfAndIpAddr key ) override { sm_.handleResolvedV4Nexthop( key ); }
-   void onResolvedIp6Addr( VrfAndIpGenAddr key ) override { sm_.handleResolvedV6Nexthop( key ); }
+   void onNextHopInfo( NextHopKey key ) override { sm_.parts().nextHops.handleNextHop( key ); }
+   void onResolvedAddr( VrfAndIpAddr key ) override {
+      sm_.parts().nextHops.handleResolvedV4Nexthop( key );
+   }
+   void onResolvedIp6Addr( VrfAndIpGenAddr key ) override {
+      sm_.parts().nextHops.handleResolvedV6Nexthop( key );
+   }
    void onVrfName( VrfId vrfId ) override { sm_.handleVrfName( vrfId ); }
 
  private:
@@ -121,7 +130,9 @@ class MplsSmReactors::VelL3StatusReactor : public VelL3Status::Reactor {
 class MplsSmReactors::AdjHwStatusReactor : public AdjHwStatus::Reactor {
  public:
    AdjHwStatusReactor( MplsSm& sm, AdjHwStatus* status ) : sm_( sm ) { notifierIs( status ); }
-   void onAdjHwState( Fib::GlobalFecId id ) override { sm_.handleAdjHwState( id ); }
+   void onAdjHwState( Fib::GlobalFecId id ) override {
+      sm_.parts().driverReports.handleAdjHwState( id );
+   }
 
  private:
    MplsSm& sm_;
@@ -130,7 +141,7 @@ class MplsSmReactors::AdjHwStatusReactor : public AdjHwStatus::Reactor {
 class MplsSmReactors::HwFecIdResponseReactor : public FecIdToHwFecIdResponse::Reactor {
  public:
    explicit HwFecIdResponseReactor( MplsSm& sm ) : sm_( sm ) {}
-   void onHwFecId( Fib::FecId fecId ) override { sm_.handleHwFecIdResponse( fecId ); }
+   void onHwFecId( Fib::FecId fecId ) override { sm_.parts().fecs.handleHwFecIdResponse( fecId ); }
 
  private:
    MplsSm& sm_;
@@ -139,7 +150,9 @@ class MplsSmReactors::HwFecIdResponseReactor : public FecIdToHwFecIdResponse::Re
 class MplsSmReactors::MplsMcastAdjRespReactor : public FecIdToHwFecIdResponse::Reactor {
  public:
    explicit MplsMcastAdjRespReactor( MplsSm& sm ) : sm_( sm ) {}
-   void onHwFecId( Fib::FecId fecId ) override { sm_.handleMplsMcastHwFecIdResp( fecId ); }
+   void onHwFecId( Fib::FecId fecId ) override {
+      sm_.parts().fecs.handleMplsMcastHwFecIdResp( fecId );
+   }
 
  private:
    MplsSm& sm_;
@@ -175,12 +188,11 @@ class MplsSmReactors::VelL3StartupStagePrereqsReactor
 /// run function.
 class MplsSmReactors::TaskReactor : public TimerTask::Reactor {
  public:
-   TaskReactor( MplsSm& sm, void ( MplsSm::*run )() ) : sm_( sm ), run_( run ) {}
-   void onTaskRun() override { ( sm_.*run_ )(); }
+   TaskReactor( MplsSm&, std::function< void() > run ) : run_( std::move( run ) ) {}
+   void onTaskRun() override { run_(); }
 
  private:
-   MplsSm& sm_;
-   void ( MplsSm::*run_ )();
+   const std::function< void() > run_;
 };
 
 /// Hears nothing: it keeps the clock bound for the tasks.
@@ -212,10 +224,11 @@ MplsSmReactors::MplsSmReactors( MplsSm& sm ) : sm_( sm ) {
    bind< MplsMcastAdjRespReactor >( sm.mplsMcastAdjResp() );
    bind< InputStatusSummaryReactor >( in.inputStatusSummary );
    bind< VelL3StartupStagePrereqsReactor >( in.velL3StartupStagePrereqs );
-   bind< TaskReactor >( Ptr( sm.vrfTask() ), &MplsSm::runReviewVrfsTask );
+   bind< TaskReactor >( Ptr( sm.vrfTask() ), [&sm] { sm.parts().review.runReviewVrfsTask(); } );
    bind< TaskReactor >( Ptr( sm.unprogrammedRouteTask() ),
-                        &MplsSm::runUnprogrammedRouteReviewTask );
-   bind< TaskReactor >( Ptr( sm.routePublishTask() ), &MplsSm::runPublishRouteKeysTask );
+                        [&sm] { sm.parts().review.runUnprogrammedRouteReviewTask(); } );
+   bind< TaskReactor >( Ptr( sm.routePublishTask() ),
+                        [&sm] { sm.parts().publisher.runPublishRouteKeysTask(); } );
    bind< ClockReactor >( in.clock );
 }
 
@@ -229,12 +242,12 @@ void MplsSmReactors::mplsHwVrfStatusIs( MplsHwVrfStatus* status ) {
    const VrfId vrfId = status->vrfId();
    mplsHwVrfStatus_.erase( vrfId );
    mplsHwVrfStatus_.emplace( vrfId, std::make_unique< MplsHwVrfStatusReactor >( sm_, status ) );
-   sm_.handleHwVrfStatus( vrfId );
+   sm_.parts().driverReports.handleHwVrfStatus( vrfId );
 }
 
 void MplsSmReactors::mplsHwVrfStatusDel( VrfId vrfId ) {
    mplsHwVrfStatus_.erase( vrfId );
-   sm_.handleHwVrfStatusGone();
+   sm_.parts().driverReports.handleHwVrfStatusGone();
 }
 
 void MplsSmReactors::mplsHwVrfStatusReconcile() {

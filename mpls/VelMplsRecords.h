@@ -195,6 +195,12 @@ class VEL_EXPORT MplsRoute : public Entity {
  public:
    explicit MplsRoute( Mpls::RouteKey routeKey );
    ~MplsRoute() override;
+   /// Hardware has it, or is to have it, by something.
+   bool inHardware() const { return l2Adj_ || extFecInfo_; }
+   /// And that is what the adjacency is now.
+   bool inHardwareBy( const L3Adjacency& l3Adj ) const;
+   /// Hardware has it in the FEC that it is recorded with, which may have no way out.
+   bool inFecInHardware() const { return extFecInfo_ && unconfirmedWrites_ == 0; }
    void unconfirmedWritesInc() {
       if ( unconfirmedWrites_ != std::numeric_limits< U16 >::max() ) {
          unconfirmedWritesIs( static_cast< U16 >( unconfirmedWrites_ + 1 ) );
@@ -320,6 +326,8 @@ class VEL_EXPORT L3Adjacency : public Entity {
    ~L3Adjacency() override;
    /// A route, or an adjacency that it protects, needs it.
    bool used() const { return routeKeys() + carriedRouteKeys() + primaryAdjs() != 0; }
+   /// Its FEC is a next-hop group's.
+   bool isOfGroup() const;
    Mpls::LfibViaSetKey backupAwaited() const { return awaitedBackup_.viaSetKey; }
 };
 
@@ -362,7 +370,24 @@ class VEL_EXPORT ExternalFecInfo : public Entity {
  public:
    ExternalFecInfo( Fib::FecId fecId, std::shared_ptr< RouteKeyLinks > links )
       : fecId_( fecId ), dependentRouteKey_( std::move( links ) ) {}
+   void answerIs( const HwFecId& answer ) {
+      hwIdIs( answer.hwId );
+      carriedOutIs( answer.version );
+      syncIdIs( answer.syncId );
+   }
+   bool isAnswer( const HwFecId& answer ) const {
+      return answer == HwFecId{ hwId_, carriedOut_, syncId_ };
+   }
 };
+
+inline bool L3Adjacency::isOfGroup() const {
+   return extFecInfo_ && extFecInfo_->fecId().adjType() == Fib::AdjType::nexthopGroupAdj;
+}
+
+inline bool MplsRoute::inHardwareBy( const L3Adjacency& l3Adj ) const {
+   return extFecInfo_ ? extFecInfo_ == l3Adj.extFecInfo()
+                      : l2Adj_ && l2Adj_ == l3Adj.l2Adjacency() && !l3Adj.extFecInfo();
+}
 
 /// Everything that the state machine holds for one VRF.
 class VEL_EXPORT VrfMplsState : public Entity {
@@ -420,6 +445,9 @@ class VEL_EXPORT VrfMplsState : public Entity {
    /// Nothing is left that a VRF's state is kept for.
    bool idle() const;
 
+   bool isAdjPendingForReview( U64 index ) const {
+      return l3AdjForReview( index ) == L3AdjReview::changed;
+   }
    /// Queues the adjacency to be programmed.
    void l3AdjForReviewIs( U64 index ) { l3AdjForReviewIs( index, L3AdjReview::changed ); }
    /// A route has left the adjacency, which may go; whatever else it is queued for counts for more.

@@ -1,9 +1,10 @@
-// MplsSm: the frame, its start, and the checks that the other rooms consult.
+// MplsSm: the frame, its start, and the capabilities that its parts ask for.
 
 #include "mpls/VelMplsSm.h"
 
 #include "mpls/VelMplsReactors.h"
 #include "mpls/VelMplsTrace.h"
+#include "mpls/transit/Parts.h"
 #include "platform/services/FeatureToggle.h"
 
 namespace Vel {
@@ -39,7 +40,8 @@ Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs ) {
    return make< MplsSm >( std::move( inputs ) );
 }
 
-MplsSm::MplsSm( MplsSmInputs inputs ) : in_( std::move( inputs ) ) {
+MplsSm::MplsSm( MplsSmInputs inputs )
+   : in_( std::move( inputs ) ), parts_( std::make_unique< Transit::Parts >( *this ) ) {
    MPLS_ASSERT( in_.scheduler && in_.clock, "scheduler() && clock()", name() );
    MPLS_ASSERT( in_.mplsHwStatus && in_.velL3Status, "mplsHwStatus() && velL3Status()", name() );
    MPLS_ASSERT( in_.lfibHwStatus, "lfibHwStatus()", name() );
@@ -60,8 +62,8 @@ MplsSm::MplsSm( MplsSmInputs inputs ) : in_( std::move( inputs ) ) {
       status->unprogrammedRouteDelAll();
       status->unprogrammedReasonIs( UnprogrammedReason::Success );
    }
-   sayResourceNormal();
-   noteRecoveredVrfId();
+   parts_->driverReports.sayResourceNormal();
+   parts_->recovery.noteRecoveredVrfId();
    reactors_ = std::make_unique< MplsSmReactors >( *this );
    reactors_->mplsHwVrfStatusReconcile();
    reactors_->adjHwStatusIs();
@@ -79,9 +81,9 @@ MplsSm::~MplsSm() {
       for ( const auto& [key, nextHop] : vrfState->mplsNextHop() ) {
          // Whoever comes next asks for what it needs.
          if ( key.l3Intf.empty() ) {
-            unwatchWithRR( vrf, key.ipGenAddr );
+            parts_->nextHops.unwatchWithRR( vrf, key.ipGenAddr );
          } else {
-            unwatchWithMNHSM( vrf, *nextHop );
+            parts_->nextHops.unwatchWithMNHSM( vrf, *nextHop );
          }
       }
    }
@@ -131,10 +133,10 @@ void MplsSm::doInitialize() {
    MPLS_ASSERT( in_.lfibInfo && in_.transitLfib && in_.mplsRoutingInfo && in_.mplsHwConfig,
                 "lfibInfo() && transitLfib() && mplsRoutingInfo() && mplsHwConfig()", name() );
    if ( in_.routingHwRouteStatus->vrfStatusHas( L3::VrfName::defaultVrf() ) ) {
-      leaveFormerNumber( L3::VrfName::defaultVrf() );
+      parts_->vrfs.leaveFormerNumber( L3::VrfName::defaultVrf() );
    }
    handleMplsRouting( mplsRoutingEnabled( L3::VrfName::defaultVrf() ) );
-   handleNexthopResolutionAllowDefaultRoute();
+   parts_->nextHops.handleNexthopResolutionAllowDefaultRoute();
    numAllocator_ = makeAllocator( 0, maxFecIndex, fecIndexExpirySeconds, in_.clock );
    lfibTrackingSm_ = make< Mpls::LfibTrackingSm >(
       "MplsSm-TrackingSm", in_.transitLfib, lfibTrackingStatus_, Mpls::LfibTrackingMode::viaSets );
@@ -144,7 +146,7 @@ void MplsSm::doInitialize() {
    handleLFibViaSet();
    handleMplsRouteSyncMap();
    // What was queued while nothing could be scheduled yet.
-   doMaybeScheduleReview( L3::VrfName::defaultVrf() );
+   parts_->review.doMaybeScheduleReview( L3::VrfName::defaultVrf() );
 }
 
 // Clears what an earlier run may have left in the outputs.
@@ -198,7 +200,7 @@ bool MplsSm::shouldProgramAdjWithHwConfig( Mpls::LfibViaSetKey viaSetKey,
    if ( !forwardingIntoExternalFecsSupported() ) {
       return true;
    }
-   return lFibAdjTypeOf( vias ) == L3AdjLFibAdjType::adjTypeRegular &&
+   return Transit::ViaSets::findL3AdjLFibAdjType( &vias ) == L3AdjLFibAdjType::adjTypeRegular &&
           !inPlaceAdjacencyUpdateSupported() && viaSetKey.source() != Mpls::LfibSource::bgpLu;
 }
 
@@ -226,22 +228,31 @@ bool MplsSm::mplsRoutingEnabled( const L3::VrfName& vrf ) const {
    return in_.mplsRoutingInfo->mplsRouting( vrf );
 }
 
-VrfMplsState& MplsSm::vrfStateMake( const L3::VrfName& vrf ) {
-   if ( VrfMplsState* const there = mplsState( vrf ) ) {
-      return *there;
-   }
-   VrfMplsState& made = *mplsStateIs( vrf );
-   noteVrfNumber( made );
-   countListed( made );
-   return made;
+// --- For those who ask from outside.
+
+std::string MplsSm::lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const {
+   return parts_->viaSets.lFibViaSetFault( viaSetKey );
 }
 
-// A VRF's state goes with everything that names the VRF.
-void MplsSm::vrfStateDrop( const L3::VrfName& vrf ) {
-   vrfForReviewDel( vrf );
-   unprogrammedRouteForReviewDel( vrf );
-   routeKeyToBePublishedDel( vrf );
-   mplsStateDel( vrf );
+std::string MplsSm::backupWaitReason( const VrfMplsState& vrfState,
+                                      const L3Adjacency& l3Adj ) const {
+   return parts_->protection.backupWaitReason( vrfState, l3Adj );
+}
+
+void MplsSm::approveStaleSweep() {
+   parts_->recovery.approveStaleSweep();
+}
+
+void MplsSm::doForceRouteReprogramming() {
+   parts_->review.doForceRouteReprogramming();
+}
+
+void MplsSm::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
+   parts_->routes.processRouteKey( vrfState, routeKey );
+}
+
+void MplsSm::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
+   parts_->publisher.publishRouteKey( vrfState, routeKey );
 }
 
 } // namespace Vel

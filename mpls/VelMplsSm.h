@@ -46,7 +46,7 @@
 // Ownership: see VelMplsRecords.h. Stopping is destruction. Threads: one.
 // Cost: a bounded number of label-indexed look-ups a route and stage; nothing grows with the table
 // but the full walks at the start and when routing is switched on.
-// The operations fill several rooms; the sections below name them.
+// The work is done by its parts, one class for each topic: see transit/Parts.h.
 
 #pragma once
 
@@ -63,6 +63,9 @@
 namespace Vel {
 
 class MplsSmReactors;
+namespace Transit {
+struct Parts;
+}
 
 /// The state machine of transit and IP-lookup label routes.
 class VEL_EXPORT MplsSm : public Entity {
@@ -107,8 +110,8 @@ class VEL_EXPORT MplsSm : public Entity {
    TimerTask* routePublishTask() const { return routePublishTask_.get(); }
    Mpls::LfibTrackingStatus* lfibTrackingStatus() const { return lfibTrackingStatus_.get(); }
    Mpls::LfibTrackingSm* lfibTrackingSm() const { return lfibTrackingSm_.get(); }
-   /// Of FEC indices, none before the state machine is initialized. Config and status hang on it, as
-   /// with the one of multicast groups.
+   /// Of FEC indices, none before the state machine is initialized. Config and status hang on it,
+   /// as with the one of multicast groups.
    NumAllocator* numAllocator() const { return numAllocator_.get(); }
    NumAllocatorStatus* numAllocatorStatus() const {
       return numAllocator_ ? numAllocator_->status().get() : nullptr;
@@ -135,373 +138,60 @@ class VEL_EXPORT MplsSm : public Entity {
    /// Whether label forwarding is configured in the VRF.
    bool mplsRoutingEnabled( const L3::VrfName& vrf ) const;
 
-   // --- Frame and initialization (VelMplsSm.cpp)
+   // --- The start (VelMplsSm.cpp, VelMplsStartup.cpp)
 
    void handleInitialized();
    void doInitialize();
+   void handleInputStatusSummaryReady();
+   void handleMplsRouteSyncMap();
+   void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
+   void handleSyncDone();
+   /// An operator's word that the stale routes may be dropped, however many they are.
+   void approveStaleSweep();
 
-   // --- Routes (VelMplsRoutes.cpp)
+   // --- What the LFIB announces (VelMplsLfibEvents.cpp)
 
    void handleLFibRoute( Mpls::RouteKey routeKey );
+   /// All of its routes.
    void handleLFibRoute();
    void handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey );
+   /// All that wait in the backlog.
    void handleLFibViaSet();
-   void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBacklogNotification );
-   bool routeSupported( const Mpls::LfibRoute& route ) const;
-   bool isLFibViaSetSane( const Mpls::LfibViaSet& viaSet ) const;
-   Ptr< CachedLFibMplsViaColl > getSaneMplsIpLFibVias( const Mpls::LfibViaSet& viaSet ) const;
-   /// Why a via set cannot be programmed, in words; empty when it can. For those who explain.
-   std::string lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const;
-   void processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
 
-   // --- L3 adjacencies (VelMplsL3Adj.cpp)
-
-   L3Adjacency* newL3Adjacency( VrfMplsState& vrfState );
-   void processL3Adj( VrfMplsState& vrfState, U64 index );
-   /// A route has left it, and that is all that has happened.
-   void processL3AdjLeft( VrfMplsState& vrfState, U64 index );
-   bool validateMplsIpL3Adj( const L3Adjacency& l3Adj, const Mpls::LfibViaSet& viaSet,
-                             const Ptr< CachedLFibMplsViaColl >& saneVias ) const;
-   void setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                            const Mpls::LfibViaSet& viaSet, const ProgrammableMplsFecVias& vias,
-                            L3AdjLFibAdjType adjType );
-   void setHwAdjViasForNormalMplsRoute( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                        const Mpls::LfibViaSet& viaSet,
-                                        const ProgrammableMplsFecVias& vias,
-                                        L3AdjLFibAdjType adjType );
-   L3AdjLFibAdjType findL3AdjLFibAdjType( const L3Adjacency* l3Adj ) const;
-   /// The same of vias that are in hand: a dynamic tunnel wins over a next-hop group.
-   static L3AdjLFibAdjType lFibAdjTypeOf( const CachedLFibMplsViaColl& vias );
-   bool hasNHGAdj( const L3Adjacency& l3Adj ) const;
-   bool hasDynamicTunnelAdj( const L3Adjacency& l3Adj ) const;
-   bool isAdjPendingForReview( const VrfMplsState& vrfState, U64 index ) const;
-   U64 contentDigestOf( const Mpls::LfibViaSet& viaSet ) const;
-   /// Whether the adjacency of the via set has to be processed before the route may join it; then
-   /// it is queued.
-   bool maybeQueueStaleL3Adj( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey );
-   void deleteL3Adj( VrfMplsState& vrfState, U64 index );
-   void deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-
-   // --- Next hops and L2 adjacencies (VelMplsNextHops.cpp)
-
-   Mpls::Hardware::L2ViaSet resolveNextHop( VrfMplsState& vrfState, const Mpls::LfibMplsVia& via,
-                                            U32 nVias, L3Adjacency& l3Adj );
-   Mpls::Hardware::L2ViaSet resolveNextHopWithRR( VrfMplsState& vrfState,
-                                                  const Mpls::LfibMplsVia& via, U32 nVias,
-                                                  L3Adjacency& l3Adj );
-   Mpls::Hardware::L2ViaSet resolveNextHopWithMNHSM( VrfMplsState& vrfState,
-                                                     const Mpls::LfibMplsVia& via, U32 nVias,
-                                                     L3Adjacency& l3Adj );
-   void handleNexthopResolutionAllowDefaultRoute();
-   void handleNextHop( const NextHopKey& key );
-   void handleResolvedNexthop( const VrfAndIpGenAddr& vrfAddr );
-   void handleResolvedV4Nexthop( const VrfAndIpAddr& vrfAddr );
-   void handleResolvedV6Nexthop( const VrfAndIpGenAddr& vrfAddr );
-   MplsL2Adjacency* newL2Adjacency( VrfMplsState& vrfState );
-   void progHwL2Adj( const L3::VrfName& vrf, const Ptr< Mpls::Hardware::L2Adjacency >& hwL2Adj );
-   void addRouteKeyToL2Adj( Mpls::RouteKey routeKey, MplsL2Adjacency& l2Adj );
-   void deleteRouteKeyFromL2Adj( Mpls::RouteKey routeKey, MplsL2Adjacency& l2Adj );
-   void processL2Adj( VrfMplsState& vrfState, U64 index );
-   void maybeDeleteL2Adj( VrfMplsState& vrfState, U64 index );
-   void processL2AdjPendingDelete( VrfMplsState& vrfState, U64 index );
-   void doDeleteL2Adj( VrfMplsState& vrfState, U64 index );
-
-   // --- Hardware feedback (VelMplsFeedback.cpp)
+   // --- The VRF, and label forwarding in it (VelMplsVrfEvents.cpp)
 
    void handleMplsRouting( bool enabled );
    void handleVrfName( VrfId vrfId );
    /// The VRF's number has come, gone or changed.
    void handleVrfNumber( const L3::VrfName& vrf );
-   void handleHwVrfStatus( VrfId vrfId );
-   void handleHwVrfStatusGone();
    void handleHwRoutingEnabled( VrfId vrfId, bool routing );
-   void handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey );
-   void handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey );
-   void handleUnprogrammedAdj( MplsHwVrfStatus& status,
-                               const Ptr< Mpls::Hardware::L2Adjacency >& adjacency );
-   void unprogramRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
-   void deleteRouteKeyAndRoute( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
-   void clearRouteMappings( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
-   void addUnprogrammedRoute( VrfMplsState& vrfState, Mpls::RouteKey routeKey,
-                              UnprogrammedReason reason );
 
-   // --- Review and retry (VelMplsReview.cpp)
+   // --- For those who ask from outside
 
-   void doMaybeScheduleReview( const L3::VrfName& vrf );
-   void doMaybeScheduleReviewOrDeleteVrfState( const L3::VrfName& vrf );
+   /// Queues every route to be written again.
    void doForceRouteReprogramming();
-   void runReviewVrfsTask();
-   void runUnprogrammedRouteReviewTask();
-   bool shouldTaskYield( const TimerTask& task ) const;
-
-   // --- Publishing (VelMplsPublish.cpp)
-
-   void runPublishRouteKeysTask();
+   /// Processes the route now instead of in its turn.
+   void processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
+   /// Publishes the route now instead of in its turn, unless it is to be reviewed.
    void publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
-   /// Whether hardware has the route in the FEC that it is recorded with, which may have no way
-   /// out.
-   static bool inFecInHardware( const MplsRoute& route );
-
-   // --- FECs (VelMplsFecs.cpp)
-
-   Fib::FecId getOrAllocateMplsFecId( Mpls::LfibViaSetKey viaSetKey, VrfMplsState& vrfState,
-                                      AddressFamily af, bool newFecIdRequired );
-   Fib::FecId getOrAllocateMplsFecIdPerVia( VrfMplsState& vrfState, const Mpls::LfibMplsVia& via );
-   void freeMplsFecId( Fib::FecId fecId, VrfMplsState& vrfState );
-   void handleHwFecIdResponse( Fib::FecId fecId );
-
-   // --- External FECs and backups (VelMplsExternalFecs.cpp)
-
-   Mpls::LfibExtFecVia getSaneExtFecVia( const L3Adjacency& l3Adj,
-                                         const Mpls::LfibViaSet& viaSet ) const;
-   void addRouteKeyToExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info );
-   void deleteRouteKeyFromExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info );
-   void maybeDeleteExtFecInfo( VrfMplsState& vrfState, Fib::FecId fecId );
-   /// False: the adjacency's backup is not fit yet, an event will bring the adjacency back.
-   bool validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                             const Mpls::LfibViaSet& viaSet );
-   /// Why an adjacency waits for its backup, in words; empty when it does not. For those who
-   /// explain.
+   /// Why a via set cannot be programmed, in words; empty when it can.
+   std::string lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const;
+   /// Why an adjacency waits for its backup, in words; empty when it does not.
    std::string backupWaitReason( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
-   void setHwBackupAdjStatus( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void handleAdjHwState( const Fib::GlobalFecId& globalFecId );
-
-   // --- Multicast (VelMplsMulticast.cpp)
 
    const Ptr< const FecIdToHwFecIdRequest >& mplsMcastAdjReq() const { return mplsMcastAdjReq_; }
    const Ptr< const FecIdToHwFecIdResponse >& mplsMcastAdjResp() const { return mplsMcastAdjResp_; }
-   void processMplsMulticastAdj( VrfMplsState& vrfState, U64 index );
-   void handleMplsMcastHwFecIdResp( Fib::FecId fecId );
-   void handleMcastId( VrfId vrfId, U16 groupId );
 
-   // --- Start-up (VelMplsStartup.cpp)
-
-   void handleInputStatusSummaryReady();
-   void handleMplsRouteSyncMap();
-   void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
-   void handleSyncDone();
-   /// The VRF has its name, or its number: stale routes may have waited for both.
-   void maybeSweepNamed( const L3::VrfName& vrf );
-   /// An operator's word that the stale routes may be dropped, however many they are.
-   void approveStaleSweep();
+   /// Inside the library only.
+   Transit::Parts& parts() const { return *parts_; }
 
  private:
-   friend MplsSmReactors;
-
-   void sweepStaleRoutes();
-   void maybeEndSync();
-   void settleRecovered( const VrfMplsState* vrfState );
-   void maybeOfferFecs( const VrfMplsState* vrfState );
-   bool someFecUnanswered() const;
-   void offerRecoveredFecs( const VrfMplsState& vrfState );
-   Fib::FecId fecAwaitedByAll( const VrfMplsState& vrfState, const ExternalFecInfo& info ) const;
-   void offerFecsBeingLeft( const VrfMplsState& vrfState );
-   void withdrawTakeOvers( const VrfMplsState* vrfState );
-   void takeOverRoutes( VrfMplsState& vrfState, ExternalFecInfo& info );
-   bool maySweepStaleRoutes();
-   bool mayNameRoutes( const L3::VrfName& vrf ) const;
-   double staleShare( size_t stale ) const;
-   bool recoveredRouteWanted( Mpls::RouteKey routeKey ) const;
-   void forgetWantedStale();
-   bool enoughCameBack();
-   void dropRecoveredRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
-   bool awaitsNoFec( const L3Adjacency& l3Adj ) const;
-   void noteRecoveredVrfId();
-   void leaveRecoveredVrfId();
-   void deleteRecoveredRoute( Mpls::RouteKey routeKey );
-   void recordAdjSyncIds( const VrfMplsState& vrfState );
-   VrfMplsState& vrfStateMake( const L3::VrfName& vrf );
-   void routeMake( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
-   void routeUnprogrammedIs( MplsRoute& route, bool unprogrammed );
-   L3::VrfName vrfOfReport( VrfId vrfId ) const;
-   MplsHwVrfConfig* writtenHwVrfConfig( const VrfMplsState& vrfState ) const;
-   MplsHwVrfStatus* writtenHwVrfStatus( const VrfMplsState& vrfState ) const;
-   void noteVrfNumber( VrfMplsState& vrfState );
-   void leaveFormerNumber( const L3::VrfName& vrf );
-   void switchOffMplsRouting();
-   void countListed( VrfMplsState& vrfState ) const;
-   void maybeSayResourceFull();
-   void sayResourceNormal();
-   void retrySoon( VrfMplsState& vrfState );
-   void deleteRouteIntoFec( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
-   void vrfStateDrop( const L3::VrfName& vrf );
    void clearOutputs();
-   L3Adjacency& bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
-                                  Mpls::LfibViaSetKey viaSetKey );
-   std::string collectMplsIpLFibVias( const Mpls::LfibViaSet& viaSet,
-                                      CachedLFibMplsViaColl& vias ) const;
-   void forgetUnusedViaSets();
-   void awaitViaSet( Mpls::LfibViaSetKey viaSetKey );
-   void queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey );
-   void dropUnsupportedRoute( const L3::VrfName& vrf, Mpls::RouteKey routeKey );
-   bool writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
-   void writeRouteWithL2Adj( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
-   void writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
-   void writeRouteWithMulticast( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
-   void leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
-   bool stayInHardware( VrfMplsState& vrfState, MplsRoute& route );
-   void stayWithoutViaSet( VrfMplsState& vrfState, MplsRoute& route );
-   void stayWithoutNumber( VrfMplsState& vrfState, MplsRoute& route );
-   void takeRouteOut( VrfMplsState& vrfState, MplsRoute& route );
-   static void maybeCarry( const VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                           const MplsRoute& route );
-   static void leaveCarrier( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
-   static bool isOfGroup( const L3Adjacency& l3Adj );
-   static bool inHardware( const MplsRoute& route );
-   static bool inHardwareBy( const MplsRoute& route, const L3Adjacency& l3Adj );
-   template< class Test >
-   bool someViaIntf( const L3Adjacency& l3Adj, const Test& test ) const;
-   /// What processing an adjacency has come to.
-   enum class L3AdjOutcome : U32 {
-      programmed, ///< as its via set says
-      kept,       ///< as it was, since its via set cannot be used
-      backedOff   ///< as it was; an event will bring it back
-   };
-   L3AdjOutcome programL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                              const Mpls::LfibViaSet& viaSet );
-   L3AdjOutcome programExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                    const Mpls::LfibViaSet& viaSet );
-   L3AdjOutcome programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                    const Mpls::LfibViaSet& viaSet );
-   bool followVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void maybeReleaseOutdated( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void releaseFormerNextHops( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                            const CachedLFibMplsViaColl& vias );
-   static MplsNextHop* useNextHop( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                   const IpAddrIntfId& key );
-   bool hasVias( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& vias ) const;
-   ProgrammableMplsFecVias viasInHardware( const L3Adjacency& l3Adj ) const;
-   static std::vector< Mpls::RouteKey > routesInHardware( const VrfMplsState& vrfState,
-                                                          const L3Adjacency& l3Adj, bool byIt );
-   void carryByFormer( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                       const std::vector< Mpls::RouteKey >& routes );
-   static bool someElsewhere( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
-                              const RouteKeyGroup& routes );
-   void programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                  const Mpls::LfibViaSet& viaSet,
-                                  const CachedLFibMplsViaColl& saneVias );
-   void releaseVias( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   Fib::FecId newFecId( Fib::AdjType type );
-   bool answered( Fib::FecId fecId ) const;
-   void maybeReleaseSetAside( Fib::FecId fecId );
-   bool rewritesOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
-                        const Mpls::LfibViaSet& viaSet, const CachedLFibMplsViaColl& mplsVias,
-                        const ExternalFecInfo& info ) const;
-   bool takesOverOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
-                         Fib::FecId fecId ) const;
-   bool protectsOthers( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
-                        const ExternalFecInfo& primary ) const;
-   bool joins( const MplsRoute& route, const L3Adjacency& l3Adj ) const;
-   static bool someJoin( const VrfMplsState& vrfState, const L3Adjacency& l3Adj );
-   bool stillUses( Mpls::RouteKey routeKey, const L3Adjacency& l3Adj ) const;
-   static void answerIs( ExternalFecInfo& info, const HwFecId& answer );
-   static bool isAnswer( const ExternalFecInfo& info, const HwFecId& answer );
-   void queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info );
-   void releaseFormerBackups( VrfMplsState& vrfState, ExternalFecInfo& info );
-   bool isBehind( const ExternalFecInfo& info ) const;
-   bool waitsForFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
-   Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,
-                                  VrfMplsState& vrfState, bool newFecIdRequired );
-   Fib::FecId getBackupFecIdForRequest( const Mpls::LfibViaSet& viaSet,
-                                        const VrfMplsState& vrfState ) const;
-   Fib::FecId backupFecIdToRequest( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
-                                    const Mpls::LfibViaSet& viaSet, bool popRemoved ) const;
-   void processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                            const Mpls::LfibViaSet& viaSet,
-                            const Ptr< CachedLFibMplsViaColl >& mplsVias );
-   static bool shouldRemovePop( const L3Adjacency& l3Adj );
-   static bool allPop( const L3Adjacency& backup );
-   static void queuePrimaries( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
-   static void queuePrimariesOf( VrfMplsState& vrfState, const ExternalFecInfo& info );
-   void leaveFecs( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   static bool processRemovePopDependencies( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                           const Mpls::LfibViaSet& viaSet,
-                                           const CachedLFibMplsViaColl& mplsVias,
-                                           Fib::FecId fecId );
-   static Fib::Fec fecOf( Fib::FecId fecId, const CachedLFibMplsViaColl& mplsVias, bool popRemoved,
-                          Fib::FecId backup );
-   ExternalFecInfo& extFecInfoMake( VrfMplsState& vrfState, Fib::FecId fecId );
-   void requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib::Fec& fec4,
-                                               const Fib6::Fec& fec6, VrfMplsState& vrfState,
-                                               L3Adjacency& l3Adj, Mpls::LfibViaSetKey viaSetKey );
-   void recordAdjSyncId( const L3Adjacency& l3Adj, Fib::FecId fecId );
-   void bindL3AdjToExtFecInfo( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                               const Ptr< ExternalFecInfo >& info );
-   void processHwFecIdResponse( Fib::FecId fecId, VrfMplsState& vrfState );
-   void publishViaSetState( const L3Adjacency& l3Adj );
-   std::string extFecLFibViaSetFault( const Mpls::LfibViaSet& viaSet,
-                                      Mpls::LfibExtFecVia& via ) const;
-   void processExtFecL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                            const Mpls::LfibViaSet& viaSet, const Mpls::LfibExtFecVia& extFecVia );
-   void updateBackupExtInfoForExtFecInfo( VrfMplsState& vrfState, ExternalFecInfo& info,
-                                          const Ptr< ExternalFecInfo >& backup );
-   Ptr< ExternalFecInfo > extFecBackupOf( const VrfMplsState& vrfState, const ExternalFecInfo& info,
-                                          Mpls::LfibViaSetKey viaSetKey ) const;
-   std::string backupFault( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
-                            const L3Adjacency& backup ) const;
-   BackupAwaits maybeLinkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                                    Mpls::LfibViaSetKey backupKey );
-   void makeBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey );
-   static void linkBackupAdj( L3Adjacency& l3Adj, L3Adjacency& backup );
-   static void labelActionIs( L3Adjacency& l3Adj, MplsLabelAction action );
-   void waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey,
-                       BackupAwaits awaits );
-   void stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   static void forgetLooksForBackup( L3Adjacency& l3Adj );
-   /// What those who wait for a backup are told of its adjacency.
-   enum class BackupNews : U32 {
-      looked,     ///< it has been reviewed, and is as it was
-      programmed, ///< it is as its via set says
-      changed     ///< it can protect, or no longer
-   };
-   void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
-                               BackupNews news, bool fecChanged );
-   void settleL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   static MplsLabel singleMplsLabelFromVia( const Mpls::LfibMplsVia& via );
-   static Mpls::Hardware::AdjacencyVia hwViaOf( const Mpls::LfibMplsVia& via );
-   static Mpls::LfibMplsVia viaOf( const Mpls::Hardware::AdjacencyVia& hwVia );
-   Mpls::Hardware::L2ViaSet writeHwVia( const L3Adjacency& l3Adj, const Mpls::LfibMplsVia& via,
-                                        Mpls::Hardware::L2ViaSet l2Vias );
-   void bindL3AdjToL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
-                          const Mpls::Hardware::L2ViaSet& l2ViaSet );
-   void unbindL3AdjFromL2Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   void releaseNextHop( VrfMplsState& vrfState, L3Adjacency& l3Adj, const IpAddrIntfId& key );
-   void unwatchWithRR( const L3::VrfName& vrf, const IpGenAddr& nh );
-   void unwatchWithMNHSM( const L3::VrfName& vrf, const MplsNextHop& nextHop );
-   void queueL3AdjsForReview( VrfMplsState& vrfState, const HashSet< L3Adjacency* >& l3Adjs );
-   void doReviewVrf( const L3::VrfName& vrf );
-   void doReviewUnprogrammedRoutes( VrfMplsState& vrfState );
-   void retryUnprogrammed( VrfMplsState& vrfState );
-   void unprogramRouteIntoFec( const VrfMplsState& vrfState, Mpls::RouteKey routeKey );
-   bool retryAdjacencies( VrfMplsState& vrfState, MplsHwVrfStatus& status );
-   bool retryRoutes( VrfMplsState& vrfState, MplsHwVrfStatus& status );
-   void doPublishRouteKeys( VrfMplsState& vrfState );
-   void queueForPublishing( VrfMplsState& vrfState );
-   enum class WaysOut { none, some, all };
-   WaysOut waysOutOf( const VrfMplsState& vrfState, const MplsRoute& route, bool behind ) const;
-   WaysOut waysInHardwareOf( const MplsRoute& route, bool behind ) const;
-   WaysOut waysOutOf( const L3Adjacency& l3Adj ) const;
-   WaysOut waysOutOf( const ExternalFecInfo& info ) const;
-   WaysOut judgeRoute( const VrfMplsState& vrfState, MplsRoute& route, bool behind );
-   void judgeL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   static void publishRoutesOf( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
-   static void publishRoutesProtectedBy( VrfMplsState& vrfState, const ExternalFecInfo& info );
-   void runAgainAtOnce( TimerTask& task ) const;
+   void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBacklogNotification );
 
    const MplsSmInputs in_;
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
-   U64 recoveredVrfId_ = noVrfId;        // under which hardware has what was found in it
-   bool syncAnswered_ = false;           // in the stage that waits for it
-   bool recoveredFecsToOffer_ = false;   // what waits for FECs may have changed
-   HashSet< Fib::FecId > fecsBeingLeft_; // by routes that wait for another one's answer
-   size_t viaSetsAwaitedLimit_ = 64;     // from where those that nobody uses are looked for
-   U64 lastRouteVersion_ = 0;            // the largest of any route that is gone
-   bool walksLfib_ = false;              // over all of its routes
-   U64 lastFecVersion_ = 0;              // of all FEC requests
-   bool resourceFullOwed_ = false;       // a full message that its limit did not allow
+   bool walksLfib_ = false; // over all of its routes
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;
    Ptr< Mpls::LfibTrackingSm > lfibTrackingSm_;
@@ -512,6 +202,7 @@ class VEL_EXPORT MplsSm : public Entity {
    Ptr< TimerTask > vrfTask_;
    Ptr< TimerTask > unprogrammedRouteTask_;
    Ptr< TimerTask > routePublishTask_;
+   const std::unique_ptr< Transit::Parts > parts_;
    std::unique_ptr< MplsSmReactors > reactors_;
 };
 

@@ -79,7 +79,7 @@ struct ProgramResult::Found {
 
    const L3Adjacency* l3Adj() const { return record ? record->l3Adj().get() : nullptr; }
    const ExternalFecInfo* fec() const {
-      return record && MplsSm::inFecInHardware( *record ) ? record->extFecInfo().get() : nullptr;
+      return record && record->inFecInHardware() ? record->extFecInfo().get() : nullptr;
    }
    /// False while it stays in the FEC of its earlier vias, until that of its present ones is there.
    bool inItsFec() const { return fec() && l3Adj() && l3Adj()->extFecInfo() == fec(); }

@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "tests/AssertionsThrow.h"
+#include "mpls/transit/Parts.h"
 #include "tests/LabelRig.h"
 
 namespace Vel::Test {
@@ -113,11 +113,11 @@ TEST_F( Adjacency, thatLosesItsL3AdjacencyWaitsForItsRoutes ) {
    const U64 old = l3Adj->l2Adjacency()->index();
    rig.viaSetIs( 1, { swapVia( 1, "10.0.0.2", 2, 5 ) } );
    rig.poll();
-   rig.sm->processL3Adj( *rig.state(), l3Adj->index() );
+   rig.sm->parts().l3Adjacencies.processL3Adj( *rig.state(), l3Adj->index() );
    ASSERT_NE( l3Adj->l2Adjacency()->index(), old );
    EXPECT_TRUE( rig.state()->l2AdjForReviewHas( old ) );
    rig.state()->l2AdjForReviewDel( old );
-   rig.sm->processL2Adj( *rig.state(), old );
+   rig.sm->parts().l2Adjacencies.processL2Adj( *rig.state(), old );
    EXPECT_TRUE( rig.state()->l2AdjPendingForDeleteHas( old ) ); // route 101 still points at it
    EXPECT_TRUE( rig.state()->l2AdjacencyHas( old ) );
    const U64 deleted = rig.state()->l2AdjDeleted();
@@ -130,8 +130,8 @@ TEST_F( Adjacency, thatLosesItsL3AdjacencyWaitsForItsRoutes ) {
 TEST_F( Adjacency, reprogrammingRaisesTheVersionEachTime ) {
    L3Adjacency* const l3Adj = over( 1, { swapVia( 1, "10.0.0.1", 1, 5 ) } );
    const U32 before = rig.config()->l2Adjacency( l3Adj->hwL2Adjacency() );
-   rig.sm->progHwL2Adj( rig.vrf, l3Adj->hwL2Adjacency() );
-   rig.sm->progHwL2Adj( rig.vrf, l3Adj->hwL2Adjacency() );
+   rig.sm->parts().l2Adjacencies.progHwL2Adj( rig.vrf, l3Adj->hwL2Adjacency() );
+   rig.sm->parts().l2Adjacencies.progHwL2Adj( rig.vrf, l3Adj->hwL2Adjacency() );
    EXPECT_EQ( rig.config()->l2Adjacency( l3Adj->hwL2Adjacency() ), before + 2 );
 }
 
@@ -240,25 +240,6 @@ TEST_F( Adjacency, thatBecomesATunnelLeavesHardware ) {
    EXPECT_EQ( rig.hardware->routes() + rig.hardware->adjacencies(), 0U );
    EXPECT_EQ( rig.published( 101 ), Mpls::RouteStatusCode::notProgrammed );
    EXPECT_EQ( rig.l3.arp->entrys(), 0U );
-}
-
-TEST_F( Adjacency, isClassifiedByItsVias ) {
-   EXPECT_EQ( rig.sm->findL3AdjLFibAdjType( nullptr ), L3AdjLFibAdjType::adjTypeUnknown );
-   L3Adjacency* const l3Adj = over( 1, { swapVia( 1, "10.0.0.1", 1, 5 ) } );
-   EXPECT_EQ( rig.sm->findL3AdjLFibAdjType( l3Adj ), L3AdjLFibAdjType::adjTypeRegular );
-   const IntfId group = Fib::FecId::fecIdToNexthopGroupIntfId(
-      Fib::FecId::fecIdForAdjType( Fib::AdjType::nexthopGroupAdj, 4 ) );
-   rig.viaSetIs(
-      1, { with( swapVia( 1, "10.0.0.1", 1, 5 ), group ),
-           with( swapVia( 2, "10.0.0.1", 1, 5 ), IntfId( IntfId::Kind::dynamicTunnel, 1 ) ) } );
-   EXPECT_EQ( rig.sm->findL3AdjLFibAdjType( l3Adj ), L3AdjLFibAdjType::adjTypeDynamicTunnel );
-}
-
-TEST_F( Adjacency, ofAnUnknownIndexIsABrokenInvariant ) {
-   over( 1, { swapVia( 1, "10.0.0.1", 1, 5 ) } );
-   const VelTest::AssertionsThrow throwing;
-   EXPECT_THROW( rig.sm->processL3Adj( *rig.state(), 999 ), VelTest::AssertionThrown );
-   EXPECT_THROW( rig.sm->processL2Adj( *rig.state(), 999 ), VelTest::AssertionThrown );
 }
 
 } // namespace

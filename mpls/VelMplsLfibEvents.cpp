@@ -1,0 +1,114 @@
+// MplsSm: what the LFIB announces, from there to the work sets.
+
+#include "mpls/VelMplsSm.h"
+#include "mpls/VelMplsTrace.h"
+#include "mpls/transit/Parts.h"
+
+namespace Vel {
+
+void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
+   const L3::VrfName& vrf = L3::VrfName::defaultVrf();
+   MPLS_TRACE_CALL( 3, " vrf ", vrf, " routeKey ", routeKey );
+   // Whoever walks the LFIB meets again what has been announced.
+   const U64 news = !walksLfib_ || !mplsIpRouteKeyHas( routeKey ) ? 1 : 0;
+   counters_->routesReceivedInc( news );
+   if ( !mplsRoutingEnabled( vrf ) ) {
+      MPLS_TRACE( 3, "mplsRouting disable in vrf ", vrf );
+      counters_->routesIgnoredInc( news );
+      return;
+   }
+   const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+   if ( !lfibRoute ) {
+      if ( !mplsIpRouteKeyHas( routeKey ) ) {
+         MPLS_TRACE( 7, "Ignoring LFIB route ", routeKey );
+         counters_->routesIgnoredInc( news );
+         // Wanted when it was last asked, by an LFIB that is read ahead of its announcements.
+         parts_->recovery.dropRecoveredRoute( vrf, routeKey );
+         return;
+      }
+      counters_->routesRemovedInc();
+      MPLS_TRACE( 3, "delete LFIB route ", routeKey );
+      mplsIpRouteKeyDel( routeKey );
+   } else if ( !parts_->viaSets.routeSupported( lfibRoute ) ) {
+      counters_->routesIgnoredInc( news );
+      parts_->routes.dropUnsupportedRoute( vrf, routeKey );
+      return;
+   } else {
+      counters_->routesAcceptedInc( news );
+      mplsIpRouteKeyIs( routeKey );
+      if ( mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmNormal &&
+           staleRecoveredRouteHas( routeKey ) ) {
+         MPLS_TRACE_CALL( 3, ": ", "Remove from stale routes" );
+         staleRecoveredRouteDel( routeKey );
+      }
+      MPLS_TRACE( 3, "add/update LFIB route ", routeKey );
+      parts_->routes.routeMake( parts_->vrfs.vrfStateMake( vrf ), routeKey );
+   }
+   MPLS_TRACE( 7, "routeKey for review ", routeKey );
+   if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
+      vrfState->routeKeyForReviewIs( routeKey );
+   }
+   parts_->review.doMaybeScheduleReview( vrf );
+}
+
+void MplsSm::handleLFibRoute() {
+   MPLS_TRACE_CALL( 3, " for vrf ", L3::VrfName::defaultVrf() );
+   // One that does not hold must not keep the others out: nobody else may announce them.
+   walksLfib_ = true;
+   in_.transitLfib->lfibRouteEach(
+      [this]( const Mpls::LfibRoute& route ) { handleLFibRoute( route.routeKey ); },
+      Mpls::LfibWalk::skip );
+   walksLfib_ = false;
+}
+
+void MplsSm::handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey ) {
+   MPLS_TRACE_CALL( 3, " vrf ", L3::VrfName::defaultVrf(), " key ", viaSetKey );
+   handleLFibViaSetHelper( viaSetKey, true );
+}
+
+void MplsSm::handleLFibViaSet() {
+   MPLS_TRACE_CALL( 3, " vrf ", L3::VrfName::defaultVrf() );
+   for ( const Mpls::LfibViaSetKey key : lfibTrackingStatus_->viaSetKeyBacklog() ) {
+      handleLFibViaSetHelper( key, false );
+   }
+   lfibTrackingStatus_->viaSetKeyBacklogDelAll();
+}
+
+void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBacklogNotification ) {
+   const L3::VrfName& vrf = L3::VrfName::defaultVrf();
+   MPLS_TRACE_CALL( 3, " vrf ", vrf, " key ", viaSetKey );
+   if ( !lfibTrackingStatus_ ) {
+      return;
+   }
+   counters_->viaSetsReceivedInc();
+   if ( fromBacklogNotification ) {
+      lfibTrackingStatus_->viaSetKeyBacklogDel( viaSetKey );
+   }
+   if ( !mplsRoutingEnabled( vrf ) ) {
+      MPLS_TRACE( 3, "mplsRouting disabled in vrf ", vrf, "; Not processing viaSet" );
+      return;
+   }
+   if ( !mplsStateHas( vrf ) && !lfibTrackingStatus_->viaSetKeyToRouteKeySet( viaSetKey ) ) {
+      MPLS_TRACE( 7, "No mplsState for vrf, and viaSet not used by any route" );
+      return;
+   }
+   VrfMplsState& vrfState = parts_->vrfs.vrfStateMake( vrf );
+   // The LFIB is read ahead of its announcements: another route may have found the via set, and
+   // made its adjacency, before this change of it is announced to those that did not.
+   const bool awaited = viaSetAwaitedDel( viaSetKey );
+   if ( vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
+      const U64 index = vrfState.lFibViaSetToL3Adj( viaSetKey );
+      Transit::Protection::forgetLooksForBackup( *vrfState.l3Adjacency( index ) );
+      vrfState.l3AdjForReviewIs( index );
+   } else {
+      MPLS_TRACE( 3, "No L3Adj for viaSet. Scheduling all user Routes" );
+   }
+   if ( awaited || !vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
+      parts_->routes.queueRoutesOfViaSet( vrfState, viaSetKey );
+   }
+   parts_->protection.queueWaitingForBackup( vrfState, viaSetKey,
+                                             Transit::Protection::BackupNews::changed, true );
+   parts_->review.doMaybeScheduleReviewOrDeleteVrfState( vrf ); // its users may be others' routes
+}
+
+} // namespace Vel
