@@ -42,7 +42,7 @@ ConfigWatch::ConfigWatch( const MplsHwVrfConfig& config, OperationQueue& queue,
 void ConfigWatch::onMplsRouting() {
    queue_.push( { .kind = OperationKind::mplsRouting,
                   .vrfId = config().vrfId(),
-                  .version = config().mplsRouting() } );
+                  .number = config().mplsRouting() } );
 }
 
 void ConfigWatch::onL2Adjacency( const Ptr< L2Adjacency >& adjacency ) {
@@ -78,7 +78,7 @@ void ConfigWatch::adjacencyWritten( const Ptr< L2Adjacency >& adjacency, U32 ver
    known.present = true;
    queue_.pushAdjacency( { .kind = OperationKind::adjacencyWritten,
                            .vrfId = config().vrfId(),
-                           .version = version,
+                           .number = version,
                            .adjacency = known.hwAdjacency } );
 }
 
@@ -117,7 +117,7 @@ void ConfigWatch::routeWritten( const MplsHwRoute& route ) {
    }
    queue_.push( { .kind = OperationKind::routeWritten,
                   .vrfId = config().vrfId(),
-                  .version = route.version,
+                  .number = route.version,
                   .routeKey = route.routeKey,
                   .adjacency = adjacency ? adjacency->hwAdjacency : nullptr } );
 }

@@ -226,7 +226,7 @@ Ptr< HwFec > FecUnit::adopted( FecId fecId, const std::vector< FecVia >& vias, F
 // The FEC of the earlier driver whose routes all wait for just this request, to be rewritten; or
 // null.
 Ptr< HwFec > FecUnit::replaced( FecId fecId, const std::vector< FecVia >& vias ) {
-   if ( !isLabelFec( fecId ) ) {
+   if ( !fecId.ofLabelViaSet() ) {
       return nullptr;
    }
    for ( const auto& [hwId, wantedBy] : platform_.request->mayReplace() ) {

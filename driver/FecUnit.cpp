@@ -11,11 +11,6 @@ namespace Vel::Driver {
 using Fib::FecId;
 using Fib::FecVia;
 
-// A label FEC is requested with its content; all others are other agents'.
-bool FecUnit::isLabelFec( FecId fecId ) {
-   return fecId.adjType() == Fib::AdjType::mplsV4Adj || fecId.adjType() == Fib::AdjType::mplsV6Adj;
-}
-
 class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
  public:
    RequestReactor( FecUnit& owner, const FecIdToHwFecIdRequest* request ) : owner_( owner ) {
@@ -151,7 +146,7 @@ bool FecUnit::wanted( FecId fecId, std::vector< FecVia >& vias, FecId& backup ) 
    if ( !request.hwFecIdRequestHas( fecId ) ) {
       return false;
    }
-   if ( !isLabelFec( fecId ) ) {
+   if ( !fecId.ofLabelViaSet() ) {
       const Fib::Fec* const foreign = status_.foreignFec().find( fecId );
       vias = foreign ? foreign->via : std::vector< FecVia >();
       return foreign != nullptr;
@@ -163,11 +158,9 @@ bool FecUnit::wanted( FecId fecId, std::vector< FecVia >& vias, FecId& backup ) 
    if ( fec == nullptr ) {
       return false;
    }
-   vias = fec->via;
+   const auto own = fec->primaryVia();
+   vias.assign( own.begin(), own.end() );
    backup = fec->backupFecId;
-   if ( backup != FecId() && !vias.empty() ) {
-      vias.pop_back(); // the way into the backup
-   }
    return true;
 }
 
@@ -247,7 +240,8 @@ void FecUnit::sync( FecId fecId ) {
 bool FecUnit::behind( const HwFec& fec ) const {
    std::vector< FecVia > vias;
    FecId backup;
-   return isLabelFec( fec.fecId ) && // else what its agent does is not for the library to wait for
+   return fec.fecId
+             .ofLabelViaSet() && // else what its agent does is not for the library to wait for
           ( queued_.has( fec.fecId ) || waiting_.has( fec.fecId ) ) &&
           wanted( fec.fecId, vias, backup ) && ( fec.via != vias || fec.backupFecId != backup );
 }
@@ -457,7 +451,7 @@ void FecUnit::remove( FecId fecId ) {
 Ptr< HwFec > FecUnit::takenOver( FecId fecId, const std::vector< FecVia >& vias ) {
    const FecId left = platform_.request->mayTakeOver( fecId );
    const Ptr< HwFec >* const found = fecs_.find( left );
-   if ( found == nullptr || !isLabelFec( fecId ) || !isLabelFec( left ) ||
+   if ( found == nullptr || !fecId.ofLabelViaSet() || !left.ofLabelViaSet() ||
         !platform_.request->hwFecIdRequestHas( left ) || ( *found )->recovered != 0 ||
         !fitsInPlace( **found, vias ) ) {
       return nullptr;

@@ -162,7 +162,6 @@ class FecUnit {
    struct Search;
    struct Way;
 
-   static bool isLabelFec( Fib::FecId fecId );
    static bool fitsInPlace( const HwFec& fec, const std::vector< Fib::FecVia >& vias );
    void push( Fib::FecId fecId );
    void sync( Fib::FecId fecId );

@@ -12,8 +12,16 @@ void appendText( std::string& out, const Operation& operation ) {
    if ( operation.adjacency ) {
       out += joinText( " adjacency ", operation.adjacency->index() );
    }
-   out += operation.kind == OperationKind::fecChanged ? joinText( " fec ", operation.fecId() )
-                                                      : joinText( " version ", operation.version );
+   switch ( operation.kind ) {
+   case OperationKind::fecChanged:
+      out += joinText( " fec ", operation.fecId() );
+      break;
+   case OperationKind::mplsRouting:
+      out += operation.enabled() ? " on" : " off";
+      break;
+   default:
+      out += joinText( " version ", operation.version() );
+   }
 }
 
 void OperationQueue::pushAdjacency( Operation operation ) {

@@ -54,16 +54,19 @@ namespace Vel::Driver {
 struct Operation {
    OperationKind kind = OperationKind::vrfMade;
    VrfId vrfId = 0;
-   U64 version = 0;                ///< of what was written; for a FEC see `fecId`
+   U64 number = 0;                 ///< what it is depends on the kind: see the functions below
    Mpls::RouteKey routeKey{};      ///< of a route
    Ptr< HwAdjacency > adjacency{}; ///< an adjacency, or that of a written route
 
-   /// What counts is what is requested in its turn, so that there is no version; the id takes that
-   /// place.
    static Operation ofFec( Fib::FecId fecId ) {
-      return { .kind = OperationKind::fecChanged, .version = fecId.value() };
+      return { .kind = OperationKind::fecChanged, .number = fecId.value() };
    }
-   Fib::FecId fecId() const { return Fib::FecId( version ); }
+   /// Of what was written.
+   U64 version() const { return number; }
+   /// Label forwarding is to be on.
+   bool enabled() const { return number != 0; }
+   /// There is no version: what counts is what is requested of the FEC in its turn.
+   Fib::FecId fecId() const { return Fib::FecId( number ); }
 };
 static_assert( sizeof( Operation ) == 32, "a million of them may wait" );
 /// "routeWritten vrf 0 routeKey 16001 adjacency 7 version 3"

@@ -269,7 +269,7 @@ void SoftwareSwitch::routingOffUnlessWanted( VrfId vrfId ) {
    const HwVrf* const there = vrf( vrfId );
    const MplsHwVrfConfig* const config = config_->vrfConfig( vrfId );
    if ( there && there->mplsRouting && config && !config->mplsRouting() ) {
-      queue_.push( { .kind = OperationKind::mplsRouting, .vrfId = vrfId, .version = 0 } );
+      queue_.push( { .kind = OperationKind::mplsRouting, .vrfId = vrfId, .number = 0 } );
    }
 }
 
@@ -334,7 +334,7 @@ void SoftwareSwitch::carryOut( Operation operation ) {
       if ( const MplsHwVrfConfig* const config = configOf( vrf ) ) {
          vrf.mplsRouting = config->mplsRouting();
       } else {
-         vrf.mplsRouting = operation.version != 0;
+         vrf.mplsRouting = operation.enabled();
       }
       vrf.status->mplsRoutingIs( vrf.mplsRouting );
       break;
@@ -447,7 +447,7 @@ void SoftwareSwitch::writeAdjacency( HwVrf& vrf, const Operation& operation ) {
       return;
    }
    vrf.refused->refusedAdjacencyDel( adjacency.index() );
-   const auto version = static_cast< U32 >( operation.version );
+   const auto version = static_cast< U32 >( operation.version() );
    adjacency.programmed( vias, version );
    status_->adjacencies_ += vrf.adjacency.insert( operation.adjacency );
    vrf.status->unprogrammedAdjacencyDel( l2Adjacency );
@@ -504,11 +504,11 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
       }
       return;
    }
-   const MplsHwRoute done{ key, operation.adjacency->l2Adjacency(), operation.version };
+   const MplsHwRoute done{ key, operation.adjacency->l2Adjacency(), operation.version() };
    const auto [route, made] = vrf.route.emplace( key );
    status_->routesChanged_ += claim( key, route ) && countedRoute_.insert( key );
    routeMoved( *route, std::move( operation.adjacency ), nullptr );
-   route->version = operation.version;
+   route->version = operation.version();
    status_->routes_ += made;
    vrf.refused->lostRouteDel( key );
    if ( vrf.status->unprogrammedRouteHas( key ) ) { // by whomever: the configuration holds it

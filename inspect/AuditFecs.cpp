@@ -233,7 +233,7 @@ void AuditComparison::compareFecs() {
    }
    HashSet< U64 > numbers; // of the FECs that there are
    compareFecRecords( numbers );
-   const NumAllocatorStatus* const inUse = sm_.numAllocatorStatus();
+   const NumAllocatorStatus* const inUse = sm_.numAllocatorStatus().get();
    if ( inUse == nullptr ) {
       return; // the state machine is still to begin
    }

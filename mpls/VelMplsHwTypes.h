@@ -71,7 +71,10 @@ struct MplsHwRoute {
 /// "Value('Vel::MplsHwRoute', ** {...})".
 VEL_EXPORT void appendText( std::string& out, const MplsHwRoute& route );
 
-/// What the driver is to program in one VRF. Written by the library.
+/// What the driver is to program in one VRF, under one of its numbers. Written by the library.
+///
+/// Order: an adjacency is written before the first route that points at it and removed after the
+/// last; a route is removed before its adjacency. What is written again has a higher version.
 class VEL_EXPORT MplsHwVrfConfig : public WatchedEntity {
  public:
    class Reactor : public ReactorOf< MplsHwVrfConfig > {
@@ -84,8 +87,14 @@ class VEL_EXPORT MplsHwVrfConfig : public WatchedEntity {
    // clang-format off
    ENTITY( MplsHwVrfConfig )
    KEY( VrfId, vrfId )
+   // Label forwarding is wanted. On when it is configured and the VRF has a number; off when the last
+   // route has gone. Cannot be refused.
    ATTRIBUTE( bool, mplsRouting, onMplsRouting )
+   // The version of each writing: when its vias are known or have changed, and at each retry. Removed
+   // when no route is in hardware by it any more. May be refused (`unprogrammedAdjacency`).
    COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency, onL2Adjacency )
+   // Written when its adjacency is known, and each time that it is processed again. Removed when it
+   // goes or forwards into a FEC. May be refused (`unprogrammedRoute`).
    VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
    ENTITY_END_IN_SOURCE
    // clang-format on
@@ -106,6 +115,8 @@ class VEL_EXPORT MplsHwConfig : public WatchedEntity {
    // clang-format off
    ENTITY( MplsHwConfig )
    KEY( std::string, configName )
+   // Made by the library for each number that the VRF has had; emptied under a former one, removed by
+   // nobody.
    ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfConfig, vrfConfig, onVrfConfig )
    ENTITY_END_IN_SOURCE
    // clang-format on
@@ -117,6 +128,9 @@ class VEL_EXPORT MplsHwConfig : public WatchedEntity {
 
 /// What the driver reports of one VRF. Lines marked (sm) are written by the label state machine
 /// too.
+///
+/// A writing is answered once: by `route` or `l2Adjacency` with its version when it has been carried
+/// out, by `unprogrammedRoute` or `unprogrammedAdjacency` when it has been refused.
 class VEL_EXPORT MplsHwVrfStatus : public WatchedEntity {
  public:
    class Reactor : public ReactorOf< MplsHwVrfStatus > {
@@ -131,14 +145,27 @@ class VEL_EXPORT MplsHwVrfStatus : public WatchedEntity {
    // clang-format off
    ENTITY( MplsHwVrfStatus )
    KEY( VrfId, vrfId )
-   ATTRIBUTE( bool, mplsRouting, onMplsRouting ) // acknowledges the configuration
-   COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency ) // the version carried out
+   // Acknowledges the configuration's; when it comes on, the library goes over the LFIB again.
+   ATTRIBUTE( bool, mplsRouting, onMplsRouting )
+   // The version carried out. Stays, with the older version, when a rewriting is refused; removed with
+   // the configuration's.
+   COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency )
+   // As carried out: adjacency and version. Stays, as it was, when a rewriting is refused; removed
+   // with the configuration's. One that differs from what is configured now is late, and ignored.
    VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
-   ATTRIBUTE( UnprogrammedReason, unprogrammedReason )                        // (sm)
-   SET( LabelSet, Mpls::RouteKey, unprogrammedRoute, onUnprogrammedRoute )    // (sm)
+   // (sm) Of the last refusal; written before the key is listed. The library sets it back to Success
+   // when nothing is listed any more.
+   ATTRIBUTE( UnprogrammedReason, unprogrammedReason )
+   // (sm) Refused, and tried again in intervals. The driver removes a key that it has carried out
+   // since; the library lists those that the helper refused a FEC, and removes a key that goes.
+   SET( LabelSet, Mpls::RouteKey, unprogrammedRoute, onUnprogrammedRoute )
+   // Refused, and tried again in intervals. The driver removes what it has carried out since, and what
+   // has left the configuration.
    SET( HashSet, Ptr< Mpls::Hardware::L2Adjacency >, unprogrammedAdjacency, onUnprogrammedAdjacency )
-   COLLECTION( Hash, U16, U32, mcastHwId )                    // (sm) hardware id of a multicast group
-   COLLECTION( Hash, U16, U32, mcastHwIdSeq, onMcastHwIdSeq ) // (sm) counts the changes of it
+   // (sm) Hardware id of a multicast group, and how often it has changed: the library's, with the
+   // answers of the multicast group service. A driver leaves both alone.
+   COLLECTION( Hash, U16, U32, mcastHwId )
+   COLLECTION( Hash, U16, U32, mcastHwIdSeq, onMcastHwIdSeq )
    ENTITY_END_IN_SOURCE
    // clang-format on
 
@@ -161,9 +188,11 @@ class VEL_EXPORT MplsHwStatus : public WatchedEntity {
    // clang-format off
    ENTITY( MplsHwStatus )
    KEY( std::string, statusName )
+   // Made by the driver when it meets the VRF's configuration, removed when it stops carrying it out.
    ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfStatus, vrfStatus, onVrfStatus )
-   ATTRIBUTE( U32, maxEcmpSize )           // for other consumers
-   ATTRIBUTE( bool, lfibCountersSupported ) // for other consumers
+   // Written by the driver once, for other agents; the library reads neither.
+   ATTRIBUTE( U32, maxEcmpSize )
+   ATTRIBUTE( bool, lfibCountersSupported )
    ENTITY_END_IN_SOURCE
    // clang-format on
 

@@ -99,7 +99,7 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    if ( vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       const U64 index = vrfState.lFibViaSetToL3Adj( viaSetKey );
       Transit::Protection::forgetLooksForBackup( *vrfState.l3Adjacency( index ) );
-      vrfState.l3AdjForReviewIs( index );
+      vrfState.l3AdjForReviewIs( index, L3AdjReview::viaSetChanged );
    } else {
       MPLS_TRACE( 3, "No L3Adj for viaSet. Scheduling all user Routes" );
    }

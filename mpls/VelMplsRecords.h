@@ -82,18 +82,32 @@ struct EnumNames< L3AdjLFibAdjType > {
         { L3AdjLFibAdjType::adjTypeNexthopGroup, "adjTypeNexthopGroup" } } };
 };
 
-/// Why an L3 adjacency is to be reviewed.
+/// Why an L3 adjacency is to be reviewed; of several reasons the last.
 enum class L3AdjReview : U32 {
-   none = 0,      ///< it is not
-   routeLeft = 1, ///< whether it can go: nothing that it is made of depends on its routes
-   changed = 2,   ///< to be programmed as its via set says now
+   none = 0,          ///< it is not
+   routeLeft,         ///< whether it can go: nothing that it is made of depends on its routes
+   made,              ///< it is new
+   viaSetChanged,     ///< or may have changed: the LFIB is read ahead of its announcements
+   nextHopChanged,    ///< one that it resolves through
+   l2AdjReported,     ///< the driver has refused its L2 adjacency, or does so no longer
+   fecAnswered,       ///< its FEC has another hardware id, or none
+   backupNews,        ///< what it waits for under a backup's via set, or a backup's FEC
+   protectionChanged, ///< whom it protects, or where the pop of those that share its protection is
+   routingOn,         ///< what changed while label forwarding was off went unheard
 };
 template<>
 struct EnumNames< L3AdjReview > {
-   static constexpr std::array< std::pair< L3AdjReview, std::string_view >, 3 > names{
+   static constexpr std::array< std::pair< L3AdjReview, std::string_view >, 10 > names{
       { { L3AdjReview::none, "none" },
         { L3AdjReview::routeLeft, "routeLeft" },
-        { L3AdjReview::changed, "changed" } } };
+        { L3AdjReview::made, "made" },
+        { L3AdjReview::viaSetChanged, "viaSetChanged" },
+        { L3AdjReview::nextHopChanged, "nextHopChanged" },
+        { L3AdjReview::l2AdjReported, "l2AdjReported" },
+        { L3AdjReview::fecAnswered, "fecAnswered" },
+        { L3AdjReview::backupNews, "backupNews" },
+        { L3AdjReview::protectionChanged, "protectionChanged" },
+        { L3AdjReview::routingOn, "routingOn" } } };
 };
 
 /// What an adjacency waits for before it can have the backup that its via set names.
@@ -445,11 +459,10 @@ class VEL_EXPORT VrfMplsState : public Entity {
    /// Nothing is left that a VRF's state is kept for.
    bool idle() const;
 
+   /// The adjacency is queued to be programmed, whatever for.
    bool isAdjPendingForReview( U64 index ) const {
-      return l3AdjForReview( index ) == L3AdjReview::changed;
+      return l3AdjForReview( index ) > L3AdjReview::routeLeft;
    }
-   /// Queues the adjacency to be programmed.
-   void l3AdjForReviewIs( U64 index ) { l3AdjForReviewIs( index, L3AdjReview::changed ); }
    /// A route has left the adjacency, which may go; whatever else it is queued for counts for more.
    void l3AdjLeftIs( U64 index ) {
       if ( !l3AdjForReviewHas( index ) ) {

@@ -2,6 +2,8 @@
 
 #include "mpls/VelMplsSm.h"
 
+#include <utility>
+
 #include "mpls/VelMplsReactors.h"
 #include "mpls/VelMplsTrace.h"
 #include "mpls/transit/Parts.h"
@@ -26,13 +28,6 @@ constexpr double fecIndexExpirySeconds = 10.0;
 constexpr U64 minMcastGroupId = 1;
 constexpr U64 maxMcastGroupId = 65535;
 constexpr double mcastGroupIdExpirySeconds = 60.0;
-
-Ptr< NumAllocator > makeAllocator( U64 min, U64 max, double expirySeconds,
-                                   const Ptr< Clock >& clock ) {
-   auto config = make< NumAllocatorConfig >( min, max );
-   config->expiryTimeIs( expirySeconds );
-   return make< NumAllocator >( config, make< NumAllocatorStatus >(), clock );
-}
 
 } // namespace
 
@@ -137,11 +132,15 @@ void MplsSm::doInitialize() {
    }
    handleMplsRouting( mplsRoutingEnabled( L3::VrfName::defaultVrf() ) );
    parts_->nextHops.handleNexthopResolutionAllowDefaultRoute();
-   numAllocator_ = makeAllocator( 0, maxFecIndex, fecIndexExpirySeconds, in_.clock );
+   numAllocatorConfigIs( 0, maxFecIndex );
+   numAllocatorStatusIs();
+   numAllocatorIs();
    lfibTrackingSm_ = make< Mpls::LfibTrackingSm >(
       "MplsSm-TrackingSm", in_.transitLfib, lfibTrackingStatus_, Mpls::LfibTrackingMode::viaSets );
+   auto mcastGroupIds = make< NumAllocatorConfig >( minMcastGroupId, maxMcastGroupId );
+   mcastGroupIds->expiryTimeIs( mcastGroupIdExpirySeconds );
    numAllocatorMcastGroupId_ =
-      makeAllocator( minMcastGroupId, maxMcastGroupId, mcastGroupIdExpirySeconds, in_.clock );
+      make< NumAllocator >( std::move( mcastGroupIds ), make< NumAllocatorStatus >(), in_.clock );
    initializedIs( true );
    handleLFibViaSet();
    handleMplsRouteSyncMap();
@@ -173,6 +172,21 @@ void MplsSm::clearOutputs() {
       in_.hwFecIdRequest->mayReplaceDelAll();
       in_.hwFecIdRequest->mayTakeOverDelAll();
    }
+}
+
+void MplsSm::numAllocatorConfigIs( U64 min, U64 max ) {
+   numAllocatorConfig_ = make< NumAllocatorConfig >( min, max );
+   numAllocatorConfig_->expiryTimeIs( fecIndexExpirySeconds );
+}
+
+void MplsSm::numAllocatorStatusIs() {
+   numAllocatorStatus_ = make< NumAllocatorStatus >();
+}
+
+void MplsSm::numAllocatorIs() {
+   MPLS_ASSERT( numAllocatorConfig_ && numAllocatorStatus_,
+                "numAllocatorConfig() && numAllocatorStatus()", name() );
+   numAllocator_ = make< NumAllocator >( numAllocatorConfig_, numAllocatorStatus_, in_.clock );
 }
 
 // --- Capabilities: constant while the inputs do not change.

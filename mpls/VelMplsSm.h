@@ -57,6 +57,7 @@
 #include "mpls/VelMplsCounters.h"
 #include "mpls/VelMplsSmInputs.h"
 #include "mpls/VelMplsTypes.h"
+#include "platform/entity/ReadOnly.h"
 #include "platform/lfib/LfibTracking.h"
 #include "platform/services/NumAllocator.h"
 
@@ -66,6 +67,14 @@ class MplsSmReactors;
 namespace Transit {
 struct Parts;
 }
+
+/// An input, to be read by its name and shown like an attribute.
+#define MPLS_SM_INPUT( foo )                                                                       \
+ public:                                                                                           \
+   const decltype( MplsSmInputs::foo )& foo() const {                                              \
+      return in_.foo;                                                                              \
+   }                                                                                               \
+   DERIVED( foo )
 
 /// The state machine of transit and IP-lookup label routes.
 class VEL_EXPORT MplsSm : public Entity {
@@ -93,6 +102,40 @@ class VEL_EXPORT MplsSm : public Entity {
    SET( LabelSet, Mpls::RouteKey, recoveredRoute )                           // in the sync map, not written or removed since
    ATTRIBUTE_DEFAULT( double, maxStaleShare, { 1.0 } )                       // of the recovered routes; more are not dropped unasked
    ATTRIBUTE( bool, staleSweepHeld )                                         // for that reason, until it is approved
+   READ_ONLY( Ptr< TimerTask >, vrfTask )
+   READ_ONLY( Ptr< TimerTask >, unprogrammedRouteTask )
+   READ_ONLY( Ptr< TimerTask >, routePublishTask )
+   READ_ONLY( Ptr< Mpls::LfibTrackingStatus >, lfibTrackingStatus )
+   READ_ONLY( Ptr< Mpls::LfibTrackingSm >, lfibTrackingSm )
+   READ_ONLY( Ptr< NumAllocatorConfig >, numAllocatorConfig )                // of FEC indices, none before it is initialized
+   READ_ONLY( Ptr< NumAllocatorStatus >, numAllocatorStatus )
+   READ_ONLY( Ptr< NumAllocator >, numAllocator )
+   READ_ONLY( Ptr< NumAllocator >, numAllocatorMcastGroupId )
+   READ_ONLY( Ptr< const FecIdToHwFecIdRequest >, mplsMcastAdjReq )          // as the entity manager has them
+   READ_ONLY( Ptr< const FecIdToHwFecIdResponse >, mplsMcastAdjResp )
+   MPLS_SM_INPUT( lfibInfo )
+   MPLS_SM_INPUT( mplsRoutingInfo )
+   MPLS_SM_INPUT( transitLfib )
+   MPLS_SM_INPUT( lfibHwStatus )
+   MPLS_SM_INPUT( routingHwRouteStatus )
+   MPLS_SM_INPUT( routingHwMplsStatus )
+   MPLS_SM_INPUT( routeReactorConfig )
+   MPLS_SM_INPUT( route6ReactorConfig )
+   MPLS_SM_INPUT( mplsHwConfig )
+   MPLS_SM_INPUT( mplsHwStatus )
+   MPLS_SM_INPUT( velL3Status )
+   MPLS_SM_INPUT( proactiveArpNhSm )
+   MPLS_SM_INPUT( entityManager )
+   MPLS_SM_INPUT( hwFecIdRequest )
+   MPLS_SM_INPUT( hwFecIdResponse )
+   MPLS_SM_INPUT( mplsSmHelper )
+   MPLS_SM_INPUT( mplsRouteSyncMap )
+   MPLS_SM_INPUT( inputStatusSummary )
+   MPLS_SM_INPUT( velL3StartupStagePrereqs )
+   MPLS_SM_INPUT( attrLogSm )
+   MPLS_SM_INPUT( mcastGroupProgConfig )
+   MPLS_SM_INPUT( clock )
+   MPLS_SM_INPUT( scheduler )
    ENTITY_END_IN_SOURCE
    // clang-format on
 
@@ -105,18 +148,14 @@ class VEL_EXPORT MplsSm : public Entity {
    const Ptr< MplsSmCounters >& counters() const { return counters_; }
    MplsSmStartupStatus mplsSmStartupStatus() const { return mplsSmStartupStatus_; }
    void mplsSmStartupStatusIs( MplsSmStartupStatus status );
-   TimerTask* vrfTask() const { return vrfTask_.get(); }
-   TimerTask* unprogrammedRouteTask() const { return unprogrammedRouteTask_.get(); }
-   TimerTask* routePublishTask() const { return routePublishTask_.get(); }
-   Mpls::LfibTrackingStatus* lfibTrackingStatus() const { return lfibTrackingStatus_.get(); }
-   Mpls::LfibTrackingSm* lfibTrackingSm() const { return lfibTrackingSm_.get(); }
-   /// Of FEC indices, none before the state machine is initialized. Config and status hang on it,
-   /// as with the one of multicast groups.
-   NumAllocator* numAllocator() const { return numAllocator_.get(); }
-   NumAllocatorStatus* numAllocatorStatus() const {
-      return numAllocator_ ? numAllocator_->status().get() : nullptr;
-   }
-   NumAllocator* numAllocatorMcastGroupId() const { return numAllocatorMcastGroupId_.get(); }
+
+   // The allocator of FEC indices is made of its range, of what is in use, and of the clock.
+   void numAllocatorConfigIs( U64 min, U64 max );
+   void numAllocatorStatusIs();
+   void numAllocatorIs();
+   void numAllocatorDel() { numAllocator_ = nullptr; }
+   void numAllocatorConfigDel() { numAllocatorConfig_ = nullptr; }
+   void numAllocatorStatusDel() { numAllocatorStatus_ = nullptr; }
 
    // --- Capabilities
 
@@ -179,9 +218,6 @@ class VEL_EXPORT MplsSm : public Entity {
    /// Why an adjacency waits for its backup, in words; empty when it does not.
    std::string backupWaitReason( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
 
-   const Ptr< const FecIdToHwFecIdRequest >& mplsMcastAdjReq() const { return mplsMcastAdjReq_; }
-   const Ptr< const FecIdToHwFecIdResponse >& mplsMcastAdjResp() const { return mplsMcastAdjResp_; }
-
    /// Inside the library only.
    Transit::Parts& parts() const { return *parts_; }
 
@@ -193,18 +229,11 @@ class VEL_EXPORT MplsSm : public Entity {
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
    bool walksLfib_ = false; // over all of its routes
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
-   Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus_;
-   Ptr< Mpls::LfibTrackingSm > lfibTrackingSm_;
-   Ptr< NumAllocator > numAllocator_;
-   Ptr< NumAllocator > numAllocatorMcastGroupId_;
-   Ptr< const FecIdToHwFecIdRequest > mplsMcastAdjReq_;
-   Ptr< const FecIdToHwFecIdResponse > mplsMcastAdjResp_;
-   Ptr< TimerTask > vrfTask_;
-   Ptr< TimerTask > unprogrammedRouteTask_;
-   Ptr< TimerTask > routePublishTask_;
    const std::unique_ptr< Transit::Parts > parts_;
    std::unique_ptr< MplsSmReactors > reactors_;
 };
+
+#undef MPLS_SM_INPUT
 
 /// Makes the state machine, which starts at once.
 VEL_EXPORT Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs ); // NOLINT(readability-identifier-naming)

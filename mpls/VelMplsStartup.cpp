@@ -85,7 +85,9 @@ void MplsSm::maybeTransitionToWaitingForSync( const L3::VrfName& vrf ) {
    MPLS_TRACE( 3, "No route or L3Adj for review, moving to waitingForSync stage" );
    mplsSmStartupStatusIs( MplsSmStartupStatus::mplsSmWaitingForSyncResponses );
    if ( vrfState ) {
-      parts_->recovery.recordAdjSyncIds( *vrfState );
+      for ( const auto& [index, l3Adj] : vrfState->l3Adjacency() ) {
+         parts_->recovery.recordAdjSyncId( *l3Adj ); // its routes are all there only now
+      }
    }
    in_.hwFecIdRequest->syncRequestsReadyIs( true );
 }

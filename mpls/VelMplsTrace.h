@@ -1,4 +1,4 @@
-// The trace handle of MplsSm and what its rooms trace with. Not for other users.
+// The trace handle of MplsSm and what its parts trace with. Not for other users.
 
 #pragma once
 

@@ -38,7 +38,7 @@ void MplsSm::handleMplsRouting( bool enabled ) {
          // Changes of via sets went unheard while routing was off; what was not deleted meanwhile
          // may be out of date.
          for ( const auto& [index, l3Adj] : vrfState->l3Adjacency() ) {
-            vrfState->l3AdjForReviewIs( index );
+            vrfState->l3AdjForReviewIs( index, L3AdjReview::routingOn );
          }
       }
       handleLFibRoute();

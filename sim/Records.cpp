@@ -23,10 +23,6 @@ void expectNone( size_t count, const Parts&... parts ) {
    }
 }
 
-bool ours( Fib::FecId fecId ) {
-   return fecId.isA( Fib::AdjType::mplsV4Adj ) || fecId.isA( Fib::AdjType::mplsV6Adj );
-}
-
 void checkRoutes( const World& world, const VrfMplsState& state ) {
    const MplsHwConfig& hwConfig = *world.entities().mplsHwConfig;
    for ( const auto& [key, route] : state.route() ) {
@@ -224,7 +220,7 @@ void checkRecordsAtRest( const World& world ) {
    if ( world.entities().hwFecIdRequest ) {
       size_t own = 0;
       for ( const auto& [fecId, info] : state->extFecInfo() ) {
-         own += ours( fecId );
+         own += fecId.ofLabelViaSet();
          const HwFecId& answer = world.entities().hwFecIdResponse->hwFecId( fecId );
          expect( info->hwId() == answer.hwId && info->carriedOut() == answer.version, "FEC ", fecId,
                  " has not heard of its answer" );

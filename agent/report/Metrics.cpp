@@ -76,15 +76,15 @@ class MetricWriter {
 };
 
 void writeTasks( MetricWriter& writer, const MplsSm& sm ) {
-   const std::array< const TimerTask*, 3 > tasks{ sm.vrfTask(), sm.unprogrammedRouteTask(),
+   const std::array< Ptr< TimerTask >, 3 > tasks{ sm.vrfTask(), sm.unprogrammedRouteTask(),
                                                   sm.routePublishTask() };
    writer.begin( "task_runs_total", "counter", "Runs of a task." );
-   for ( const TimerTask* const task : tasks ) {
+   for ( const Ptr< TimerTask >& task : tasks ) {
       writer.sample( "task_runs_total", task->runs(),
                      joinText( "task=\"", task->taskName(), "\"" ) );
    }
    writer.begin( "task_yields_total", "counter", "Runs of a task that were cut short." );
-   for ( const TimerTask* const task : tasks ) {
+   for ( const Ptr< TimerTask >& task : tasks ) {
       writer.sample( "task_yields_total", task->yields(),
                      joinText( "task=\"", task->taskName(), "\"" ) );
    }

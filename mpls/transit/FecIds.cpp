@@ -94,8 +94,7 @@ Fib::FecId FecIds::getFecIdForRequest( const L3Adjacency& l3Adj,
 
 void FecIds::freeMplsFecId( Fib::FecId fecId, VrfMplsState& vrfState ) {
    MPLS_TRACE_CALL( 8, ": fecId: ", fecId );
-   const Fib::AdjType type = fecId.adjType();
-   if ( type != Fib::AdjType::mplsV4Adj && type != Fib::AdjType::mplsV6Adj ) {
+   if ( !fecId.ofLabelViaSet() ) {
       return; // of a via, or another agent's
    }
    sm_.numAllocator()->releaseNumber( fecId.index() );

@@ -187,10 +187,7 @@ Fib::Fec Fecs::fecOf( Fib::FecId fecId, const CachedLFibMplsViaColl& mplsVias, b
       MPLS_TRACE( 3, "no room for the backup fec ", backup, " beside the vias of fec ", fecId );
       return fec;
    }
-   Fib::FecVia via;
-   via.intf = Fib::FecId::fecIdToHierarchicalIntfId( backup );
-   fec.viaAdd( via );
-   fec.backupFecId = backup;
+   fec.backupAdd( backup );
    return fec;
 }
 
@@ -234,7 +231,7 @@ void Fecs::requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib::F
                      fecId );
       }
    }
-   parts_.recovery.recordAdjSyncId( l3Adj, fecId );
+   parts_.recovery.recordAdjSyncId( l3Adj );
    if ( !info->isAnswer( in_.hwFecIdResponse->hwFecId( fecId ) ) ) {
       handleHwFecIdResponse( fecId ); // a hardware layer without delay has answered already
    }
@@ -352,7 +349,7 @@ void Fecs::handleHwFecIdResponse( Fib::FecId fecId ) {
    if ( info ) {
       for ( L3Adjacency* const l3Adj : info->dependentL3Adjacency() ) {
          MPLS_TRACE( 3, "add l3 adj ", l3Adj->index(), " for review" );
-         vrfState->l3AdjForReviewIs( l3Adj->index() );
+         vrfState->l3AdjForReviewIs( l3Adj->index(), L3AdjReview::fecAnswered );
          for ( const Mpls::RouteKey routeKey : l3Adj->routeKey() ) {
             vrfState->routeKeyForReviewIs( routeKey );
          }

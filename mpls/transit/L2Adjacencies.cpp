@@ -77,7 +77,7 @@ void L2Adjacencies::processL2Adj( VrfMplsState& vrfState, U64 index ) {
    MplsL2Adjacency* const l2Adj = vrfState.l2Adjacency( index );
    MPLS_ASSERT( l2Adj, "l2Adj", textOf( index ) );
    if ( l2Adj->l3Adjacencys() != 0 ) {
-      parts_.nextHops.queueL3AdjsForReview( vrfState, l2Adj->l3Adjacency() );
+      NextHops::queueL3AdjsForReview( vrfState, l2Adj->l3Adjacency(), L3AdjReview::l2AdjReported );
       return;
    }
    MPLS_TRACE( 3, "delete l2 adj ", index );

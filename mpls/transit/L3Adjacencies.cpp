@@ -32,7 +32,7 @@ bool L3Adjacencies::maybeQueueStaleL3Adj( VrfMplsState& vrfState, Mpls::LfibViaS
       l3Adj.contentSameAtIs( announced );
       return false;
    }
-   vrfState.l3AdjForReviewIs( l3Adj.index() );
+   vrfState.l3AdjForReviewIs( l3Adj.index(), L3AdjReview::viaSetChanged );
    return true;
 }
 
@@ -41,8 +41,7 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    L3Adjacency* const l3Adj = vrfState.l3Adjacency( index );
    MPLS_ASSERT( l3Adj, "l3Adj", textOf( index ) );
    const Mpls::LfibViaSetKey viaSetKey = l3Adj->lFibViaSetKey();
-   MPLS_ASSERT( viaSetKey.viaType() == Mpls::viaTypeMplsIp ||
-                   viaSetKey.viaType() == Mpls::viaTypeExternalFec,
+   MPLS_ASSERT( isTransit( viaSetKey.viaType() ),
                 "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_ || "
                 "lFibViaSetKey.viaType() == Mpls::viaTypeExternalFec_",
                 textOf( viaSetKey ) );
@@ -260,7 +259,6 @@ void L3Adjacencies::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3A
    MPLS_TRACE( 3, " Set hardware info for l3Adj ", l3Adj.index() );
    Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj.index() );
    MPLS_ASSERT( hwAdj, "hwAdj", l3Adj.fullName() );
-   hwAdj->viaSetTypeIs( viaSet.key().viaSetType() );
    MPLS_ASSERT( viaSet.key().viaType() == Mpls::viaTypeMplsIp,
                 "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_", textOf( viaSet.key() ) );
    if ( adjType == L3AdjLFibAdjType::adjTypeRegular ) {
@@ -269,6 +267,7 @@ void L3Adjacencies::setHwAdjacencyVias( VrfMplsState& vrfState, L3Adjacency& l3A
       if ( l3Adj.nextHops() != 0 ) { // its routes stay where they are until the FEC is answered
          carryByFormer( vrfState, l3Adj, routesInHardware( vrfState, l3Adj, false ) );
       }
+      hwAdj->viaSetTypeIs( viaSet.key().viaSetType() );
       releaseVias( vrfState, l3Adj ); // of an earlier content
       for ( const auto& [viaIndex, via] : vias.via() ) {
          Mpls::Hardware::AdjacencyVia hwVia = NextHops::hwViaOf( via );

@@ -272,11 +272,11 @@ void NextHops::unwatchWithMNHSM( const L3::VrfName& vrf, const MplsNextHop& next
    in_.proactiveArpNhSm->removeEntry( vrf, nextHop.nextHopIp(), nextHop.l3Intf() );
 }
 
-void NextHops::queueL3AdjsForReview( VrfMplsState& vrfState,
-                                     const HashSet< L3Adjacency* >& l3Adjs ) {
+void NextHops::queueL3AdjsForReview( VrfMplsState& vrfState, const HashSet< L3Adjacency* >& l3Adjs,
+                                     L3AdjReview why ) {
    for ( const L3Adjacency* const l3Adj : l3Adjs ) {
       MPLS_TRACE( 3, "add l3 adj ", l3Adj->index(), " for review" );
-      vrfState.l3AdjForReviewIs( l3Adj->index() );
+      vrfState.l3AdjForReviewIs( l3Adj->index(), why );
    }
 }
 
@@ -284,7 +284,7 @@ void NextHops::handleNexthopResolutionAllowDefaultRoute() {
    MPLS_TRACE_CALL( 3 );
    for ( const auto& [vrf, vrfState] : sm_.mplsState() ) {
       for ( const auto& [key, nextHop] : vrfState->mplsNextHop() ) {
-         queueL3AdjsForReview( *vrfState, nextHop->resolvedByRR() );
+         queueL3AdjsForReview( *vrfState, nextHop->resolvedByRR(), L3AdjReview::nextHopChanged );
       }
       parts_.review.doMaybeScheduleReview( vrf );
    }
@@ -295,7 +295,7 @@ void NextHops::handleNextHop( const NextHopKey& key ) {
    sm_.counters()->nextHopsReceivedInc();
    for ( const auto& [vrf, vrfState] : sm_.mplsState() ) {
       if ( const MplsNextHop* const nextHop = vrfState->mplsNextHop( { key.addr, key.intf } ) ) {
-         queueL3AdjsForReview( *vrfState, nextHop->resolvedByMNH() );
+         queueL3AdjsForReview( *vrfState, nextHop->resolvedByMNH(), L3AdjReview::nextHopChanged );
          parts_.review.doMaybeScheduleReview( vrf );
       }
    }
@@ -314,7 +314,7 @@ void NextHops::handleResolvedNexthop( const VrfAndIpGenAddr& vrfAddr ) {
    }
    if ( const MplsNextHop* const nextHop =
            vrfState->mplsNextHop( { vrfAddr.ipGenAddr, IntfId() } ) ) {
-      queueL3AdjsForReview( *vrfState, nextHop->resolvedByRR() );
+      queueL3AdjsForReview( *vrfState, nextHop->resolvedByRR(), L3AdjReview::nextHopChanged );
       parts_.review.doMaybeScheduleReview( vrfAddr.vrfName );
    }
 }

@@ -37,7 +37,8 @@ class NextHops : private Part {
    void deleteL3AdjRefs( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void unwatchWithRR( const L3::VrfName& vrf, const IpGenAddr& nh );
    void unwatchWithMNHSM( const L3::VrfName& vrf, const MplsNextHop& nextHop );
-   void queueL3AdjsForReview( VrfMplsState& vrfState, const HashSet< L3Adjacency* >& l3Adjs );
+   static void queueL3AdjsForReview( VrfMplsState& vrfState, const HashSet< L3Adjacency* >& l3Adjs,
+                                     L3AdjReview why );
    void handleNexthopResolutionAllowDefaultRoute();
    void handleNextHop( const NextHopKey& key );
    void handleResolvedV4Nexthop( const VrfAndIpAddr& vrfAddr );

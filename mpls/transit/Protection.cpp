@@ -20,9 +20,7 @@ Mpls::LfibViaSetKey backupKeyOf( const Mpls::LfibViaSet& viaSet ) {
       MPLS_TRACE( 3, "viaSet idx ", key.index(), " names itself as its backup; going without" );
       return {};
    }
-   const bool usable =
-      key.viaType() == Mpls::viaTypeMplsIp || key.viaType() == Mpls::viaTypeExternalFec;
-   if ( key.empty() || ( usable && !key.multicast() ) ) {
+   if ( key.empty() || ( isTransit( key.viaType() ) && !key.multicast() ) ) {
       return key;
    }
    MPLS_TRACE( 3, "backup viaSet idx ", key.index(), " viaType ", key.viaType(),
@@ -119,7 +117,7 @@ void Protection::makeBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    setHwBackupAdjStatus( vrfState, l3Adj );
    MPLS_TRACE( 3, "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
                " not yet up for review, kicking off review and backing off" );
-   vrfState.l3AdjForReviewIs( backup->index() );
+   vrfState.l3AdjForReviewIs( backup->index(), L3AdjReview::made );
 }
 
 void Protection::linkBackupAdj( L3Adjacency& l3Adj, L3Adjacency& backup ) {
@@ -146,7 +144,8 @@ void Protection::deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency
       if ( l3Adj.labelAction() == MplsLabelAction::pop ) {
          backup->poppingPrimarysIs( backup->poppingPrimarys() - 1 );
       }
-      vrfState.l3AdjForReviewIs( backup->index() ); // it goes when nothing else uses it
+      vrfState.l3AdjForReviewIs(
+         backup->index(), L3AdjReview::protectionChanged ); // it goes when nothing else uses it
    }
    in_.routingHwMplsStatus->adjacencyBackupStatusDel( l3Adj.index() );
    l3Adj.backupAdjIs( nullptr );
@@ -176,7 +175,7 @@ void Protection::waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    }
    l3Adj.awaitedBackupIs( awaited );
    if ( awaits == BackupAwaits::viaSet && awaited.looks <= maxLooksForBackup ) {
-      vrfState.l3AdjForReviewIs( l3Adj.index() );
+      vrfState.l3AdjForReviewIs( l3Adj.index(), L3AdjReview::backupNews );
    }
 }
 
@@ -212,7 +211,7 @@ void Protection::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSet
       L3Adjacency& l3Adj = *vrfState.l3Adjacency( index );
       if ( l3Adj.awaitedBackup().awaits == BackupAwaits::otherFec ) {
          if ( fecChanged ) {
-            vrfState.l3AdjForReviewIs( index );
+            vrfState.l3AdjForReviewIs( index, L3AdjReview::backupNews );
          }
          continue;
       }
@@ -224,7 +223,7 @@ void Protection::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSet
       }
       if ( fit || ( awaitsReview && l3Adj.awaitedBackup().looks <= maxLooksForBackup ) ) {
          MPLS_TRACE( 3, "add l3 adj ", index, " for review" );
-         vrfState.l3AdjForReviewIs( index );
+         vrfState.l3AdjForReviewIs( index, L3AdjReview::backupNews );
       }
    }
 }
@@ -253,7 +252,7 @@ std::string Protection::backupWaitReason( const VrfMplsState& vrfState,
 void Protection::queuePrimaries( VrfMplsState& vrfState, const L3Adjacency& l3Adj ) {
    for ( const U64 primary : l3Adj.primaryAdj() ) {
       MPLS_TRACE( 3, "add l3 adj ", primary, " for review" );
-      vrfState.l3AdjForReviewIs( primary );
+      vrfState.l3AdjForReviewIs( primary, L3AdjReview::backupNews );
    }
 }
 
@@ -261,7 +260,7 @@ void Protection::queuePrimariesOf( VrfMplsState& vrfState, const ExternalFecInfo
    for ( const ExternalFecInfo* const primary : info.dependentPrimaryExtFecInfo() ) {
       for ( const L3Adjacency* const l3Adj : primary->dependentL3Adjacency() ) {
          MPLS_TRACE( 3, "add l3 adj ", l3Adj->index(), " for review" );
-         vrfState.l3AdjForReviewIs( l3Adj->index() );
+         vrfState.l3AdjForReviewIs( l3Adj->index(), L3AdjReview::backupNews );
       }
    }
 }
@@ -338,26 +337,24 @@ bool Protection::allPop( const L3Adjacency& backup ) {
 }
 
 bool Protection::processRemovePopDependencies( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
-   L3Adjacency* const backup = l3Adj.primaryAdjs() != 0 ? &l3Adj : l3Adj.backupAdj().get();
-   const bool removed = backup && allPop( *backup );
-   const auto changed = [&]( const L3Adjacency& member ) {
+   const auto changed = []( const L3Adjacency& member ) {
       ExternalFecInfo* const info = member.extFecInfo().get();
       if ( info == nullptr ) {
          return false; // it is still to be processed
       }
-      info->shouldRemovePopLabelActionIs( removed && member.labelAction() == MplsLabelAction::pop );
+      info->shouldRemovePopLabelActionIs( shouldRemovePop( member ) );
       return info->shouldRemovePopLabelAction() != info->popLabelActionRemoved();
    };
    const auto queueIfChanged = [&]( const L3Adjacency* member ) {
       if ( member && member != &l3Adj && changed( *member ) ) {
          MPLS_TRACE( 3, "add l3 adj ", member->index(), " for review" );
-         vrfState.l3AdjForReviewIs( member->index() );
+         vrfState.l3AdjForReviewIs( member->index(), L3AdjReview::protectionChanged );
       }
    };
-   if ( backup ) {
+   if ( L3Adjacency* const backup = l3Adj.primaryAdjs() != 0 ? &l3Adj : l3Adj.backupAdj().get() ) {
       queueIfChanged( backup );
-      if ( backup->popsTold() != removed ) { // else they have been asked before
-         backup->popsToldIs( removed );
+      if ( backup->popsTold() != allPop( *backup ) ) { // else they have been asked before
+         backup->popsToldIs( allPop( *backup ) );
          for ( const U64 index : backup->primaryAdj() ) {
             queueIfChanged( vrfState.l3Adjacency( index ) );
          }

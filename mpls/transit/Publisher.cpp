@@ -13,11 +13,10 @@ namespace {
 // leaves by them; which of two ways one of ours took that is not protected any more is of the time
 // before.
 AdjHwState hwStateOf( const ExternalFecInfo& info ) {
-   const bool ours =
-      info.fecId().isA( Fib::AdjType::mplsV4Adj ) || info.fecId().isA( Fib::AdjType::mplsV6Adj );
    const AdjHwState state = info.adjState();
-   return ours && !info.backupExtFecInfo() && state != AdjHwState::down ? AdjHwState::unknown
-                                                                        : state;
+   return info.fecId().ofLabelViaSet() && !info.backupExtFecInfo() && state != AdjHwState::down
+             ? AdjHwState::unknown
+             : state;
 }
 
 } // namespace

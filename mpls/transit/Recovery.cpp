@@ -190,40 +190,26 @@ void Recovery::deleteRecoveredRoute( Mpls::RouteKey routeKey ) {
    }
 }
 
-void Recovery::recordAdjSyncId( const L3Adjacency& l3Adj, Fib::FecId fecId ) {
-   if ( !in_.mplsRouteSyncMap || sm_.mplsSmStartupStatus() == MplsSmStartupStatus::mplsSmNormal ) {
+void Recovery::recordAdjSyncId( const L3Adjacency& l3Adj ) {
+   if ( !in_.mplsRouteSyncMap || !l3Adj.extFecInfo() ||
+        sm_.mplsSmStartupStatus() == MplsSmStartupStatus::mplsSmNormal ) {
       return;
    }
+   Hash< AdjSyncId, U64 > routesOf;
+   AdjSyncIdEntry entry{ l3Adj.extFecInfo()->fecId(), 0 };
+   U64 most = 0;
    for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
       if ( in_.mplsRouteSyncMap->adjSyncIdHas( routeKey ) ) {
-         in_.hwFecIdRequest->adjSyncIdMapIs(
-            { fecId, in_.mplsRouteSyncMap->adjSyncId( routeKey ) } );
-         return;
-      }
-   }
-}
-
-void Recovery::recordAdjSyncIds( const VrfMplsState& vrfState ) {
-   for ( const auto& [index, l3Adj] : vrfState.l3Adjacency() ) {
-      if ( !l3Adj->extFecInfo() ) {
-         continue;
-      }
-      Hash< AdjSyncId, U64 > routesOf;
-      AdjSyncIdEntry entry{ l3Adj->extFecInfo()->fecId(), 0 };
-      U64 most = 0;
-      for ( const Mpls::RouteKey routeKey : l3Adj->routeKey() ) {
-         if ( in_.mplsRouteSyncMap->adjSyncIdHas( routeKey ) ) {
-            const AdjSyncId syncId = in_.mplsRouteSyncMap->adjSyncId( routeKey );
-            const U64 routes = ++*routesOf.emplace( syncId, U64{ 0 } ).first;
-            if ( routes > most ) {
-               most = routes;
-               entry.syncId = syncId;
-            }
+         const AdjSyncId syncId = in_.mplsRouteSyncMap->adjSyncId( routeKey );
+         const U64 routes = ++*routesOf.emplace( syncId, U64{ 0 } ).first;
+         if ( routes > most ) {
+            most = routes;
+            entry.syncId = syncId;
          }
       }
-      if ( most != 0 ) {
-         in_.hwFecIdRequest->adjSyncIdMapIs( entry );
-      }
+   }
+   if ( most != 0 ) {
+      in_.hwFecIdRequest->adjSyncIdMapIs( entry );
    }
 }
 

@@ -50,13 +50,9 @@ class Recovery : private Part {
    void noteRecoveredVrfId();
    /// What was found under another number than the VRF's is of no use to it.
    void leaveRecoveredVrfId();
-   /// What the FEC was before the restart, for the hardware layer to match: the sync id of the
-   /// first route that the sync map holds. At the end of the replay that of most routes takes its
-   /// place; this one stays for what is requested later.
-   void recordAdjSyncId( const L3Adjacency& l3Adj, Fib::FecId fecId );
-   /// What each FEC was before the restart, for the hardware layer to match: the sync id of most of
-   /// its adjacency's routes, which are all there only now.
-   void recordAdjSyncIds( const VrfMplsState& vrfState );
+   /// What the adjacency's FEC was before the restart, for the hardware layer to match: the sync id
+   /// of most of its routes, as far as they are there.
+   void recordAdjSyncId( const L3Adjacency& l3Adj );
    /// An operator's word that the stale routes may be dropped, however many they are.
    void approveStaleSweep();
 

@@ -163,7 +163,8 @@ bool RouteWriter::waitsForFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjac
    const bool elsewhere = route.extFecInfo() != &info;
    if ( elsewhere && info.backupExtFecInfo() && !l3Adj.outdated() && l3Adj.backupAdj() &&
         l3Adj.backupAdj()->outdated() ) {
-      vrfState.l3AdjForReviewIs( l3Adj.index() ); // the route never had that backup
+      vrfState.l3AdjForReviewIs( l3Adj.index(),
+                                 L3AdjReview::backupNews ); // the route never had that backup
       vrfState.routeKeyForReviewIs( routeKey );
       return true;
    }
@@ -184,7 +185,8 @@ void RouteWriter::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& rou
    const Mpls::RouteKey routeKey = route.routeKey();
    if ( l3Adj.outdated() && !l3Adj.awaitedBackup().holdsBack() &&
         parts_.viaSets.lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) {
-      vrfState.l3AdjForReviewIs( l3Adj.index() ); // mended, and still to be announced
+      vrfState.l3AdjForReviewIs( l3Adj.index(),
+                                 L3AdjReview::viaSetChanged ); // mended, and still to be announced
    }
    if ( vrfState.isAdjPendingForReview( l3Adj.index() ) ) {
       // What is in hardware stays until it is known what shall be.

@@ -183,13 +183,13 @@ L3Adjacency& Routes::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
       if ( sm_.lfibTrackingStatus()->viaSetKeyOfRoute( routeKey ) != viaSetKey ) {
          // The move is still to be announced, and with it may be a change of the via set that
          // belongs to it.
-         vrfState.l3AdjForReviewIs( l3Adj->index() );
+         vrfState.l3AdjForReviewIs( l3Adj->index(), L3AdjReview::viaSetChanged );
       }
    } else {
       l3Adj = parts_.l3Adjacencies.newL3Adjacency( vrfState );
       MPLS_TRACE( 3, "add new adj ", l3Adj->index(), " for review" );
       l3Adj->lFibViaSetKeyIs( viaSetKey );
-      vrfState.l3AdjForReviewIs( l3Adj->index() );
+      vrfState.l3AdjForReviewIs( l3Adj->index(), L3AdjReview::made );
       vrfState.lFibViaSetToL3AdjIs( viaSetKey, l3Adj->index() );
    }
    l3Adj->routeKeyIs( routeKey );

@@ -17,9 +17,7 @@ bool externalFecIdValid( Fib::FecId fecId ) {
    if ( !fecId.valid() || fecId.index() >= indexLimit ) {
       return false;
    }
-   const Fib::AdjType type = fecId.adjType();
-   return type != Fib::AdjType::mplsV4Adj && type != Fib::AdjType::mplsV6Adj &&
-          type != Fib::AdjType::mplsMcastViaAdj;
+   return !fecId.ofLabelViaSet() && !fecId.isA( Fib::AdjType::mplsMcastViaAdj );
 }
 
 // The kinds of interface that a via set may not mix.
@@ -82,9 +80,9 @@ std::string dynamicTunnelFault( const CachedLFibMplsViaColl& vias ) {
 } // namespace
 
 bool ViaSets::routeSupported( const Mpls::LfibRoute& route ) const {
+   MPLS_TRACE_CALL( 3, " vrf ", L3::VrfName::defaultVrf(), " routeKey ", route.routeKey );
    MPLS_ASSERT( !!route, "!!route", sm_.name() );
-   const Mpls::LfibViaType viaType = route.viaSetKey.viaType();
-   if ( viaType == Mpls::viaTypeMplsIp || viaType == Mpls::viaTypeExternalFec ) {
+   if ( isTransit( route.viaSetKey.viaType() ) ) {
       return true;
    }
    MPLS_TRACE( 7, "Ignoring non mpls-ip and extFec LfibRoute ", route.routeKey );
@@ -92,6 +90,7 @@ bool ViaSets::routeSupported( const Mpls::LfibRoute& route ) const {
 }
 
 bool ViaSets::isLFibViaSetSane( const Mpls::LfibViaSet& viaSet ) const {
+   MPLS_TRACE_CALL( 3, " vrf ", L3::VrfName::defaultVrf(), " key ", viaSet.key() );
    for ( U32 i = 0; i < viaSet.viaKeys(); ++i ) {
       if ( viaSet.viaKey( i ).viaType() != viaSet.key().viaType() ) {
          return false;
@@ -135,6 +134,7 @@ std::string ViaSets::collectMplsIpLFibVias( const Mpls::LfibViaSet& viaSet,
 
 Ptr< CachedLFibMplsViaColl >
 ViaSets::getSaneMplsIpLFibVias( const Mpls::LfibViaSet& viaSet ) const {
+   MPLS_TRACE_CALL( 3, " vrf ", L3::VrfName::defaultVrf(), " key ", viaSet.key() );
    auto vias = make< CachedLFibMplsViaColl >();
    if ( viaSet.key().viaType() == Mpls::viaTypeMplsIp ) {
       vias->usableAsPrimaryViasIs( viaSet.usableAsPrimaryVias() );
@@ -243,15 +243,15 @@ std::string ViaSets::extFecLFibViaSetFault( const Mpls::LfibViaSet& viaSet,
                                             Mpls::LfibExtFecVia& via ) const {
    const Mpls::LfibViaKey viaKey = viaSet.viaKey( 0 );
    via = in_.transitLfib->lfibExtFecVia( viaKey );
+   if ( viaKey.viaType() != Mpls::viaTypeExternalFec && !viaKey.empty() ) {
+      return joinText( "lFib via idx ", viaKey.index(), " is viaType ", viaKey.viaType(),
+                       " instead of externalFec" );
+   }
    if ( via == Mpls::LfibExtFecVia() ) {
       return joinText( "lFib via idx ", viaKey.index(), " not found" );
    }
    if ( !externalFecIdValid( via.fecId ) ) {
       return joinText( "lFib via idx ", viaKey.index(), " has invalid external FecId" );
-   }
-   if ( via.key.viaType() != Mpls::viaTypeExternalFec ) {
-      return joinText( "lFib via idx ", viaKey.index(), " is viaType ", via.key.viaType(),
-                       " instead of externalFec" );
    }
    if ( viaSet.viaKeys() != 1 ) {
       const Mpls::LfibViaSetKey key = viaSet.key();

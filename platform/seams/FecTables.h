@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -55,6 +56,18 @@ struct Fec {
       [[maybe_unused]] const ViaIndex index( static_cast< U32 >( via.size() ) );
       via.push_back( added );
    }
+   /// Has the FEC protected by another: the way into that one is its last via.
+   void backupAdd( FecId backup ) {
+      FecVia into;
+      into.intf = FecId::fecIdToHierarchicalIntfId( backup );
+      viaAdd( into );
+      backupFecId = backup;
+   }
+   /// Its vias without the way into its backup.
+   std::span< const FecVia > primaryVia() const {
+      return std::span( via ).first( via.size() -
+                                     ( backupFecId == FecId() || via.empty() ? 0 : 1 ) );
+   }
    bool empty() const { return via.empty(); }
    friend bool operator==( const Fec&, const Fec& ) = default;
 };
@@ -91,7 +104,8 @@ inline void appendText( std::string& out, const HwFecIdRequest& request ) {
 struct HwFecId {
    U64 hwId = 0;    ///< 0: none
    U64 version = 0; ///< of the request that has been carried out
-   /// What the FEC was before a restart and still is, with the routes of that time; 0: nothing.
+   /// What the FEC was before a restart, with routes of that time in it when it was answered; 0:
+   /// nothing.
    AdjSyncId syncId = 0;
    friend bool operator==( const HwFecId&, const HwFecId& ) = default;
 };
@@ -123,13 +137,26 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
    // clang-format off
    ENTITY( FecIdToHwFecIdRequest )
    KEY( std::string, requestName )
-   VALUES( Hash, Fib::FecId, Fib::Fec, fecId, fec ) // a change of the request follows each of these
+   // The content of a FEC of ours, by its address family; another agent's has none. A change of the
+   // request follows each change of these. Removed with the request, just before it.
+   VALUES( Hash, Fib::FecId, Fib::Fec, fecId, fec )
    VALUES( Hash, Fib::FecId, Fib6::Fec, fecId, fec6 )
+   // Made with the adjacency that forwards into the FEC; removed when no adjacency, no route and no
+   // FEC that it protects is left. There is no refusal: what cannot be made is not answered.
    VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
+   // What a FEC was before the restart, for the hardware layer to find it again. Written while routes
+   // of before are taken over, cleared at the end of that.
    VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
-   COLLECTION( Hash, AdjSyncId, Fib::FecId, mayReplace, onMayReplace ) // all that still forwards there waits for this one; for several: none
-   COLLECTION( Hash, Fib::FecId, Fib::FecId, mayTakeOver, onMayTakeOver ) // the place of this requested one, whose routes all wait for the key's
-   ATTRIBUTE( bool, startsAfresh ) // nothing of the process before is wanted; set before syncRequestsReady
+   // Offers to full hardware. The key is a FEC of before all of whose routes wait for this requested
+   // one; for none: for several. Withdrawn when that is not so any more, or when all is taken over.
+   COLLECTION( Hash, AdjSyncId, Fib::FecId, mayReplace, onMayReplace )
+   // The same of a requested FEC (the value) that all its routes leave for the key's. Withdrawn when
+   // one of its routes is to go elsewhere, and when hardware has taken the offer.
+   COLLECTION( Hash, Fib::FecId, Fib::FecId, mayTakeOver, onMayTakeOver )
+   // Nothing of the process before is wanted. Set before syncRequestsReady; reset by the next start.
+   ATTRIBUTE( bool, startsAfresh )
+   // All that is known at the start has been requested: the hardware layer matches, answers and says
+   // adjSyncDone. Reset by the next start.
    ATTRIBUTE( bool, syncRequestsReady, onSyncRequestsReady )
    ENTITY_END_IN_SOURCE
    // clang-format on
@@ -151,7 +178,10 @@ class VEL_EXPORT FecIdToHwFecIdResponse : public WatchedEntity {
    // clang-format off
    ENTITY( FecIdToHwFecIdResponse )
    KEY( std::string, responseName )
+   // Written when the FEC has been made, or rewritten; withdrawn when its request goes, and when what
+   // it stands for does (another agent's FEC). A request that waits has none.
    COLLECTION( Hash, Fib::FecId, HwFecId, hwFecId, onHwFecId )
+   // For other agents; the library reads neither.
    COLLECTION( Hash, Fib::FecId, IntfId, l2IntfId, onL2IntfId )
    ATTRIBUTE( bool, hwFecIdControl, onHwFecIdControl )
    ENTITY_END_IN_SOURCE

@@ -53,6 +53,11 @@ class FecId {
    constexpr bool isA( AdjType type ) const {
       return value_ >> adjTypePos() == static_cast< U64 >( type );
    }
+   /// Whether it is the FEC of a label via set, whose ids this library gives and whose content it
+   /// requests.
+   constexpr bool ofLabelViaSet() const {
+      return isA( AdjType::mplsV4Adj ) || isA( AdjType::mplsV6Adj );
+   }
    /// The interface that forwards into this FEC. The index must fit in 48 bits.
    static IntfId fecIdToHierarchicalIntfId( FecId fecId ) {
       return fecId.toIntf( IntfId::Kind::hierarchicalFec );

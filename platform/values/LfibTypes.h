@@ -24,8 +24,7 @@ namespace Mpls {
 using Vel::IntfId;
 using Vel::IpGenAddr;
 
-/// What a via leads to. `MplsSm` handles 1 and 10; the others belong to decapsulation and
-/// pseudowires.
+/// What a via leads to.
 enum class LfibViaType : uint8_t {
    viaTypeUnknown = 0,
    viaTypeMplsIp = 1,
@@ -39,6 +38,12 @@ enum class LfibViaType : uint8_t {
    viaTypeExternalFec = 10,
 };
 using enum LfibViaType;
+
+/// Whether packets go on by the via, labelled or not: such labels are `MplsSm`'s. By the other types
+/// they end here, and are other state machines'.
+constexpr bool isTransit( LfibViaType type ) {
+   return type == viaTypeMplsIp || type == viaTypeExternalFec;
+}
 
 /// How the vias of a set are used together.
 enum class LfibViaSetType : uint8_t { unicast = 0, multicast = 1 };

@@ -272,7 +272,7 @@ TEST( Audit, WhatIsOnItsWayIsPendingAndNoDifference ) {
       { "the review of its L3 adjacency",
         []( const Audited& made ) {
            const MplsRoute* const route = made.state().route( RouteKey( 100 ) );
-           made.state().l3AdjForReviewIs( route->l3Adj()->index() );
+           made.state().l3AdjForReviewIs( route->l3Adj()->index(), L3AdjReview::viaSetChanged );
         } },
       { "the review of its L3 adjacency", // for another MAC address, which nobody has acted on
         []( const Audited& made ) {

@@ -452,7 +452,7 @@ TEST_F( RandomSwitchTest, theSwitchIsWhatANaiveDriverIs ) {
             .refuse = []( const Operation& operation ) {
                const U64 key = operation.routeKey.null() ? operation.adjacency->index()
                                                          : operation.routeKey.topLabel().value();
-               return planned( key, operation.version ) ? InterfaceNotReady : Success;
+               return planned( key, operation.version() ) ? InterfaceNotReady : Success;
             } } );
    vrfConfig().mplsRoutingIs( true );
    run();

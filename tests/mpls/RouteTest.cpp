@@ -256,7 +256,7 @@ TEST_F( Route, staysInHardwareWhileItsAdjacencyIsPending ) {
    rig.routeIs( 16, 1 );
    rig.settle();
    L3Adjacency* const l3Adj = rig.l3Adj( 1 );
-   rig.state()->l3AdjForReviewIs( l3Adj->index() );
+   rig.state()->l3AdjForReviewIs( l3Adj->index(), L3AdjReview::viaSetChanged );
    l3Adj->l2AdjacencyIs( nullptr );
    rig.sm->processRouteKey( *rig.state(), key( 16 ) );
    EXPECT_TRUE( rig.config()->routeHas( key( 16 ) ) );
