@@ -418,19 +418,21 @@ Intent Inputs::viaSetIntent( U32 number, U32 label ) const {
       ( asFec && set.form == ViaSetForm::group && !set.unusable && group.link == 0 &&
         sane( set ) ) ||
       ( hasBackup( number ) && !backupThere( set ) && sane( set ) && !protectsSomebody( number ) );
-   addVias( number, label, intent.primary, intent.exits );
    const U32 backup = backupOf( number, intent.exact );
    if ( backup != 0 ) {
       addVias( backup, label, intent.backup, intent.exits );
    }
-   judge( set, intent );
+   judge( number, intent );
    return intent;
 }
 
-// What is published of a label, where nobody but the library's own inputs has a say in it.
-void Inputs::judge( const ViaSet& set, Intent& intent ) const {
+// What is published of a label, where nobody but the library's own inputs has a say in it, and
+// hardware that tells of its FECs which way they take.
+void Inputs::judge( U32 number, Intent& intent ) const {
+   const ViaSet& set = viaSet[number];
    const bool foreign = set.form != ViaSetForm::nextHops;
-   if ( someLinkDown() || ( foreign && !set.unusable && intent.primary.empty() ) ) {
+   if ( ( someLinkDown() && !isFec( number ) ) ||
+        ( foreign && !set.unusable && intent.primary.empty() ) ) {
       return;
    }
    const auto unresolved =
@@ -461,8 +463,9 @@ Intent Inputs::externalIntent( const Route& wanted, U32 label ) const {
          addWay( exit, intent.primary );
       }
    }
-   if ( intent.exact && !someLinkDown() && !intent.primary.empty() ) {
-      intent.code = Mpls::RouteStatusCode::programmed;
+   if ( intent.exact ) {
+      intent.code = intent.primary.empty() ? Mpls::RouteStatusCode::notProgrammed
+                                           : Mpls::RouteStatusCode::programmed;
    }
    return intent;
 }

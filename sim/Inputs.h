@@ -170,7 +170,7 @@ class Inputs {
    U32 backupOf( U32 set, bool& exact ) const;
    Intent externalIntent( const Route& route, U32 label ) const;
    Intent viaSetIntent( U32 set, U32 label ) const;
-   void judge( const ViaSet& set, Intent& intent ) const;
+   void judge( U32 number, Intent& intent ) const;
    bool someLinkDown() const;
 };
 

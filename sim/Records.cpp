@@ -162,6 +162,11 @@ void checkWorkSets( const VrfMplsState& state ) {
 }
 
 void checkCounts( const World& world, const VrfMplsState* state ) {
+   const MplsSmCounters& counters = *world.sm().counters();
+   const U64 handled =
+      counters.routesAccepted() + counters.routesRemoved() + counters.routesIgnored();
+   expect( counters.routesReceived() == handled, "of ", counters.routesReceived(),
+           " routes received ", handled, " are accepted, removed or ignored" );
    size_t routes = 0;
    size_t adjacencies = 0;
    for ( const auto& [vrfId, status] : world.entities().mplsHwStatus->vrfStatus() ) {
@@ -199,6 +204,10 @@ void checkRecordsAtRest( const World& world ) {
       }
       return;
    }
+   const Inputs& inputs = world.inputs();
+   const MplsHwVrfConfig* const config = world.entities().mplsHwConfig->vrfConfig( world.vrfId() );
+   expect( config == nullptr || !inputs.clean() || config->mplsRouting() == inputs.routing,
+           "label forwarding is configured as ", config && config->mplsRouting() );
    if ( state == nullptr ) {
       return;
    }

@@ -345,6 +345,9 @@ void Watch::checkLabelAtRest( U32 index ) {
    if ( decided && !expected.empty() && !lit ) {
       throw Failure{ "exact", joinText( "frames are dropped; ", describe( index ) ) };
    }
+   if ( decided && expected.size() > 1 ) {
+      checkSpread( index, expected );
+   }
    // Hardware that has to write L2 adjacencies anew may find no room for the next change.
    const bool spare = world_.inputs().clean() || ( world_.inputs().settings.fecs != 0 &&
                                                    world_.inputs().settings.inPlace != 0 );
@@ -353,6 +356,23 @@ void Watch::checkLabelAtRest( U32 index ) {
    if ( decided ) {
       label.meant = { label.intent.exits };
       checkPublished( index, label.intent );
+   }
+}
+
+// Many flows leave by all the ways together: one that is never taken is not in hardware.
+void Watch::checkSpread( U32 index, const Ways& expected ) {
+   constexpr U32 most = 200; // with one of three ways left out, far more than chance takes
+   Ways taken;
+   for ( U32 flow = 0; flow < most && taken.size() < expected.size(); ++flow ) {
+      const std::optional< Way > way = world_.forward( world_.vrfId(), index, flow );
+      ++framesSent_;
+      if ( way && !contains( taken, *way ) ) {
+         taken.push_back( *way );
+      }
+   }
+   if ( taken.size() < expected.size() ) {
+      throw Failure{ "exact", joinText( "flows leave only by ", textOfWays( taken ), "; ",
+                                        describe( index ) ) };
    }
 }
 

@@ -7,7 +7,8 @@
 //
 // At rest, besides
 //    rest      the world comes to rest: nothing works on for ever
-//    exact     frames take the ways that the inputs mean, where these alone decide it
+//    exact     frames take the ways that the inputs mean, and flows all of them, where these alone
+//              decide it
 //    published what is published is what frames do
 //    left      nothing stands in a work set; and in the end nothing is left at all
 //
@@ -64,6 +65,7 @@ class Watch {
    void viaSetsWereMeant( U32 index );
    void checkFrames();
    void checkLabelAtRest( U32 index );
+   void checkSpread( U32 index, const Ways& expected );
    void checkPublished( U32 index, const Intent& intent ) const;
    std::string describe( U32 index ) const;
 

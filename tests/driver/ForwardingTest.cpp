@@ -5,9 +5,12 @@
 
 #include "driver/Forwarding.h"
 #include "driver/FlowOrder.h"
+#include "driver/SwitchStatus.h"
 
 #include <array>
 #include <functional>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,14 +20,6 @@
 
 namespace Vel::Driver {
 namespace {
-
-// Of a switch without faults.
-const Links& allLinksUp() {
-   static const FaultPlan noFaults;
-   static const Ptr< ManualClock > clock = make< ManualClock >();
-   static const Links links( noFaults, *clock );
-   return links;
-}
 
 using namespace VelTest;
 using Mpls::RouteKey;
@@ -96,7 +91,8 @@ struct Case {
    std::string name;
    std::vector< std::pair< RouteKey, L2Via > > routes;
    std::string frame;
-   std::string result; ///< the frame that leaves, or the reason in words
+   std::string result;              ///< the frame that leaves, or the reason in words
+   std::optional< L2Via > tunnel{}; ///< that the vias lead into; with FECs only
 };
 
 // clang-format off
@@ -135,6 +131,16 @@ const std::vector< Case > cases{
    { "here pipe", { { k1, here( pop( pipe ) ) }, { k2, swapTo( { 17 } ) } }, two, out + "00011 30F" + ip },
    { "here all", { { k1, here( pop( uniform ) ) }, { k2, here( pop( uniform ) ) } }, two, "label 16002 ends here and its via has no interface" },
 
+   // Into a tunnel, which has an operation of its own.
+   { "swap, then push", { { k1, swapTo( { 17 } ) } }, one, out + "001F4 A3F 00011 B3F" + ip, push( { 500 } ) },
+   { "push, then push", { { k1, push( { 17 } ) } }, one, out + "001F4 A3F 00011 A3F 03E81 B3F" + ip, push( { 500 } ) },
+   { "swap, then swap", { { k1, swapTo( { 17 } ) } }, two, out + "001F4 A3F 03E82 310" + ip, swapTo( { 500 } ) },
+   { "swap, then pop", { { k1, swapTo( { 17 } ) } }, two, out + "03E82 33F" + ip, pop( uniform ) },
+   { "pop uniform, then push", { { k1, pop( uniform ) } }, two, out + "001F4 A3F 03E82 33F" + ip, push( { 500 } ) },
+   { "pop pipe, then push", { { k1, pop( pipe ) } }, two, out + "001F4 A3F 03E82 310" + ip, push( { 500 } ) },
+   { "IPv4 uniform, then push", { { k1, pop( uniform, ipv4 ) } }, in + "03E81 B28" + ip, out + "001F4 B27" + v4( "27", "7FCE" ), push( { 500 } ) },
+   { "IPv4 pipe, then push", { { k1, pop( pipe, ipv4 ) } }, in + "03E81 B28" + ip, out + "001F4 B27" + ip, push( { 500 } ) },
+
    // What is dropped, and what is said.
    { "TTL 1", { { k1, swapTo( { 17 } ) } }, in + "03E81 B01" + ip, "TTL expired (label 16001, TTL 1)" },
    { "TTL 0", { { k1, pop( pipe, ipv4 ) } }, in + "03E81 B00" + ip, "TTL expired (label 16001, TTL 0)" },
@@ -161,27 +167,88 @@ void addRoute( HwRouteTable& table, RouteKey key, const L2ViaSet& vias ) {
    table.emplace( key, HwRoute{ adjacency, nullptr, { 1 } } );
 }
 
-ForwardResult forward( const Case& test, const Bytes& frame ) {
+/// Routes into FECs. Every next hop is resolved, by the interface that its via names.
+struct FecHardware {
+   FaultPlan noFaults;
+   Ptr< ManualClock > clock = make< ManualClock >();
+   Ptr< Scheduler > scheduler = make< Scheduler >( clock );
+   OperationQueue queue{ scheduler->taskIs( "switch", TaskPriority::normal ), 0 };
+   Ptr< SwitchStatus > status = make< SwitchStatus >( queue, true );
+   Links links{ noFaults, *clock };
+   Bridging::VlanId vlanId = 0;
+   FecUnit unit{ { make< FecIdToHwFecIdRequest >( "request" ),
+                   make< FecIdToHwFecIdResponse >( "response" ), make< VelL3Status >( "l3Status" ),
+                   nullptr,
+                   [this]( IntfId intf, const IpGenAddr& ) {
+                      return NextHopInfo{ vlanId, intf, viaOf( {} ).macAddr, true };
+                   } },
+                 queue,
+                 *status,
+                 noFaults,
+                 links,
+                 *clock };
    HwRouteTable table;
-   for ( const auto& [key, via] : test.routes ) {
-      addRoute( table, key, viaSet( { via } ) );
+
+   static Fib::FecVia fecVia( const L2Via& via ) {
+      return { {}, via.intf, via.labelAction, via.labelStack, via.payloadType, via.ttlMode };
    }
-   return forwardFrame( table, frame, MacAddr( 0x02'00'00'00'00'01 ), allLinksUp(), nullptr );
+   HwFec& addRoute( RouteKey key, const std::vector< Fib::FecVia >& vias,
+                    FecRouteOperation operation = {} ) {
+      const auto fec = make< HwFec >( U64{ 1 } );
+      fec->via = vias;
+      table.emplace( key, HwRoute{ nullptr, fec, { .operation = operation } } );
+      return *fec;
+   }
+   ForwardResult forward( ByteView frame ) const {
+      return forwardFrame( table, frame, MacAddr( 0x02'00'00'00'00'01 ), links, &unit );
+   }
+};
+
+/// How hardware holds the routes of a case.
+enum class Held : uint8_t { adjacency, fec, popBeforeFec };
+
+ForwardResult forward( const Case& test, const Bytes& frame, Held held ) {
+   const IntfId tunnel( IntfId::Kind::dynamicTunnel, 1 );
+   FecHardware hardware;
+   for ( const auto& [key, via] : test.routes ) {
+      if ( held == Held::adjacency || via.intf.empty() ) {
+         addRoute( hardware.table, key, viaSet( { via } ) );
+         continue;
+      }
+      Fib::FecVia into = FecHardware::fecVia( via );
+      FecRouteOperation operation{};
+      if ( held == Held::popBeforeFec && via.labelAction == MplsLabelAction::pop ) {
+         operation = { via.labelAction, via.payloadType, via.ttlMode };
+         into.labelAction = MplsLabelAction::none;
+      }
+      if ( test.tunnel ) {
+         into.intf = tunnel;
+         hardware.unit.tunnelIs( tunnel, { FecHardware::fecVia( *test.tunnel ) } );
+      }
+      hardware.vlanId = via.vlanId;
+      hardware.addRoute( key, { into }, operation );
+   }
+   return hardware.forward( frame );
 }
 
 TEST( Forwarding, framesLeaveAsTheViaSays ) {
-   for ( const Case& test : cases ) {
-      SCOPED_TRACE( test.name );
-      const ForwardResult result = forward( test, fromHex( test.frame ) );
-      if ( !test.result.starts_with( outMacs ) ) {
-         EXPECT_TRUE( result.frames.empty() && result.drop != DropReason::none );
-         EXPECT_EQ( result.text, test.result );
-         continue;
+   for ( const Held held : { Held::adjacency, Held::fec, Held::popBeforeFec } ) {
+      for ( const Case& test : cases ) {
+         SCOPED_TRACE( joinText( test.name, ", held ", static_cast< int >( held ) ) );
+         if ( held == Held::adjacency ? !!test.tunnel : test.result.starts_with( "the via of" ) ) {
+            continue; // no FEC takes a via that makes no sense
+         }
+         const ForwardResult result = forward( test, fromHex( test.frame ), held );
+         if ( !test.result.starts_with( outMacs ) ) {
+            EXPECT_TRUE( result.frames.empty() && result.drop != DropReason::none );
+            EXPECT_EQ( result.text, test.result );
+            continue;
+         }
+         ASSERT_EQ( result.frames.size(), 1U ) << result.text;
+         EXPECT_EQ( toHex( result.frames[0].bytes ), toHex( fromHex( test.result ) ) );
+         EXPECT_EQ( result.frames[0].intf, IntfId::ordinary( 7 ) );
+         EXPECT_EQ( result.frames[0].vlanId, test.routes.back().second.vlanId );
       }
-      ASSERT_EQ( result.frames.size(), 1U ) << result.text;
-      EXPECT_EQ( toHex( result.frames[0].bytes ), toHex( fromHex( test.result ) ) );
-      EXPECT_EQ( result.frames[0].intf, IntfId::ordinary( 7 ) );
-      EXPECT_EQ( result.frames[0].vlanId, test.routes.back().second.vlanId );
    }
 }
 
@@ -190,10 +257,11 @@ TEST( Forwarding, framesLeaveAsTheViaSays ) {
 TEST( Forwarding, framesThatAreCutShortAreDroppedOrForwarded ) {
    for ( const Case& test : cases ) {
       SCOPED_TRACE( test.name );
+      const Held held = test.tunnel ? Held::fec : Held::adjacency;
       const Bytes whole = fromHex( test.frame );
       for ( size_t size = 0; size < whole.size(); ++size ) {
          const Bytes cut( whole.begin(), whole.begin() + static_cast< ptrdiff_t >( size ) );
-         const ForwardResult result = forward( test, cut );
+         const ForwardResult result = forward( test, cut, held );
          ASSERT_NE( result.frames.empty(), result.text.empty() ) << size;
          ASSERT_TRUE( size > 18 || result.frames.empty() ) << size;
       }
@@ -223,12 +291,12 @@ TEST( Forwarding, theChecksumHoldsForEveryPacket ) {
 // --- Which of several vias a frame takes.
 
 U32 labelTaken( const std::string& frame ) {
-   static HwRouteTable table;
-   if ( table.empty() ) {
-      addRoute( table, k1, viaSet( { swapTo( { 1 } ), swapTo( { 2 } ), swapTo( { 0 } ) } ) );
+   static FecHardware hardware;
+   if ( hardware.table.empty() ) {
+      addRoute( hardware.table, k1,
+                viaSet( { swapTo( { 1 } ), swapTo( { 2 } ), swapTo( { 0 } ) } ) );
    }
-   const ForwardResult result =
-      forwardFrame( table, fromHex( frame ), MacAddr(), allLinksUp(), nullptr );
+   const ForwardResult result = hardware.forward( fromHex( frame ) );
    return result.frames.empty() ? 99 : labelEntryRead( result.frames[0].bytes, 14 )->label;
 }
 
@@ -273,6 +341,68 @@ TEST( Flow, choicesAreIndependentAndAWaySpreadsWhenItGoes ) {
       for ( size_t j = 0; j < 4; ++j ) {
          EXPECT_NEAR( static_cast< double >( instead.at( i ).at( j ) ), i == j ? 0 : flows / 12.0,
                       flows / 60.0 );
+      }
+   }
+}
+
+// Vias of a FEC: next hops, each by its interface, or a tunnel of several of them.
+using Spread = std::vector< std::vector< U32 > >;
+struct Spreading {
+   const char* name;
+   Spread vias;
+   Spread backup;
+   std::vector< U32 > down;
+   std::map< U64, double > share; ///< of the flows that leave by each interface
+};
+// clang-format off
+const Spreading spreadings[]{
+   { "next hops", { { 1 }, { 2 }, { 3 } }, {}, {}, { { 1, 1. / 3 }, { 2, 1. / 3 }, { 3, 1. / 3 } } },
+   { "one of them down", { { 1 }, { 2 }, { 3 } }, {}, { 2 }, { { 1, .5 }, { 3, .5 } } },
+   { "tunnels", { { 1, 2 }, { 3, 4 } }, {}, {}, { { 1, .25 }, { 2, .25 }, { 3, .25 }, { 4, .25 } } },
+   { "a tunnel that is half down", { { 1, 2 }, { 3, 4 } }, {}, { 2 }, { { 1, .5 }, { 3, .25 }, { 4, .25 } } },
+   { "a tunnel that is down", { { 1, 2 }, { 3, 4 }, { 5 } }, {}, { 1, 2 }, { { 3, .25 }, { 4, .25 }, { 5, .5 } } },
+   { "the backup", { { 1 }, { 2 } }, { { 3 }, { 4, 5 } }, { 1, 2 }, { { 3, .5 }, { 4, .25 }, { 5, .25 } } },
+   { "the backup unused", { { 1 }, { 2 } }, { { 3 } }, { 1 }, { { 2, 1 } } },
+};
+// clang-format on
+
+TEST( Flow, flowsSpreadOverTheWaysOutOfAFec ) {
+   for ( const Spreading& test : spreadings ) {
+      SCOPED_TRACE( test.name );
+      FecHardware hardware;
+      U32 tunnels = 0;
+      const auto fecVias = [&]( const Spread& spread ) {
+         std::vector< Fib::FecVia > vias;
+         for ( const std::vector< U32 >& intfs : spread ) {
+            std::vector nextHops( intfs.size(), FecHardware::fecVia( push( { 17 } ) ) );
+            for ( size_t i = 0; i < intfs.size(); ++i ) {
+               nextHops[i].intf = IntfId::ordinary( intfs[i] );
+            }
+            if ( intfs.size() > 1 ) {
+               const IntfId tunnel( IntfId::Kind::dynamicTunnel, ++tunnels );
+               hardware.unit.tunnelIs( tunnel, nextHops );
+               nextHops[0].intf = tunnel;
+            }
+            vias.push_back( nextHops[0] );
+         }
+         return vias;
+      };
+      HwFec& fec = hardware.addRoute( k1, fecVias( test.vias ) );
+      fec.backup = make< HwFec >( U64{ 2 } );
+      fec.backup->via = fecVias( test.backup );
+      for ( const U32 intf : test.down ) {
+         hardware.links.upIs( IntfId::ordinary( intf ), false );
+      }
+      std::map< U64, double > share;
+      constexpr size_t flows = 2000;
+      for ( size_t i = 0; i < flows; ++i ) {
+         const auto result = hardware.forward( fromHex(
+            in + "03E81 140 4500001C 00010000 40110000 0A000001 0A000002 0050" + hex16( i ) ) );
+         ASSERT_EQ( result.frames.size(), 1U ) << result.text;
+         share[result.frames[0].intf.payload()] += 1. / flows;
+      }
+      for ( const auto& [intf, expected] : test.share ) {
+         EXPECT_NEAR( share[intf], expected, .05 ) << intf;
       }
    }
 }

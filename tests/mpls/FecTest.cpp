@@ -57,6 +57,11 @@ class FecTest : public testing::Test {
       }
       rig.writer.viaSetIs( viaSet );
    }
+   /// What another agent has: out of the interface, with that operation.
+   static std::vector< Fib::FecVia > out( U32 intf, U32 label,
+                                          MplsLabelAction action = MplsLabelAction::push ) {
+      return { { ip( nextHopOf( intf ) ), IntfId::ordinary( intf ), action, { label } } };
+   }
    /// Where a frame with the label leaves and with which label: "intf2 label 17", or the reason for
    /// the drop.
    std::string forward( U32 label ) {
@@ -227,6 +232,43 @@ TEST_F( FecTest, PopTravelsWithTheRouteWhereBothSidesPop ) {
    EXPECT_EQ( numbersInUse(), 3U );
 }
 
+// The TTL mode of a pop reaches hardware with the via and with the route, wherever the pop leads.
+TEST_F( FecTest, PopLaysBareWithItsTtlMode ) {
+   using Mpls::TtlMode;
+   const Fib::FecId group = Fib::FecId::fecIdForAdjType( Fib::AdjType::nexthopGroupAdj, 9 );
+   const IntfId tunnel( IntfId::Kind::dynamicTunnel, 4 );
+   rig.hardware->fecUnit()->foreignFecIs( group, out( 2, 500 ) );
+   rig.hardware->fecUnit()->tunnelIs( tunnel, out( 2, 500 ) );
+   viaSetIs( 9, { swapOut( 9, 3, 19 ) } );
+   viaSetIs( 10, { popVia( 10, nextHopOf( 3 ), 3 ) } );
+   U32 index = 20;
+   for ( const IntfId intf :
+         { IntfId::ordinary( 1 ), tunnel, Fib::FecId::fecIdToNexthopGroupIntfId( group ) } ) {
+      for ( const auto& [mode, ttl] :
+            { std::pair{ TtlMode::uniform, 63 }, std::pair{ TtlMode::pipe, 64 } } ) {
+         for ( const U32 backup : { 9U, 10U } ) { // with the second the pop travels
+            Mpls::LfibMplsVia via = popVia( ++index, nextHopOf( 1 ), 1 );
+            via.ttlMode = mode;
+            if ( intf != IntfId::ordinary( 1 ) ) {
+               via.nextHop = {};
+               via.intf = intf;
+            }
+            viaSetIs( index, { via }, backup );
+            rig.routeIs( 16000 + index, index );
+            rig.settle();
+            const auto frames =
+               rig.hardware->forward( LabelRig::vrfId, frameOf( 16000 + index ) ).frames;
+            SCOPED_TRACE( joinText( intf, " ", mode, " backup ", backup ) );
+            EXPECT_EQ( fecOf( index )->popLabelActionRemoved(),
+                       backup == 10 && intf.kind() != IntfId::Kind::nexthopGroup );
+            ASSERT_EQ( frames.size(), 1U );
+            const size_t ipAt = frames[0].bytes[12] == 0x08 ? 14 : 18;
+            EXPECT_EQ( frames[0].bytes.at( ipAt + 8 ), ttl );
+         }
+      }
+   }
+}
+
 TEST_F( FecTest, UnfitBackupsSettle ) {
    const auto waits = [&]( U32 viaSet ) {
       return rig.sm->backupWaitReason( *rig.state(), *rig.l3Adj( viaSet ) );
@@ -351,14 +393,6 @@ TEST_F( FecTest, IdsThatNobodyMayNameAreRefused ) {
 TEST_F( FecTest, ExternalFecsComeAndGo ) {
    const Fib::FecId first( U64{ 7 } << 56 | 5 );
    const Fib::FecId second( U64{ 7 } << 56 | 6 );
-   const auto out = [&]( U32 intf, U32 label ) {
-      Fib::FecVia via;
-      via.nextHop = ip( nextHopOf( intf ) );
-      via.intf = IntfId::ordinary( intf );
-      via.labelAction = MplsLabelAction::swap;
-      via.labelStack = { label };
-      return std::vector< Fib::FecVia >{ via };
-   };
    Driver::FecUnit& fecs = *rig.hardware->fecUnit();
    extFecViaSetIs( 1, { first } );
    rig.routeIs( key( 16001 ), viaSetKey( 1, Mpls::viaTypeExternalFec ) );
@@ -377,10 +411,19 @@ TEST_F( FecTest, ExternalFecsComeAndGo ) {
    EXPECT_EQ( forward( 16001 ), "intf2 label 32" );
    EXPECT_FALSE( rig.fecRequest->hwFecIdRequestHas( first ) );
 
-   fecs.foreignFecDel( second ); // vanishes
-   rig.settle();
-   EXPECT_EQ( rig.published( 16001 ), RouteStatusCode::notProgrammed );
-   EXPECT_EQ( rig.hardware->routes(), 0U );
+   for ( const bool numbered : { true, false } ) { // vanishes, also while the VRF has no number
+      if ( !numbered ) {
+         rig.routeStatus->vrfStatusDel( rig.vrf );
+      }
+      fecs.foreignFecDel( second );
+      rig.settle();
+      EXPECT_EQ( rig.published( 16001 ), RouteStatusCode::notProgrammed );
+      EXPECT_EQ( rig.hardware->routes(), 0U );
+      rig.vrfNumberIs();
+      fecs.foreignFecIs( second, out( 2, 32 ) );
+      rig.settle();
+      EXPECT_EQ( forward( 16001 ), "intf2 label 32" );
+   }
 
    extFecViaSetIs( 1, { first, second } ); // not sane: what is programmed stays
    rig.settle();
@@ -395,14 +438,9 @@ TEST_F( FecTest, ExternalFecsComeAndGo ) {
 TEST_F( FecTest, NextHopGroupsAndTunnels ) {
    const Fib::FecId group = Fib::FecId::fecIdForAdjType( Fib::AdjType::nexthopGroupAdj, 9 );
    const IntfId tunnel( IntfId::Kind::dynamicTunnel, 4 );
-   Fib::FecVia out;
-   out.nextHop = ip( nextHopOf( 2 ) );
-   out.intf = IntfId::ordinary( 2 );
-   out.labelAction = MplsLabelAction::push;
-   out.labelStack = { 500 };
    Driver::FecUnit& fecs = *rig.hardware->fecUnit();
-   fecs.foreignFecIs( group, { out } );
-   fecs.tunnelIs( tunnel, { out } );
+   fecs.foreignFecIs( group, out( 2, 500 ) );
+   fecs.tunnelIs( tunnel, out( 2, 500 ) );
 
    Mpls::LfibMplsVia intoTunnel = swapVia( 1, "", 0, 17 );
    intoTunnel.intf = tunnel;
@@ -426,18 +464,6 @@ TEST_F( FecTest, NextHopGroupsAndTunnels ) {
    EXPECT_EQ( forward( 16003 ), "no route for label 16003" );
    EXPECT_EQ( rig.sm->lFibViaSetFault( viaSetKey( 3 ) ),
               "a next-hop group has its own label operation, only a pop may come before it" );
-   // What a pop lays bare has the TTL of what came off (RFC 3443), also below what a tunnel pushes.
-   Mpls::LfibMplsVia popsInto = intoTunnel;
-   popsInto.labelAction = MplsLabelAction::pop;
-   popsInto.labelStack = {};
-   popsInto.ttlMode = Mpls::TtlMode::uniform;
-   viaSetIs( 1, { popsInto } );
-   rig.settle();
-   EXPECT_EQ( forward( 16001 ), "intf2 label 500" );
-   const auto frames = rig.hardware->forward( LabelRig::vrfId, frameOf( 16001 ) ).frames;
-   constexpr size_t ipTtlAt = 14 + 4 + 8;
-   ASSERT_EQ( frames.size(), 1U );
-   EXPECT_EQ( frames[0].bytes.at( ipTtlAt ), 63 );
    // From next hops to a tunnel and back: nothing is watched any more than needed.
    viaSetIs( 1, { swapOut( 3, 3, 19 ) } );
    rig.settle();

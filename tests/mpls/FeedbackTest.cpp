@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <sstream>
+
 #include "driver/Misbehave.h"
 #include "platform/services/SystemLog.h"
 #include "tests/AssertionsThrow.h"
@@ -288,7 +291,12 @@ TEST( Misbehaving, aboutWhatIsUnknownChangesNothing ) {
    misbehave( *rig.hwStatus, LabelRig::vrfId, Misbehaviour::listsStrangeAdjacency );
    rig.settle();
    EXPECT_EQ( rig.config()->l2Adjacencys(), 1U );
+   EXPECT_EQ( rig.sm->counters()->reportsLate(), 4U );
    EXPECT_EQ( logged.names, Names{} );
+   rig.routeDel( 16 );
+   rig.settle();
+   misbehave( *rig.hwStatus, LabelRig::vrfId, Misbehaviour::listsStrangeAdjacency );
+   EXPECT_EQ( rig.sm->counters()->reportsLate(), 5U );
 }
 
 TEST( Misbehaving, beyondRepairIsABrokenInvariant ) {
@@ -316,6 +324,76 @@ TEST( Misbehaving, beyondRepairIsABrokenInvariant ) {
    EXPECT_EQ( condition( 12, Misbehaviour::confirmsRoute ), otherVrf );
    EXPECT_EQ( condition( 12, Misbehaviour::listsStrangeAdjacency ), otherVrf );
    EXPECT_EQ( condition( 12, Misbehaviour::switchesRouting ), otherVrf );
+}
+
+// --- What is counted.
+
+std::vector< std::pair< std::string, U64 > > countersOf( const LabelRig& rig ) {
+   std::istringstream text( printText( *rig.sm->counters() ) );
+   std::vector< std::pair< std::string, U64 > > counters( 1 );
+   std::getline( text, counters[0].first );
+   while ( text >> counters.back().first >> counters.back().second ) {
+      counters.push_back( counters.back() );
+   }
+   return counters;
+}
+
+struct Counting {
+   const char* event;
+   std::function< void( LabelRig& rig ) > happens;
+   std::string counted;
+   std::string withFecs = counted; ///< empty: does not happen there
+};
+
+// clang-format off
+const std::vector< Counting > countings{
+   { "a route and its via set", []( LabelRig& rig ) { addRoutes( rig, 1 ); },
+     "routesReceived 1 routesAccepted 1 routesReviewed 2 routesWritten 1 routesConfirmed 1 routesPublished 1 adjacenciesReviewed 1 adjacenciesWritten 1 viaSetsReceived 1 nextHopsReceived 1",
+     "routesReceived 1 routesAccepted 1 routesReviewed 3 routesWritten 1 routesConfirmed 1 routesPublished 1 adjacenciesReviewed 2 adjacenciesWritten 2 viaSetsReceived 1 nextHopsReceived 1" },
+   { "the neighbour has another address", []( LabelRig& rig ) { rig.l3.neighborIs( "10.0.0.1", 1, 0x020000000002 ); },
+     "routesReviewed 1 routesWritten 1 routesConfirmed 1 routesPublished 1 adjacenciesReviewed 1 adjacenciesWritten 1 nextHopsReceived 1" },
+   { "a route of another state machine", []( LabelRig& rig ) { rig.routeIs( key( 17 ), viaSetKey( 1, Mpls::viaTypeVlan ) ); },
+     "routesReceived 1 routesIgnored 1" },
+   { "it goes", []( LabelRig& rig ) { rig.routeDel( 17 ); }, "routesReceived 1 routesIgnored 1" },
+   { "no room for a route, which is tried once more at once", []( LabelRig& rig ) { rig.hardware->capacityIs( 1, 0 ); rig.routeIs( 17, 1 ); },
+     "routesReceived 1 routesAccepted 1 routesReviewed 1 routesWritten 2 routesRefused 1 routesRetried 1 routesPublished 2" },
+   { "room for it", []( LabelRig& rig ) { rig.hardware->capacityIs( 0, 0 ); rig.settle( 10 ); },
+     "routesWritten 1 routesConfirmed 1 routesRetried 1 routesPublished 1" },
+   { "it goes", []( LabelRig& rig ) { rig.routeDel( 17 ); },
+     "routesReceived 1 routesRemoved 1 routesReviewed 1 routesPublished 1 adjacenciesReviewed 1" },
+   { "off", []( LabelRig& rig ) { rig.routingInfo->mplsRoutingIs( rig.vrf, false ); },
+     "routesReviewed 1 routesPublished 1 adjacenciesReviewed 1 nextHopsReceived 1" },
+   { "a route comes meanwhile", []( LabelRig& rig ) { rig.routeIs( 17, 1 ); }, "routesReceived 1 routesIgnored 1" },
+   { "on", []( LabelRig& rig ) { rig.routingInfo->mplsRoutingIs( rig.vrf, true ); },
+     "routesReceived 2 routesAccepted 2 routesReviewed 4 routesWritten 2 routesConfirmed 2 routesPublished 2 adjacenciesReviewed 1 adjacenciesWritten 1 nextHopsReceived 1",
+     "routesReceived 2 routesAccepted 2 routesReviewed 6 routesWritten 2 routesConfirmed 2 routesPublished 2 adjacenciesReviewed 2 adjacenciesWritten 2 nextHopsReceived 1" },
+   { "no room for an adjacency, which is tried once more at once", []( LabelRig& rig ) { rig.hardware->capacityIs( 0, 1 ); rig.viaSetIs( 2, { swapVia( 2, "10.0.0.1", 0, 102 ) } ); rig.routeIs( 18, 2 ); },
+     "routesReceived 1 routesAccepted 1 routesReviewed 3 routesWritten 3 routesRefused 1 routesRetried 1 routesPublished 3 adjacenciesReviewed 2 adjacenciesWritten 3 adjacenciesRefused 1 adjacenciesRetried 1 viaSetsReceived 1 nextHopsReceived 1", "" },
+};
+// clang-format on
+
+TEST( Counters, countEachStageOnce ) {
+   for ( const bool withFecs : { false, true } ) {
+      LabelRig rig( { .withFecs = withFecs } );
+      rig.settle();
+      for ( const Counting& step : countings ) {
+         const std::string& expected = withFecs ? step.withFecs : step.counted;
+         if ( expected.empty() ) {
+            continue;
+         }
+         const auto before = countersOf( rig );
+         step.happens( rig );
+         rig.settle();
+         const auto after = countersOf( rig );
+         std::string counted;
+         for ( size_t i = 0; i < after.size(); ++i ) {
+            if ( const U64 news = after[i].second - before[i].second; news != 0 ) {
+               counted += joinText( counted.empty() ? "" : " ", after[i].first, " ", news );
+            }
+         }
+         EXPECT_EQ( counted, expected ) << step.event << ( withFecs ? ", with FECs" : "" );
+      }
+   }
 }
 
 // --- A next hop that comes and goes.

@@ -86,6 +86,7 @@ TEST_F( Route, whoseNewViaSetIsMissingKeepsWhatItHas ) {
    rig.settle();
    rig.routeIs( 16, 3 );
    rig.settle();
+   EXPECT_EQ( rig.published( 16 ), Mpls::RouteStatusCode::partiallyProgrammed );
    rig.viaSetIs( 1, { swapVia( 1, "10.0.0.2", 2, 101 ) } );
    rig.settle();
    EXPECT_FALSE( rig.state()->needReview() );
@@ -143,10 +144,16 @@ TEST_F( Route, waitsForItsViaSet ) {
 }
 
 // The LFIB is read ahead of its announcements: route 17 finds the via set before route 16 is told
-// of it.
+// of it. Until then a route goes from one missing via set to the next, all of which it leaves.
 TEST_F( Route, waitingForItsViaSetIsNotForgottenWhenAnotherFindsItFirst ) {
    rig.routeIs( 16, 3 );
    rig.settle();
+   for ( U32 missing = 100; missing < 600; ++missing ) {
+      rig.routeIs( 18, missing );
+      rig.settle();
+   }
+   EXPECT_TRUE( rig.sm->viaSetAwaitedHas( viaSetKey( 3 ) ) );
+   EXPECT_LT( rig.sm->viaSetAwaiteds(), 100U );
    rig.routeIs( 17, 3 );
    rig.poll();
    rig.viaSetIs( 3, { swapVia( 3, "10.0.0.1", 1, 103 ) } );
