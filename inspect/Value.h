@@ -33,6 +33,7 @@ class Value {
    Value( std::string text ) : value_( std::move( text ) ) {}
    Value( std::string_view text ) : value_( std::string( text ) ) {}
    Value( const char* text ) : value_( std::string( text ) ) {}
+   Value( List list ) : value_( std::move( list ) ) {} ///< also the one way to an empty list
 
    /// The value of that name, which must outlive it; made when there is none. What was no table
    /// becomes one.

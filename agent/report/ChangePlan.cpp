@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "agent/report/JsonWriter.h"
 #include "agent/report/ProgramResult.h"
 #include "agent/report/ReportText.h"
 #include "inspect/Words.h"
@@ -11,6 +12,7 @@ namespace Vel::Agent {
 
 using Inspect::counted;
 using Inspect::LabelState;
+using Inspect::Value;
 using Mpls::RouteKey;
 
 namespace {
@@ -143,41 +145,39 @@ bool printText( std::ostream& out, const ChangePlan& plan ) {
 }
 
 bool printJson( std::ostream& out, const ChangePlan& plan ) {
-   TextOut lines( out );
-   std::string& text = lines.text();
-   text += "{\"losses\":[";
-   std::string_view comma = "\n";
+   JsonWriter json( out );
+   json.beginList( "losses" );
    for ( const ChangePlan::Loss& loss : plan.losses() ) {
-      text += comma;
-      text += '{';
-      appendJsonLabel( text, loss.label );
-      lines.add( joinText( ",\"state\":\"", name( loss.state ),
-                           "\",\"reason\":", jsonText( loss.reason ), "}" ) );
-      comma = ",\n";
+      Value record;
+      addLabel( record, loss.label );
+      record["state"] = name( loss.state );
+      record["reason"] = loss.reason;
+      json.newLine();
+      json.element( record );
    }
-   text += "],\n";
+   json.end();
    for ( const NamedLabels& list : lists ) {
-      text += joinText( "\"", list.name, "\":[" );
-      comma = "";
+      json.newLine();
+      json.beginList( list.name );
       for ( const RouteKey key : ( plan.*list.labels )() ) {
-         text += comma;
-         appendJsonKey( text, key );
-         lines.lineDone();
-         comma = ",";
+         json.element( keyValue( key ) );
       }
-      text += "],\n";
+      json.end();
    }
-   text += joinText( "\"unchanged\":", plan.unchanged(), ",\"operations\":", plan.operations(),
-                     ",\n\"room\":{" );
-   comma = "";
+   json.newLine();
+   json.member( "unchanged", plan.unchanged() );
+   json.member( "operations", plan.operations() );
+   json.newLine();
+   json.beginObject( "room" );
    for ( const NamedRoom& named : rooms ) {
       const PlannedRoom& room = ( plan.*named.room )();
-      text += joinText( comma, "\"", named.json, "\":{\"before\":", room.before,
-                        ",\"after\":", room.after, ",\"most\":", room.most, "}" );
-      comma = ",";
+      Value record;
+      record["before"] = room.before;
+      record["after"] = room.after;
+      record["most"] = room.most;
+      json.member( named.json, record );
    }
-   text += "}}\n";
-   return lines.finish();
+   return json.finish();
 }
 
 } // namespace Vel::Agent

@@ -4,7 +4,6 @@
 #include <ostream>
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 namespace Vel::Agent {
 
@@ -34,39 +33,6 @@ void addReportFormat( CLI::App& app, std::string& format ) {
                    ? std::string()
                    : "\"" + form + "\" is not a form of the result; there are text and json";
       } );
-}
-
-std::string jsonText( std::string_view text ) {
-   return nlohmann::json( text ).dump( -1, ' ', false, nlohmann::json::error_handler_t::replace );
-}
-
-namespace {
-
-void appendStack( std::string& out, Mpls::RouteKey key ) {
-   for ( size_t depth = 0; depth < Mpls::RouteKey::maxLabels && !key.label( depth ).null();
-         ++depth ) {
-      out += depth == 0 ? '[' : ',';
-      appendText( out, key.label( depth ) );
-   }
-   out += ']';
-}
-
-} // namespace
-
-void appendJsonKey( std::string& out, Mpls::RouteKey key ) {
-   if ( key.singleLabel() ) {
-      appendText( out, key.topLabel() );
-   } else {
-      appendStack( out, key );
-   }
-}
-
-void appendJsonLabel( std::string& out, Mpls::RouteKey key ) {
-   out += joinText( "\"label\":", key.topLabel() );
-   if ( !key.singleLabel() ) {
-      out += ",\"stack\":";
-      appendStack( out, key );
-   }
 }
 
 // Tables may name interfaces with what UTF-8 has of control characters, U+0080 to U+009F.

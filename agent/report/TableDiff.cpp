@@ -4,6 +4,7 @@
 #include <map>
 
 #include "agent/import/ImportChecks.h"
+#include "agent/report/JsonWriter.h"
 #include "agent/report/ReportText.h"
 #include "inspect/Words.h"
 #include "platform/base/Text.h"
@@ -101,19 +102,18 @@ bool printText( std::ostream& out, const std::vector< TableDifference >& differe
 }
 
 bool printJson( std::ostream& out, const std::vector< TableDifference >& differences ) {
-   TextOut lines( out );
-   lines.add( "{\"differences\":[" );
-   std::string_view comma = "\n";
-   const auto jsonOf = []( const std::string& text ) {
-      return text.empty() ? std::string( "null" ) : jsonText( text );
-   };
+   JsonWriter json( out );
+   json.beginList( "differences" );
    for ( const TableDifference& one : differences ) {
-      lines.add( joinText( comma, "{\"what\":", jsonText( one.what ), ",\"before\":",
-                           jsonOf( one.before ), ",\"after\":", jsonOf( one.after ), "}" ) );
-      comma = ",\n";
+      Inspect::Value record;
+      record["what"] = one.what;
+      record["before"] = textOrNothing( one.before );
+      record["after"] = textOrNothing( one.after );
+      json.newLine();
+      json.element( record );
    }
-   lines.add( "\n]}\n" );
-   return lines.finish();
+   json.newLine();
+   return json.finish();
 }
 
 } // namespace Vel::Agent
