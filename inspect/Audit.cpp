@@ -480,18 +480,6 @@ std::string AuditComparison::publishedText( const Mpls::RouteInfo* info ) {
    return info ? textOf( info->statusCode ) : "no status";
 }
 
-std::string_view name( AuditStage stage ) {
-   switch ( stage ) {
-   case AuditStage::written:
-      return "intent -> written";
-   case AuditStage::reported:
-      return "written -> reported";
-   case AuditStage::published:
-      break;
-   }
-   return "reported -> published";
-}
-
 AuditReport Audit::run( size_t limit ) const {
    return AuditComparison( entities_, name_, limit ).run();
 }

@@ -49,8 +49,6 @@ namespace Vel::Inspect {
 
 /// Between which two a difference stands.
 enum class AuditStage : uint8_t { written, reported, published };
-/// "intent -> written" and so on.
-std::string_view name( AuditStage stage );
 
 struct AuditFinding {
    Mpls::RouteKey label; ///< null when it is about `object`
@@ -109,3 +107,11 @@ class Audit {
 };
 
 } // namespace Vel::Inspect
+
+template<>
+struct Vel::EnumNames< Vel::Inspect::AuditStage > {
+   static constexpr std::array< std::pair< Inspect::AuditStage, std::string_view >, 3 > names{
+      { { Inspect::AuditStage::written, "intent -> written" },
+        { Inspect::AuditStage::reported, "written -> reported" },
+        { Inspect::AuditStage::published, "reported -> published" } } };
+};

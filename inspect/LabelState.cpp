@@ -18,22 +18,6 @@ constexpr size_t remembered = 4096; // via sets
 
 } // namespace
 
-std::string_view name( LabelState state ) {
-   switch ( state ) {
-   case LabelState::programmed:
-      return "programmed";
-   case LabelState::partiallyProgrammed:
-      return "partiallyProgrammed";
-   case LabelState::unprogrammed:
-      return "unprogrammed";
-   case LabelState::ignored:
-      return "ignored";
-   case LabelState::absent:
-      break;
-   }
-   return "absent";
-}
-
 Mpls::RouteStatusCode codeOf( LabelState state ) {
    return state == LabelState::programmed            ? Mpls::RouteStatusCode::programmed
           : state == LabelState::partiallyProgrammed ? Mpls::RouteStatusCode::partiallyProgrammed

@@ -44,7 +44,6 @@
 namespace Vel::Inspect {
 
 enum class LabelState : uint8_t { programmed, partiallyProgrammed, unprogrammed, ignored, absent };
-std::string_view name( LabelState state );
 /// The code that is published of a label in that state.
 Mpls::RouteStatusCode codeOf( LabelState state );
 
@@ -109,5 +108,24 @@ class LabelStates {
    Intent intent_;                      // memory for one label
    mutable std::vector< WayOut > ways_; // memory for one via
 };
+
+} // namespace Vel::Inspect
+
+template<>
+struct Vel::EnumNames< Vel::Inspect::LabelState > {
+   static constexpr std::array< std::pair< Inspect::LabelState, std::string_view >, 5 > names{
+      { { Inspect::LabelState::programmed, "programmed" },
+        { Inspect::LabelState::partiallyProgrammed, "partiallyProgrammed" },
+        { Inspect::LabelState::unprogrammed, "unprogrammed" },
+        { Inspect::LabelState::ignored, "ignored" },
+        { Inspect::LabelState::absent, "absent" } } };
+};
+
+namespace Vel::Inspect {
+
+/// For programs that use no text forms.
+constexpr std::string_view name( LabelState state ) {
+   return stringValue( state );
+}
 
 } // namespace Vel::Inspect

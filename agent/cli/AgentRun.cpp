@@ -6,7 +6,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include "agent/report/Progress.h"
 #include "platform/services/SystemLog.h"
 
 namespace Vel::Agent {
@@ -132,12 +131,13 @@ void addHardwareBefore( CLI::App& app, RunOptions& options ) {
       ->check( emptyFault );
 }
 
-AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( options ) {
+AgentRun::AgentRun( const RunOptions& options, bool progressWanted )
+   : options_( options ), progress_( progressWanted && options.tables.trace.empty() ) {
    if ( const auto fault = traceOn( options.tables.trace ) ) {
       std::cerr << *fault << '\n';
       return;
    }
-   LoadedTables loaded = loadTables( options.tables, progress, std::cerr );
+   LoadedTables loaded = loadTables( options.tables, progress_, std::cerr );
    if ( !loaded.usable ) {
       return;
    }
@@ -150,7 +150,7 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( 
    settings.hardware.adjacencyCapacity = options.adjacencyCapacity;
    settings.hardware.fecCapacity = options.fecCapacity;
    settings.withFecs = options.tables.withFecs;
-   settings.onProgress = [&progress]( size_t left ) { progress.left( left ); };
+   settings.onProgress = [this]( size_t left ) { progress_.left( left ); };
    auto plan = faultPlan( options.faults, loaded.plan.interfaces() );
    if ( !plan ) {
       return;
@@ -169,11 +169,11 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( 
       settings.maxStaleShare = options.previewSweep ? 0 : options.maxStaleShare;
    }
    agent_ = std::make_unique< LabelAgent >( std::move( loaded.plan ), settings );
-   logToStandardError( *agent_, progress );
-   fault_ = applyTables( *agent_, loaded.neighbors, options.tables, progress,
+   logToStandardError( *agent_, progress_ );
+   fault_ = applyTables( *agent_, loaded.neighbors, options.tables, progress_,
                          options.holdLastTable ? 1 : 0 );
    if ( !fault_ ) {
-      progress.stage( "letting time pass" );
+      progress_.stage( "letting time pass" );
       fault_ = agent_->runFor( options.forSeconds );
    }
    incomplete_ = incomplete_ || fault_.has_value() ||

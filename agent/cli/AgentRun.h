@@ -1,7 +1,7 @@
 // AgentRun: what every subcommand does before it has something to show: reads the tables, makes the
 // agent with the hardware that the options describe, applies the tables and lets time pass.
 //
-//    AgentRun run( options, progress );
+//    AgentRun run( options );
 //    if ( !run.usable() ) {
 //       return ExitStatus::badInput;
 //    }
@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "agent/cli/TableOptions.h"
+#include "agent/report/Progress.h"
 #include "agent/world/HardwareState.h"
 
 namespace Vel::Agent {
@@ -44,7 +45,8 @@ void addHardwareBefore( CLI::App& app, RunOptions& options );
 
 class AgentRun {
  public:
-   AgentRun( const RunOptions& options, Progress& progress );
+   /// Progress is shown on a terminal unless it is not wanted, or the trace goes there.
+   explicit AgentRun( const RunOptions& options, bool progressWanted = true );
    AgentRun( const AgentRun& ) = delete;
    AgentRun& operator=( const AgentRun& ) = delete;
    ~AgentRun();
@@ -52,6 +54,8 @@ class AgentRun {
    /// False: the input was bad, has been complained about, and nothing was applied.
    bool usable() const { return agent_ != nullptr; }
    LabelAgent& agent() const { return *agent_; }
+   /// To be hidden before anything is printed.
+   Progress& progress() { return progress_; }
    /// Something of the tables was left out, or the agent did not come to rest. What was shown is
    /// not the whole truth.
    bool incomplete() const { return incomplete_; }
@@ -66,6 +70,7 @@ class AgentRun {
    std::optional< Driver::HwState > recoveredHardware( Interfaces& interfaces );
 
    const RunOptions options_;
+   Progress progress_;
    std::optional< HardwareStateFile > stateFile_; // while hardware outlives the run
    std::unique_ptr< LabelAgent > agent_;
    LabelAgent::Fault fault_;

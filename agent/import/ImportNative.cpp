@@ -30,10 +30,10 @@ Value choice( RecordCheck& check, std::string_view field, std::string_view text,
               const std::array< Value, count >& values ) {
    std::string known;
    for ( const Value value : values ) {
-      if ( text == name( value ) ) {
+      if ( text == stringValue( value ) ) {
          return value;
       }
-      known += ( known.empty() ? "" : ", " ) + inQuotes( name( value ) );
+      known += ( known.empty() ? "" : ", " ) + inQuotes( stringValue( value ) );
    }
    check.complain( "the field " + inQuotes( field ) + " is " + inQuotes( text ) + ", not one of " +
                    known );
@@ -251,7 +251,7 @@ class NativePieces final : public JsonPieces {
  private:
    // False when there are too many. Of several definitions of one name the first is kept.
    bool readDefinition( const JsonPiece& piece, ForeignFec::Kind kind ) {
-      const std::string noun( name( kind ) );
+      const std::string noun( nounOf( kind ) );
       RecordCheck check( errors_, piece, noun );
       ForeignFec made{ kind, {}, {} };
       if ( !readForeignFec( check, made ) ) {

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "agent/import/ImportError.h"
+#include "platform/base/Text.h"
 
 namespace Vel::Agent {
 
@@ -97,13 +98,8 @@ struct ForeignFec {
 
 enum class LabelTableFormat : uint8_t { frr, iproute2, native };
 
-std::string_view name( LabelOperation operation );
-std::string_view name( LabelPayload payload ); ///< empty for `none`
-std::string_view name( LabelTtlMode mode );
-std::string_view name( LabelTableFormat format );
-std::string_view name( ForeignFec::Kind kind ); ///< for people, such as "next-hop group"
-/// The inverse of `name`.
-std::optional< LabelTableFormat > labelTableFormat( std::string_view name );
+/// For people, such as "next-hop group".
+std::string_view nounOf( ForeignFec::Kind kind );
 
 struct LabelTable {
    std::string file;
@@ -123,3 +119,40 @@ LabelTable loadLabelTable( const std::string& path,
                            std::optional< LabelTableFormat > forced = std::nullopt );
 
 } // namespace Vel::Agent
+
+template<>
+struct Vel::EnumNames< Vel::Agent::LabelOperation > {
+   static constexpr std::array< std::pair< Agent::LabelOperation, std::string_view >, 4 > names{
+      { { Agent::LabelOperation::pop, "pop" },
+        { Agent::LabelOperation::swap, "swap" },
+        { Agent::LabelOperation::push, "push" },
+        { Agent::LabelOperation::keep, "keep" } } };
+};
+template<>
+struct Vel::EnumNames< Vel::Agent::LabelPayload > {
+   static constexpr std::array< std::pair< Agent::LabelPayload, std::string_view >, 4 > names{
+      { { Agent::LabelPayload::none, "" },
+        { Agent::LabelPayload::ipv4, "ipv4" },
+        { Agent::LabelPayload::ipv6, "ipv6" },
+        { Agent::LabelPayload::autodetect, "autodetect" } } };
+};
+template<>
+struct Vel::EnumNames< Vel::Agent::LabelTtlMode > {
+   static constexpr std::array< std::pair< Agent::LabelTtlMode, std::string_view >, 2 > names{
+      { { Agent::LabelTtlMode::uniform, "uniform" }, { Agent::LabelTtlMode::pipe, "pipe" } } };
+};
+template<>
+struct Vel::EnumNames< Vel::Agent::LabelTableFormat > {
+   static constexpr std::array< std::pair< Agent::LabelTableFormat, std::string_view >, 3 > names{
+      { { Agent::LabelTableFormat::frr, "frr" },
+        { Agent::LabelTableFormat::iproute2, "iproute2" },
+        { Agent::LabelTableFormat::native, "native" } } };
+};
+/// As the fields of files are called.
+template<>
+struct Vel::EnumNames< Vel::Agent::ForeignFec::Kind > {
+   static constexpr std::array< std::pair< Agent::ForeignFec::Kind, std::string_view >, 3 > names{
+      { { Agent::ForeignFec::Kind::nextHopGroup, "nextHopGroup" },
+        { Agent::ForeignFec::Kind::tunnel, "tunnel" },
+        { Agent::ForeignFec::Kind::externalFec, "externalFec" } } };
+};

@@ -6,7 +6,6 @@
 
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "agent/import/ImportError.h"
+#include "platform/values/IpTypes.h"
 
 namespace Vel::Agent {
 
@@ -22,7 +22,7 @@ inline constexpr size_t maxNeighbors = size_t{ 1 } << 20;
 struct Neighbor {
    std::string address; ///< canonical text of an IPv4 or IPv6 unicast address
    std::string interface;
-   std::array< uint8_t, 6 > mac{}; ///< zero when there is none
+   MacAddr mac; ///< zero when there is none
    /// It has a MAC address and its state is neither FAILED nor INCOMPLETE.
    bool resolved = false;
    std::string state; ///< the words of its state, joined by ","; may be empty

@@ -54,9 +54,9 @@ bool printText( std::ostream& out, const AuditReport& report ) {
          " not followed there\n" );
    }
    for ( const AuditFinding& one : report.differences ) {
-      lines.add( joinText( subjectText( one.label, one.object ), "  ", name( one.stage ),
-                           ": expected ", harmlessText( one.expected ), "; found ",
-                           harmlessText( one.found ), "\n" ) );
+      lines.add( joinText( subjectText( one.label, one.object ), "  ", one.stage, ": expected ",
+                           harmlessText( one.expected ), "; found ", harmlessText( one.found ),
+                           "\n" ) );
    }
    if ( report.differenceCount > report.differences.size() ) {
       lines.add( joinText( "and ",
@@ -98,7 +98,7 @@ bool printJson( std::ostream& out, const AuditReport& report ) {
    for ( const AuditFinding& one : report.differences ) {
       Value record;
       addSubject( record, one.label, one.object );
-      record["stage"] = name( one.stage );
+      record["stage"] = stringValue( one.stage );
       record["expected"] = one.expected;
       record["found"] = one.found;
       json.newLine();

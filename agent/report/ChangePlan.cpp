@@ -35,9 +35,7 @@ std::string waysText( const Driver::HwRoute& route, const Inspect::InterfaceName
 
 template< class Call >
 void ChangePlan::eachInHardware( const Call& call ) const {
-   const Inspect::InterfaceName name = [this]( IntfId intf ) {
-      return agent_.interfaces().name( intf );
-   };
+   const Inspect::InterfaceName name = agent_.interfaceName();
    if ( const Driver::HwVrf* const vrf = agent_.hardware().vrf( LabelAgent::vrfId ) ) {
       for ( const auto& [key, route] : vrf->route ) {
          call( key, std::hash< std::string >()( waysText( route, name ) ) );
@@ -128,8 +126,8 @@ bool printText( std::ostream& out, const ChangePlan& plan ) {
                 plan.changed().size(), " changed, ", plan.unchanged(), " as they are; ",
                 counted( plan.operations(), "operation", "operations" ), " of the hardware\n" ) );
    for ( const ChangePlan::Loss& loss : plan.losses() ) {
-      lines.add( joinText( loss.label, "  would be ", name( loss.state ), ": ",
-                           harmlessText( loss.reason ), "\n" ) );
+      lines.add( joinText( loss.label, "  would be ", loss.state, ": ", harmlessText( loss.reason ),
+                           "\n" ) );
    }
    for ( const NamedLabels& list : lists ) {
       for ( const RouteKey key : ( plan.*list.labels )() ) {
@@ -150,7 +148,7 @@ bool printJson( std::ostream& out, const ChangePlan& plan ) {
    for ( const ChangePlan::Loss& loss : plan.losses() ) {
       Value record;
       addLabel( record, loss.label );
-      record["state"] = name( loss.state );
+      record["state"] = stringValue( loss.state );
       record["reason"] = loss.reason;
       json.newLine();
       json.element( record );

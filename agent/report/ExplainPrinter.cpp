@@ -44,8 +44,8 @@ std::string headline( const Explanation& explanation ) {
       return joinText( "label ", explanation.key(), ": nothing can be told: ", explanation.fault(),
                        "\n" );
    }
-   std::string text = joinText( "label ", explanation.key(), ": ", name( explanation.state() ),
-                                " at ", secondsText( explanation.now() ) );
+   std::string text = joinText( "label ", explanation.key(), ": ", explanation.state(), " at ",
+                                secondsText( explanation.now() ) );
    if ( const ChainLink* const blocker = explanation.blocker() ) {
       text += joinText( ", blocked at: ", blocker->title );
       text += explanation.leaves() ? ". The hardware still forwards with what it has" : "";
@@ -157,7 +157,7 @@ bool printJson( std::ostream& out, const Explanation& explanation ) {
    if ( !explanation.fault().empty() ) {
       made["fault"] = explanation.fault();
    }
-   made["state"] = name( explanation.state() );
+   made["state"] = stringValue( explanation.state() );
    made["atSeconds"] = explanation.now();
    made["inHardware"] = explanation.inHardware();
    made["framesLeave"] = explanation.leaves();

@@ -21,7 +21,7 @@ std::vector< U32 > labelsOf( const Mpls::LabelStack& stack ) {
 
 /// "tunnel t1 is not there yet".
 std::string foreignReason( const ResultVia& via ) {
-   return joinText( name( *via.into ), " ", via.name,
+   return joinText( nounOf( *via.into ), " ", via.name,
                     via.there ? " has no way out" : " is not there yet" );
 }
 
@@ -87,7 +87,7 @@ struct ProgramResult::Found {
 
 ProgramResult::ProgramResult( const LabelAgent& agent )
    : agent_( agent ),
-     name_( [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); } ),
+     name_( agent.interfaceName() ),
      fecs_( agent.entityManager() ),
      foreignWays_( agent.entityManager(), name_ ),
      labelStates_( agent.entityManager() ) {

@@ -58,6 +58,11 @@ struct ResultRoute {
    bool usableAsPrimaryVias = true; ///< false: only the backup is to be taken
 };
 
+/// Those that a route of the LFIB can be in.
+inline constexpr std::array< Inspect::LabelState, 4 > statesOfRoutes{
+   Inspect::LabelState::programmed, Inspect::LabelState::partiallyProgrammed,
+   Inspect::LabelState::unprogrammed, Inspect::LabelState::ignored };
+
 struct ResultSummary {
    std::array< size_t, 5 > byState{};
    size_t routes = 0;

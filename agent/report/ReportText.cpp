@@ -1,7 +1,7 @@
 #include "agent/report/ReportText.h"
 
 #include <algorithm>
-#include <ostream>
+#include <iostream>
 
 #include <CLI/CLI.hpp>
 
@@ -33,6 +33,13 @@ void addReportFormat( CLI::App& app, std::string& format ) {
                    ? std::string()
                    : "\"" + form + "\" is not a form of the result; there are text and json";
       } );
+}
+
+bool reportWritten( bool written ) {
+   if ( !written ) {
+      std::cerr << "velmpls: the result could not be written\n";
+   }
+   return written;
 }
 
 // Tables may name interfaces with what UTF-8 has of control characters, U+0080 to U+009F.

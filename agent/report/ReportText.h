@@ -33,6 +33,8 @@ class TextOut {
 
 /// Declares the option --format, "text" or "json". `format` must outlive the parsing.
 void addReportFormat( CLI::App& app, std::string& format );
+/// Complains of a report that standard output could not take; hands the answer on.
+bool reportWritten( bool written );
 /// The text without what would steer a terminal.
 std::string harmlessText( std::string text );
 

@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "agent/import/ImportChecks.h"
 #include "agent/report/JsonWriter.h"
 #include "agent/report/Metrics.h"
 #include "agent/report/ReportText.h"
@@ -38,18 +39,6 @@ Value exitValue( const ResultExit& exit ) {
    return out;
 }
 
-std::string_view fieldOf( ForeignFec::Kind kind ) {
-   switch ( kind ) {
-   case ForeignFec::Kind::nextHopGroup:
-      return "nextHopGroup";
-   case ForeignFec::Kind::tunnel:
-      return "tunnel";
-   case ForeignFec::Kind::externalFec:
-      break;
-   }
-   return "externalFec";
-}
-
 template< class T, class F >
 Value listOf( const std::vector< T >& all, const F& valueOf ) {
    Value::List list;
@@ -72,7 +61,7 @@ Value viaValue( const ResultVia& via ) {
       out["exits"] = listOf( via.exits, exitValue );
    }
    if ( via.into ) {
-      out[fieldOf( *via.into )] = via.name;
+      out[stringValue( *via.into )] = via.name;
    }
    if ( via.fec != Fib::FecId() ) {
       out["fec"] = Inspect::fecIdText( via.fec );
@@ -83,7 +72,7 @@ Value viaValue( const ResultVia& via ) {
 Value routeValue( const ResultRoute& route ) {
    Value out;
    addLabel( out, route.key );
-   out["state"] = name( route.state );
+   out["state"] = stringValue( route.state );
    if ( route.state != LabelState::programmed ) {
       out["reason"] = route.reason;
    }
@@ -150,9 +139,8 @@ bool printJson( std::ostream& out, const ProgramResult& result, bool startup,
    const ResultSummary& sum = result.summary();
    json.beginObject( "summary" );
    json.member( "routes", sum.routes );
-   for ( const auto state : { LabelState::programmed, LabelState::partiallyProgrammed,
-                              LabelState::unprogrammed, LabelState::ignored } ) {
-      json.member( name( state ), sum.of( state ) );
+   for ( const auto state : statesOfRoutes ) {
+      json.member( stringValue( state ), sum.of( state ) );
    }
    json.member( "l3Adjacencies", sum.l3Adjacencies );
    json.member( "l2Adjacencies", sum.l2Adjacencies );
@@ -209,19 +197,11 @@ std::string textOrDash( const std::optional< U64 >& number ) {
    return number ? textOf( *number ) : "-";
 }
 
-std::string labelsText( const std::vector< U32 >& labels ) {
-   std::string text;
-   for ( const U32 one : labels ) {
-      text += joinText( text.empty() ? "" : "/", one );
-   }
-   return textOrDash( std::move( text ) );
-}
-
 void viaCells( const ResultVia& via, Row& row ) {
    row[action] = textOf( via.action );
-   row[out] = labelsText( via.outLabels );
+   row[out] = textOrDash( stackText( via.outLabels ) );
    row[nextHop] =
-      textOrDash( via.into ? joinText( name( *via.into ), " ", via.name ) : via.nextHop.text() );
+      textOrDash( via.into ? joinText( nounOf( *via.into ), " ", via.name ) : via.nextHop.text() );
    row[intf] = textOrDash( exitInterface( via ) );
    if ( via.resolved() ) {
       const ResultExit& exit = via.exits.front();
@@ -241,7 +221,7 @@ void routeRows( const ResultRoute& route, std::vector< Row >& rows ) {
    const size_t primary = std::max< size_t >( route.vias.size(), 1 );
    rows.assign( primary + route.backup.size(), Row() );
    rows[0][label] = textOf( route.key );
-   rows[0][state] = name( route.state );
+   rows[0][state] = stringValue( route.state );
    rows[0][l3Adj] = textOrDash( route.l3Adjacency );
    rows[0][l2Adj] = textOrDash( route.l2Adjacency );
    for ( size_t i = 0; i < route.vias.size(); ++i ) {

@@ -14,12 +14,12 @@ namespace Vel::Agent {
 namespace {
 
 std::string viaText( const LabelVia& via ) {
-   std::string text( name( via.action ) );
+   std::string text = textOf( via.action );
    if ( !via.outLabels.empty() ) {
       text += " " + stackText( via.outLabels );
    }
    if ( via.action == LabelOperation::pop ) {
-      text += joinText( " ", name( via.payload ), " ", name( via.ttlMode ) );
+      text += joinText( " ", via.payload, " ", via.ttlMode );
    }
    if ( !via.nextHop.empty() ) {
       text += " to " + via.nextHop;
@@ -81,7 +81,7 @@ std::vector< TableDifference > differencesOf( const LabelTable& before, const La
    compare(
       before.foreignFecs, after.foreignFecs,
       []( const ForeignFec& fec ) { return std::pair( fec.kind, fec.name ); },
-      []( const ForeignFec& fec ) { return joinText( name( fec.kind ), " ", fec.name ); },
+      []( const ForeignFec& fec ) { return joinText( nounOf( fec.kind ), " ", fec.name ); },
       []( const ForeignFec& fec ) { return viasText( fec.vias ); } );
    return found;
 }

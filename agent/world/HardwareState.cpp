@@ -56,10 +56,8 @@ json wordOf( E value ) {
 template< class E >
 E valueOf( const json& word ) {
    const auto text = word.get< std::string >();
-   for ( const auto& [value, name] : EnumNames< E >::names ) {
-      if ( text == name ) {
-         return value;
-      }
+   if ( const std::optional< E > value = enumParse< E >( text ) ) {
+      return *value;
    }
    throw Unsound( "\"" + text + "\" is not known" );
 }
@@ -87,27 +85,16 @@ E optionalValue( const std::array< std::string_view, count >& words, const json&
 
 // --- Interfaces: an ordinary one by its name, another agent's by its kind and name.
 
-constexpr std::array< std::pair< ForeignFec::Kind, std::string_view >, 3 > foreignKinds{
-   { { ForeignFec::Kind::nextHopGroup, "nextHopGroup" },
-     { ForeignFec::Kind::tunnel, "tunnel" },
-     { ForeignFec::Kind::externalFec, "externalFec" } } };
-
 void writeIntf( json& via, IntfId intf, const Interfaces& interfaces ) {
    if ( intf.empty() ) {
       return;
    }
    const auto kind = Interfaces::foreignKind( intf );
-   std::string_view field = "interface";
-   for ( const auto& [foreign, name] : foreignKinds ) {
-      if ( kind == foreign ) {
-         field = name;
-      }
-   }
-   via[std::string( field )] = interfaces.name( intf );
+   via[kind ? textOf( *kind ) : "interface"] = interfaces.name( intf );
 }
 
 IntfId readIntf( const json& via, Interfaces& interfaces ) {
-   for ( const auto& [kind, name] : foreignKinds ) {
+   for ( const auto& [kind, name] : EnumNames< ForeignFec::Kind >::names ) {
       if ( const auto at = via.find( name ); at != via.end() ) {
          return interfaces.foreignIs( kind, at->get< std::string >() );
       }

@@ -67,7 +67,7 @@ void L3Service::neighborIs( const Neighbor& neighbor ) {
    const IntfId intf = interfaces_.intfIs( neighbor.interface );
    neighborIs( { intf, *address }, { { .vlanId = neighbor.vlan,
                                        .l2Intf = intf,
-                                       .macAddr = MacAddr( neighbor.mac ),
+                                       .macAddr = neighbor.mac,
                                        .resolved = neighbor.resolved },
                                      neighbor.state } );
 }

@@ -135,7 +135,7 @@ Driver::FecPlatform LabelAgent::fecPlatform( const MplsSmInputs& inputs ) {
                return l3_->info( { intf, nextHop } );
             },
             entityManager_->root< VelHelper::MplsRouteSyncMap >( "mplsRouteSyncMap" ),
-            [this]( IntfId intf ) { return plan_.interfaces().name( intf ); } };
+            interfaceName() };
 }
 
 // --- Tables.

@@ -34,6 +34,7 @@
 #include "agent/world/L3Service.h"
 #include "agent/world/LfibPublisher.h"
 #include "driver/SoftwareSwitch.h"
+#include "inspect/Words.h"
 #include "mpls/VelMplsInputStatusSm.h"
 #include "mpls/VelMplsSm.h"
 
@@ -87,6 +88,10 @@ class LabelAgent {
    const LfibPlan& plan() const { return plan_; }
    const LfibPublisher& publisher() const { return publisher_; }
    Interfaces& interfaces() const { return plan_.interfaces(); }
+   /// What reports call an interface. Valid while the agent is there.
+   Inspect::InterfaceName interfaceName() const {
+      return [this]( IntfId intf ) { return interfaces().name( intf ); };
+   }
    L3Service& l3() { return *l3_; }
    const L3Service& l3() const { return *l3_; }
    const ForeignFecs& foreignFecs() const { return *foreignFecs_; }
