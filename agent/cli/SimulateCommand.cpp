@@ -26,7 +26,6 @@ struct SimulateOptions {
    std::string profile = "all";
    std::string replay;
    bool shrink = true;
-   bool verbose = false;
 };
 
 std::string failureText( const Sim::Failure& failure ) {

@@ -136,8 +136,7 @@ void import( std::string_view text, std::optional< LabelTableFormat > forced, La
 LabelTable parseLabelTable( std::string_view text, std::string file,
                             std::optional< LabelTableFormat > forced ) {
    LabelTable table;
-   ErrorList errors( file, text );
-   table.file = std::move( file );
+   ErrorList errors( std::move( file ), text );
    import( text, forced, table, errors );
    table.errors = errors.take();
    return table;
@@ -149,7 +148,6 @@ LabelTable loadLabelTable( const std::string& path, std::optional< LabelTableFor
       return parseLabelTable( *text, inputName( path ), forced );
    }
    LabelTable table;
-   table.file = inputName( path );
    table.errors.push_back( unreadable( path, fault ) );
    return table;
 }

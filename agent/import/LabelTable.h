@@ -92,8 +92,6 @@ struct ForeignFec {
    Kind kind = Kind::nextHopGroup;
    std::string name;
    std::vector< LabelVia > vias; ///< none leads into a next-hop group
-
-   friend bool operator==( const ForeignFec&, const ForeignFec& ) = default;
 };
 
 enum class LabelTableFormat : uint8_t { frr, iproute2, native };
@@ -102,7 +100,6 @@ enum class LabelTableFormat : uint8_t { frr, iproute2, native };
 std::string_view nounOf( ForeignFec::Kind kind );
 
 struct LabelTable {
-   std::string file;
    LabelTableFormat format = LabelTableFormat::native; ///< means something when a format was found
    std::vector< LabelRoute > routes;
    std::vector< ForeignFec > foreignFecs; ///< in the order of the text

@@ -133,8 +133,7 @@ class NeighborPieces final : public JsonPieces {
 
 NeighborTable parseNeighborTable( std::string_view text, std::string file ) {
    NeighborTable table;
-   ErrorList errors( file, text );
-   table.file = std::move( file );
+   ErrorList errors( std::move( file ), text );
    if ( checkSize( text, errors ) ) {
       NeighborPieces pieces( table.neighbors, errors );
       readJson( text, JsonCut::members, pieces, errors );
@@ -149,7 +148,6 @@ NeighborTable loadNeighborTable( const std::string& path ) {
       return parseNeighborTable( *text, inputName( path ) );
    }
    NeighborTable table;
-   table.file = inputName( path );
    table.errors.push_back( unreadable( path, fault ) );
    return table;
 }

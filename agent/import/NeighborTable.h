@@ -27,12 +27,9 @@ struct Neighbor {
    bool resolved = false;
    std::string state; ///< the words of its state, joined by ","; may be empty
    uint16_t vlan = 0; ///< VLAN that its frames carry (IEEE 802.1Q); 0 for none
-
-   friend bool operator==( const Neighbor&, const Neighbor& ) = default;
 };
 
 struct NeighborTable {
-   std::string file;
    std::vector< Neighbor >
       neighbors; ///< in the order of the text; one for an address and interface
    /// Not empty: the table as a whole is not to be applied. `neighbors` then holds what is sound.

@@ -26,8 +26,6 @@ struct ResultExit {
    std::string interface;
    Bridging::VlanId vlan = 0;
    MacAddr mac;
-
-   friend bool operator==( const ResultExit&, const ResultExit& ) = default;
 };
 
 /// One via of a route.
@@ -109,8 +107,6 @@ class ProgramResult {
    void read( size_t i, ResultRoute& out ) const;
    /// The route under that key; nothing when the LFIB has none.
    std::optional< ResultRoute > route( Mpls::RouteKey key ) const;
-   /// The vias of a via set, as far as MPLS forwarding takes it.
-   void readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
 
  private:
    struct Found;
@@ -118,6 +114,7 @@ class ProgramResult {
    const Mpls::Hardware::Adjacency* adjacencyOf( Mpls::LfibViaSetKey viaSetKey ) const;
    ResultVia viaInto( MplsLabelAction action, const Mpls::LabelStack& labels,
                       const IpGenAddr& nextHop, IntfId intf ) const;
+   void readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
    void readViasFromLfib( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
    void readRoute( Mpls::RouteKey key, ResultRoute& out ) const;
    std::string reasonOf( const Found& found, const ResultRoute& route ) const;

@@ -16,21 +16,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <string>
 
 #include "agent/import/NeighborTable.h"
 #include "agent/world/Interfaces.h"
 #include "platform/seams/L3Status.h"
 
 namespace Vel::Agent {
-
-/// What the service answers from.
-struct KnownNeighbor {
-   NextHopInfo info;
-   std::string state; ///< as the neighbour table words it, such as "REACHABLE"
-
-   friend bool operator==( const KnownNeighbor&, const KnownNeighbor& ) = default;
-};
 
 class L3Service {
  public:
@@ -43,12 +34,10 @@ class L3Service {
 
    /// Adds the neighbour, or replaces the one of that address on that interface.
    void neighborIs( const Neighbor& neighbor );
-   void neighborIs( const NextHopKey& key, const KnownNeighbor& neighbor );
    /// False when there was none.
    bool neighborDel( const NextHopKey& key );
    /// The neighbour, or null.
-   const KnownNeighbor* neighbor( const NextHopKey& key ) const;
-   size_t neighbors() const { return neighbors_; }
+   const NextHopInfo* neighbor( const NextHopKey& key ) const;
    /// The same as hardware sees it; not resolved when there is no such neighbour, or its interface
    /// is down.
    NextHopInfo info( const NextHopKey& key ) const;
@@ -63,7 +52,7 @@ class L3Service {
    class ArpReactor;
    class WatchReactor;
    class Watch6Reactor;
-   using ByInterface = std::map< IntfId, KnownNeighbor >;
+   using ByInterface = std::map< IntfId, NextHopInfo >;
 
    void answer( const NextHopKey& key );
    void answer( const VrfAndIpAddr& watched );
@@ -75,7 +64,6 @@ class L3Service {
    Interfaces& interfaces_;
    Ptr< VelL3Status > status_;
    Hash< IpGenAddr, ByInterface > neighbor_;
-   size_t neighbors_ = 0;
    std::function< void() > onChange_;
    std::function< bool( IntfId ) > linkUp_;
    std::unique_ptr< ArpReactor > arpReactor_;

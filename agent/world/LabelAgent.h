@@ -86,7 +86,6 @@ class LabelAgent {
    /// Why the route of the table that is published is ignored; empty when it is not.
    const std::string& ignoredReason( Mpls::RouteKey key ) const;
    const LfibPlan& plan() const { return plan_; }
-   const LfibPublisher& publisher() const { return publisher_; }
    Interfaces& interfaces() const { return plan_.interfaces(); }
    /// What reports call an interface. Valid while the agent is there.
    Inspect::InterfaceName interfaceName() const {
@@ -105,13 +104,6 @@ class LabelAgent {
    const Mpls::LfibHwStatus& lfibHwStatus() const { return *mplsSm_->inputs().lfibHwStatus; }
    const Mpls::Hardware::Status& hwMplsStatus() const {
       return *mplsSm_->inputs().routingHwMplsStatus;
-   }
-   /// The hardware configuration and status of the VRF; null while there is none.
-   const MplsHwVrfConfig* hwConfig() const {
-      return mplsSm_->inputs().mplsHwConfig->vrfConfig( vrfId );
-   }
-   const MplsHwVrfStatus* hwStatus() const {
-      return mplsSm_->inputs().mplsHwStatus->vrfStatus( vrfId );
    }
 
  private:

@@ -42,8 +42,6 @@ namespace Vel::Agent {
 struct PlannedRoute {
    Mpls::RouteKey key;
    U32 viaSet = 0;
-
-   friend bool operator==( const PlannedRoute&, const PlannedRoute& ) = default;
 };
 
 /// What a via set consists of.

@@ -25,16 +25,6 @@
 
 namespace Vel::Agent {
 
-/// What one table changed in the LFIB.
-struct PublishedChanges {
-   size_t routesWritten = 0; ///< new ones, and those with other vias
-   size_t routesRemoved = 0;
-   size_t viaSetsWritten = 0;
-   size_t viaSetsRemoved = 0;
-   size_t viasWritten = 0;
-   size_t viasRemoved = 0;
-};
-
 class LfibPublisher {
  public:
    /// Called after every few thousand writes, so that readers keep up with the ring of changes.
@@ -51,8 +41,6 @@ class LfibPublisher {
    /// the first. A sentence when the region has no room for it: the LFIB then stays between the two
    /// tables, and takes no other.
    [[nodiscard]] std::optional< std::string > publish( size_t table, const Pump& pump = {} );
-   /// What the last table changed.
-   const PublishedChanges& changes() const { return changes_; }
 
  private:
    struct Free {
@@ -61,7 +49,7 @@ class LfibPublisher {
 
    bool acquireViaSet( U32 number );
    void releaseViaSet( U32 number );
-   bool written( Mpls::LfibWrite result, size_t& counter );
+   bool written( Mpls::LfibWrite result );
    U32& users( std::vector< U32 >& counts, U32 number ) const;
 
    const LfibPlan& plan_;
@@ -72,8 +60,7 @@ class LfibPublisher {
    std::vector< U32 > viaSetUsers_; // routes and protected via sets, by via set number
    std::vector< U32 > extFecUsers_; // routes, by number of the external FEC
    std::vector< U32 > viaUsers_;    // via sets in the region, by via number
-   PublishedChanges changes_;
-   std::string fault_; // of the table that did not fit
+   std::string fault_;              // of the table that did not fit
    Pump pump_;
    size_t sincePump_ = 0;
    size_t pumpEvery_ = 0;

@@ -113,7 +113,7 @@ struct Programmed {
                         const std::string& faults = "" ) {
       LfibPlan plan;
       if ( withFecs ) {
-         plan.neighborsAre( { "n", neighbors, {} } );
+         plan.neighborsAre( { neighbors, {} } );
       }
       for ( const LabelTable& table : tables ) {
          plan.add( table );
