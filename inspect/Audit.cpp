@@ -4,7 +4,6 @@ namespace Vel::Inspect {
 
 using L2Adj = Mpls::Hardware::L2Adjacency;
 using Mpls::RouteKey;
-using Mpls::RouteStatusCode;
 
 AuditComparison::AuditComparison( const EntityManager& entities, const InterfaceName& name,
                                   size_t limit )

@@ -10,7 +10,6 @@
 namespace Vel::Inspect {
 
 using Mpls::RouteKey;
-using Mpls::RouteStatusCode;
 
 namespace {
 

@@ -48,7 +48,9 @@ class Value {
       return table.back().second;
    }
    /// What was no list becomes one.
-   void push_back( Value value ) { of< List >().push_back( std::move( value ) ); }
+   void push_back( Value value ) { // NOLINT(readability-identifier-naming): as in containers
+      of< List >().push_back( std::move( value ) );
+   }
 
    /// The value of that name; null when there is none.
    const Value* find( std::string_view name ) const {
