@@ -14,7 +14,7 @@ namespace {
 
 constexpr double longestRunSeconds = 1e6;
 
-// The plan of all the texts; nothing, having complained, when one of them is wrong.
+// The plan of all the texts. When one of them is wrong, a complaint and nothing.
 std::optional< Driver::FaultPlan > faultPlan( const std::vector< std::string >& texts,
                                               const Interfaces& interfaces ) {
    Driver::FaultPlan plan;
@@ -62,7 +62,7 @@ CLI::Validator between( double low, double high ) {
    return { fault, joinText( "FLOAT in [", low, " - ", high, "]" ) };
 }
 
-// The operator's copy, with the simulated time.
+// System log messages reach the operator with the simulated time.
 void logToStandardError( const LabelAgent& agent, Progress& progress ) {
    systemLogClockIs( agent.clock() );
    systemLogSinkIs( [&agent, &progress]( const SystemLogMessage& message ) {
@@ -180,7 +180,7 @@ AgentRun::AgentRun( const RunOptions& options, bool progressWanted )
                  ( agent_->mplsSm().staleSweepHeld() && !options.previewSweep );
 }
 
-// What the hardware holds; nothing, with a complaint, when that cannot be had.
+// What the hardware holds. When that cannot be read, a complaint and nothing.
 std::optional< Driver::HwState > AgentRun::recoveredHardware( Interfaces& interfaces ) {
    if ( !options_.tables.withFecs ) {
       std::cerr << "--hardware-state: hardware without FECs starts afresh\n";

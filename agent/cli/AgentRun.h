@@ -7,7 +7,7 @@
 //    }
 //    ... run.agent() ...
 //
-// Complaints and the system log go to standard error. The system log is the process's: one run at a
+// Complaints and the system log go to standard error. A process has one system log, so one run at a
 // time.
 
 #pragma once
@@ -28,11 +28,11 @@ struct RunOptions {
    size_t adjacencyCapacity = 0;      ///< L2 adjacencies that fit; 0: no limit
    size_t fecCapacity = 0;            ///< FECs that fit; 0: no limit
    std::vector< std::string > faults; ///< fault plans, see docs/formats.md
-   std::string hardwareStateFile;     ///< in which the hardware outlives the run; empty: none
+   std::string hardwareStateFile;     ///< keeps the hardware between runs; empty: none
    double maxStaleShare = 1;          ///< of what was in hardware that may be removed unasked
    bool previewSweep = false;         ///< remove none of it, and keep the file as it is
    double forSeconds = 0;             ///< simulated time to go on after the last table has settled
-   bool holdLastTable = false;        ///< plan it, and leave it to others to apply it
+   bool holdLastTable = false;        ///< plan the last table, and do not apply it
    bool readsStateOnly = false;       ///< the file is where the run begins, and stays as it is
 };
 
@@ -56,8 +56,8 @@ class AgentRun {
    LabelAgent& agent() const { return *agent_; }
    /// To be hidden before anything is printed.
    Progress& progress() { return progress_; }
-   /// Something of the tables was left out, or the agent did not come to rest. What was shown is
-   /// not the whole truth.
+   /// Parts of the tables were left out, or the agent did not come to rest, so that the report does
+   /// not cover all.
    bool incomplete() const { return incomplete_; }
    /// Leaves the hardware behind for the next run, where that is asked for. False, with a
    /// complaint, when it cannot.

@@ -22,7 +22,7 @@ struct ImpactOptions {
    std::string interface;
 };
 
-/// A neighbour of the table whom no label needs is nobody's next hop, and yet not unknown.
+/// A neighbour of the table is a known target even if no label has it for a next hop.
 bool neighborIsKnown( LabelAgent& agent, const Inspect::ImpactTarget& target ) {
    const size_t interfaces = agent.interfaces().size();
    for ( U32 number = 1; target.nextHop && number <= interfaces; ++number ) {

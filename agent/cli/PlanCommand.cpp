@@ -1,4 +1,4 @@
-// velmpls plan: what a next label table would do to the hardware, before anybody does it.
+// velmpls plan: what a next label table would do to the hardware.
 
 #include "agent/cli/Commands.h"
 

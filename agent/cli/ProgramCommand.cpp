@@ -88,7 +88,7 @@ int runProgram( const ProgramOptions& options ) {
    }
    if ( !run.leaveHardware() ) {
       run.complain();
-      return ExitStatus::badInput; // what would be shown is lost with the hardware
+      return ExitStatus::badInput; // the next run would not find what the result shows
    }
    const bool printed = printResult( result, options, *filter );
    run.complain();

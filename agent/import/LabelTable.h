@@ -1,13 +1,13 @@
 // A label table as it comes from outside: incoming label stacks, each with the vias that it leaves
 // by.
 //
-// Tables come from a live router (FRR, iproute2), or in a format of our own that says everything
-// the other two cannot. All become the same plain values here, checked one route at a time; nothing
+// Tables come from a live router (FRR, iproute2), or in a native format that says everything the
+// other two cannot. All become the same plain values here, checked one route at a time; nothing
 // in them refers to the library. `docs/formats.md` describes the formats and every complaint.
 //
 // A route may lead into what other agents have: next-hop groups, tunnels, and FECs. A native table
-// also says what these are made of. A name that is used and not defined is no fault: its owner has
-// not come up yet.
+// also defines their content. A name that is used and not defined is no fault: the agent that owns
+// it may come up later.
 //
 // Invariants of a table that was read: routes ascend by stack and no two have the same one; each
 // has 1 to `maxVias` vias unless it is ignored or leads into an external FEC; labels are ones that
@@ -72,7 +72,7 @@ struct LabelVia {
 struct LabelRoute {
    std::vector< uint32_t > stack; ///< incoming labels, top first; never empty
    std::vector< LabelVia > vias;  ///< in the order of the text
-   /// Not empty: the route is well-formed, and of a kind that ends here instead of being forwarded.
+   /// Not empty: the route is well-formed, and ends in this router instead of being forwarded.
    std::string ignoredReason;
    /// Protect the others: they are taken while none of those has a way out.
    std::vector< LabelVia > backupVias{};

@@ -17,7 +17,7 @@ using Mpls::RouteKey;
 
 namespace {
 
-// By which ways frames with the label leave, without what FECs and adjacencies are numbered.
+// The ways by which frames with the label leave. Numbers of FECs and adjacencies do not matter.
 std::string waysText( const Driver::HwRoute& route, const Inspect::InterfaceName& name ) {
    if ( !route.fec ) {
       return Inspect::viasText( route.adjacency->l2Via(), name );

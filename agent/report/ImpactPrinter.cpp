@@ -42,7 +42,7 @@ std::string fateText( const Hit& hit ) {
           ( hit.protectedBy ? ", protected by " + standby( *hit.protectedBy ) : "" );
 }
 
-/// Who loses all, who changes over, who loses some: in this order.
+/// The order of the report.
 enum class Fate : uint8_t { losesAll, changesOver, losesSome };
 constexpr std::array fates{ Fate::losesAll, Fate::changesOver, Fate::losesSome };
 

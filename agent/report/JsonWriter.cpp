@@ -11,7 +11,7 @@ using Inspect::Value;
 
 namespace {
 
-// Names from outside may hold bytes that are no text. Most texts need nothing, which is quicker.
+// Names from outside may hold bytes that are no text. Plain ASCII, the usual case, is copied.
 void appendJson( std::string& out, std::string_view text ) {
    const auto plain = []( char c ) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; };
    if ( std::ranges::all_of( text, plain ) ) {

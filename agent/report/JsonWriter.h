@@ -1,5 +1,6 @@
-// JsonWriter: writes a report as one JSON object, straight to a stream: a list of a million labels is
-// never held as text. A record that is small enough to be held is handed over as a Value.
+// JsonWriter: writes a report as one JSON object. The text goes to the stream while the report is
+// written, so that a list of a million labels is never held as text. A record is handed over as a
+// Value.
 //
 //    JsonWriter json( out );
 //    json.member( "labels", labels.size() );
@@ -26,7 +27,7 @@ class JsonWriter {
    /// Begins the object.
    explicit JsonWriter( std::ostream& out );
 
-   /// The next member or element, or the end of what is open, stands on a line of its own.
+   /// The next member, element or closing bracket stands on a line of its own.
    void newLine() { lineDue_ = true; }
    /// Into the object that is open.
    void member( std::string_view name, const Inspect::Value& value );

@@ -42,7 +42,7 @@ bool reportWritten( bool written ) {
    return written;
 }
 
-// Tables may name interfaces with what UTF-8 has of control characters, U+0080 to U+009F.
+// Names of interfaces may hold control characters of UTF-8, U+0080 to U+009F.
 std::string harmlessText( std::string text ) {
    for ( size_t at = 0; ( at = text.find( '\xC2', at ) ) != std::string::npos; ++at ) {
       if ( at + 1 < text.size() && static_cast< unsigned char >( text[at + 1] ) < 0xA0 ) {

@@ -177,7 +177,7 @@ enum Column : size_t { label, state, l3Adj, l2Adj, action, out, nextHop, intf, v
 
 constexpr std::array< std::string_view, columns > titles{
    "LABEL", "STATE", "L3ADJ", "L2ADJ", "ACTION", "OUT", "NEXT-HOP", "INTERFACE", "VLAN", "MAC" };
-// What goes first when the terminal is narrow.
+// Left out in this order when the terminal is narrow.
 constexpr std::array< Column, 5 > dispensable{ l3Adj, l2Adj, vlan, mac, action };
 constexpr size_t gap = 2;
 

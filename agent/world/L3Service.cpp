@@ -130,8 +130,7 @@ void L3Service::answerWatched( const IpGenAddr& address ) {
    }
 }
 
-// --- Answers. Each looks whether somebody asks, so that a question and a neighbour may come in
-// either order, and go.
+// --- Answers. Questions and neighbours come and go in any order, so each answer looks for both.
 
 void L3Service::answer( const NextHopKey& key ) {
    const NextHopInfo* const known = neighbor( key );

@@ -3,13 +3,13 @@
 // The library asks in two ways. A next hop with an interface is an entry of the proactive ARP
 // watcher; the answer is the neighbour of that address on that interface. A next hop without one is
 // a watched address of the route resolver; the answer is the neighbours of that address on whatever
-// interface, as attached hosts (/32 or /128). What nobody asks for is not answered, and an answer
-// goes with its question. Hardware with FECs resolves by itself: it asks `info`, and is told of
-// every change by `onChange`. A neighbour that changes changes the answers that it is part of, at
-// once.
+// interface, as attached hosts (/32 or /128). Only questions are answered, and the answer is
+// removed with its question. Hardware with FECs resolves next hops by itself: it calls `info`, and
+// `onChange` tells it of every change. A change of a neighbour changes at once the answers that
+// name it.
 //
-// Cost: a look-up for each question; for a changed neighbour one, or as many as the address has
-// interfaces while it is watched.
+// Cost: a look-up for each question, and one for a changed neighbour; while its address is watched,
+// one for each interface of the address.
 
 #pragma once
 
@@ -41,7 +41,7 @@ class L3Service {
    /// The same as hardware sees it; not resolved when there is no such neighbour, or its interface
    /// is down.
    NextHopInfo info( const NextHopKey& key ) const;
-   /// Which interfaces are up; all of them where nobody says otherwise.
+   /// Which interfaces are up; all of them while this is not set.
    void linkUpIs( std::function< bool( IntfId ) > linkUp ) { linkUp_ = std::move( linkUp ); }
    /// Some interface may have gone down or come up.
    void linksChanged();

@@ -31,7 +31,7 @@ bool eachPair( const std::vector< PlannedRoute >& old, const std::vector< Planne
 
 } // namespace
 
-// Fresh memory of the system is all zero, and what is never written costs none.
+// calloc() takes zeroed pages from the system, which use no memory until they are written.
 LfibPublisher::LfibPublisher( const LfibPlan& plan ) : plan_( plan ) {
    const Mpls::LfibCapacities capacities = plan.capacities();
    const size_t bytes = Mpls::LfibWriter::bytesNeeded( capacities );
@@ -106,7 +106,7 @@ bool LfibPublisher::acquireViaSet( U32 number ) {
       return written( writer_->extFecViaIs( via ) ) && written( writer_->viaSetIs( viaSet ) );
    }
    if ( number >= LfibPlan::ipLookupViaSet ) {
-      // There are as many of them as payload types: they stay.
+      // There is one for each payload type at most, so they are never released.
       Mpls::LfibIpLookupVia via;
       via.key = { key.source(), key.viaType(), key.index() };
       via.vrfName = Mpls::LfibVrfName( L3::VrfName::defaultVrf().text() );
@@ -161,7 +161,7 @@ void LfibPublisher::releaseViaSet( U32 number ) {
    }
 }
 
-// Lets the readers catch up now and then; false when there was no room.
+// Lets the readers catch up now and then; false when the region is full.
 bool LfibPublisher::written( LfibWrite result ) {
    if ( pump_ && ++sincePump_ == pumpEvery_ ) {
       sincePump_ = 0;

@@ -1,10 +1,11 @@
 // LfibPublisher: writes label tables into an LFIB region, one complete state after the other.
 //
-// The region is memory of its own, large enough for all tables of the plan. Of a table only the
-// difference to the one before it is written: vias and via sets that are new, then routes that are
-// new or have another via set; then routes that are gone, then the via sets and vias that no route
-// uses any more. A backup comes before what it protects and goes after it. So nothing ever names
-// what is not there, and a route whose vias did not change is not touched.
+// The publisher owns the region, which is large enough for all tables of the plan. Only the
+// difference between a table and the one before it is written: first new vias and via sets, then
+// routes that are new or have another via set; then the removal of routes, and last that of via
+// sets and vias that no route uses. A backup is written before the via set that names it and
+// removed after it. So no entry ever names a missing one, and a route whose vias did not change is
+// not touched.
 //
 // Cost: about 60 ns for a route that changes; 3 microseconds, most of them for touching fresh
 // memory, when it brings a via set of its own.
