@@ -4,7 +4,6 @@ namespace Vel::Inspect {
 
 using L2Adj = Mpls::Hardware::L2Adjacency;
 using Mpls::RouteKey;
-using Mpls::RouteStatusCode;
 
 AuditComparison::AuditComparison( const EntityManager& entities, const InterfaceName& name,
                                   size_t limit )
@@ -82,13 +81,13 @@ std::vector< RouteKey > AuditComparison::allLabels() const {
    return labels;
 }
 
-// --- What is on its way.
+// --- Pending work.
 
 void AuditComparison::readQueues() {
    AuditQueues& queues = report_.queues;
    queues.lfib = states_.inputs().lfib().ringLag();
    if ( queues.lfib == 0 && states_.inputs().lfib().pollPending() ) {
-      queues.lfib = 1; // a walk over the LFIB, which nobody has counted
+      queues.lfib = 1; // the walk over the LFIB is not over, and its rest is not counted
    }
    queues.hardware = insight_ ? insight_->operationsWaiting().value_or( 0 ) : 0;
    if ( state_ ) {
@@ -98,7 +97,7 @@ void AuditComparison::readQueues() {
    }
 }
 
-/// What the label in hand is queued for itself, or through an adjacency.
+/// The queue in which the label in hand stands, or an adjacency that it depends on.
 std::string_view AuditComparison::queuedFor() const {
    if ( report_.queues.review + report_.queues.publishing == 0 ) {
       return {};
@@ -123,8 +122,8 @@ std::string_view AuditComparison::queuedFor() const {
    return {};
 }
 
-/// What may explain a difference at that stage, although it is not known to concern the label or
-/// object in hand.
+/// Pending work that may explain a difference at that stage. Whether the work concerns the label or
+/// object in hand is not known.
 std::string_view AuditComparison::excuse( AuditStage stage ) const {
    const AuditQueues& queues = report_.queues;
    if ( stage != AuditStage::reported && queues.lfib != 0 ) {
@@ -166,7 +165,7 @@ void AuditComparison::compareLabel( RouteKey key ) {
    fecAgrees_ = false;
    waitsFor_ = queuedFor();
    compareStages();
-   // Where the FEC is not as it should be, it may not have been looked at yet.
+   // A FEC that does not agree may await its review, and so its next hops may not be watched yet.
    needNextHops( !byFec() || fecAgrees_ );
    if ( differs_ ) {
       ++report_.differing;
@@ -259,11 +258,11 @@ void AuditComparison::compareReported() {
    }
 }
 
-// An adjacency that was refused may still be there as it was before, and its routes with it.
+// Hardware may keep the former version of an adjacency that it refused, and the routes into it.
 void AuditComparison::compareReportedAdjacency() {
    const Ptr< L2Adj >& adjacency = written_->l2Adjacency;
    if ( !adjacency || !config_->l2AdjacencyHas( adjacency ) ) {
-      return; // has been said
+      return; // the comparison with what is written has reported it
    }
    const U32 wanted = config_->l2Adjacency( adjacency );
    const U32* const carriedOut = status_->l2Adjacency().find( adjacency );
@@ -296,12 +295,13 @@ void AuditComparison::comparePublished() {
       }
       return;
    }
-   // What differs before, or forwarding as a whole, is said once, and not again of the code.
+   // The code follows from the earlier stages: a difference that they have reported is not
+   // repeated.
    const bool said = differs_ || !status_ || !status_->mplsRouting();
    const RouteStatusCode code = codeOf( states_.of( key_, intent_ ).state );
    if ( !info && !route && code == RouteStatusCode::notProgrammed &&
         intent_.kind == IntentKind::awaited ) {
-      return; // nothing is known of it yet
+      return; // without its via set the route may not have been published yet
    }
    const bool same =
       info && ( info->statusCode == code ||
@@ -352,7 +352,7 @@ void AuditComparison::comparePublishedVias( const Mpls::Hardware::Adjacency& adj
       [&] { return viasText( vias, name_ ); } );
 }
 
-// --- What is no label.
+// --- Label forwarding as a whole, adjacencies and next hops.
 
 void AuditComparison::compareRouting() {
    const auto text = []( bool on ) { return std::string( on ? "on" : "off" ); };
@@ -428,7 +428,7 @@ void AuditComparison::compareNextHops() {
    for ( const VrfAndIpGenAddr& entry : watched6_.watchedIp6Addr() ) {
       compareWatched( { {}, entry.ipGenAddr } );
    }
-   // What is watched and needed has been taken off.
+   // compareWatched() has removed the next hops that are watched.
    for ( const auto& [key, required] : needed_ ) {
       if ( required ) {
          objectDiffers( AuditStage::written, nextHopText( key.addr, key.intf, name_ ), "watched",
@@ -465,7 +465,7 @@ std::string AuditComparison::versionText( const MplsHwRoute& route ) const {
                                       : "no L2 adjacency" );
 }
 
-// A driver has one reason for all that it refuses; one that tells more knows each.
+// The status has one reason for all refusals; a driver with MplsHwInsight tells the reason of each.
 std::string AuditComparison::refusalText() const {
    const auto told = insight_ ? insight_->routeRefusal( vrfId_, key_ ) : std::nullopt;
    return joinText( "refused: ", told.value_or( status_->unprogrammedReason() ) );
@@ -478,18 +478,6 @@ std::string AuditComparison::adjacencyRefusal( U64 index ) const {
 
 std::string AuditComparison::publishedText( const Mpls::RouteInfo* info ) {
    return info ? textOf( info->statusCode ) : "no status";
-}
-
-std::string_view name( AuditStage stage ) {
-   switch ( stage ) {
-   case AuditStage::written:
-      return "intent -> written";
-   case AuditStage::reported:
-      return "written -> reported";
-   case AuditStage::published:
-      break;
-   }
-   return "reported -> published";
 }
 
 AuditReport Audit::run( size_t limit ) const {

@@ -10,24 +10,24 @@
 //                           as unprogrammed
 //    reported -> published  the published code and the adjacency of the published route
 //
-// A route into a FEC is not in the two in the middle. It goes through the requests and answers for
-// the FEC and through a call of the driver, of which the records tell:
+// A route into a FEC is neither in MplsHwConfig nor in MplsHwStatus. The library requests the FEC,
+// and writes the route by a call of the driver; its records hold the outcome of both:
 //
-//    intent -> written      what the FEC shall be made of, backup included, and what is requested of
-//                           it, together with the pop that travels with the route
+//    intent -> written      the content that the FEC shall have, backup included, and the content
+//                           that is requested, with the pop that travels with the route
 //    written -> reported    the hardware id, the FEC that the route is in, and what is refused
 //    reported -> published  as above, and the FEC of the published route
 //
 // Beside the labels: label forwarding as a whole, L2 adjacencies and FECs that no route uses or
-// that only the driver knows, numbers in use without a FEC, and next hops that are watched for
-// nobody or not watched at all.
+// that only the driver knows, numbers in use without a FEC, and next hops that are watched although
+// no label needs them, or needed and not watched.
 //
 // A route that is refused by the hardware differs between what is written and what is reported, and
 // not again where it is published as not programmed. A route whose next hops are not resolved, or
 // with a via that cannot be forwarded with, agrees when nothing is written. What the state machine,
 // the LFIB's ring or the driver has not got to yet is pending, and not a difference. Protection
-// that the LFIB asks for and the library cannot give is a difference, which says why. What is in
-// the FECs of other agents is theirs.
+// that the LFIB asks for and the library cannot give is a difference, which says why. The content
+// of other agents' FECs is not compared.
 //
 // An audit only reads, and needs entities alone: whoever has an entity manager can run it, at any
 // time.
@@ -47,10 +47,8 @@
 
 namespace Vel::Inspect {
 
-/// Between which two a difference stands.
+/// The two stages that differ, named by the later one.
 enum class AuditStage : uint8_t { written, reported, published };
-/// "intent -> written" and so on.
-std::string_view name( AuditStage stage );
 
 struct AuditFinding {
    Mpls::RouteKey label; ///< null when it is about `object`
@@ -64,7 +62,7 @@ struct AuditFinding {
 struct AuditPending {
    Mpls::RouteKey label; ///< null when it is about `object`
    std::string object;
-   std::string_view waitsFor; ///< what has not got to it yet
+   std::string_view waitsFor; ///< the queue that holds it
 };
 
 /// What is queued, item by item.
@@ -109,3 +107,11 @@ class Audit {
 };
 
 } // namespace Vel::Inspect
+
+template<>
+struct Vel::EnumNames< Vel::Inspect::AuditStage > {
+   static constexpr std::array< std::pair< Inspect::AuditStage, std::string_view >, 3 > names{
+      { { Inspect::AuditStage::written, "intent -> written" },
+        { Inspect::AuditStage::reported, "written -> reported" },
+        { Inspect::AuditStage::published, "reported -> published" } } };
+};

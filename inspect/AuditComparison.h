@@ -17,7 +17,7 @@
 
 namespace Vel::Inspect {
 
-/// One run. Members that end in nothing else are what the stages say of the label in hand.
+/// One run. The members from `key_` to `waitsFor_` are of the label in hand.
 class AuditComparison {
    using L2Adj = Mpls::Hardware::L2Adjacency;
    using RouteKey = Mpls::RouteKey;
@@ -93,7 +93,7 @@ class AuditComparison {
    const MplsHwVrfConfig* config_ = nullptr; // null while there is none
    const MplsHwVrfStatus* status_ = nullptr;
    const VrfMplsState* state_ = nullptr;
-   const MplsHwInsight* insight_ = nullptr; // null where the driver keeps to itself
+   const MplsHwInsight* insight_ = nullptr; // null where the driver does not have it
    VrfId vrfId_ = 0;                        // of the configuration
 
    RouteKey key_;
@@ -105,7 +105,7 @@ class AuditComparison {
    const MplsHwRoute* reported_ = nullptr;
    bool refused_ = false; // listed as unprogrammed
    bool differs_ = false;
-   bool fecAgrees_ = false; // it is requested with the content that is wanted
+   bool fecAgrees_ = false; // the FEC is requested with the content that is wanted
    std::string_view waitsFor_;
 
    HashSet< const L2Adj* > used_;                   // by written routes

@@ -88,7 +88,7 @@ std::string AuditComparison::backupFault( const Fib::Fec& found ) const {
 
 void AuditComparison::compareFecReported() {
    if ( fec_ == nullptr ) {
-      return; // has been said
+      return; // compareFecWritten() has reported it
    }
    const FecId fecId = fec_->fecId();
    const ExternalFecInfo* const in = route_->extFecInfo().get();
@@ -119,7 +119,7 @@ void AuditComparison::compareFecReported() {
    }
 }
 
-// Hardware has it as it is requested; whether it leads out, and is protected, is seen behind it.
+// Hardware has the FEC as requested. Its ways and its backup may still lead nowhere.
 void AuditComparison::compareFecWays() {
    if ( const Fib::Fec* const content = fecs_.requested( fec_->fecId() );
         content && content->backupFecId != FecId() ) {
@@ -137,8 +137,8 @@ void AuditComparison::compareFecWays() {
    }
 }
 
-// What other agents have of the label's vias that leads nowhere, and why; empty when all of them lead
-// out, or when hardware does not tell what is in them. The library cannot know.
+// Which of the label's next-hop groups, tunnels and external FECs leads nowhere, and why. Empty
+// when all of them lead out, or when hardware does not tell what is in them.
 std::string AuditComparison::foreignFault() const {
    const Mpls::Hardware::Adjacency* const adjacency =
       l3Adj_ ? hwMplsStatus_.adjacency( l3Adj_->index() ) : nullptr;
@@ -155,7 +155,7 @@ std::string AuditComparison::foreignFault() const {
    return {};
 }
 
-// Why what is requested of it does not stand behind a hardware id; empty when it does.
+// Why hardware does not have the FEC as it is requested; empty when it does.
 std::string AuditComparison::answerFault( FecId fecId ) const {
    const HwFecId& answer = fecs_.response()->hwFecId( fecId );
    const U64 wanted = fecs_.request()->hwFecIdRequest( fecId ).version;
@@ -231,11 +231,11 @@ void AuditComparison::compareFecs() {
                         joinText( "hardware id ", answer.hwId ) );
       }
    }
-   HashSet< U64 > numbers; // of the FECs that there are
+   HashSet< U64 > numbers; // of all FECs
    compareFecRecords( numbers );
    const NumAllocatorStatus* const inUse = sm_.numAllocatorStatus().get();
    if ( inUse == nullptr ) {
-      return; // the state machine is still to begin
+      return; // the state machine has not started
    }
    for ( const U64 number : inUse->numberInUse() ) {
       if ( !numbers.has( number ) ) {
@@ -253,7 +253,7 @@ void AuditComparison::compareFecRecords( HashSet< U64 >& numbers ) {
    for ( const auto& [fecId, info] : state_->extFecInfo() ) {
       const std::string object = "FEC " + fecIdText( fecId );
       if ( !fecs_.request()->hwFecIdRequestHas( fecId ) && info->dependentRouteKeys() == 0 &&
-           info->dependentL3Adjacencys() == 0 ) { // else a label has said so
+           info->dependentL3Adjacencys() == 0 ) { // otherwise a label has reported it
          objectDiffers( AuditStage::written, object, "requested", "not requested" );
       }
       if ( FecView::ours( fecId ) ) {
@@ -263,7 +263,8 @@ void AuditComparison::compareFecRecords( HashSet< U64 >& numbers ) {
          }
       }
    }
-   for ( const auto& [viaKey, fecId] : state_->viaKeyToFecId() ) { // of members of groups
+   // The FECs of multicast group members have numbers too.
+   for ( const auto& [viaKey, fecId] : state_->viaKeyToFecId() ) {
       numbers.insert( fecId.index() );
    }
 }

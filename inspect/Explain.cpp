@@ -10,11 +10,10 @@
 namespace Vel::Inspect {
 
 using Mpls::RouteKey;
-using Mpls::RouteStatusCode;
 
 namespace {
 
-constexpr size_t namedNextHops = 3; // of those that are waited for; the rest is counted
+constexpr size_t namedNextHops = 3; // in the text of what a link waits for; the rest is counted
 
 Value secondsOrNothing( double seconds ) {
    return seconds == neverTime ? Value() : Value( seconds );
@@ -61,7 +60,7 @@ const T* ChainReader::required( const EntityManager& roots, std::string_view nam
    return found;
 }
 
-// Without its number nothing has been written for the VRF.
+// The driver knows the VRF by its number: without one nothing was written.
 void ChainReader::findVrf() {
    vrf_ = sm_->mplsState( vrfName_ );
    if ( !numbers_->vrfStatusHas( vrfName_ ) ) {
@@ -96,7 +95,7 @@ void ChainReader::fails( ChainLink& link, std::string text, double since, std::s
    link.obstacle.waitsFor = std::move( waitsFor );
 }
 
-// What is queued is handled by the task that drains the work sets.
+// The VRF's task handles the queued reviews.
 void ChainReader::failsUntilReview( ChainLink& link, std::string text ) const {
    fails( link, std::move( text ), recordSince(), "" );
    if ( sm_->vrfTask()->scheduled() ) {
@@ -116,9 +115,8 @@ void ChainReader::failsUntilRetry( ChainLink& link, std::string text, double sin
    }
 }
 
-// When the task that retries what the driver refuses will really do so: a run that comes before the
-// interval is over only waits for another interval, and so does the first one after a time in which
-// nothing was refused.
+// When the task that retries refused routes will do so. A run before the interval is over only
+// waits for another interval, and so does the first run after a time without refusals.
 double ChainReader::nextRetry() const {
    const double run = sm_->unprogrammedRouteTask()->expiry();
    if ( vrf_ == nullptr || vrf_->numUnprogrammedRoute() == 0 || run == neverExpires ||
@@ -248,7 +246,7 @@ ChainLink ChainReader::l3Adjacency() const {
                         joinText( index, ", of the earlier via set ", l3Adj_->lFibViaSetKey() ) );
       return link;
    }
-   // Of an external FEC it would say nothing: protection is the other agent's affair.
+   // An external FEC is protected by its own agent.
    const std::string waits = l3Adj_->lFibViaSetKey().viaType() == Mpls::viaTypeExternalFec
                                 ? std::string()
                                 : sm_->backupWaitReason( *vrf_, *l3Adj_ );
@@ -314,7 +312,7 @@ std::string ChainReader::exitsText( const Mpls::Hardware::L2ViaSet& exits ) cons
    return text;
 }
 
-// One next hop into the link: a line, a fact, and since when it is not resolved.
+// Adds a next hop to the link: a line, a fact, and since when the next hop is not resolved.
 void ChainReader::readNextHop( const Mpls::Hardware::AdjacencyVia& via, ChainLink& link ) const {
    const MplsNextHop* const record = vrf_->mplsNextHop( { via.nextHop, via.intf } );
    const double since = record ? record->unresolvedSince() : neverTime;
@@ -339,7 +337,7 @@ void ChainReader::readNextHop( const Mpls::Hardware::AdjacencyVia& via, ChainLin
          std::snprintf( seconds.data(), seconds.size(), " since %.3f s", since );
       }
       line += joinText( ": unresolved", seconds.data(), unresolvedWhy( via.nextHop, via.intf ) );
-      // None is resolved since the last of them went.
+      // The via set has had no next hop since the last one was lost.
       double& all = link.obstacle.since;
       all = all == neverTime ? since : std::max( all, since );
    }
@@ -377,14 +375,14 @@ ChainLink ChainReader::nextHops() const {
    link.holds = resolved != 0;
    link.degraded = link.holds && resolved != seen.size();
    link.text = joinText( resolved, " of ", seen.size(), " resolved" );
-   link.obstacle.waitsFor = std::move( waitsFor ); // while it does not hold, all of them
+   link.obstacle.waitsFor = std::move( waitsFor ); // means something while none is resolved
    if ( fec_ ) {
       readFecNextHops( link );
    }
    return link;
 }
 
-// The driver's own words where it has some: the VRF's status has one reason for all, the last.
+// The driver's reason where it tells one: the VRF's status has the last reason alone.
 UnprogrammedReason ChainReader::adjacencyReason() const {
    const auto told =
       insight_ ? insight_->adjacencyRefusal( *vrfId_, l2Adj_->index() ) : std::nullopt;
@@ -460,7 +458,7 @@ ChainLink ChainReader::l2Adjacency() const {
 
 // --- The hardware.
 
-// What the configuration lacks of the label; nothing when all has been written.
+// What is not written for the label; empty when all of it is.
 std::string ChainReader::configFault() const {
    if ( config_ == nullptr ) {
       return "the VRF has no configuration";
@@ -508,7 +506,7 @@ ChainLink ChainReader::hwConfig() const {
    return link;
 }
 
-// The route has been written, and what the driver reports is not it.
+// The driver does not report the route as it was written.
 void ChainReader::readUnconfirmed( ChainLink& link ) const {
    const std::optional< U64 > waiting = operationsWaiting();
    const U64 tries = record_ ? record_->unconfirmedWrites() : 0;

@@ -3,13 +3,12 @@
 //    LFIB route ─ via set ─ admission ─ L3 adjacency ─ next hops ─ L2 adjacency ─ (FEC) ─
 //    hardware configuration ─ driver ─ published
 //
-// Each link needs the one above it. The first one that does not hold is the blocker: what is to be
-// mended. The links below it are told all the same, since hardware may go on forwarding with what
-// it has.
+// Each link needs the one before it. The first link that does not hold is the blocker, which has to
+// be mended. The later links are read all the same, since hardware may go on forwarding with what
+// it holds.
 //
-// Everything is read from the entities under their names in the EntityManager and nothing from the
-// process that made them, so that any agent that mounts them can be asked. An explanation is what
-// stood there when it was made, also in the middle of work. It changes nothing.
+// An explanation reads the entities under their names in the EntityManager, and changes none of
+// them. Any process that mounts the entities can ask, at any time; the answer is of that moment.
 //
 // Times are seconds of the clock that is mounted there.
 //
@@ -30,10 +29,10 @@
 
 namespace Vel::Inspect {
 
-/// What a link that does not hold is up against.
+/// What keeps a link from holding.
 struct Obstacle {
-   double since = neverTime;   ///< seconds; `neverTime`: nobody has noted it
-   U64 tries = 0;              ///< writings to the hardware that came to nothing so far
+   double since = neverTime;   ///< seconds; `neverTime`: not recorded
+   U64 tries = 0;              ///< writings that the hardware has refused so far
    double nextTry = neverTime; ///< seconds; `neverTime`: not before something happens
    std::string waitsFor;       ///< what has to happen; empty when there is a time
 };
@@ -54,13 +53,13 @@ struct ChainLink {
 
 class Explanation {
  public:
-   /// Reads the chain of that label. `ignoredReason`: why the label table has the route as one that
-   /// is not to be forwarded, where somebody knows.
+   /// Reads the chain of that label. `ignoredReason`: why the route is not to be forwarded, where
+   /// the caller knows.
    Explanation( const EntityManager& entityManager, Mpls::RouteKey key,
                 const InterfaceName& interfaceName,
                 const std::optional< std::string >& ignoredReason = std::nullopt );
 
-   /// A root without which nothing can be told is not mounted: which. There are no links then.
+   /// Names the root that is needed and not mounted, in which case there are no links. Else empty.
    const std::string& fault() const { return fault_; }
    Mpls::RouteKey key() const { return key_; }
    LabelState state() const { return verdict_.state; }

@@ -15,7 +15,7 @@
 
 namespace Vel::Inspect {
 
-/// Who reads: the roots, and where the label stands in each.
+/// The roots, and what each of them holds of the label.
 class ChainReader {
    using RouteKey = Mpls::RouteKey;
    using RouteStatusCode = Mpls::RouteStatusCode;
@@ -83,15 +83,20 @@ class ChainReader {
    std::string backupWaitsFor() const;
    std::string protectionLack() const;
    AdjHwState hwState() const;
-   /// Whether next hops are somebody else's: of a next-hop group, a tunnel or an external FEC.
+   /// Whether the next hops are those of a next-hop group, a tunnel or an external FEC.
    bool isForeign() const;
    bool primariesUsable() const { return viaSet_.null() || viaSet_.usableAsPrimaryVias(); }
+<<<<<<< HEAD
    bool inFec() const { return record_ && record_->inFecInHardware(); }
    /// The driver has answered the last writing into a FEC, and lost it.
+=======
+   bool inFec() const { return record_ && MplsSm::inFecInHardware( *record_ ); }
+   /// The driver has answered the last writing into a FEC, and does not have the route.
+>>>>>>> h2
    bool writingLost() const { return insight_ && vrfId_ && insight_->routeLost( *vrfId_, key_ ); }
-   /// Still forwards into the FEC of before, until the one that is wanted now is answered.
+   /// The route stays in its former FEC until hardware has the FEC that is wanted now.
    bool inOlderFec() const { return inFec() && record_->extFecInfo() != fec_; }
-   /// Hardware has what was requested of the FEC before.
+   /// Hardware has the FEC with its former content.
    bool behind() const { return fec_ && fecs_.behind( fec_->fecId() ); }
    bool byBackupOnly() const {
       return fec_ && primariesUsable() && hwState() == AdjHwState::backupActive;
@@ -121,9 +126,9 @@ class ChainReader {
    const MplsHwStatus* hwStatus_ = nullptr;
    const VelL3Status* l3Status_ = nullptr;
    const Routing::Hardware::RouteStatus* numbers_ = nullptr;
-   const Mpls::LfibInfo* lfibInfo_ = nullptr; // may be missing, as what follows
+   const Mpls::LfibInfo* lfibInfo_ = nullptr; // may be missing, as may the next
    const MplsHwInsight* insight_ = nullptr;   // a driver may have none
-   // What they hold of the VRF and the label; null where they hold nothing.
+   // What the roots hold of the VRF and the label; null where they hold nothing.
    L3::VrfName vrfName_ = L3::VrfName::defaultVrf();
    std::optional< VrfId > vrfId_;
    const VrfMplsState* vrf_ = nullptr;
@@ -136,8 +141,8 @@ class ChainReader {
    const MplsL2Adjacency* l2Adj_ = nullptr;
    const ExternalFecInfo* fec_ = nullptr; // the adjacency's, which the route is to go into
    const Mpls::Hardware::Adjacency* hwAdj_ = nullptr;
-   const MplsHwRoute* written_ = nullptr;  // what the driver is asked for
-   const MplsHwRoute* reported_ = nullptr; // what it says to hold
+   const MplsHwRoute* written_ = nullptr;  // what was written for the driver
+   const MplsHwRoute* reported_ = nullptr; // what the driver reports to hold
 };
 
 } // namespace Vel::Inspect

@@ -6,7 +6,8 @@ namespace Vel::Inspect {
 
 using Fib::FecId;
 
-// Which way hardware says that the FEC takes; of one that is not protected, only that none leads out.
+// Which way hardware reports that the FEC takes. Of a FEC without a backup the report counts only
+// when no way leads out.
 AdjHwState ChainReader::hwState() const {
    const AdjHwStatus* const states = l3Status_->adjHwStatus().get();
    return states && fec_ && vrfId_
@@ -78,9 +79,10 @@ std::string ChainReader::protectionLack() const {
    return joinText( ", not protected", why.empty() ? "" : ": " + why );
 }
 
-// --- Links that are different with a FEC.
+// --- Links that read otherwise with a FEC.
 
-// Whose they are is not for us to mend, but where they lead nowhere, neither does the label.
+// Groups, tunnels and external FECs belong to other agents. The label is blocked when they lead
+// nowhere.
 void ChainReader::readForeign( ChainLink& link ) const {
    link.text = "the other agent's, or the tunnel's";
    std::string fault;
@@ -88,7 +90,7 @@ void ChainReader::readForeign( ChainLink& link ) const {
    bool known = true;
    for ( const auto& [index, via] : hwAdj_->via() ) {
       if ( !ForeignWays::leadsElsewhere( via.intf ) ) {
-         known = false; // its own next hop is the L3 layer's to tell
+         known = false; // a next hop of the route itself: the L3 layer knows it
          continue;
       }
       const ForeignEnds ends = foreignWays_.read( via.intf );
@@ -99,13 +101,14 @@ void ChainReader::readForeign( ChainLink& link ) const {
          link.details.push_back( nextHopText( exit.nextHop.addr, exit.nextHop.intf ) );
       }
    }
-   link.holds = !known || exits != 0 || fec_->hwId() == 0; // else the FEC says it
+   // Without a hardware id the FEC is the blocker.
+   link.holds = !known || exits != 0 || fec_->hwId() == 0;
    if ( !link.holds ) {
       fails( link, std::move( fault ), neverTime, "the agent that owns it to lead out again" );
    }
 }
 
-// What the FEC resolves to is no matter of the route's; whether anything does is.
+// Hardware resolves the next hops of a FEC. The route needs one of them, or the backup.
 void ChainReader::readFecNextHops( ChainLink& link ) const {
    if ( !primariesUsable() ) {
       link.holds = true;
@@ -197,7 +200,7 @@ void ChainReader::readFecContent( ChainLink& link ) const {
    }
 }
 
-// The place of the FEC that the route is in would do, if nobody else needed that.
+// The route may take over the place of its former FEC when no other route needs that FEC.
 std::string ChainReader::roomText() const {
    std::string text = "room for another FEC in the hardware";
    const ExternalFecInfo* const in = inOlderFec() ? record_->extFecInfo().get() : nullptr;
@@ -210,7 +213,7 @@ std::string ChainReader::roomText() const {
                        : " to wait for the same one, or to leave it" );
 }
 
-// Not at all, or with what was requested before.
+// Hardware has no answer for the FEC, or has it with its former content.
 void ChainReader::readUnanswered( ChainLink& link ) const {
    const FecId fecId = fec_->fecId();
    std::string waitsFor = "the hardware layer's answer to the request for the FEC";
@@ -236,7 +239,7 @@ void ChainReader::readUnanswered( ChainLink& link ) const {
    fails( link, link.text, recordSince(), std::move( waitsFor ) );
 }
 
-// Into a FEC a route is written without versions, by calls that answer at once.
+// Routes into FECs are written by calls that answer at once, and have no versions.
 void ChainReader::readFecRoute( ChainLink& link ) const {
    if ( inFec() && writingLost() ) {
       fails( link, "the writing is lost: it was answered, and hardware does not have it", neverTime,

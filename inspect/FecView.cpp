@@ -12,7 +12,7 @@ namespace {
 
 Fib::AdjType wantedType( const std::vector< FecVia >& vias ) {
    const auto named = std::ranges::find_if( vias, []( const FecVia& via ) {
-      return !via.nextHop.empty(); // tunnels know their own
+      return !via.nextHop.empty(); // a tunnel has next hops of its own
    } );
    return named != vias.end() && named->nextHop.af() == ipv6() ? Fib::AdjType::mplsV6Adj
                                                                : Fib::AdjType::mplsV4Adj;
@@ -28,8 +28,8 @@ const Fec* FecView::requested( FecId fecId ) const {
                                                      : request_->fec().find( fecId );
 }
 
-// A pop that travels with the routes comes before what the FEC does, with the payload of the
-// adjacency that the route is bound to.
+// Where the routes carry the pop, hardware pops first and then does what the FEC says. The payload
+// of the pop is that of the adjacency.
 bool FecView::hasVias( const Fec& content, const std::vector< FecVia >& wanted,
                        const L3Adjacency& l3Adj, bool popWithRoute ) {
    if ( primaries( content ) != wanted.size() ) {
@@ -39,7 +39,7 @@ bool FecView::hasVias( const Fec& content, const std::vector< FecVia >& wanted,
       FecVia via = content.via[i];
       if ( popWithRoute && !via.drop ) {
          if ( via.labelAction != MplsLabelAction::none || via.labelStack.stackSize() != 0 ) {
-            return false; // more than the route's label would come off
+            return false; // the FEC would take off or put on labels after the pop
          }
          via.labelAction = MplsLabelAction::pop;
          via.payloadType = l3Adj.payloadType();
@@ -58,7 +58,7 @@ bool FecView::isAsWanted( const FecIntent& wanted, const L3Adjacency& l3Adj ) co
       return fec && fec->fecId() == wanted.foreign;
    }
    const Fec* const content = requested( fec->fecId() );
-   // What drops has no next hops that could say of which family it is.
+   // Vias that drop have no next hops to tell the address family from.
    const bool drops = !wanted.vias.empty() && wanted.vias.front().drop;
    return content && hasVias( *content, wanted.vias, l3Adj, fec->popLabelActionRemoved() ) &&
           ( drops || fec->fecId().adjType() == wantedType( wanted.vias ) );

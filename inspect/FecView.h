@@ -1,4 +1,4 @@
-// FecView: what is requested of FECs, and what stands behind their ids.
+// FecView: the requests for FECs, and what hardware has answered.
 
 #pragma once
 
@@ -17,40 +17,40 @@ class FecView {
       : request_( entities.root< FecIdToHwFecIdRequest >( "hwFecIdRequest" ) ),
         response_( entities.root< FecIdToHwFecIdResponse >( "hwFecIdResponse" ) ) {}
 
-   /// Requested with its content, and numbered, by this library.
+   /// Requested and numbered by this library.
    static bool ours( Fib::FecId fecId ) {
       return fecId.adjType() == Fib::AdjType::mplsV4Adj ||
              fecId.adjType() == Fib::AdjType::mplsV6Adj;
    }
-   /// What is requested of one of ours; null when nothing is.
+   /// The content that is requested of a FEC of this library; null when none is.
    const Fib::Fec* requested( Fib::FecId fecId ) const;
    /// Hardware has the FEC in some form.
    bool answered( Fib::FecId fecId ) const {
       return response_ && response_->hwFecId( fecId ).hwId != 0;
    }
-   /// Hardware has it, but not as it is requested now.
+   /// Hardware has the FEC, but not as it is requested now.
    bool behind( Fib::FecId fecId ) const {
       return answered( fecId ) && request_ &&
              response_->hwFecId( fecId ).version != request_->hwFecIdRequest( fecId ).version;
    }
-   /// What hardware says of the FEC, as far as it is of what is requested: which way it takes where
-   /// it is protected, and that nothing leaves by it.
+   /// The report of hardware as far as it counts: which way a protected FEC takes, and of any FEC
+   /// that no frame leaves by it.
    AdjHwState believed( AdjHwState reported, Fib::FecId fecId ) const {
       const Fib::Fec* const content = requested( fecId );
       const bool said =
          !content || content->backupFecId != Fib::FecId() || reported == AdjHwState::down;
       return said ? reported : AdjHwState::unknown;
    }
-   /// How many of a FEC's vias are its own, and do not lead into its backup.
+   /// How many of the vias do not lead into the backup.
    static size_t primaries( const Fib::Fec& content ) {
       return content.via.size() -
              ( content.backupFecId == Fib::FecId() || content.via.empty() ? 0 : 1 );
    }
-   /// The FEC's own vias are just these, counting a pop that travels with the routes of the
-   /// adjacency.
+   /// The vias that do not lead into the backup are those that are wanted, with the pop where the
+   /// adjacency's routes carry it.
    static bool hasVias( const Fib::Fec& content, const std::vector< Fib::FecVia >& wanted,
                         const L3Adjacency& l3Adj, bool popWithRoute );
-   /// The adjacency's FEC is what is wanted of it, its backup apart.
+   /// The adjacency's FEC has the content that is wanted; the backup is not compared.
    bool isAsWanted( const FecIntent& wanted, const L3Adjacency& l3Adj ) const;
 
    const FecIdToHwFecIdRequest* request() const { return request_; }

@@ -9,7 +9,7 @@ using Fib::FecVia;
 
 namespace {
 
-constexpr size_t maxDepth = 8; // as in hardware, the FEC that the route forwards into included
+constexpr size_t maxDepth = 8; // as in hardware; the FEC that the route forwards into counts
 
 } // namespace
 
@@ -47,7 +47,7 @@ void ForeignWays::addEnd( const FecVia& via, ForeignEnds& ends ) const {
    }
 }
 
-// Level by level, so that each is met where it is least deep.
+// Breadth first, so that each FEC and tunnel is met by the shortest way to it.
 ForeignEnds ForeignWays::read( IntfId intf ) const {
    ForeignEnds ends;
    if ( !known() ) {
@@ -56,7 +56,8 @@ ForeignEnds ForeignWays::read( IntfId intf ) const {
    }
    HashSet< IntfId > seen;
    std::vector< IntfId > level{ intf };
-   // A tunnel is in a label's FEC; a group or an external FEC is the route's own.
+   // A route forwards into a group or an external FEC directly, and into a tunnel through its own
+   // FEC.
    for ( size_t depth = DynamicTunnelIntfId::isDynamicTunnelIntfId( intf ) ? 1 : 0; !level.empty();
          ++depth ) {
       if ( depth == maxDepth ) {

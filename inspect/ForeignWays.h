@@ -1,17 +1,17 @@
-// ForeignWays: where frames get to through what other agents have: next-hop groups, external FECs,
-// dynamic tunnels.
+// ForeignWays: the neighbours that frames reach through next-hop groups, external FECs and dynamic
+// tunnels, which belong to other agents.
 //
-// The hardware has been told of these by their owners, and its driver may tell what it knows
-// (MplsHwInsight); the label state machine only names them. Each is followed once, as deep as hardware does,
-// whatever leads into it and how often.
+// Their owners program them. The label state machine knows only their names; a driver may tell
+// their content (MplsHwInsight). Each of them is followed once, as deep as hardware follows it,
+// however many vias lead into it.
 //
 //    const ForeignWays ways( entityManager );
 //    const ForeignEnds ends = ways.read( via.intf );
 //    if ( ends.known && ends.exits.empty() ) ... ends.why ...
 //
-// Without a driver that tells nothing is known of them, and nobody says that they lead nowhere.
+// Without such a driver nothing is known of them (`known` is false).
 //
-// Cost: a look-up for each FEC, tunnel and via that is behind the one asked for.
+// Cost: a look-up for each FEC, tunnel and via on the ways.
 
 #pragma once
 
@@ -32,10 +32,10 @@ struct ForeignExit {
 };
 
 struct ForeignEnds {
-   /// All that is behind it could be looked at.
+   /// The driver told the content of every FEC and tunnel on the ways.
    bool known = true;
    std::vector< ForeignExit > exits; ///< resolved, each once
-   std::string why;                  ///< of the last way that leads nowhere
+   std::string why;                  ///< why the last of the ways without an end leads nowhere
 };
 
 class ForeignWays {
@@ -44,20 +44,20 @@ class ForeignWays {
    explicit ForeignWays( const EntityManager& entities, InterfaceName name = {} )
       : insight_( entities.root< MplsHwInsight >( "mplsHwInsight" ) ), name_( std::move( name ) ) {}
 
-   /// What stands behind the interface is another agent's.
+   /// The interface stands for something of another agent.
    static bool leadsElsewhere( IntfId intf ) {
       return intf.kind() == IntfId::Kind::nexthopGroup ||
              intf.kind() == IntfId::Kind::dynamicTunnel ||
              intf.kind() == IntfId::Kind::hierarchicalFec;
    }
-   /// The ends of all ways through what stands behind the interface.
+   /// The ends of all ways through what the interface stands for.
    ForeignEnds read( IntfId intf ) const;
-   /// The next hops that the vias of other agents name, whoever leads into these.
+   /// The next hops of all vias of other agents.
    void eachNextHop( const std::function< void( const NextHopKey& ) >& call ) const;
    NextHopInfo rewrite( const NextHopKey& key ) const {
       return insight_ ? insight_->neighbor( key ).value_or( NextHopInfo() ) : NextHopInfo();
    }
-   /// What stands behind the interface, in words: "tunnel east", "FEC 7:5 of another agent".
+   /// What the interface stands for, in words: "tunnel east", "FEC 7:5 of another agent".
    std::string text( IntfId intf ) const;
 
  private:

@@ -29,7 +29,7 @@ Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
    }
    known_ = someNextHop( entities );
    if ( !target.nextHop && target.intf.empty() ) {
-      return; // nothing goes
+      return; // nothing was asked for
    }
    findL3Adjacencies();
    findL2Adjacencies();
@@ -43,15 +43,15 @@ Impact::Impact( const EntityManager& entities, const ImpactTarget& target )
    std::ranges::sort( foreign_, {}, &ForeignWay::fecId );
 }
 
-// --- What goes.
+// --- The target.
 
 bool Impact::matches( const IpGenAddr& address, IntfId intf ) const {
    return ( !target_.nextHop || address == *target_.nextHop ) &&
           ( target_.intf.empty() || intf == target_.intf );
 }
 
-/// The way goes by its own neighbour, or by the next hop that the via names; by the L3 interface or
-/// by the L2 interface below it.
+/// The target takes the way out. It may name the neighbour or the via's next hop, and the L3
+/// interface or the L2 interface below it.
 bool Impact::goes( const AdjacencyVia& via, const WayOut& way ) const {
    return matches( way.neighbor, way.intf ) || matches( way.neighbor, way.rewrite->l2Intf ) ||
           matches( via.nextHop, way.intf ) || matches( via.nextHop, way.rewrite->l2Intf );
@@ -104,7 +104,7 @@ bool Impact::someNextHop( const EntityManager& entities ) const {
              .watchedIp6AddrHas( watched );
 }
 
-// --- Who loses.
+// --- What is lost.
 
 template< class F >
 void Impact::eachWay( const Adjacency& adjacency, const F& call ) {
@@ -125,7 +125,7 @@ WaysLeft Impact::waysOf( const Adjacency& adjacency ) {
          continue;
       }
       const ForeignEnds ends = foreignWays_.read( via.intf );
-      ways.of += ends.exits.size() + !ends.known; // what is not known is taken for untouched
+      ways.of += ends.exits.size() + !ends.known; // an unknown way counts as one that stays
       ways.left += !ends.known;
       for ( const ForeignExit& exit : ends.exits ) {
          ways.left += !matches( exit.nextHop.addr, exit.nextHop.intf ) &&
@@ -156,7 +156,7 @@ void Impact::findL3Adjacencies() {
    }
 }
 
-/// The adjacency whose FEC stands by in that of this one; null when none does.
+/// The adjacency whose FEC is the backup of this adjacency's FEC; null when there is none.
 const L3Adjacency* Impact::protectorOf( const L3Adjacency& l3Adj ) const {
    const ExternalFecInfo* const fec = l3Adj.extFecInfo().get();
    const L3Adjacency* const backup =
@@ -171,7 +171,7 @@ bool Impact::leavesByBackup( const L3Adjacency& l3Adj, const WaysLeft& primaries
                AdjHwState::backupActive );
 }
 
-/// The labels that leave by the adjacency now, also those that are to leave by another one.
+/// The labels that leave by the adjacency now, even if they are meant to leave by another one.
 template< class F >
 void Impact::eachUser( const L3Adjacency& l3Adj, const F& call ) {
    for ( const Mpls::RouteKey key : l3Adj.routeKey() ) {
@@ -187,7 +187,7 @@ void Impact::eachUser( const L3Adjacency& l3Adj, const F& call ) {
    }
 }
 
-/// Labels and FEC of the adjacency, by what they leave by now.
+/// Adds the labels and the FEC of the adjacency, with the ways that they leave by now.
 void Impact::addUsers( const L3Adjacency& l3Adj, WaysLeft ways ) {
    const L3Adjacency* backup = protectorOf( l3Adj );
    const bool onBackup = backup && leavesByBackup( l3Adj, ways );
@@ -235,7 +235,7 @@ void Impact::countForeign( const L3Adjacency& l3Adj, const Adjacency& adjacency 
    }
 }
 
-// An L2 via stays as long as something that uses the adjacency still comes to it.
+// An L2 via stays while some user of the adjacency still resolves to it.
 void Impact::findL2Adjacencies() {
    Hash< const L2Adjacency*, std::vector< char > > stays; // in the order of the set's vias
    for ( const ImpactedAdjacency& hit : l3Adjacencies_ ) {

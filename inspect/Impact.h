@@ -1,26 +1,25 @@
 // Impact: what breaks if a next hop or an interface goes?
 //
-// Looks for all ways out that would go with it, and for what would be left of those who use them.
-// Nothing is touched: what is published of the adjacencies is read against what the L3 layer says
+// Impact finds all ways out that the next hop or interface carries, and counts what its users would
+// have left. It changes nothing: it compares the published adjacencies with what the L3 layer says
 // of their next hops now.
 //
-// A way out is a neighbour that a via resolves to. One that is not resolved is none, so nothing is
-// lost with it. A via without an interface has as many as the route resolver found. An L2 adjacency
-// loses an L2 via when the last way out that comes to it goes; others that resolve to the same
-// rewrite keep it. Labels that are not in hardware are not forwarded, and lose nothing.
+// A way out is a neighbour that a via resolves to. A via that is not resolved has none to lose. A
+// via without an interface has as many as the route resolver found. An L2 adjacency loses an L2 via
+// with the last way out that resolves to it. Labels that are not in hardware lose nothing.
 //
-// Where the hardware has FECs, a label leaves by its primary vias, and by its backup when none of
-// them is a way out, or when hardware says that the backup is in use. It loses what it leaves by
-// now; a label that would change over to its backup is protected. Through the FECs of other agents
-// and tunnels it leaves by every neighbour behind them. Where hardware does not tell what is in them
-// the labels are counted, and taken for untouched; so is a label that leaves by what a FEC was before,
-// which nobody can tell.
+// Where the hardware has FECs, a label leaves by its primary vias; it leaves by its backup when no
+// primary via is a way out, or when hardware reports that the backup is in use. A label loses the
+// ways that it leaves by now; a label that would change over to its backup is protected. Through
+// the FECs and tunnels of other agents a label leaves by every neighbour that they lead to. Where
+// hardware does not tell their content, the labels are counted and taken for untouched. The same
+// goes for a label whose FEC hardware still has with its former content, which is not recorded.
 //
 //    const Impact impact( entityManager, { .nextHop = address } );
 //    if ( impact.known() ) ... impact.labels() ...
 //
-// Cost: a look-up for each via of all adjacencies, twice where something is hit, and one for each
-// label that is.
+// Cost: a look-up for each via of all adjacencies, two where the adjacency is hit, and one for each
+// label that is hit.
 
 #pragma once
 
@@ -36,10 +35,10 @@
 
 namespace Vel::Inspect {
 
-/// What goes. One of the two at least.
+/// The next hop or interface that goes; at least one of the two is set.
 struct ImpactTarget {
    std::optional< IpGenAddr > nextHop{}; ///< nothing: every one on the interface
-   IntfId intf{};                        ///< empty: wherever the next hop is
+   IntfId intf{};                        ///< empty: every interface that the next hop is on
 
    /// "next hop 10.0.0.1 on eth1", "interface eth1".
    std::string text( const InterfaceName& name ) const;
@@ -54,12 +53,12 @@ struct WaysLeft {
    friend bool operator==( const WaysLeft&, const WaysLeft& ) = default;
 };
 
-/// Whoever would change over to its backup.
+/// The label, adjacency or FEC would change over to its backup.
 template< class Hit >
 bool changesOver( const Hit& hit ) {
    return hit.ways.none() && hit.protectedBy.has_value();
 }
-/// Whoever would be left without a way out.
+/// The label, adjacency or FEC would be left without a way out.
 template< class Hit >
 bool losesAll( const Hit& hit ) {
    return hit.ways.none() && !hit.protectedBy;
@@ -84,7 +83,7 @@ struct ImpactedFec {
    std::optional< Fib::FecId > protectedBy; ///< the FEC that would take over
 };
 
-/// Labels that leave by what hardware does not tell.
+/// Labels that leave by a FEC whose content hardware does not tell.
 struct ForeignWay {
    Fib::FecId fecId; ///< of another agent
    size_t labels = 0;
@@ -103,10 +102,10 @@ class Impact {
    const std::vector< ImpactedAdjacency >& l3Adjacencies() const { return l3Adjacencies_; }
    const std::vector< ImpactedAdjacency >& l2Adjacencies() const { return l2Adjacencies_; }
    const std::vector< ImpactedFec >& fecs() const { return fecs_; }
-   /// FECs of other agents that labels in hardware leave by, where hardware does not tell what is in
-   /// them; in the order of ids.
+   /// FECs of other agents that labels in hardware leave by and whose content hardware does not
+   /// tell, in the order of ids.
    const std::vector< ForeignWay >& foreign() const { return foreign_; }
-   /// Labels in hardware that leave by tunnels of which the same is true.
+   /// Labels in hardware that leave by tunnels whose content hardware does not tell.
    size_t tunnelLabels() const { return tunnelLabels_; }
 
  private:
@@ -135,7 +134,7 @@ class Impact {
    const ForeignWays foreignWays_;
    const Mpls::Hardware::Status& hwMplsStatus_;
    LabelStates states_;
-   const MplsHwInsight* insight_;   // null where the driver keeps to itself
+   const MplsHwInsight* insight_;   // null where the driver does not have it
    const VrfMplsState* state_;      // null while there is none
    const AdjHwStatus* adjHwStatus_; // null where hardware does not report protection
    std::optional< VrfId > vrfId_;

@@ -18,22 +18,6 @@ constexpr size_t remembered = 4096; // via sets
 
 } // namespace
 
-std::string_view name( LabelState state ) {
-   switch ( state ) {
-   case LabelState::programmed:
-      return "programmed";
-   case LabelState::partiallyProgrammed:
-      return "partiallyProgrammed";
-   case LabelState::unprogrammed:
-      return "unprogrammed";
-   case LabelState::ignored:
-      return "ignored";
-   case LabelState::absent:
-      break;
-   }
-   return "absent";
-}
-
 Mpls::RouteStatusCode codeOf( LabelState state ) {
    return state == LabelState::programmed            ? Mpls::RouteStatusCode::programmed
           : state == LabelState::partiallyProgrammed ? Mpls::RouteStatusCode::partiallyProgrammed
@@ -149,7 +133,7 @@ LabelStates::Ways LabelStates::waysOf( const Held& held ) const {
    if ( state == AdjHwState::down ) {
       return Ways::none;
    }
-   // What its owner has made of another agent's may have to wait, and what was there stays.
+   // A change of another agent's FEC may have to wait; hardware keeps the former content meanwhile.
    const bool waits = !FecView::ours( fecId ) && insight_ && insight_->fecRefusal( fecId );
    if ( waits || fecs_.behind( fecId ) ) {
       return Ways::some;
@@ -166,7 +150,7 @@ LabelStates::Ways LabelStates::waysOfL2( const Mpls::Hardware::L2Adjacency& adja
 }
 
 LabelStates::Ways LabelStates::waysOfFec( FecId fecId ) const {
-   if ( !FecView::ours( fecId ) ) { // by how many of its ways is the owner's affair
+   if ( !FecView::ours( fecId ) ) { // the FEC's owner answers for the number of its ways
       const ForeignEnds ends = foreignWays_.read( FecId::fecIdToHierarchicalIntfId( fecId ) );
       return !ends.known || !ends.exits.empty() ? Ways::all : Ways::none;
    }

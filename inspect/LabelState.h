@@ -1,5 +1,5 @@
-// LabelState: what state a label is in. One function says so, and everyone asks it: the program's
-// result, an explanation, an audit, what would break. What the library publishes is held against it.
+// LabelState: the state of a label. The program's result, explanations, audits and impacts all take
+// it from here; an audit compares it with what the library publishes.
 //
 //    programmed             frames leave by all that the LFIB means
 //    partiallyProgrammed    frames leave, but by part of it: next hops are not resolved, a link is
@@ -9,22 +9,24 @@
 //                           forwarding
 //    absent                 not in the LFIB
 //
-// It follows from three things. What is meant, by the LFIB and the L3 layer as they are now
-// (LfibIntent). What hardware holds, by what it was asked for and has confirmed: an L2 adjacency, or a
-// FEC with the content that stands behind its id. And which of the ways there lead out: next hops,
-// links, other agents' FECs and tunnels, and what hardware itself reports of a FEC (AdjHwStatus).
-// A FEC that is answered with an earlier version has a content that nobody can tell; frames are taken
-// to leave by it unless hardware reports that none do. What an earlier agent left counts when it has
-// been taken over.
+// The state follows from three things:
+//  - what is meant, by the LFIB and the L3 layer as they are now (LfibIntent);
+//  - what hardware holds, by what it was asked for and has confirmed: an L2 adjacency, or a FEC
+//    with the content that was requested;
+//  - which ways of these lead out, by next hops, links, other agents' FECs and tunnels, and the
+//    hardware's reports on FECs (AdjHwStatus).
+// Hardware may have a FEC in an earlier version, whose content is not recorded. Frames are then
+// taken to leave by the FEC unless hardware reports that none do. What an earlier agent left in
+// hardware counts once the state machine has taken it over.
 //
-// Where the driver tells no more than it must (MplsHwInsight is not mounted), links count as up, and
-// what leads into other agents' FECs and tunnels as leading out.
+// Where the driver does not mount MplsHwInsight, links count as up, and other agents' FECs and
+// tunnels as leading out.
 //
 //    LabelStates states( entityManager );
 //    if ( states.of( key ).state == LabelState::unprogrammed ) ...
 //
-// Labels that share a via set share the answer, of which some thousand are kept: an object is for one
-// moment. Make another one when anything has changed.
+// Labels that share a via set share the answer, and some thousand answers are kept. So an object is
+// good until an entity changes; make another one then.
 //
 // Cost: 0.2 microseconds for a label whose via set is remembered, else that of LfibIntent and a
 // look-up for each via. Memory is bounded.
@@ -44,7 +46,6 @@
 namespace Vel::Inspect {
 
 enum class LabelState : uint8_t { programmed, partiallyProgrammed, unprogrammed, ignored, absent };
-std::string_view name( LabelState state );
 /// The code that is published of a label in that state.
 Mpls::RouteStatusCode codeOf( LabelState state );
 
@@ -62,18 +63,18 @@ class LabelStates {
    LabelStates& operator=( const LabelStates& ) = delete;
 
    LabelVerdict of( Mpls::RouteKey key );
-   /// The same for those who have read what is meant.
+   /// The same for a caller that has read the intent.
    LabelVerdict of( Mpls::RouteKey key, const Intent& intent ) const;
    /// The inputs alone.
    const LfibIntent& inputs() const { return inputs_; }
 
  private:
-   /// By what the label is in hardware: one of them, or neither.
+   /// What hardware holds of the label: an L2 adjacency, a FEC, or neither.
    struct Held {
       const MplsRoute* record = nullptr;
       const Mpls::Hardware::L2Adjacency* l2Adjacency = nullptr;
       const ExternalFecInfo* fec = nullptr;
-      bool refused = false; ///< the last writing was
+      bool refused = false; ///< hardware has refused the last writing
 
       const void* what() const { return fec ? static_cast< const void* >( fec ) : l2Adjacency; }
    };
@@ -109,5 +110,24 @@ class LabelStates {
    Intent intent_;                      // memory for one label
    mutable std::vector< WayOut > ways_; // memory for one via
 };
+
+} // namespace Vel::Inspect
+
+template<>
+struct Vel::EnumNames< Vel::Inspect::LabelState > {
+   static constexpr std::array< std::pair< Inspect::LabelState, std::string_view >, 5 > names{
+      { { Inspect::LabelState::programmed, "programmed" },
+        { Inspect::LabelState::partiallyProgrammed, "partiallyProgrammed" },
+        { Inspect::LabelState::unprogrammed, "unprogrammed" },
+        { Inspect::LabelState::ignored, "ignored" },
+        { Inspect::LabelState::absent, "absent" } } };
+};
+
+namespace Vel::Inspect {
+
+/// For programs that use no text forms.
+constexpr std::string_view name( LabelState state ) {
+   return stringValue( state );
+}
 
 } // namespace Vel::Inspect

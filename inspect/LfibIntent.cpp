@@ -8,7 +8,7 @@ namespace Vel::Inspect {
 
 namespace {
 
-/// What is wrong with a via, as far as one via alone can be wrong; nothing when it is sound.
+/// What is wrong with the via by itself; empty when it is sound.
 std::string_view faultOf( const Mpls::LfibMplsVia& via, bool needsInterface ) {
    if ( via.null() ) {
       return "is not in the LFIB";
@@ -227,7 +227,7 @@ void LfibIntent::readFec( const Mpls::LfibViaSet& viaSet, Leads leads, Intent& i
    fec.backupVias.clear();
    fec.backupFault.clear();
    if ( leads == Leads::toGroup && viaSet.usableAsPrimaryVias() ) {
-      // Ways out and protection are the group's.
+      // The group's owner answers for its ways out and its protection.
       fec.foreign = Fib::FecIdIntfId::intfIdToFecId( collected_.front().intf );
       return;
    }
@@ -240,7 +240,7 @@ void LfibIntent::readFec( const Mpls::LfibViaSet& viaSet, Leads leads, Intent& i
    }
 }
 
-// Protection is one level deep, and only what this library asks for has a FEC id to be named by.
+// Protection is one level deep, and the backup must be a FEC that this library requests.
 void LfibIntent::readBackup( Mpls::LfibViaSetKey key, FecIntent& fec ) const {
    if ( key.viaType() != Mpls::viaTypeMplsIp || key.multicast() ) {
       fec.backupFault = joinText( "the backup is of a kind that cannot be one: ", key );

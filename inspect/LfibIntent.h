@@ -1,17 +1,17 @@
 // LfibIntent: what the inputs say shall happen to a label.
 //
-// The LFIB names a label's vias, the L3 layer says where their next hops are; from the two follows
-// by which L2 vias frames with the label shall leave, and what the FEC shall be made of where the
-// hardware has FECs. The function is naive on purpose: it goes from the label to the ways out each
-// time, remembers nothing and knows no history. It shares no code with the state machine, which
-// comes to the same by events, records and work sets: where the two agree, they agree for different
-// reasons. Of the state machine it asks one thing, whether the hardware has FECs.
+// The LFIB names a label's vias, and the L3 layer resolves their next hops. From the two follow the
+// L2 vias by which frames with the label shall leave, and the content of the FEC where the hardware
+// has FECs. LfibIntent is naive on purpose: it goes from the label to the ways out each time, and
+// remembers nothing. It shares no code with the state machine, which reaches the same result by
+// events, records and work sets, so that a comparison of the two finds faults of either. It asks
+// the state machine only whether the hardware has FECs.
 //
 //    const LfibIntent inputs( entityManager );
 //    Intent intent;
 //    inputs.read( routeKey, intent );
 //
-// NextHopView is the half that knows next hops.
+// NextHopView resolves the next hops.
 //
 // Cost: a look-up for the route, one for the via set and two for each via; for the backup the same
 // without the resolution.
@@ -62,7 +62,7 @@ enum class IntentKind : uint8_t {
    unsound,    ///< some via cannot be forwarded with
    unresolved, ///< no next hop is resolved
    forwarded,  ///< by `vias`
-   elsewhere   ///< into a replication group, which neither L2 vias nor FECs tell
+   elsewhere   ///< into a replication group, which is not followed
 };
 
 /// What a via set asks of its FEC.
@@ -84,10 +84,10 @@ struct Intent {
    std::vector< Mpls::Hardware::L2Via > vias; ///< sorted, each once; of `forwarded` only
    size_t unresolvedVias = 0;                 ///< vias of the LFIB without a way out
    std::vector< NextHopKey > nextHops;        ///< that have to be watched for it
-   bool intoFec = false;                      ///< forwarded by `fec`, which resolves for itself
+   bool intoFec = false; ///< forwarded by `fec`, whose next hops hardware resolves
    FecIntent fec;
 
-   /// The route counts as one: it is published, be it as not programmed.
+   /// The route is published, if only as not programmed.
    bool accepted() const {
       return kind != IntentKind::absent && kind != IntentKind::notOurs &&
              kind != IntentKind::unusable;
@@ -105,7 +105,7 @@ class LfibIntent {
    /// Label forwarding is wanted.
    bool routing() const { return routing_ == nullptr || routing_->mplsRouting( vrf() ); }
    const Mpls::LfibStatus& lfib() const { return lfib_; }
-   /// Routes with such vias are for MPLS forwarding; the others are another state machine's.
+   /// Routes with such vias are for MPLS forwarding; another state machine handles the others.
    static bool forMplsForwarding( Mpls::LfibViaType type ) {
       return type == Mpls::viaTypeMplsIp || type == Mpls::viaTypeExternalFec;
    }
@@ -131,7 +131,7 @@ class LfibIntent {
    mutable std::vector< Mpls::LfibMplsVia > collected_; // ... and for one via set
 };
 
-/// Sorts, and leaves one of those that are equal.
+/// Sorts, and removes repetitions.
 void sortEachOnce( std::vector< Mpls::Hardware::L2Via >& vias );
 
 /// The root of that name. It must be mounted, and of that type.

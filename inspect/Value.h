@@ -1,12 +1,12 @@
-// Value: what a program may want to know of something, in the shape that most formats have.
+// Value: facts for programs, in the shape that most formats have.
 //
 //    Value facts;
 //    facts["adjacency"] = 7;
 //    facts["refused"] = false;
 //    facts["l2Vias"].push_back( "swap 17, eth1" );
 //
-// Nothing, a truth, a natural number, seconds, a text, a list or a table of names in the order in
-// which they were first used. Whoever prints it visits `as()`.
+// A value is nothing, a truth, a natural number, seconds, a text, a list, or a table of names in
+// the order in which the names were first used. A printer visits `as()`.
 
 #pragma once
 
@@ -33,9 +33,10 @@ class Value {
    Value( std::string text ) : value_( std::move( text ) ) {}
    Value( std::string_view text ) : value_( std::string( text ) ) {}
    Value( const char* text ) : value_( std::string( text ) ) {}
+   Value( List list ) : value_( std::move( list ) ) {} ///< also the one way to an empty list
 
-   /// The value of that name, which must outlive it; made when there is none. What was no table
-   /// becomes one.
+   /// The value of that name, made when there is none. Makes this value a table. The text of the
+   /// name must outlive the value.
    Value& operator[]( std::string_view name ) {
       Table& table = of< Table >();
       for ( auto& [there, value] : table ) {
@@ -46,8 +47,10 @@ class Value {
       table.emplace_back().first = name;
       return table.back().second;
    }
-   /// What was no list becomes one.
-   void push_back( Value value ) { of< List >().push_back( std::move( value ) ); }
+   /// Makes this value a list.
+   void push_back( Value value ) { // NOLINT(readability-identifier-naming): as in containers
+      of< List >().push_back( std::move( value ) );
+   }
 
    /// The value of that name; null when there is none.
    const Value* find( std::string_view name ) const {

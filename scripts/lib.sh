@@ -4,8 +4,8 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-libraryFolders=(platform mpls decap pw mcast)
-sourceFolders=("${libraryFolders[@]}" inspect driver sim agent tests bench)
+libraryFolders=(platform mpls decap pw mcast inspect)
+sourceFolders=("${libraryFolders[@]}" driver sim agent tests bench)
 jobs=$(nproc)
 
 say() { printf '%s\n' "$*"; }

@@ -6,7 +6,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include "agent/report/Progress.h"
 #include "platform/services/SystemLog.h"
 
 namespace Vel::Agent {
@@ -15,7 +14,7 @@ namespace {
 
 constexpr double longestRunSeconds = 1e6;
 
-// The plan of all the texts; nothing, having complained, when one of them is wrong.
+// The plan of all the texts. When one of them is wrong, a complaint and nothing.
 std::optional< Driver::FaultPlan > faultPlan( const std::vector< std::string >& texts,
                                               const Interfaces& interfaces ) {
    Driver::FaultPlan plan;
@@ -63,7 +62,7 @@ CLI::Validator between( double low, double high ) {
    return { fault, joinText( "FLOAT in [", low, " - ", high, "]" ) };
 }
 
-// The operator's copy, with the simulated time.
+// System log messages reach the operator with the simulated time.
 void logToStandardError( const LabelAgent& agent, Progress& progress ) {
    systemLogClockIs( agent.clock() );
    systemLogSinkIs( [&agent, &progress]( const SystemLogMessage& message ) {
@@ -132,12 +131,13 @@ void addHardwareBefore( CLI::App& app, RunOptions& options ) {
       ->check( emptyFault );
 }
 
-AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( options ) {
+AgentRun::AgentRun( const RunOptions& options, bool progressWanted )
+   : options_( options ), progress_( progressWanted && options.tables.trace.empty() ) {
    if ( const auto fault = traceOn( options.tables.trace ) ) {
       std::cerr << *fault << '\n';
       return;
    }
-   LoadedTables loaded = loadTables( options.tables, progress, std::cerr );
+   LoadedTables loaded = loadTables( options.tables, progress_, std::cerr );
    if ( !loaded.usable ) {
       return;
    }
@@ -150,7 +150,7 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( 
    settings.hardware.adjacencyCapacity = options.adjacencyCapacity;
    settings.hardware.fecCapacity = options.fecCapacity;
    settings.withFecs = options.tables.withFecs;
-   settings.onProgress = [&progress]( size_t left ) { progress.left( left ); };
+   settings.onProgress = [this]( size_t left ) { progress_.left( left ); };
    auto plan = faultPlan( options.faults, loaded.plan.interfaces() );
    if ( !plan ) {
       return;
@@ -169,18 +169,18 @@ AgentRun::AgentRun( const RunOptions& options, Progress& progress ) : options_( 
       settings.maxStaleShare = options.previewSweep ? 0 : options.maxStaleShare;
    }
    agent_ = std::make_unique< LabelAgent >( std::move( loaded.plan ), settings );
-   logToStandardError( *agent_, progress );
-   fault_ = applyTables( *agent_, loaded.neighbors, options.tables, progress,
+   logToStandardError( *agent_, progress_ );
+   fault_ = applyTables( *agent_, loaded.neighbors, options.tables, progress_,
                          options.holdLastTable ? 1 : 0 );
    if ( !fault_ ) {
-      progress.stage( "letting time pass" );
+      progress_.stage( "letting time pass" );
       fault_ = agent_->runFor( options.forSeconds );
    }
    incomplete_ = incomplete_ || fault_.has_value() ||
                  ( agent_->mplsSm().staleSweepHeld() && !options.previewSweep );
 }
 
-// What the hardware holds; nothing, with a complaint, when that cannot be had.
+// What the hardware holds. When that cannot be read, a complaint and nothing.
 std::optional< Driver::HwState > AgentRun::recoveredHardware( Interfaces& interfaces ) {
    if ( !options_.tables.withFecs ) {
       std::cerr << "--hardware-state: hardware without FECs starts afresh\n";

@@ -9,7 +9,6 @@
 
 #include "agent/cli/AgentRun.h"
 #include "agent/report/AuditPrinter.h"
-#include "agent/report/Progress.h"
 #include "agent/report/ReportText.h"
 
 namespace Vel::Agent {
@@ -23,22 +22,19 @@ struct AuditOptions {
 };
 
 int runAudit( const AuditOptions& options ) {
-   Progress progress( options.run.tables.trace.empty() );
-   const AgentRun run( options.run, progress );
+   AgentRun run( options.run );
    if ( !run.usable() ) {
       return ExitStatus::badInput;
    }
    const LabelAgent& agent = run.agent();
-   progress.stage( "comparing" );
-   const Inspect::Audit audit(
-      agent.entityManager(), [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); } );
+   run.progress().stage( "comparing" );
+   const Inspect::Audit audit( agent.entityManager(), agent.interfaceName() );
    const Inspect::AuditReport report = audit.run( options.limit );
-   progress.hide();
-   const bool printed =
-      options.format == "json" ? printJson( std::cout, report ) : printText( std::cout, report );
+   run.progress().hide();
+   const bool printed = reportWritten( options.format == "json" ? printJson( std::cout, report )
+                                                                : printText( std::cout, report ) );
    run.complain();
    if ( !printed ) {
-      std::cerr << "velmpls: the result could not be written\n";
       return ExitStatus::badInput;
    }
    const bool agrees = report.clean() && !run.incomplete() && agent.hardware().breaches().empty();
@@ -48,11 +44,13 @@ int runAudit( const AuditOptions& options ) {
 } // namespace
 
 void addAuditCommand( CLI::App& app, CommandRun& run ) {
-   CLI::App* const command =
-      app.add_subcommand( "audit", "Program label tables into a software switch, and compare for "
-                                   "each label what the LFIB wants, what was written for the "
-                                   "hardware, what it reports and what is published" );
    const auto options = std::make_shared< AuditOptions >();
+   CLI::App* const command =
+      addCommand( app, run, "audit",
+                  "Program label tables into a software switch, and compare for each label what"
+                  " the LFIB wants, what was written for the hardware, what it reports and what"
+                  " is published",
+                  options, runAudit );
    addRunOptions( *command, options->run );
    addHardwareBefore( *command, options->run );
    addReportFormat( *command, options->format );
@@ -66,7 +64,6 @@ void addAuditCommand( CLI::App& app, CommandRun& run ) {
                     "Example:\n"
                     "  velmpls audit --lfib labels.json --neighbors neighbors.json \\\n"
                     "    --fault 'forget label 16002'" );
-   command->callback( [options, &run] { run = [options] { return runAudit( *options ); }; } );
 }
 
 } // namespace Vel::Agent

@@ -35,10 +35,8 @@ int runDiff( const DiffOptions& options ) {
       return ExitStatus::badInput;
    }
    const std::vector< TableDifference > found = differencesOf( tables[0], tables[1] );
-   const bool printed =
-      options.format == "json" ? printJson( std::cout, found ) : printText( std::cout, found );
-   if ( !printed ) {
-      std::cerr << "velmpls: the differences could not be written\n";
+   if ( !reportWritten( options.format == "json" ? printJson( std::cout, found )
+                                                 : printText( std::cout, found ) ) ) {
       return ExitStatus::badInput;
    }
    return found.empty() ? ExitStatus::done : ExitStatus::incomplete;
@@ -47,9 +45,10 @@ int runDiff( const DiffOptions& options ) {
 } // namespace
 
 void addDiffCommand( CLI::App& app, CommandRun& run ) {
-   CLI::App* const command = app.add_subcommand(
-      "diff", "Show what differs between two label tables, of whatever formats" );
    const auto options = std::make_shared< DiffOptions >();
+   CLI::App* const command = addCommand(
+      app, run, "diff", "Show what differs between two label tables, of whatever formats", options,
+      runDiff );
    for ( size_t i = 0; i < options->files.size(); ++i ) {
       command
          ->add_option( i == 0 ? "BEFORE" : "AFTER", options->files[i],
@@ -64,7 +63,6 @@ void addDiffCommand( CLI::App& app, CommandRun& run ) {
       "Exit status: 0 the tables say the same, 2 bad input or usage, 3 they differ.\n\n"
       "Example:\n"
       "  velmpls diff labels-of-yesterday.json labels.json" );
-   command->callback( [options, &run] { run = [options] { return runDiff( *options ); }; } );
 }
 
 } // namespace Vel::Agent

@@ -9,7 +9,6 @@
 
 #include "agent/cli/AgentRun.h"
 #include "agent/report/ExplainPrinter.h"
-#include "agent/report/Progress.h"
 #include "agent/report/ReportText.h"
 
 namespace Vel::Agent {
@@ -23,24 +22,21 @@ struct ExplainOptions {
 };
 
 int runExplain( const ExplainOptions& options ) {
-   auto progress = std::make_unique< Progress >( options.run.tables.trace.empty() );
-   const AgentRun run( options.run, *progress );
+   AgentRun run( options.run );
    if ( !run.usable() ) {
       return ExitStatus::badInput;
    }
-   progress->hide();
+   run.progress().hide();
    const LabelAgent& agent = run.agent();
    const Mpls::RouteKey key = *labelOf( options.label );
-   const Inspect::Explanation explanation(
-      agent.entityManager(), key,
-      [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); },
-      agent.ignoredReason( key ) );
-   const bool printed = options.format == "json"
-                           ? printJson( std::cout, explanation )
-                           : printText( std::cout, explanation, TextStyle::ofStandardOutput() );
+   const Inspect::Explanation explanation( agent.entityManager(), key, agent.interfaceName(),
+                                           agent.ignoredReason( key ) );
+   const bool printed =
+      reportWritten( options.format == "json"
+                        ? printJson( std::cout, explanation )
+                        : printText( std::cout, explanation, TextStyle::ofStandardOutput() ) );
    run.complain();
    if ( !printed ) {
-      std::cerr << "velmpls: the explanation could not be written\n";
       return ExitStatus::badInput;
    }
    return explanation.asWanted() ? ExitStatus::done : ExitStatus::incomplete;
@@ -49,10 +45,12 @@ int runExplain( const ExplainOptions& options ) {
 } // namespace
 
 void addExplainCommand( CLI::App& app, CommandRun& run ) {
-   CLI::App* const command =
-      app.add_subcommand( "explain", "Program label tables into a software switch, and tell for "
-                                     "one label what stands between the table and the hardware" );
    const auto options = std::make_shared< ExplainOptions >();
+   CLI::App* const command =
+      addCommand( app, run, "explain",
+                  "Program label tables into a software switch, and tell for one label what "
+                  "stands between the table and the hardware",
+                  options, runExplain );
    command
       ->add_option( "LABEL", options->label,
                     "The incoming label, or up to three with / between them, the top one first" )
@@ -67,7 +65,6 @@ void addExplainCommand( CLI::App& app, CommandRun& run ) {
                     "partially.\n\n"
                     "Example:\n"
                     "  velmpls explain 16001 --lfib labels.json --neighbors neighbors.json" );
-   command->callback( [options, &run] { run = [options] { return runExplain( *options ); }; } );
 }
 
 } // namespace Vel::Agent

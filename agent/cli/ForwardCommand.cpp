@@ -8,7 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "agent/cli/AgentRun.h"
-#include "agent/report/Progress.h"
+#include "agent/report/ReportText.h"
 
 namespace Vel::Agent {
 
@@ -96,8 +96,7 @@ int runForward( const ForwardOptions& options ) {
          return ExitStatus::badInput;
       }
    }
-   Progress progress( false );
-   const AgentRun run( options.run, progress );
+   const AgentRun run( options.run, false );
    if ( !run.usable() ) {
       return ExitStatus::badInput;
    }
@@ -107,8 +106,7 @@ int runForward( const ForwardOptions& options ) {
                             agent.interfaces() );
    }
    std::cout.flush();
-   if ( !std::cout.good() ) {
-      std::cerr << "velmpls: the result could not be written\n";
+   if ( !reportWritten( std::cout.good() ) ) {
       return ExitStatus::badInput;
    }
    run.complain();
@@ -118,10 +116,10 @@ int runForward( const ForwardOptions& options ) {
 } // namespace
 
 void addForwardCommand( CLI::App& app, CommandRun& run ) {
-   CLI::App* const command =
-      app.add_subcommand( "forward", "Program label tables into a software switch and send frames "
-                                     "through it" );
    const auto options = std::make_shared< ForwardOptions >();
+   CLI::App* const command = addCommand(
+      app, run, "forward", "Program label tables into a software switch and send frames through it",
+      options, runForward );
    addRunOptions( *command, options->run );
    addHardwareBefore( *command, options->run );
    command
@@ -137,7 +135,6 @@ void addForwardCommand( CLI::App& app, CommandRun& run ) {
                     "  velmpls forward --lfib labels.json --neighbors neighbors.json \\\n"
                     "    --frame '020000000001 020000000002 8847 03e81140 "
                     "450000140000000040fd61e80a0001020a000304'" );
-   command->callback( [options, &run] { run = [options] { return runForward( *options ); }; } );
 }
 
 } // namespace Vel::Agent

@@ -9,7 +9,6 @@
 
 #include "agent/cli/AgentRun.h"
 #include "agent/report/ImpactPrinter.h"
-#include "agent/report/Progress.h"
 #include "agent/report/ReportText.h"
 
 namespace Vel::Agent {
@@ -23,7 +22,7 @@ struct ImpactOptions {
    std::string interface;
 };
 
-/// A neighbour of the table whom no label needs is nobody's next hop, and yet not unknown.
+/// A neighbour of the table is a known target even if no label has it for a next hop.
 bool neighborIsKnown( LabelAgent& agent, const Inspect::ImpactTarget& target ) {
    const size_t interfaces = agent.interfaces().size();
    for ( U32 number = 1; target.nextHop && number <= interfaces; ++number ) {
@@ -41,13 +40,12 @@ std::string quoted( const std::string& text ) {
 }
 
 int runImpact( const ImpactOptions& options ) {
-   Progress progress( options.run.tables.trace.empty() );
-   const AgentRun run( options.run, progress );
+   AgentRun run( options.run );
    if ( !run.usable() ) {
       return ExitStatus::badInput;
    }
    LabelAgent& agent = run.agent();
-   progress.hide();
+   run.progress().hide();
    Inspect::ImpactTarget target;
    if ( !options.nextHop.empty() ) {
       target.nextHop = IpGenAddr::parse( options.nextHop );
@@ -62,19 +60,18 @@ int runImpact( const ImpactOptions& options ) {
       target.intf = *intf;
    }
    const Inspect::Impact impact( agent.entityManager(), target );
-   const ImpactQuestion question{
-      options.nextHop, options.interface,
-      target.text( [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); } ) };
+   const ImpactQuestion question{ options.nextHop, options.interface,
+                                  target.text( agent.interfaceName() ) };
    if ( target.nextHop && !impact.known() && !neighborIsKnown( agent, target ) ) {
       std::cerr << "--next-hop: no label and no neighbour has the " << harmlessText( question.text )
                 << '\n';
       return ExitStatus::badInput;
    }
-   const bool printed = options.format == "json" ? printJson( std::cout, impact, question )
-                                                 : printText( std::cout, impact, question );
+   const bool printed =
+      reportWritten( options.format == "json" ? printJson( std::cout, impact, question )
+                                              : printText( std::cout, impact, question ) );
    run.complain();
    if ( !printed ) {
-      std::cerr << "velmpls: the result could not be written\n";
       return ExitStatus::badInput;
    }
    return run.incomplete() ? ExitStatus::incomplete : ExitStatus::done;
@@ -83,10 +80,12 @@ int runImpact( const ImpactOptions& options ) {
 } // namespace
 
 void addImpactCommand( CLI::App& app, CommandRun& run ) {
-   CLI::App* const command =
-      app.add_subcommand( "impact", "Program label tables into a software switch, and show what "
-                                    "would lose its ways out if a next hop or an interface went" );
    const auto options = std::make_shared< ImpactOptions >();
+   CLI::App* const command =
+      addCommand( app, run, "impact",
+                  "Program label tables into a software switch, and show what would lose its "
+                  "ways out if a next hop or an interface went",
+                  options, runImpact );
    addRunOptions( *command, options->run );
    addHardwareBefore( *command, options->run );
    addReportFormat( *command, options->format );
@@ -111,7 +110,6 @@ void addImpactCommand( CLI::App& app, CommandRun& run ) {
                     "Example:\n"
                     "  velmpls impact --lfib labels.json --neighbors neighbors.json \\\n"
                     "    --interface eth1" );
-   command->callback( [options, &run] { run = [options] { return runImpact( *options ); }; } );
 }
 
 } // namespace Vel::Agent

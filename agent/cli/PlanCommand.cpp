@@ -1,4 +1,4 @@
-// velmpls plan: what a next label table would do to the hardware, before anybody does it.
+// velmpls plan: what a next label table would do to the hardware.
 
 #include "agent/cli/Commands.h"
 
@@ -9,7 +9,6 @@
 
 #include "agent/cli/AgentRun.h"
 #include "agent/report/ChangePlan.h"
-#include "agent/report/Progress.h"
 #include "agent/report/ReportText.h"
 
 namespace Vel::Agent {
@@ -22,32 +21,31 @@ struct PlanOptions {
    std::string format = "text";
 };
 
-int runPlan( PlanOptions options ) {
-   Progress progress( options.run.tables.trace.empty() );
-   options.run.tables.lfibFiles.push_back( options.next );
-   options.run.holdLastTable = true;
-   const AgentRun run( options.run, progress );
+int runPlan( const PlanOptions& options ) {
+   RunOptions withNext = options.run;
+   withNext.tables.lfibFiles.push_back( options.next );
+   withNext.holdLastTable = true;
+   AgentRun run( withNext );
    if ( !run.usable() ) {
       return ExitStatus::badInput;
    }
    LabelAgent& agent = run.agent();
    ChangePlan plan( agent );
-   progress.stage( "programming " + inputName( options.next ) );
+   run.progress().stage( "programming " + inputName( options.next ) );
    LabelAgent::Fault fault = agent.apply( agent.plan().tables() - 1 );
    if ( !fault ) {
       fault = agent.settle();
    }
-   progress.hide();
+   run.progress().hide();
    if ( fault ) {
       std::cerr << "velmpls: " << *fault << '\n';
       return ExitStatus::incomplete;
    }
    plan.finish();
-   const bool printed =
-      options.format == "json" ? printJson( std::cout, plan ) : printText( std::cout, plan );
+   const bool printed = reportWritten( options.format == "json" ? printJson( std::cout, plan )
+                                                                : printText( std::cout, plan ) );
    run.complain();
    if ( !printed ) {
-      std::cerr << "velmpls: the plan could not be written\n";
       return ExitStatus::badInput;
    }
    return plan.losses().empty() && !run.incomplete() ? ExitStatus::done : ExitStatus::incomplete;
@@ -56,10 +54,12 @@ int runPlan( PlanOptions options ) {
 } // namespace
 
 void addPlanCommand( CLI::App& app, CommandRun& run ) {
-   CLI::App* const command = app.add_subcommand(
-      "plan", "Say what a next label table would do to the hardware: labels that "
-              "come, go, change or lose their way, operations, and room" );
    const auto options = std::make_shared< PlanOptions >();
+   CLI::App* const command =
+      addCommand( app, run, "plan",
+                  "Say what a next label table would do to the hardware: labels that come, go, "
+                  "change or lose their way, operations, and room",
+                  options, runPlan );
    addRunOptions( *command, options->run );
    addHardwareBefore( *command, options->run );
    command->add_option( "--next", options->next, "The label table that is to come after --lfib" )
@@ -70,7 +70,6 @@ void addPlanCommand( CLI::App& app, CommandRun& run ) {
    command->footer( "Exit status: 0 no label loses its way, 2 bad input or usage, 3 one does.\n\n"
                     "Example:\n"
                     "  velmpls plan --lfib now.json --next next.json --neighbors neighbors.json" );
-   command->callback( [options, &run] { run = [options] { return runPlan( *options ); }; } );
 }
 
 } // namespace Vel::Agent

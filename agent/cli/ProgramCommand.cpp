@@ -2,8 +2,6 @@
 
 #include "agent/cli/Commands.h"
 
-#include <algorithm>
-#include <array>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -13,7 +11,6 @@
 #include "agent/cli/AgentRun.h"
 #include "agent/report/Metrics.h"
 #include "agent/report/ProgramResult.h"
-#include "agent/report/Progress.h"
 #include "agent/report/ReportText.h"
 #include "agent/report/ResultPrinter.h"
 
@@ -32,14 +29,9 @@ struct ProgramOptions {
    std::vector< std::string > states; // the same
 };
 
-constexpr std::array< LabelState, 4 > allStates{ LabelState::programmed,
-                                                 LabelState::partiallyProgrammed,
-                                                 LabelState::unprogrammed, LabelState::ignored };
-
 std::optional< LabelState > stateOf( const std::string& text ) {
-   const auto at =
-      std::ranges::find( allStates, text, []( LabelState state ) { return name( state ); } );
-   return at == allStates.end() ? std::nullopt : std::optional( *at );
+   const std::optional< LabelState > state = enumParse< LabelState >( text );
+   return state != LabelState::absent ? state : std::nullopt;
 }
 
 /// Nothing, with a complaint, when a label is in no table.
@@ -65,9 +57,10 @@ bool printResult( const ProgramResult& result, const ProgramOptions& options,
       return true;
    }
    const bool restarts = !options.run.hardwareStateFile.empty();
-   return options.format == "json"
-             ? printJson( std::cout, result, restarts, filter )
-             : printText( std::cout, result, TextStyle::ofStandardOutput(), restarts, filter );
+   return reportWritten(
+      options.format == "json"
+         ? printJson( std::cout, result, restarts, filter )
+         : printText( std::cout, result, TextStyle::ofStandardOutput(), restarts, filter ) );
 }
 
 bool writeMetrics( const LabelAgent& agent, const ProgramResult& result, const std::string& file ) {
@@ -82,27 +75,24 @@ bool writeMetrics( const LabelAgent& agent, const ProgramResult& result, const s
 }
 
 int runProgram( const ProgramOptions& options ) {
-   auto progress =
-      std::make_unique< Progress >( !options.quiet && options.run.tables.trace.empty() );
-   const AgentRun run( options.run, *progress );
+   AgentRun run( options.run, !options.quiet );
    if ( !run.usable() ) {
       return ExitStatus::badInput;
    }
-   progress->stage( "reading back" );
+   run.progress().stage( "reading back" );
    const ProgramResult result( run.agent() );
-   progress->hide();
+   run.progress().hide();
    const std::optional< ResultFilter > filter = filterOf( options, result );
    if ( !filter ) {
       return ExitStatus::badInput;
    }
    if ( !run.leaveHardware() ) {
       run.complain();
-      return ExitStatus::badInput; // what would be shown is lost with the hardware
+      return ExitStatus::badInput; // the next run would not find what the result shows
    }
    const bool printed = printResult( result, options, *filter );
    run.complain();
    if ( !printed ) {
-      std::cerr << "velmpls: the result could not be written\n";
       return ExitStatus::badInput;
    }
    if ( !writeMetrics( run.agent(), result, options.metricsFile ) ) {
@@ -120,10 +110,12 @@ int runProgram( const ProgramOptions& options ) {
 } // namespace
 
 void addProgramCommand( CLI::App& app, CommandRun& run ) {
-   CLI::App* const command =
-      app.add_subcommand( "program", "Program label tables into a software switch, and show for "
-                                     "each label what the hardware holds and why not" );
    const auto options = std::make_shared< ProgramOptions >();
+   CLI::App* const command =
+      addCommand( app, run, "program",
+                  "Program label tables into a software switch, and show for each label what "
+                  "the hardware holds and why not",
+                  options, runProgram );
    addRunOptions( *command, options->run );
    addRestartOptions( *command, options->run );
    addReportFormat( *command, options->format );
@@ -157,7 +149,6 @@ void addProgramCommand( CLI::App& app, CommandRun& run ) {
                     "  vtysh -c 'show mpls table json' > labels.json\n"
                     "  ip -j neigh > neighbors.json\n"
                     "  velmpls program --lfib labels.json --neighbors neighbors.json" );
-   command->callback( [options, &run] { run = [options] { return runProgram( *options ); }; } );
 }
 
 } // namespace Vel::Agent

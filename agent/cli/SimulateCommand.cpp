@@ -26,7 +26,6 @@ struct SimulateOptions {
    std::string profile = "all";
    std::string replay;
    bool shrink = true;
-   bool verbose = false;
 };
 
 std::string failureText( const Sim::Failure& failure ) {
@@ -105,12 +104,17 @@ int replay( const SimulateOptions& options ) {
    return outcome.failure ? ExitStatus::failed : ExitStatus::done;
 }
 
+int runSimulate( const SimulateOptions& options ) {
+   return options.replay.empty() ? simulate( options ) : replay( options );
+}
+
 } // namespace
 
 void addSimulateCommand( CLI::App& app, CommandRun& run ) {
-   auto options = std::make_shared< SimulateOptions >();
+   const auto options = std::make_shared< SimulateOptions >();
    CLI::App* const command =
-      app.add_subcommand( "simulate", "Tries the agent and its hardware under random events" );
+      addCommand( app, run, "simulate", "Tries the agent and its hardware under random events",
+                  options, runSimulate );
    command->add_option( "--seed", options->seed, "The first seed; each run has the next one" )
       ->check( longNaturalFault );
    command->add_option( "--events", options->events, "Events in all" )
@@ -143,11 +147,6 @@ void addSimulateCommand( CLI::App& app, CommandRun& run ) {
    command->footer(
       "A failure prints its seed and writes simulate-SEED.events, the fewest events that show it,\n"
       "for --replay. The exit status is 0 without a failure, 1 with one." );
-   command->callback( [options, &run] {
-      run = [options] {
-         return options->replay.empty() ? simulate( *options ) : replay( *options );
-      };
-   } );
 }
 
 } // namespace Vel::Agent

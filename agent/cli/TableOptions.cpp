@@ -6,28 +6,28 @@
 #include <CLI/CLI.hpp>
 
 #include "agent/report/Progress.h"
+#include "platform/base/DecimalText.h"
 #include "platform/base/Trace.h"
 
 namespace Vel::Agent {
 
 namespace {
 
-std::string naturalFault( const std::string& text, size_t mostDigits ) {
-   const bool digits = text.find_first_not_of( "0123456789" ) == text.npos &&
-                       ( text == "0" || !text.starts_with( '0' ) ); // which would make it octal
-   return digits && !text.empty() && text.size() <= mostDigits
+// A number that begins with 0 would be read as an octal one.
+std::string naturalFault( const std::string& text, U64 most ) {
+   return decimalParse( text, most )
              ? std::string()
-             : "\"" + text + "\" is not a whole number from 0 to " + std::string( mostDigits, '9' );
+             : joinText( "\"", text, "\" is not a whole number from 0 to ", most );
 }
 
 } // namespace
 
 std::string naturalFault( const std::string& text ) {
-   return naturalFault( text, 9 );
+   return naturalFault( text, 999'999'999 );
 }
 
 std::string longNaturalFault( const std::string& text ) {
-   return naturalFault( text, 18 );
+   return naturalFault( text, 999'999'999'999'999'999 );
 }
 
 std::string emptyFault( const std::string& text ) {
@@ -57,7 +57,7 @@ void addTableOptions( CLI::App& app, TableOptions& options ) {
                    "when not given" )
       ->type_name( "FORMAT" )
       ->check( []( const std::string& name ) {
-         return labelTableFormat( name )
+         return enumParse< LabelTableFormat >( name )
                    ? std::string()
                    : "\"" + name +
                         "\" is not a format of label tables; there are frr, iproute2 "
@@ -133,7 +133,8 @@ LoadedTables loadTables( const TableOptions& options, Progress& progress,
    }
    for ( const std::string& file : options.lfibFiles ) {
       progress.stage( "reading " + inputName( file ) );
-      const LabelTable table = loadLabelTable( file, labelTableFormat( options.lfibFormat ) );
+      const LabelTable table =
+         loadLabelTable( file, enumParse< LabelTableFormat >( options.lfibFormat ) );
       if ( !sound( table.errors, !table.routes.empty(), options, loaded, progress, complaints ) ) {
          loaded.usable = false;
       }

@@ -1,4 +1,4 @@
-// TableOptions: the options by which every subcommand takes its tables in, and what they come to.
+// TableOptions: the options that name the tables of a subcommand, and the tables that are read.
 
 #pragma once
 

@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstring>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include "platform/values/IpTypes.h"
 
 namespace Vel::Agent {
 
@@ -194,60 +192,33 @@ std::optional< std::vector< uint32_t > > RecordCheck::labels( std::string_view j
 
 namespace {
 
-enum class AddressKind : uint8_t { none, unicast, multicast, unspecified, broadcast };
-
-/// Puts the canonical form of an address into `canonical`.
-AddressKind readAddress( std::string_view text, std::string& canonical ) {
-   std::array< char, INET6_ADDRSTRLEN + 1 > buffer{};
-   if ( text.size() >= buffer.size() || text.find( '\0' ) != text.npos ) {
-      return AddressKind::none;
+/// Why no single neighbour has the address. Empty when one can have it.
+std::string_view addressFault( const IpGenAddr& address ) {
+   const bool v4 = address.af() == ipv4();
+   if ( address.isAny() ) {
+      return " is the unspecified address, not the address of a neighbour";
    }
-   std::ranges::copy( text, buffer.begin() );
-   in_addr v4{};
-   in6_addr v6{};
-   AddressKind kind = AddressKind::unicast;
-   if ( ::inet_pton( AF_INET, buffer.data(), &v4 ) == 1 ) {
-      const uint32_t value = ntohl( v4.s_addr );
-      kind = value == INADDR_ANY         ? AddressKind::unspecified
-             : value == INADDR_BROADCAST ? AddressKind::broadcast
-             : value >> 28 == 0xE        ? AddressKind::multicast
-                                         : AddressKind::unicast;
-      ::inet_ntop( AF_INET, &v4, buffer.data(), buffer.size() );
-   } else if ( ::inet_pton( AF_INET6, buffer.data(), &v6 ) == 1 ) {
-      kind = v6.s6_addr[0] == 0xFF ? AddressKind::multicast
-             : std::ranges::all_of( v6.s6_addr, []( uint8_t b ) { return b == 0; } )
-                ? AddressKind::unspecified
-                : AddressKind::unicast;
-      ::inet_ntop( AF_INET6, &v6, buffer.data(), buffer.size() );
-   } else {
-      return AddressKind::none;
+   if ( v4 && address.v4() == ~U32{ 0 } ) {
+      return " is the broadcast address, not the address of one neighbour";
    }
-   canonical = buffer.data();
-   return kind;
+   return ( v4 ? address.v4() >> 28 == 0xE : address.v6().front() == 0xFF )
+             ? " is a multicast address, not the address of one neighbour"
+             : "";
 }
 
 } // namespace
 
 std::string RecordCheck::address( std::string_view text ) {
-   std::string canonical;
-   const AddressKind kind = readAddress( text, canonical );
-   switch ( kind ) {
-   case AddressKind::unicast:
-      return canonical;
-   case AddressKind::none:
+   const std::optional< IpGenAddr > address = IpGenAddr::parse( text );
+   if ( !address ) {
       complain( inQuotes( text ) + " is not an IPv4 or IPv6 address" );
-      break;
-   case AddressKind::multicast:
-      complain( canonical + " is a multicast address, not the address of one neighbour" );
-      break;
-   case AddressKind::unspecified:
-      complain( canonical + " is the unspecified address, not the address of a neighbour" );
-      break;
-   case AddressKind::broadcast:
-      complain( canonical + " is the broadcast address, not the address of one neighbour" );
-      break;
+      return {};
    }
-   return {};
+   if ( const std::string_view fault = addressFault( *address ); !fault.empty() ) {
+      complain( joinText( *address, fault ) );
+      return {};
+   }
+   return address->text();
 }
 
 namespace {
@@ -298,11 +269,8 @@ LabelPayload payloadUnder( uint32_t label ) {
 }
 
 std::optional< ForeignFec::Kind > foreignKindOfList( std::string_view key ) {
-   using enum ForeignFec::Kind;
-   return key == "nextHopGroups"  ? std::optional( nextHopGroup )
-          : key == "tunnels"      ? std::optional( tunnel )
-          : key == "externalFecs" ? std::optional( externalFec )
-                                  : std::nullopt;
+   return key.ends_with( 's' ) ? enumParse< ForeignFec::Kind >( key.substr( 0, key.size() - 1 ) )
+                               : std::nullopt;
 }
 
 void RecordCheck::finishVia( std::vector< LabelVia >& into, LabelPayload bared, LabelVia& via ) {

@@ -1,8 +1,8 @@
-// What the importers check alike: fields of a record, labels, addresses, interface names.
+// The checks that all importers share: fields of a record, labels, addresses, interface names.
 //
-// A `RecordCheck` goes with one record (a route, a neighbour) while it is read. It knows where the
-// record stands and what is known of it, so that a check is one call and its complaint names all of
-// that. A record with a complaint is not taken; reading goes on with the next.
+// A `RecordCheck` accompanies one record (a route, a neighbour) while an importer reads the record.
+// A check is one call, and its complaint names the place of the record and the label as far as they
+// are known. A record with a complaint is not taken; reading goes on with the next record.
 
 #pragma once
 
@@ -122,7 +122,7 @@ class RecordCheck {
    size_t complaints_ = 0;
 };
 
-/// Whether the text has a size that can be read: not empty, and not too large.
+/// Whether the text is neither empty nor too large.
 bool checkSize( std::string_view text, ErrorList& errors );
 /// "16040", "16040/24001".
 std::string stackText( std::span< const uint32_t > stack );
@@ -139,8 +139,8 @@ void importFrr( std::string_view text, JsonCut cut, std::vector< LabelRoute >& r
 void importIproute2( std::string_view text, std::vector< LabelRoute >& routes, ErrorList& errors );
 void importNative( std::string_view text, LabelTable& table, ErrorList& errors );
 
-/// Takes routes out whose frames would be lost on a way through what other agents have, with a
-/// complaint each.
+/// Removes routes whose frames would be lost in another agent's groups, tunnels or FECs, with a
+/// complaint for each route.
 void dropWhatLosesLabels( LabelTable& table, ErrorList& errors );
 
 /// Adds a route while the table has room. False, with a complaint, when it has none.

@@ -31,8 +31,6 @@ struct ImportError {
 
    /// "table.json:12:3: label 16040: via 2: ...", without the parts that are not known.
    std::string text() const;
-
-   friend bool operator==( const ImportError&, const ImportError& ) = default;
 };
 
 /// Collects the complaints about one text, and finds the line and column of each.

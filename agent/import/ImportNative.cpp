@@ -1,8 +1,9 @@
-// The label table in our own format, which says what the tables of routers leave open.
+// The label table in the native format, which says what the tables of routers leave open.
 //
 //    { "velmplsLabelTable": 1,
-//      "routes": [ { "label": 16040, "vias": [ { "action": "swap", "outLabels": [ 16040 ],
-//                                                "nextHop": "10.0.1.2", "interface": "eth0" } ] } ] }
+//      "routes": [ { "label": 16040,
+//                    "vias": [ { "action": "swap", "outLabels": [ 16040 ],
+//                                "nextHop": "10.0.1.2", "interface": "eth0" } ] } ] }
 //
 // Beside routes it can define what other agents have and routes lead into: `nextHopGroups`,
 // `tunnels` and `externalFecs`, each with a name and vias.
@@ -30,10 +31,10 @@ Value choice( RecordCheck& check, std::string_view field, std::string_view text,
               const std::array< Value, count >& values ) {
    std::string known;
    for ( const Value value : values ) {
-      if ( text == name( value ) ) {
+      if ( text == stringValue( value ) ) {
          return value;
       }
-      known += ( known.empty() ? "" : ", " ) + inQuotes( name( value ) );
+      known += ( known.empty() ? "" : ", " ) + inQuotes( stringValue( value ) );
    }
    check.complain( "the field " + inQuotes( field ) + " is " + inQuotes( text ) + ", not one of " +
                    known );
@@ -135,7 +136,7 @@ void readWays( RecordCheck& check, JsonValue record, LabelRoute& route ) {
       return;
    }
    if ( record.field( "externalFec" ) ) {
-      return; // complained of
+      return; // with a complaint
    }
    if ( const auto vias = check.list( record, "vias", Need::required ) ) {
       check.vias( *vias, route.vias, bared, read );
@@ -177,7 +178,7 @@ bool readRoute( RecordCheck& check, LabelRoute& route ) {
    return check.sound();
 }
 
-/// What another agent has. It may lead into a tunnel; groups are known to hardware only where
+/// A definition may lead into a tunnel, but not into a group: hardware knows groups only where
 /// routes lead into them.
 bool readForeignFec( RecordCheck& check, ForeignFec& made ) {
    constexpr std::array< std::string_view, 2 > fields{ "name", "vias" };
@@ -251,7 +252,7 @@ class NativePieces final : public JsonPieces {
  private:
    // False when there are too many. Of several definitions of one name the first is kept.
    bool readDefinition( const JsonPiece& piece, ForeignFec::Kind kind ) {
-      const std::string noun( name( kind ) );
+      const std::string noun( nounOf( kind ) );
       RecordCheck check( errors_, piece, noun );
       ForeignFec made{ kind, {}, {} };
       if ( !readForeignFec( check, made ) ) {

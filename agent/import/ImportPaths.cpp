@@ -1,6 +1,6 @@
-// What becomes of a label on all ways through what other agents have: each may take labels off and
-// put others on. A route whose frames would lose a label that is not its own is refused when it
-// is read, since hardware could only drop them.
+// What becomes of a label on all ways through the groups, tunnels and FECs of other agents, each of
+// which may take labels off and put others on. A route whose frames would lose a label that is not
+// its own is refused when the table is read, since hardware could only drop the frames.
 
 #include "agent/import/ImportChecks.h"
 
@@ -12,12 +12,12 @@ namespace Vel::Agent {
 
 namespace {
 
-/// What a way does with the labels that it is given: so many come off, then so many go on.
+/// What a way does with the label stack of a frame: it takes labels off, then puts labels on.
 struct Effect {
    size_t off = 0;
    size_t on = 0;
 
-   /// First this, then the other.
+   /// The effect of this way followed by the other.
    Effect then( const Effect& next ) const {
       const size_t undone = std::min( on, next.off );
       return { off + next.off - undone, on - undone + next.on };
@@ -53,9 +53,10 @@ class Paths {
          }
       }
    }
-   /// Nothing where nobody defines it.
+   /// Nothing when the table does not define it.
    Effects of( Kind kind, const std::string& name ) const { return in( effects_, kind, name ); }
-   /// Those of the via's own operation, and what is behind it.
+   /// The effects of the via's own operation followed by those of the definition that it leads
+   /// into.
    Effects of( const LabelVia& via ) const {
       Effects found;
       add( via, effects_, found );

@@ -36,7 +36,7 @@ class TrackedInput {
    const char** furthest_;
 };
 
-/// The parser's own words, without its name, its code and the position, which are told elsewhere.
+/// The parser's message without its name, its code and the position, which the complaint has.
 std::string parserWords( std::string_view what ) {
    if ( const size_t bracket = what.find( "] " ); bracket != what.npos ) {
       what.remove_prefix( bracket + 2 );

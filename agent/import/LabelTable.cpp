@@ -8,38 +8,9 @@
 
 namespace Vel::Agent {
 
-std::string_view name( LabelOperation operation ) {
-   constexpr std::array< std::string_view, 4 > names{ "pop", "swap", "push", "keep" };
-   return names.at( static_cast< size_t >( operation ) );
-}
-
-std::string_view name( LabelPayload payload ) {
-   constexpr std::array< std::string_view, 4 > names{ "", "ipv4", "ipv6", "autodetect" };
-   return names.at( static_cast< size_t >( payload ) );
-}
-
-std::string_view name( LabelTtlMode mode ) {
-   return mode == LabelTtlMode::uniform ? "uniform" : "pipe";
-}
-
-std::string_view name( LabelTableFormat format ) {
-   constexpr std::array< std::string_view, 3 > names{ "frr", "iproute2", "native" };
-   return names.at( static_cast< size_t >( format ) );
-}
-
-std::string_view name( ForeignFec::Kind kind ) {
-   constexpr std::array< std::string_view, 3 > names{ "next-hop group", "tunnel", "external FEC" };
-   return names.at( static_cast< size_t >( kind ) );
-}
-
-std::optional< LabelTableFormat > labelTableFormat( std::string_view text ) {
-   for ( const auto format :
-         { LabelTableFormat::frr, LabelTableFormat::iproute2, LabelTableFormat::native } ) {
-      if ( name( format ) == text ) {
-         return format;
-      }
-   }
-   return std::nullopt;
+std::string_view nounOf( ForeignFec::Kind kind ) {
+   constexpr std::array< std::string_view, 3 > nouns{ "next-hop group", "tunnel", "external FEC" };
+   return nouns.at( static_cast< size_t >( kind ) );
 }
 
 namespace {
@@ -165,8 +136,7 @@ void import( std::string_view text, std::optional< LabelTableFormat > forced, La
 LabelTable parseLabelTable( std::string_view text, std::string file,
                             std::optional< LabelTableFormat > forced ) {
    LabelTable table;
-   ErrorList errors( file, text );
-   table.file = std::move( file );
+   ErrorList errors( std::move( file ), text );
    import( text, forced, table, errors );
    table.errors = errors.take();
    return table;
@@ -178,7 +148,6 @@ LabelTable loadLabelTable( const std::string& path, std::optional< LabelTableFor
       return parseLabelTable( *text, inputName( path ), forced );
    }
    LabelTable table;
-   table.file = inputName( path );
    table.errors.push_back( unreadable( path, fault ) );
    return table;
 }

@@ -1,13 +1,13 @@
 // A label table as it comes from outside: incoming label stacks, each with the vias that it leaves
 // by.
 //
-// Tables come from a live router (FRR, iproute2), or in a format of our own that says everything
-// the other two cannot. All become the same plain values here, checked one route at a time; nothing
+// Tables come from a live router (FRR, iproute2), or in a native format that says everything the
+// other two cannot. All become the same plain values here, checked one route at a time; nothing
 // in them refers to the library. `docs/formats.md` describes the formats and every complaint.
 //
 // A route may lead into what other agents have: next-hop groups, tunnels, and FECs. A native table
-// also says what these are made of. A name that is used and not defined is no fault: its owner has
-// not come up yet.
+// also defines their content. A name that is used and not defined is no fault: the agent that owns
+// it may come up later.
 //
 // Invariants of a table that was read: routes ascend by stack and no two have the same one; each
 // has 1 to `maxVias` vias unless it is ignored or leads into an external FEC; labels are ones that
@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "agent/import/ImportError.h"
+#include "platform/base/Text.h"
 
 namespace Vel::Agent {
 
@@ -71,7 +72,7 @@ struct LabelVia {
 struct LabelRoute {
    std::vector< uint32_t > stack; ///< incoming labels, top first; never empty
    std::vector< LabelVia > vias;  ///< in the order of the text
-   /// Not empty: the route is well-formed, and of a kind that ends here instead of being forwarded.
+   /// Not empty: the route is well-formed, and ends in this router instead of being forwarded.
    std::string ignoredReason;
    /// Protect the others: they are taken while none of those has a way out.
    std::vector< LabelVia > backupVias{};
@@ -91,22 +92,14 @@ struct ForeignFec {
    Kind kind = Kind::nextHopGroup;
    std::string name;
    std::vector< LabelVia > vias; ///< none leads into a next-hop group
-
-   friend bool operator==( const ForeignFec&, const ForeignFec& ) = default;
 };
 
 enum class LabelTableFormat : uint8_t { frr, iproute2, native };
 
-std::string_view name( LabelOperation operation );
-std::string_view name( LabelPayload payload ); ///< empty for `none`
-std::string_view name( LabelTtlMode mode );
-std::string_view name( LabelTableFormat format );
-std::string_view name( ForeignFec::Kind kind ); ///< for people, such as "next-hop group"
-/// The inverse of `name`.
-std::optional< LabelTableFormat > labelTableFormat( std::string_view name );
+/// For people, such as "next-hop group".
+std::string_view nounOf( ForeignFec::Kind kind );
 
 struct LabelTable {
-   std::string file;
    LabelTableFormat format = LabelTableFormat::native; ///< means something when a format was found
    std::vector< LabelRoute > routes;
    std::vector< ForeignFec > foreignFecs; ///< in the order of the text
@@ -123,3 +116,40 @@ LabelTable loadLabelTable( const std::string& path,
                            std::optional< LabelTableFormat > forced = std::nullopt );
 
 } // namespace Vel::Agent
+
+template<>
+struct Vel::EnumNames< Vel::Agent::LabelOperation > {
+   static constexpr std::array< std::pair< Agent::LabelOperation, std::string_view >, 4 > names{
+      { { Agent::LabelOperation::pop, "pop" },
+        { Agent::LabelOperation::swap, "swap" },
+        { Agent::LabelOperation::push, "push" },
+        { Agent::LabelOperation::keep, "keep" } } };
+};
+template<>
+struct Vel::EnumNames< Vel::Agent::LabelPayload > {
+   static constexpr std::array< std::pair< Agent::LabelPayload, std::string_view >, 4 > names{
+      { { Agent::LabelPayload::none, "" },
+        { Agent::LabelPayload::ipv4, "ipv4" },
+        { Agent::LabelPayload::ipv6, "ipv6" },
+        { Agent::LabelPayload::autodetect, "autodetect" } } };
+};
+template<>
+struct Vel::EnumNames< Vel::Agent::LabelTtlMode > {
+   static constexpr std::array< std::pair< Agent::LabelTtlMode, std::string_view >, 2 > names{
+      { { Agent::LabelTtlMode::uniform, "uniform" }, { Agent::LabelTtlMode::pipe, "pipe" } } };
+};
+template<>
+struct Vel::EnumNames< Vel::Agent::LabelTableFormat > {
+   static constexpr std::array< std::pair< Agent::LabelTableFormat, std::string_view >, 3 > names{
+      { { Agent::LabelTableFormat::frr, "frr" },
+        { Agent::LabelTableFormat::iproute2, "iproute2" },
+        { Agent::LabelTableFormat::native, "native" } } };
+};
+/// As the fields of files are called.
+template<>
+struct Vel::EnumNames< Vel::Agent::ForeignFec::Kind > {
+   static constexpr std::array< std::pair< Agent::ForeignFec::Kind, std::string_view >, 3 > names{
+      { { Agent::ForeignFec::Kind::nextHopGroup, "nextHopGroup" },
+        { Agent::ForeignFec::Kind::tunnel, "tunnel" },
+        { Agent::ForeignFec::Kind::externalFec, "externalFec" } } };
+};

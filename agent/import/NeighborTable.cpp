@@ -1,34 +1,25 @@
 #include "agent/import/NeighborTable.h"
 
 #include <algorithm>
-#include <array>
 #include <optional>
 #include <unordered_set>
 #include <utility>
 
 #include "agent/import/ImportChecks.h"
-#include "platform/values/IpTypes.h"
 
 namespace Vel::Agent {
 
 namespace {
 
-using Mac = std::array< uint8_t, 6 >;
-
-std::optional< Mac > readMac( std::string_view text ) {
-   const std::optional< MacAddr > mac = MacAddr::parse( text );
-   return mac ? std::optional( mac->bytes() ) : std::nullopt;
-}
-
 /// Why frames cannot be sent to the address. Empty when they can.
-std::string macFault( std::string_view text, const std::optional< Mac >& mac ) {
+std::string macFault( std::string_view text, const std::optional< MacAddr >& mac ) {
    if ( !mac ) {
       return inQuotes( text ) + " is not an Ethernet MAC address (six groups of two digits)";
    }
-   if ( *mac == Mac{} ) {
+   if ( *mac == MacAddr() ) {
       return "the MAC address is all zero";
    }
-   if ( ( mac->front() & 1U ) != 0 ) { // the group bit (IEEE 802 section 8.2)
+   if ( ( mac->bytes().front() & 1U ) != 0 ) { // the group bit (IEEE 802 section 8.2)
       return "the MAC address " + std::string( text ) + " is a multicast address";
    }
    return {};
@@ -93,7 +84,7 @@ class NeighborPieces final : public JsonPieces {
       if ( !stateHas( neighbor, "NOARP" ) || !lladdr || !lladdr->is( JsonKind::text ) ) {
          return false;
       }
-      const std::optional< Mac > mac = readMac( lladdr->text() );
+      const std::optional< MacAddr > mac = MacAddr::parse( lladdr->text() );
       return mac && !macFault( lladdr->text(), mac ).empty();
    }
 
@@ -111,7 +102,7 @@ class NeighborPieces final : public JsonPieces {
       if ( !lladdr ) {
          return;
       }
-      const std::optional< Mac > mac = readMac( *lladdr );
+      const std::optional< MacAddr > mac = MacAddr::parse( *lladdr );
       if ( std::string fault = macFault( *lladdr, mac ); !fault.empty() ) {
          check.complain( std::move( fault ) );
          return;
@@ -142,8 +133,7 @@ class NeighborPieces final : public JsonPieces {
 
 NeighborTable parseNeighborTable( std::string_view text, std::string file ) {
    NeighborTable table;
-   ErrorList errors( file, text );
-   table.file = std::move( file );
+   ErrorList errors( std::move( file ), text );
    if ( checkSize( text, errors ) ) {
       NeighborPieces pieces( table.neighbors, errors );
       readJson( text, JsonCut::members, pieces, errors );
@@ -158,7 +148,6 @@ NeighborTable loadNeighborTable( const std::string& path ) {
       return parseNeighborTable( *text, inputName( path ) );
    }
    NeighborTable table;
-   table.file = inputName( path );
    table.errors.push_back( unreadable( path, fault ) );
    return table;
 }

@@ -6,7 +6,6 @@
 
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "agent/import/ImportError.h"
+#include "platform/values/IpTypes.h"
 
 namespace Vel::Agent {
 
@@ -22,17 +22,14 @@ inline constexpr size_t maxNeighbors = size_t{ 1 } << 20;
 struct Neighbor {
    std::string address; ///< canonical text of an IPv4 or IPv6 unicast address
    std::string interface;
-   std::array< uint8_t, 6 > mac{}; ///< zero when there is none
+   MacAddr mac; ///< zero when there is none
    /// It has a MAC address and its state is neither FAILED nor INCOMPLETE.
    bool resolved = false;
    std::string state; ///< the words of its state, joined by ","; may be empty
    uint16_t vlan = 0; ///< VLAN that its frames carry (IEEE 802.1Q); 0 for none
-
-   friend bool operator==( const Neighbor&, const Neighbor& ) = default;
 };
 
 struct NeighborTable {
-   std::string file;
    std::vector< Neighbor >
       neighbors; ///< in the order of the text; one for an address and interface
    /// Not empty: the table as a whole is not to be applied. `neighbors` then holds what is sound.

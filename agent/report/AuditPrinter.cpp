@@ -1,7 +1,6 @@
 #include "agent/report/AuditPrinter.h"
 
-#include <ostream>
-
+#include "agent/report/JsonWriter.h"
 #include "agent/report/ReportText.h"
 #include "inspect/Words.h"
 
@@ -12,6 +11,7 @@ using Inspect::AuditPending;
 using Inspect::AuditQueues;
 using Inspect::AuditReport;
 using Inspect::counted;
+using Inspect::Value;
 
 namespace {
 
@@ -19,12 +19,11 @@ std::string subjectText( Mpls::RouteKey label, const std::string& object ) {
    return label.null() ? harmlessText( object ) : textOf( label );
 }
 
-void appendJsonSubject( std::string& out, Mpls::RouteKey label, const std::string& object ) {
-   out += '{';
+void addSubject( Value& record, Mpls::RouteKey label, const std::string& object ) {
    if ( label.null() ) {
-      out += "\"object\":" + jsonText( object );
+      record["object"] = object;
    } else {
-      appendJsonLabel( out, label );
+      addLabel( record, label );
    }
 }
 
@@ -42,74 +41,82 @@ std::string queuesText( const AuditQueues& queues ) {
    return text;
 }
 
-bool hand( std::ostream& out, const std::string& text ) {
-   out << text;
-   out.flush();
-   return out.good();
-}
-
 } // namespace
 
 bool printText( std::ostream& out, const AuditReport& report ) {
-   std::string text =
-      joinText( counted( report.labels, "label", "labels" ), ": ", report.agree, " agree, ",
-                report.differing, " differ, ", report.pending, " pending; ",
-                counted( report.differenceCount, "difference", "differences" ), "\n" );
+   TextOut lines( out );
+   lines.add( joinText( counted( report.labels, "label", "labels" ), ": ", report.agree, " agree, ",
+                        report.differing, " differ, ", report.pending, " pending; ",
+                        counted( report.differenceCount, "difference", "differences" ), "\n" ) );
    if ( report.elsewhere != 0 ) {
-      text += counted( report.elsewhere, "label is replicated and", "labels are replicated and" ) +
-              " not followed there\n";
+      lines.add(
+         counted( report.elsewhere, "label is replicated and", "labels are replicated and" ) +
+         " not followed there\n" );
    }
    for ( const AuditFinding& one : report.differences ) {
-      text +=
-         joinText( subjectText( one.label, one.object ), "  ", name( one.stage ), ": expected ",
-                   harmlessText( one.expected ), "; found ", harmlessText( one.found ), "\n" );
+      lines.add( joinText( subjectText( one.label, one.object ), "  ", one.stage, ": expected ",
+                           harmlessText( one.expected ), "; found ", harmlessText( one.found ),
+                           "\n" ) );
    }
    if ( report.differenceCount > report.differences.size() ) {
-      text += joinText( "and ",
-                        counted( report.differenceCount - report.differences.size(),
-                                 "more difference", "more differences" ),
-                        "\n" );
+      lines.add( joinText( "and ",
+                           counted( report.differenceCount - report.differences.size(),
+                                    "more difference", "more differences" ),
+                           "\n" ) );
    }
    for ( const AuditPending& one : report.pendings ) {
-      text += joinText( subjectText( one.label, one.object ), "  pending: waits for ", one.waitsFor,
-                        "\n" );
+      lines.add( joinText( subjectText( one.label, one.object ), "  pending: waits for ",
+                           one.waitsFor, "\n" ) );
    }
    if ( report.pendingCount > report.pendings.size() ) {
-      text += joinText( "and ", report.pendingCount - report.pendings.size(), " more pending\n" );
+      lines.add(
+         joinText( "and ", report.pendingCount - report.pendings.size(), " more pending\n" ) );
    }
    if ( !report.queues.empty() ) {
-      text += "queued: " + queuesText( report.queues ) + '\n';
+      lines.add( "queued: " + queuesText( report.queues ) + '\n' );
    }
-   return hand( out, text );
+   return lines.finish();
 }
 
 bool printJson( std::ostream& out, const AuditReport& report ) {
-   const AuditQueues& queues = report.queues;
-   std::string text = joinText(
-      "{\"labels\":", report.labels, ",\"agree\":", report.agree, ",\"pending\":", report.pending,
-      ",\"differing\":", report.differing, ",\"elsewhere\":", report.elsewhere,
-      ",\"differenceCount\":", report.differenceCount, ",\n\"queued\":{\"lfib\":", queues.lfib,
-      ",\"review\":", queues.review, ",\"publishing\":", queues.publishing,
-      ",\"hardware\":", queues.hardware, "},\n\"differences\":[" );
-   std::string_view separator = "\n";
+   JsonWriter json( out );
+   json.member( "labels", report.labels );
+   json.member( "agree", report.agree );
+   json.member( "pending", report.pending );
+   json.member( "differing", report.differing );
+   json.member( "elsewhere", report.elsewhere );
+   json.member( "differenceCount", report.differenceCount );
+   json.newLine();
+   json.beginObject( "queued" );
+   json.member( "lfib", report.queues.lfib );
+   json.member( "review", report.queues.review );
+   json.member( "publishing", report.queues.publishing );
+   json.member( "hardware", report.queues.hardware );
+   json.end();
+   json.newLine();
+   json.beginList( "differences" );
    for ( const AuditFinding& one : report.differences ) {
-      text += separator;
-      appendJsonSubject( text, one.label, one.object );
-      text +=
-         joinText( ",\"stage\":\"", name( one.stage ), "\",\"expected\":", jsonText( one.expected ),
-                   ",\"found\":", jsonText( one.found ), "}" );
-      separator = ",\n";
+      Value record;
+      addSubject( record, one.label, one.object );
+      record["stage"] = stringValue( one.stage );
+      record["expected"] = one.expected;
+      record["found"] = one.found;
+      json.newLine();
+      json.element( record );
    }
-   text += "\n],\n\"pendings\":[";
-   separator = "\n";
+   json.newLine();
+   json.end();
+   json.newLine();
+   json.beginList( "pendings" );
    for ( const AuditPending& one : report.pendings ) {
-      text += separator;
-      appendJsonSubject( text, one.label, one.object );
-      text += joinText( ",\"waitsFor\":\"", one.waitsFor, "\"}" );
-      separator = ",\n";
+      Value record;
+      addSubject( record, one.label, one.object );
+      record["waitsFor"] = one.waitsFor;
+      json.newLine();
+      json.element( record );
    }
-   text += "\n]}\n";
-   return hand( out, text );
+   json.newLine();
+   return json.finish();
 }
 
 } // namespace Vel::Agent

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "agent/report/JsonWriter.h"
 #include "agent/report/ProgramResult.h"
 #include "agent/report/ReportText.h"
 #include "inspect/Words.h"
@@ -11,11 +12,12 @@ namespace Vel::Agent {
 
 using Inspect::counted;
 using Inspect::LabelState;
+using Inspect::Value;
 using Mpls::RouteKey;
 
 namespace {
 
-// By which ways frames with the label leave, without what FECs and adjacencies are numbered.
+// The ways by which frames with the label leave. Numbers of FECs and adjacencies do not matter.
 std::string waysText( const Driver::HwRoute& route, const Inspect::InterfaceName& name ) {
    if ( !route.fec ) {
       return Inspect::viasText( route.adjacency->l2Via(), name );
@@ -33,9 +35,7 @@ std::string waysText( const Driver::HwRoute& route, const Inspect::InterfaceName
 
 template< class Call >
 void ChangePlan::eachInHardware( const Call& call ) const {
-   const Inspect::InterfaceName name = [this]( IntfId intf ) {
-      return agent_.interfaces().name( intf );
-   };
+   const Inspect::InterfaceName name = agent_.interfaceName();
    if ( const Driver::HwVrf* const vrf = agent_.hardware().vrf( LabelAgent::vrfId ) ) {
       for ( const auto& [key, route] : vrf->route ) {
          call( key, std::hash< std::string >()( waysText( route, name ) ) );
@@ -126,8 +126,8 @@ bool printText( std::ostream& out, const ChangePlan& plan ) {
                 plan.changed().size(), " changed, ", plan.unchanged(), " as they are; ",
                 counted( plan.operations(), "operation", "operations" ), " of the hardware\n" ) );
    for ( const ChangePlan::Loss& loss : plan.losses() ) {
-      lines.add( joinText( loss.label, "  would be ", name( loss.state ), ": ",
-                           harmlessText( loss.reason ), "\n" ) );
+      lines.add( joinText( loss.label, "  would be ", loss.state, ": ", harmlessText( loss.reason ),
+                           "\n" ) );
    }
    for ( const NamedLabels& list : lists ) {
       for ( const RouteKey key : ( plan.*list.labels )() ) {
@@ -143,41 +143,39 @@ bool printText( std::ostream& out, const ChangePlan& plan ) {
 }
 
 bool printJson( std::ostream& out, const ChangePlan& plan ) {
-   TextOut lines( out );
-   std::string& text = lines.text();
-   text += "{\"losses\":[";
-   std::string_view comma = "\n";
+   JsonWriter json( out );
+   json.beginList( "losses" );
    for ( const ChangePlan::Loss& loss : plan.losses() ) {
-      text += comma;
-      text += '{';
-      appendJsonLabel( text, loss.label );
-      lines.add( joinText( ",\"state\":\"", name( loss.state ),
-                           "\",\"reason\":", jsonText( loss.reason ), "}" ) );
-      comma = ",\n";
+      Value record;
+      addLabel( record, loss.label );
+      record["state"] = stringValue( loss.state );
+      record["reason"] = loss.reason;
+      json.newLine();
+      json.element( record );
    }
-   text += "],\n";
+   json.end();
    for ( const NamedLabels& list : lists ) {
-      text += joinText( "\"", list.name, "\":[" );
-      comma = "";
+      json.newLine();
+      json.beginList( list.name );
       for ( const RouteKey key : ( plan.*list.labels )() ) {
-         text += comma;
-         appendJsonKey( text, key );
-         lines.lineDone();
-         comma = ",";
+         json.element( keyValue( key ) );
       }
-      text += "],\n";
+      json.end();
    }
-   text += joinText( "\"unchanged\":", plan.unchanged(), ",\"operations\":", plan.operations(),
-                     ",\n\"room\":{" );
-   comma = "";
+   json.newLine();
+   json.member( "unchanged", plan.unchanged() );
+   json.member( "operations", plan.operations() );
+   json.newLine();
+   json.beginObject( "room" );
    for ( const NamedRoom& named : rooms ) {
       const PlannedRoom& room = ( plan.*named.room )();
-      text += joinText( comma, "\"", named.json, "\":{\"before\":", room.before,
-                        ",\"after\":", room.after, ",\"most\":", room.most, "}" );
-      comma = ",";
+      Value record;
+      record["before"] = room.before;
+      record["after"] = room.after;
+      record["most"] = room.most;
+      json.member( named.json, record );
    }
-   text += "}}\n";
-   return lines.finish();
+   return json.finish();
 }
 
 } // namespace Vel::Agent

@@ -1,13 +1,14 @@
-// ChangePlan: what a next label table would do to the hardware, found out by doing it to the software
-// switch: which labels would come, go, change and lose their way, how much would be written, and how
-// much room it would take at the worst moment.
+// ChangePlan: what a next label table would do to the hardware. The software switch takes the
+// table, and the plan compares its content before and after: which labels are added, removed,
+// changed or lose their way, how many operations that takes, and how many entries are in use at
+// most meanwhile.
 //
-//    ChangePlan plan( agent );        // as things are
+//    ChangePlan plan( agent );
 //    agent.apply( next ) and agent.settle()
 //    plan.finish();
 //
-// Labels that leave by the same ways before and after are as they are, whatever is rewritten for
-// that.
+// A label that leaves by the same ways before and after counts as unchanged, even if its hardware
+// entries are rewritten.
 //
 // Cost: a hash of the ways of each label in hardware, before and after.
 
@@ -22,25 +23,25 @@
 
 namespace Vel::Agent {
 
-/// How many of something there are in hardware.
+/// How many entries of a kind are in hardware.
 struct PlannedRoom {
    U64 before = 0;
    U64 after = 0;
-   U64 most = 0; ///< at a time, on the way from one to the other
+   U64 most = 0; ///< at a time during the change
 };
 
 class ChangePlan {
  public:
-   /// A label that is wanted still, was forwarded, and would not be, or by less than is meant.
+   /// A label of the next table that was forwarded, and would no longer be, or by fewer vias.
    struct Loss {
       Mpls::RouteKey label;
       Inspect::LabelState state;
       std::string reason;
    };
 
-   /// Notes how things are; the agent must outlive the plan, and have settled.
+   /// Notes the present content of the hardware. The agent must have settled, and outlive the plan.
    explicit ChangePlan( LabelAgent& agent );
-   /// Compares with how things are now.
+   /// Compares the noted content with the present one.
    void finish();
 
    const std::vector< Mpls::RouteKey >& added() const { return added_; }
@@ -48,7 +49,7 @@ class ChangePlan {
    const std::vector< Mpls::RouteKey >& changed() const { return changed_; }
    const std::vector< Loss >& losses() const { return losses_; }
    size_t unchanged() const { return unchanged_; }
-   U64 operations() const { return operations_; } ///< that hardware carries out for it
+   U64 operations() const { return operations_; } ///< that hardware carries out for the change
    const PlannedRoom& routes() const { return routes_; }
    const PlannedRoom& l2Adjacencies() const { return l2Adjacencies_; }
    const PlannedRoom& fecs() const { return fecs_; }
@@ -76,8 +77,8 @@ class ChangePlan {
    PlannedRoom fecs_;
 };
 
-/// A summary in the first line, then the labels that lose their way, the others that change, and the
-/// room. False when the stream could not take it.
+/// A summary in the first line, then the labels that lose their way, the other labels that change,
+/// and the entries in use. False when the stream could not take it.
 bool printText( std::ostream& out, const ChangePlan& plan );
 /// One JSON object.
 bool printJson( std::ostream& out, const ChangePlan& plan );

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <ostream>
 
-#include <nlohmann/json.hpp>
+#include "agent/report/JsonWriter.h"
+#include "agent/report/ReportText.h"
 
 namespace Vel::Agent {
 
@@ -17,14 +17,12 @@ using Inspect::Value;
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr size_t titleColumn = 4; // behind the margin that marks the blocker
 constexpr size_t markWidth = 4;
 constexpr size_t gap = 2;
 
-Json secondsOrNull( double seconds ) {
-   return seconds == neverTime ? Json() : Json( seconds );
+Value secondsOrNothing( double seconds ) {
+   return seconds == neverTime ? Value() : Value( seconds );
 }
 
 /// "12.003 s": simulated microseconds say nothing to people.
@@ -41,25 +39,13 @@ std::string_view markOf( const ChainLink& link, bool wanted ) {
    return wanted ? "NO" : "-";
 }
 
-// What would steer a terminal does not reach it: names come from outside.
-std::string harmless( std::string text ) {
-   for ( size_t at = 0; at < text.size(); ++at ) {
-      const auto byte = static_cast< unsigned char >( text[at] );
-      const bool second = at > 0 && text[at - 1] == '\xC2' && byte >= 0x80 && byte < 0xA0;
-      if ( byte < 0x20 || byte == 0x7F || second ) {
-         text[at] = '?';
-      }
-   }
-   return text;
-}
-
 std::string headline( const Explanation& explanation ) {
    if ( !explanation.fault().empty() ) {
       return joinText( "label ", explanation.key(), ": nothing can be told: ", explanation.fault(),
                        "\n" );
    }
-   std::string text = joinText( "label ", explanation.key(), ": ", name( explanation.state() ),
-                                " at ", secondsText( explanation.now() ) );
+   std::string text = joinText( "label ", explanation.key(), ": ", explanation.state(), " at ",
+                                secondsText( explanation.now() ) );
    if ( const ChainLink* const blocker = explanation.blocker() ) {
       text += joinText( ", blocked at: ", blocker->title );
       text += explanation.leaves() ? ". The hardware still forwards with what it has" : "";
@@ -94,10 +80,10 @@ class ChainText {
       text_ += padded( link.title, titleWidth_ + gap );
       text_ += padded( markOf( link, wanted ), markWidth + gap );
       text_ += blocker ? "BLOCKER: " : "";
-      text_ += harmless( link.text );
+      text_ += harmlessText( link.text );
       text_ += red ? "\033[0m\n" : "\n";
       for ( const std::string& detail : link.details ) {
-         below( harmless( detail ) );
+         below( harmlessText( detail ) );
       }
       if ( blocker ) {
          obstacle( link.obstacle );
@@ -115,7 +101,7 @@ class ChainText {
              ( obstacle.nextTry != neverTime
                   ? joinText( "at ", secondsText( obstacle.nextTry ), " (in ",
                               secondsText( std::max( obstacle.nextTry - now, 0.0 ) ), ")" )
-                  : "waits for " + harmless( obstacle.waitsFor ) ) );
+                  : "waits for " + harmlessText( obstacle.waitsFor ) ) );
    }
 
    void below( const std::string& line ) {
@@ -133,85 +119,56 @@ class ChainText {
    std::string text_;
 };
 
-Json jsonOf( const Value& value );
-
-struct JsonOf {
-   Json operator()( std::monostate ) const { return {}; }
-   Json operator()( const auto& plain ) const { return plain; }
-   Json operator()( const Value::List& list ) const {
-      Json made = Json::array();
-      for ( const Value& one : list ) {
-         made.push_back( jsonOf( one ) );
-      }
-      return made;
-   }
-   Json operator()( const Value::Table& table ) const {
-      Json made = Json::object();
-      for ( const auto& [name, one] : table ) {
-         made[std::string( name )] = jsonOf( one );
-      }
-      return made;
-   }
-};
-
-Json jsonOf( const Value& value ) {
-   return std::visit( JsonOf(), value.as() );
-}
-
-Json jsonOf( const ChainLink& link, bool blocker ) {
-   Json out{ { "link", link.name }, { "holds", link.holds }, { "text", link.text } };
+Value valueOf( const ChainLink& link, bool blocker ) {
+   Value out;
+   out["link"] = link.name;
+   out["holds"] = link.holds;
+   out["text"] = link.text;
    if ( link.degraded ) {
       out["degraded"] = true;
    }
    if ( blocker ) {
       out["blocker"] = true;
-      out["sinceSeconds"] = secondsOrNull( link.obstacle.since );
+      out["sinceSeconds"] = secondsOrNothing( link.obstacle.since );
       out["tries"] = link.obstacle.tries;
-      out["nextTrySeconds"] = secondsOrNull( link.obstacle.nextTry );
-      out["waitsFor"] = link.obstacle.waitsFor.empty() ? Json() : Json( link.obstacle.waitsFor );
+      out["nextTrySeconds"] = secondsOrNothing( link.obstacle.nextTry );
+      out["waitsFor"] = textOrNothing( link.obstacle.waitsFor );
    }
-   if ( const Json facts = jsonOf( link.facts ); facts.is_object() ) {
-      out.update( facts );
+   if ( const auto* const facts = std::get_if< Value::Table >( &link.facts.as() ) ) {
+      for ( const auto& [name, fact] : *facts ) {
+         out[name] = fact;
+      }
    }
    return out;
-}
-
-bool written( std::ostream& out, const std::string& text ) {
-   out << text;
-   out.flush();
-   return out.good();
 }
 
 } // namespace
 
 bool printText( std::ostream& out, const Explanation& explanation, const TextStyle& style ) {
-   return written( out, ChainText( explanation, style ).text() );
+   TextOut lines( out );
+   lines.add( ChainText( explanation, style ).text() );
+   return lines.finish();
 }
 
 bool printJson( std::ostream& out, const Explanation& explanation ) {
-   const Mpls::RouteKey key = explanation.key();
-   Json made{ { "label", key.topLabel().value() } };
-   if ( !key.singleLabel() ) {
-      for ( size_t depth = 0; depth < Mpls::RouteKey::maxLabels && !key.label( depth ).null();
-            ++depth ) {
-         made["stack"].push_back( key.label( depth ).value() );
-      }
-   }
    const ChainLink* const blocker = explanation.blocker();
+   Value made;
+   addLabel( made, explanation.key() );
    if ( !explanation.fault().empty() ) {
       made["fault"] = explanation.fault();
    }
-   made["state"] = name( explanation.state() );
+   made["state"] = stringValue( explanation.state() );
    made["atSeconds"] = explanation.now();
    made["inHardware"] = explanation.inHardware();
    made["framesLeave"] = explanation.leaves();
-   made["blocker"] = blocker ? Json( blocker->name ) : Json();
-   made["links"] = Json::array();
+   made["blocker"] = blocker ? Value( blocker->name ) : Value();
+   made["links"] = Value::List();
    for ( const ChainLink& link : explanation.links() ) {
-      made["links"].push_back( jsonOf( link, &link == blocker ) );
+      made["links"].push_back( valueOf( link, &link == blocker ) );
    }
-   // A name from outside may hold bytes that are no text.
-   return written( out, made.dump( -1, ' ', false, Json::error_handler_t::replace ) + '\n' );
+   JsonWriter json( out );
+   json.members( made );
+   return json.finish();
 }
 
 } // namespace Vel::Agent

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <ostream>
 
+#include "agent/report/JsonWriter.h"
 #include "agent/report/ReportText.h"
 #include "inspect/Words.h"
 
@@ -16,6 +16,7 @@ using Inspect::Impact;
 using Inspect::ImpactedAdjacency;
 using Inspect::ImpactedFec;
 using Inspect::ImpactedLabel;
+using Inspect::Value;
 using Inspect::WaysLeft;
 
 namespace {
@@ -41,7 +42,7 @@ std::string fateText( const Hit& hit ) {
           ( hit.protectedBy ? ", protected by " + standby( *hit.protectedBy ) : "" );
 }
 
-/// Who loses all, who changes over, who loses some: in this order.
+/// The order of the report.
 enum class Fate : uint8_t { losesAll, changesOver, losesSome };
 constexpr std::array fates{ Fate::losesAll, Fate::changesOver, Fate::losesSome };
 
@@ -92,49 +93,49 @@ void addForeign( TextOut& lines, const Impact& impact ) {
    }
 }
 
-std::string jsonStandby( U64 l3Adjacency ) {
-   return textOf( l3Adjacency );
+Value valueOf( U64 number ) {
+   return number;
 }
-std::string jsonStandby( Fib::FecId fecId ) {
-   return jsonText( fecIdText( fecId ) );
+Value valueOf( Mpls::RouteKey label ) {
+   return keyValue( label );
+}
+Value valueOf( Fib::FecId fecId ) {
+   return fecIdText( fecId );
 }
 
 /// `"loseAll":[...],"loseSome":[{..., "left":1,"of":2}],"protected":[{..., "by":7}]`, each hit in
-/// one of the three.
-template< class Hits, class Value >
-void addJsonHits( TextOut& lines, const Hits& hits, std::string_view member, const Value& value ) {
-   std::string_view separator;
-   const auto one = [&]( const auto& hit, std::string_view before, std::string_view after ) {
-      std::string text( separator );
-      text += before;
-      value( text, hit );
-      text += after;
-      lines.add( text );
-      separator = ",";
-   };
-   lines.add( "\"loseAll\":[" );
-   for ( const auto& hit : hits ) {
+/// one of the three, under the name and with the value of what identifies it.
+template< class Hit, class Id >
+void addJsonHits( JsonWriter& json, const std::vector< Hit >& hits, std::string_view name,
+                  Id Hit::*id ) {
+   json.beginList( "loseAll" );
+   for ( const Hit& hit : hits ) {
       if ( losesAll( hit ) ) {
-         one( hit, "", "" );
+         json.element( valueOf( hit.*id ) );
       }
    }
-   lines.add( "],\"loseSome\":[" );
-   separator = "";
-   for ( const auto& hit : hits ) {
+   json.end();
+   json.beginList( "loseSome" );
+   for ( const Hit& hit : hits ) {
       if ( !hit.ways.none() ) {
-         one( hit, joinText( "{\"", member, "\":" ),
-              joinText( ",\"left\":", hit.ways.left, ",\"of\":", hit.ways.of, "}" ) );
+         Value record;
+         record[name] = valueOf( hit.*id );
+         record["left"] = hit.ways.left;
+         record["of"] = hit.ways.of;
+         json.element( record );
       }
    }
-   lines.add( "],\"protected\":[" );
-   separator = "";
-   for ( const auto& hit : hits ) {
+   json.end();
+   json.beginList( "protected" );
+   for ( const Hit& hit : hits ) {
       if ( changesOver( hit ) ) {
-         one( hit, joinText( "{\"", member, "\":" ),
-              joinText( ",\"by\":", jsonStandby( *hit.protectedBy ), "}" ) );
+         Value record;
+         record[name] = valueOf( hit.*id );
+         record["by"] = valueOf( *hit.protectedBy );
+         json.element( record );
       }
    }
-   lines.add( "]" );
+   json.end();
 }
 
 } // namespace
@@ -161,35 +162,34 @@ bool printText( std::ostream& out, const Impact& impact, const ImpactQuestion& q
 }
 
 bool printJson( std::ostream& out, const Impact& impact, const ImpactQuestion& question ) {
-   TextOut lines( out );
-   const auto textOrNull = []( const std::string& text ) {
-      return text.empty() ? std::string( "null" ) : jsonText( text );
-   };
-   lines.add( joinText( "{\"nextHop\":", textOrNull( question.nextHop ),
-                        ",\"interface\":", textOrNull( question.interface ), ",\n" ) );
-   addJsonHits( lines, impact.labels(), "label", []( std::string& text, const ImpactedLabel& hit ) {
-      appendJsonKey( text, hit.label );
-   } );
-   const auto index = []( std::string& text, const ImpactedAdjacency& hit ) {
-      appendText( text, hit.index );
-   };
-   lines.add( ",\n\"l3Adjacencies\":{" );
-   addJsonHits( lines, impact.l3Adjacencies(), "index", index );
-   lines.add( "},\n\"l2Adjacencies\":{" );
-   addJsonHits( lines, impact.l2Adjacencies(), "index", index );
-   lines.add( "},\n\"fecs\":{" );
-   addJsonHits( lines, impact.fecs(), "fec", []( std::string& text, const ImpactedFec& hit ) {
-      text += jsonText( fecIdText( hit.fecId ) );
-   } );
-   lines.add( "},\n\"foreign\":[" );
-   std::string_view separator;
+   JsonWriter json( out );
+   json.member( "nextHop", textOrNothing( question.nextHop ) );
+   json.member( "interface", textOrNothing( question.interface ) );
+   json.newLine();
+   addJsonHits( json, impact.labels(), "label", &ImpactedLabel::label );
+   json.newLine();
+   json.beginObject( "l3Adjacencies" );
+   addJsonHits( json, impact.l3Adjacencies(), "index", &ImpactedAdjacency::index );
+   json.end();
+   json.newLine();
+   json.beginObject( "l2Adjacencies" );
+   addJsonHits( json, impact.l2Adjacencies(), "index", &ImpactedAdjacency::index );
+   json.end();
+   json.newLine();
+   json.beginObject( "fecs" );
+   addJsonHits( json, impact.fecs(), "fec", &ImpactedFec::fecId );
+   json.end();
+   json.newLine();
+   json.beginList( "foreign" );
    for ( const ForeignWay& way : impact.foreign() ) {
-      lines.add( joinText( separator, "{\"fec\":", jsonText( fecIdText( way.fecId ) ),
-                           ",\"labels\":", way.labels, "}" ) );
-      separator = ",";
+      Value record;
+      record["fec"] = fecIdText( way.fecId );
+      record["labels"] = way.labels;
+      json.element( record );
    }
-   lines.add( joinText( "],\"tunnelLabels\":", impact.tunnelLabels(), "}\n" ) );
-   return lines.finish();
+   json.end();
+   json.member( "tunnelLabels", impact.tunnelLabels() );
+   return json.finish();
 }
 
 } // namespace Vel::Agent

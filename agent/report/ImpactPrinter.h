@@ -9,7 +9,7 @@
 
 namespace Vel::Agent {
 
-/// What the reader is told to have asked for.
+/// The question, as the report repeats it.
 struct ImpactQuestion {
    std::string nextHop;   ///< empty: none was given
    std::string interface; ///< empty: none was given

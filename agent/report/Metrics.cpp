@@ -104,10 +104,8 @@ bool printMetrics( std::ostream& out, const LabelAgent& agent, const ProgramResu
                       ( *sm.counters().*counter.value )() );
    }
    writer.begin( "routes", "gauge", "Routes of the LFIB by what became of them." );
-   for ( const auto state : { LabelState::programmed, LabelState::partiallyProgrammed,
-                              LabelState::unprogrammed, LabelState::ignored } ) {
-      writer.sample( "routes", result.summary().of( state ),
-                     joinText( "state=\"", name( state ), "\"" ) );
+   for ( const auto state : statesOfRoutes ) {
+      writer.sample( "routes", result.summary().of( state ), joinText( "state=\"", state, "\"" ) );
    }
    writer.gauge( "l3_adjacencies", "Via sets in use.", result.summary().l3Adjacencies );
    const Driver::SwitchStatus& hardware = *agent.hardware().status();

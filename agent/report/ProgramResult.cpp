@@ -21,7 +21,7 @@ std::vector< U32 > labelsOf( const Mpls::LabelStack& stack ) {
 
 /// "tunnel t1 is not there yet".
 std::string foreignReason( const ResultVia& via ) {
-   return joinText( name( *via.into ), " ", via.name,
+   return joinText( nounOf( *via.into ), " ", via.name,
                     via.there ? " has no way out" : " is not there yet" );
 }
 
@@ -33,7 +33,7 @@ std::string unresolvedReason( const std::vector< ResultVia >& vias ) {
          continue;
       }
       if ( via.into ) {
-         return foreignReason( via ); // the library does not let the two kinds mix
+         return foreignReason( via ); // the library refuses sets with both kinds of vias
       }
       std::string hop = via.nextHop.text();
       if ( !via.interface.empty() ) {
@@ -81,13 +81,14 @@ struct ProgramResult::Found {
    const ExternalFecInfo* fec() const {
       return record && record->inFecInHardware() ? record->extFecInfo().get() : nullptr;
    }
-   /// False while it stays in the FEC of its earlier vias, until that of its present ones is there.
+   /// False while the route stays in the FEC of its former vias, until hardware has the present
+   /// FEC.
    bool inItsFec() const { return fec() && l3Adj() && l3Adj()->extFecInfo() == fec(); }
 };
 
 ProgramResult::ProgramResult( const LabelAgent& agent )
    : agent_( agent ),
-     name_( [&agent]( IntfId intf ) { return agent.interfaces().name( intf ); } ),
+     name_( agent.interfaceName() ),
      fecs_( agent.entityManager() ),
      foreignWays_( agent.entityManager(), name_ ),
      labelStates_( agent.entityManager() ) {
@@ -188,8 +189,8 @@ void ProgramResult::readRoute( RouteKey key, ResultRoute& out ) const {
    }
 }
 
-// From the adjacency, which knows what the vias resolved to; one without vias could not be made of
-// the via set, which is then shown as the LFIB has it.
+// The adjacency knows what the vias resolved to. It has no vias when the library could not make
+// them of the via set; the result then shows the via set as the LFIB has it.
 void ProgramResult::readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const {
    out.clear();
    const Interfaces& interfaces = agent_.interfaces();
@@ -231,7 +232,7 @@ void ProgramResult::readViasFromLfib( Mpls::LfibViaSetKey viaSetKey,
    }
 }
 
-// A via that has not resolved to anything yet.
+// The via without its exits.
 ResultVia ProgramResult::viaInto( MplsLabelAction action, const Mpls::LabelStack& labels,
                                   const IpGenAddr& nextHop, IntfId intf ) const {
    ResultVia via{ action, labelsOf( labels ), nextHop, {}, {} };
@@ -292,7 +293,7 @@ std::string ProgramResult::obstacle( const Found& found, const ResultRoute& rout
       return reason;
    }
    if ( !found.inItsFec() && !route.vias.empty() && route.vias.front().into ) {
-      // Its backup leads somewhere, but the FEC of a group is the group's.
+      // The backup leads somewhere, but the FEC of a group has no backup of this library.
       if ( std::string reason = unresolvedReason( route.vias ); !reason.empty() ) {
          return reason;
       }
@@ -317,7 +318,7 @@ std::string ProgramResult::backupReason( const Found& found, const ResultRoute& 
    return fault.empty() ? reason : "its backup: " + faultReason( fault, route.backup );
 }
 
-// The hardware's own words: the VRF's status has one reason for all that it refuses.
+// Asks the hardware, since the VRF's status has one reason for all refusals.
 std::string ProgramResult::refusals( const Found& found, RouteKey key ) const {
    const Driver::SwitchVrfStatus* const refused =
       agent_.hardware().status()->vrf( LabelAgent::vrfId );
@@ -335,7 +336,7 @@ std::string ProgramResult::refusals( const Found& found, RouteKey key ) const {
              : std::string();
 }
 
-// Why hardware has not made the route's FEC of what it was asked for; empty when it has.
+// Why hardware does not have the route's FEC as it is requested; empty when it does.
 std::string ProgramResult::fecReason( const Found& found ) const {
    const L3Adjacency* const l3Adj = found.l3Adj();
    const ExternalFecInfo* const info = l3Adj ? l3Adj->extFecInfo().get() : nullptr;
@@ -348,9 +349,9 @@ std::string ProgramResult::fecReason( const Found& found ) const {
                                                       : refusedReason( reason, "its FEC" );
 }
 
-// The library says what is wrong with a via set; which via it is follows from what can be wrong
-// with one via: too many labels, no next hop, or no interface where hardware needs one. The last is
-// for want of a neighbour, from which the interface would have been filled in.
+// The library says what is wrong with a via set, and not with which via. A via is wrong when it has
+// too many labels, no next hop, or no interface where hardware needs one. An interface is missing
+// when the neighbour is unknown, from which the plan would have filled it in.
 std::string ProgramResult::faultReason( const std::string& fault,
                                         const std::vector< ResultVia >& vias ) const {
    for ( size_t i = 0; i < vias.size(); ++i ) {

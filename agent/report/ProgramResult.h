@@ -1,8 +1,7 @@
 // ProgramResult: what became of each route of the LFIB, and why.
 //
-// Everything is read back from where it ends up, and nothing is taken from the label table that was
-// read in, so that the result says what is, and not what was wanted. The state of a label is that of
-// inspect/LabelState.h.
+// A result reads the LFIB, the library's records and the hardware, and not the label table, so that
+// it shows what is there and not what was wanted. The states are those of inspect/LabelState.h.
 //
 // A result is a view of a settled agent: it holds the keys and states of the routes and reads the
 // rest on demand. It is out of date once the agent goes on.
@@ -26,8 +25,6 @@ struct ResultExit {
    std::string interface;
    Bridging::VlanId vlan = 0;
    MacAddr mac;
-
-   friend bool operator==( const ResultExit&, const ResultExit& ) = default;
 };
 
 /// One via of a route.
@@ -40,9 +37,9 @@ struct ResultVia {
    /// interface and the next hop is a neighbour on more than one, or behind what another agent has.
    std::vector< ResultExit > exits;
    std::optional< ForeignFec::Kind > into{}; ///< leads into what another agent has,
-   std::string name{};                       ///< under that name,
-   bool there = false;                       ///< and the agent has made it known
-   Fib::FecId fec{};                         ///< that it is part of in hardware, if any
+   std::string name{};                       ///< the name of that,
+   bool there = false;                       ///< the other agent has made it known
+   Fib::FecId fec{};                         ///< that the via is part of in hardware, if any
 
    bool resolved() const { return !exits.empty(); }
 };
@@ -58,6 +55,11 @@ struct ResultRoute {
    bool usableAsPrimaryVias = true; ///< false: only the backup is to be taken
 };
 
+/// The states that a route of the LFIB can be in.
+inline constexpr std::array< Inspect::LabelState, 4 > statesOfRoutes{
+   Inspect::LabelState::programmed, Inspect::LabelState::partiallyProgrammed,
+   Inspect::LabelState::unprogrammed, Inspect::LabelState::ignored };
+
 struct ResultSummary {
    std::array< size_t, 5 > byState{};
    size_t routes = 0;
@@ -72,7 +74,7 @@ struct ResultSummary {
    }
 };
 
-/// What a start made of the hardware that it found.
+/// What a start did with the routes that it found in hardware.
 struct ResultStartup {
    struct Stage {
       std::string_view name;
@@ -83,7 +85,7 @@ struct ResultStartup {
    U64 changed = 0; ///< ... was rewritten
    U64 added = 0;   ///< ... was not there before
    U64 stale = 0;   ///< routes that were removed
-   std::vector< Mpls::RouteKey > held; ///< that are stale, and wait for a word
+   std::vector< Mpls::RouteKey > held; ///< stale routes that stay until the operator agrees
 };
 
 class ProgramResult {
@@ -104,8 +106,6 @@ class ProgramResult {
    void read( size_t i, ResultRoute& out ) const;
    /// The route under that key; nothing when the LFIB has none.
    std::optional< ResultRoute > route( Mpls::RouteKey key ) const;
-   /// The vias of a via set, as far as MPLS forwarding takes it.
-   void readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
 
  private:
    struct Found;
@@ -113,6 +113,7 @@ class ProgramResult {
    const Mpls::Hardware::Adjacency* adjacencyOf( Mpls::LfibViaSetKey viaSetKey ) const;
    ResultVia viaInto( MplsLabelAction action, const Mpls::LabelStack& labels,
                       const IpGenAddr& nextHop, IntfId intf ) const;
+   void readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
    void readViasFromLfib( Mpls::LfibViaSetKey viaSetKey, std::vector< ResultVia >& out ) const;
    void readRoute( Mpls::RouteKey key, ResultRoute& out ) const;
    std::string reasonOf( const Found& found, const ResultRoute& route ) const;
@@ -130,7 +131,7 @@ class ProgramResult {
    Inspect::InterfaceName name_;
    Inspect::FecView fecs_;
    Inspect::ForeignWays foreignWays_;
-   mutable Inspect::LabelStates labelStates_; // remembers
+   mutable Inspect::LabelStates labelStates_; // keeps answers
 };
 
 } // namespace Vel::Agent

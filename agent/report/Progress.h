@@ -1,7 +1,7 @@
 // Progress: a line on the terminal that says how far a long job has come.
 //
-// It appears when the job has taken longer than a second, on standard error when that is a
-// terminal, and is wiped out at the end. Cheap enough to be called all the time.
+// The line appears on standard error, when that is a terminal and the job has taken longer than a
+// second, and is wiped out at the end. A call costs little, so that any loop can report.
 
 #pragma once
 

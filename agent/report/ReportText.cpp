@@ -1,10 +1,9 @@
 #include "agent/report/ReportText.h"
 
 #include <algorithm>
-#include <ostream>
+#include <iostream>
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 namespace Vel::Agent {
 
@@ -36,40 +35,14 @@ void addReportFormat( CLI::App& app, std::string& format ) {
       } );
 }
 
-std::string jsonText( std::string_view text ) {
-   return nlohmann::json( text ).dump( -1, ' ', false, nlohmann::json::error_handler_t::replace );
-}
-
-namespace {
-
-void appendStack( std::string& out, Mpls::RouteKey key ) {
-   for ( size_t depth = 0; depth < Mpls::RouteKey::maxLabels && !key.label( depth ).null();
-         ++depth ) {
-      out += depth == 0 ? '[' : ',';
-      appendText( out, key.label( depth ) );
+bool reportWritten( bool written ) {
+   if ( !written ) {
+      std::cerr << "velmpls: the result could not be written\n";
    }
-   out += ']';
+   return written;
 }
 
-} // namespace
-
-void appendJsonKey( std::string& out, Mpls::RouteKey key ) {
-   if ( key.singleLabel() ) {
-      appendText( out, key.topLabel() );
-   } else {
-      appendStack( out, key );
-   }
-}
-
-void appendJsonLabel( std::string& out, Mpls::RouteKey key ) {
-   out += joinText( "\"label\":", key.topLabel() );
-   if ( !key.singleLabel() ) {
-      out += ",\"stack\":";
-      appendStack( out, key );
-   }
-}
-
-// Tables may name interfaces with what UTF-8 has of control characters, U+0080 to U+009F.
+// Names of interfaces may hold control characters of UTF-8, U+0080 to U+009F.
 std::string harmlessText( std::string text ) {
    for ( size_t at = 0; ( at = text.find( '\xC2', at ) ) != std::string::npos; ++at ) {
       if ( at + 1 < text.size() && static_cast< unsigned char >( text[at + 1] ) < 0xA0 ) {

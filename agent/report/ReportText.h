@@ -1,13 +1,10 @@
-// ReportText: the pieces that reports of labels and vias are written with, for people and for
-// programs.
+// ReportText: the pieces that reports are written with.
 
 #pragma once
 
 #include <iosfwd>
 #include <string>
 #include <string_view>
-
-#include "platform/values/MplsTypes.h"
 
 namespace CLI {
 class App;
@@ -36,12 +33,8 @@ class TextOut {
 
 /// Declares the option --format, "text" or "json". `format` must outlive the parsing.
 void addReportFormat( CLI::App& app, std::string& format );
-/// The text as a JSON string, with its quotation marks.
-std::string jsonText( std::string_view text );
-/// `"label":16040`, and `,"stack":[16040,24001]` for a key of several labels.
-void appendJsonLabel( std::string& out, Mpls::RouteKey key );
-/// The key as one JSON value: a number, or a list of the labels of several.
-void appendJsonKey( std::string& out, Mpls::RouteKey key );
+/// Complains of a report that standard output could not take; hands the answer on.
+bool reportWritten( bool written );
 /// The text without what would steer a terminal.
 std::string harmlessText( std::string text );
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdlib>
 #include <ostream>
 #include <string_view>
@@ -9,8 +10,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <nlohmann/json.hpp>
-
+#include "agent/import/ImportChecks.h"
+#include "agent/report/JsonWriter.h"
 #include "agent/report/Metrics.h"
 #include "agent/report/ReportText.h"
 #include "inspect/Words.h"
@@ -19,31 +20,9 @@ namespace Vel::Agent {
 
 using Inspect::counted;
 using Inspect::LabelState;
+using Inspect::Value;
 
 namespace {
-
-template< class T >
-void appendList( std::string& out, const std::vector< T >& values ) {
-   out += '[';
-   for ( size_t i = 0; i < values.size(); ++i ) {
-      out += i == 0 ? "" : ",";
-      appendText( out, values[i] );
-   }
-   out += ']';
-}
-
-std::vector< MplsLabel > stackOf( Mpls::RouteKey key ) {
-   std::vector< MplsLabel > stack;
-   for ( size_t depth = 0; depth < Mpls::RouteKey::maxLabels && !key.label( depth ).null();
-         ++depth ) {
-      stack.push_back( key.label( depth ) );
-   }
-   return stack;
-}
-
-std::string quotedOrNull( const std::string& text ) {
-   return text.empty() ? "null" : jsonText( text );
-}
 
 /// Where a via leaves: the interface of the LFIB, else the first one it resolved to.
 const std::string& exitInterface( const ResultVia& via ) {
@@ -52,111 +31,91 @@ const std::string& exitInterface( const ResultVia& via ) {
 
 // --- JSON.
 
-void appendExit( std::string& out, const ResultExit& exit ) {
-   out += joinText( "\"interface\":", jsonText( exit.interface ), ",\"vlan\":", exit.vlan,
-                    ",\"mac\":\"", exit.mac, "\"" );
+Value exitValue( const ResultExit& exit ) {
+   Value out;
+   out["interface"] = exit.interface;
+   out["vlan"] = exit.vlan;
+   out["mac"] = exit.mac.text();
+   return out;
 }
 
-std::string_view fieldOf( ForeignFec::Kind kind ) {
-   switch ( kind ) {
-   case ForeignFec::Kind::nextHopGroup:
-      return "nextHopGroup";
-   case ForeignFec::Kind::tunnel:
-      return "tunnel";
-   case ForeignFec::Kind::externalFec:
-      break;
+template< class T, class F >
+Value listOf( const std::vector< T >& all, const F& valueOf ) {
+   Value::List list;
+   for ( const T& one : all ) {
+      list.push_back( valueOf( one ) );
    }
-   return "externalFec";
+   return list;
 }
 
-void appendVia( std::string& out, const ResultVia& via ) {
-   out += joinText( "{\"action\":\"", via.action, "\",\"outLabels\":" );
-   appendList( out, via.outLabels );
-   out += joinText( ",\"nextHop\":", quotedOrNull( via.nextHop.text() ),
-                    ",\"interface\":", quotedOrNull( exitInterface( via ) ) );
-   if ( via.resolved() ) {
-      out += joinText( ",\"vlan\":", via.exits.front().vlan, ",\"mac\":\"", via.exits.front().mac,
-                       "\",\"resolved\":true" );
-   } else {
-      out += ",\"vlan\":0,\"mac\":null,\"resolved\":false";
-   }
+Value viaValue( const ResultVia& via ) {
+   Value out;
+   out["action"] = stringValue( via.action );
+   out["outLabels"] = Value::List( via.outLabels.begin(), via.outLabels.end() );
+   out["nextHop"] = textOrNothing( via.nextHop.text() );
+   out["interface"] = textOrNothing( exitInterface( via ) );
+   out["vlan"] = via.resolved() ? via.exits.front().vlan : Bridging::VlanId{ 0 };
+   out["mac"] = via.resolved() ? Value( via.exits.front().mac.text() ) : Value();
+   out["resolved"] = via.resolved();
    if ( via.exits.size() > 1 ) {
-      out += ",\"exits\":[";
-      for ( size_t i = 0; i < via.exits.size(); ++i ) {
-         out += i == 0 ? "{" : ",{";
-         appendExit( out, via.exits[i] );
-         out += '}';
-      }
-      out += ']';
+      out["exits"] = listOf( via.exits, exitValue );
    }
    if ( via.into ) {
-      out += joinText( ",\"", fieldOf( *via.into ), "\":", jsonText( via.name ) );
+      out[stringValue( *via.into )] = via.name;
    }
    if ( via.fec != Fib::FecId() ) {
-      out += joinText( ",\"fec\":\"", static_cast< U32 >( via.fec.adjType() ), ":", via.fec.index(),
-                       "\"" );
+      out["fec"] = Inspect::fecIdText( via.fec );
    }
-   out += '}';
+   return out;
 }
 
-void appendVias( std::string& out, const std::vector< ResultVia >& vias ) {
-   out += '[';
-   for ( size_t i = 0; i < vias.size(); ++i ) {
-      out += i == 0 ? "" : ",";
-      appendVia( out, vias[i] );
-   }
-   out += ']';
-}
-
-void appendRoute( std::string& out, const ResultRoute& route ) {
-   out += joinText( "{\"label\":", route.key.topLabel() );
-   if ( !route.key.singleLabel() ) {
-      out += ",\"stack\":";
-      appendList( out, stackOf( route.key ) );
-   }
-   out += joinText( ",\"state\":\"", name( route.state ), "\"" );
+Value routeValue( const ResultRoute& route ) {
+   Value out;
+   addLabel( out, route.key );
+   out["state"] = stringValue( route.state );
    if ( route.state != LabelState::programmed ) {
-      out += ",\"reason\":" + jsonText( route.reason );
+      out["reason"] = route.reason;
    }
    if ( route.l3Adjacency ) {
-      out += joinText( ",\"l3Adjacency\":", *route.l3Adjacency );
+      out["l3Adjacency"] = *route.l3Adjacency;
    }
    if ( route.l2Adjacency ) {
-      out += joinText( ",\"l2Adjacency\":", *route.l2Adjacency );
+      out["l2Adjacency"] = *route.l2Adjacency;
    }
-   out += ",\"vias\":";
-   appendVias( out, route.vias );
+   out["vias"] = listOf( route.vias, viaValue );
    if ( !route.backup.empty() ) {
-      out += ",\"backup\":";
-      appendVias( out, route.backup );
+      out["backup"] = listOf( route.backup, viaValue );
    }
-   out += route.usableAsPrimaryVias ? "}" : ",\"usableAsPrimaryVias\":false}";
+   if ( !route.usableAsPrimaryVias ) {
+      out["usableAsPrimaryVias"] = false;
+   }
+   return out;
 }
 
-void appendStartup( std::string& out, const ResultStartup& startup ) {
-   out += "\"startup\":{\"stages\":[";
-   std::string_view comma;
-   for ( const ResultStartup::Stage& stage : startup.stages ) {
-      out += joinText( comma, "{\"stage\":\"", stage.name, "\",\"seconds\":", stage.seconds, "}" );
-      comma = ",";
-   }
-   out += joinText( "],\"adopted\":", startup.adopted, ",\"changed\":", startup.changed,
-                    ",\"added\":", startup.added, ",\"stale\":", startup.stale );
+/// Whole seconds without a decimal point.
+Value secondsValue( double seconds ) {
+   return seconds == std::floor( seconds ) ? Value( static_cast< U64 >( seconds ) )
+                                           : Value( seconds );
+}
+
+Value stageValue( const ResultStartup::Stage& stage ) {
+   Value out;
+   out["stage"] = stage.name;
+   out["seconds"] = secondsValue( stage.seconds );
+   return out;
+}
+
+Value startupValue( const ResultStartup& startup ) {
+   Value out;
+   out["stages"] = listOf( startup.stages, stageValue );
+   out["adopted"] = startup.adopted;
+   out["changed"] = startup.changed;
+   out["added"] = startup.added;
+   out["stale"] = startup.stale;
    if ( !startup.held.empty() ) {
-      out += ",\"held\":[";
-      comma = "";
-      for ( const Mpls::RouteKey key : startup.held ) {
-         out += comma;
-         if ( key.singleLabel() ) {
-            appendText( out, key.topLabel() );
-         } else {
-            appendList( out, stackOf( key ) );
-         }
-         comma = ",";
-      }
-      out += ']';
+      out["held"] = listOf( startup.held, keyValue );
    }
-   out += "},\n";
+   return out;
 }
 
 std::string startupText( const ResultStartup& startup ) {
@@ -176,39 +135,38 @@ std::string startupText( const ResultStartup& startup ) {
 
 bool printJson( std::ostream& out, const ProgramResult& result, bool startup,
                 const ResultFilter& filter ) {
-   TextOut writer( out );
-   std::string& text = writer.text();
+   JsonWriter json( out );
    const ResultSummary& sum = result.summary();
-   text += joinText( "{\"summary\":{\"routes\":", sum.routes );
-   for ( const auto state : { LabelState::programmed, LabelState::partiallyProgrammed,
-                              LabelState::unprogrammed, LabelState::ignored } ) {
-      text += joinText( ",\"", name( state ), "\":", sum.of( state ) );
+   json.beginObject( "summary" );
+   json.member( "routes", sum.routes );
+   for ( const auto state : statesOfRoutes ) {
+      json.member( stringValue( state ), sum.of( state ) );
    }
-   text += joinText( ",\"l3Adjacencies\":", sum.l3Adjacencies,
-                     ",\"l2Adjacencies\":", sum.l2Adjacencies, "},\n\"counters\":{" );
-   std::string_view comma;
+   json.member( "l3Adjacencies", sum.l3Adjacencies );
+   json.member( "l2Adjacencies", sum.l2Adjacencies );
+   json.end();
+   json.newLine();
+   json.beginObject( "counters" );
    for ( const CounterName& counter : counterNames() ) {
-      text += joinText( comma, "\"", counter.name, "\":", ( result.counters().*counter.value )() );
-      comma = ",";
+      json.member( counter.name, ( result.counters().*counter.value )() );
    }
-   text += "},\n";
+   json.end();
    if ( startup ) {
-      appendStartup( text, result.startup() );
+      json.newLine();
+      json.member( "startup", startupValue( result.startup() ) );
    }
-   text += "\"routes\":[";
+   json.newLine();
+   json.beginList( "routes" );
    ResultRoute route;
-   comma = "\n";
    for ( size_t i = 0; i < result.routes() && out.good(); ++i ) {
       if ( filter.shows( result, i ) ) {
          result.read( i, route );
-         text += comma;
-         comma = ",\n";
-         appendRoute( text, route );
-         writer.lineDone();
+         json.newLine();
+         json.element( routeValue( route ) );
       }
    }
-   text += "\n]}\n";
-   return writer.finish();
+   json.newLine();
+   return json.finish();
 }
 
 // --- Text.
@@ -219,48 +177,31 @@ enum Column : size_t { label, state, l3Adj, l2Adj, action, out, nextHop, intf, v
 
 constexpr std::array< std::string_view, columns > titles{
    "LABEL", "STATE", "L3ADJ", "L2ADJ", "ACTION", "OUT", "NEXT-HOP", "INTERFACE", "VLAN", "MAC" };
-// What goes first when the terminal is narrow.
+// Left out in this order when the terminal is narrow.
 constexpr std::array< Column, 5 > dispensable{ l3Adj, l2Adj, vlan, mac, action };
 constexpr size_t gap = 2;
 
 using Row = std::array< std::string, columns >;
 
-// Characters, not bytes. Those that would steer a terminal are not let through.
+// Characters, not bytes.
 size_t widthOf( std::string_view text ) {
    return static_cast< size_t >( std::ranges::count_if(
       text, []( char c ) { return ( static_cast< unsigned char >( c ) & 0xC0 ) != 0x80; } ) );
 }
 
-std::string harmless( std::string text ) {
-   for ( size_t at = 0; ( at = text.find( '\xC2', at ) ) != std::string::npos; ++at ) {
-      if ( at + 1 < text.size() && static_cast< unsigned char >( text[at + 1] ) < 0xA0 ) {
-         text.replace( at, 2, "?" ); // U+0080 to U+009F: control characters
-      }
-   }
-   return text;
-}
-
 std::string textOrDash( std::string text ) {
-   return text.empty() ? "-" : harmless( std::move( text ) );
+   return text.empty() ? "-" : harmlessText( std::move( text ) );
 }
 
 std::string textOrDash( const std::optional< U64 >& number ) {
    return number ? textOf( *number ) : "-";
 }
 
-std::string labelsText( const std::vector< U32 >& labels ) {
-   std::string text;
-   for ( const U32 one : labels ) {
-      text += joinText( text.empty() ? "" : "/", one );
-   }
-   return textOrDash( std::move( text ) );
-}
-
 void viaCells( const ResultVia& via, Row& row ) {
    row[action] = textOf( via.action );
-   row[out] = labelsText( via.outLabels );
+   row[out] = textOrDash( stackText( via.outLabels ) );
    row[nextHop] =
-      textOrDash( via.into ? joinText( name( *via.into ), " ", via.name ) : via.nextHop.text() );
+      textOrDash( via.into ? joinText( nounOf( *via.into ), " ", via.name ) : via.nextHop.text() );
    row[intf] = textOrDash( exitInterface( via ) );
    if ( via.resolved() ) {
       const ResultExit& exit = via.exits.front();
@@ -280,7 +221,7 @@ void routeRows( const ResultRoute& route, std::vector< Row >& rows ) {
    const size_t primary = std::max< size_t >( route.vias.size(), 1 );
    rows.assign( primary + route.backup.size(), Row() );
    rows[0][label] = textOf( route.key );
-   rows[0][state] = name( route.state );
+   rows[0][state] = stringValue( route.state );
    rows[0][l3Adj] = textOrDash( route.l3Adjacency );
    rows[0][l2Adj] = textOrDash( route.l2Adjacency );
    for ( size_t i = 0; i < route.vias.size(); ++i ) {
@@ -348,7 +289,7 @@ class TextTable {
          appendRow( text, row, style_.colour ? colourOf( route.state ) : "" );
       }
       if ( !route.reason.empty() ) {
-         text += std::string( width_[label] + gap, ' ' ) + harmless( route.reason ) + '\n';
+         text += std::string( width_[label] + gap, ' ' ) + harmlessText( route.reason ) + '\n';
       }
    }
 

@@ -4,6 +4,7 @@
 #include <map>
 
 #include "agent/import/ImportChecks.h"
+#include "agent/report/JsonWriter.h"
 #include "agent/report/ReportText.h"
 #include "inspect/Words.h"
 #include "platform/base/Text.h"
@@ -13,12 +14,12 @@ namespace Vel::Agent {
 namespace {
 
 std::string viaText( const LabelVia& via ) {
-   std::string text( name( via.action ) );
+   std::string text = textOf( via.action );
    if ( !via.outLabels.empty() ) {
       text += " " + stackText( via.outLabels );
    }
    if ( via.action == LabelOperation::pop ) {
-      text += joinText( " ", name( via.payload ), " ", name( via.ttlMode ) );
+      text += joinText( " ", via.payload, " ", via.ttlMode );
    }
    if ( !via.nextHop.empty() ) {
       text += " to " + via.nextHop;
@@ -80,7 +81,7 @@ std::vector< TableDifference > differencesOf( const LabelTable& before, const La
    compare(
       before.foreignFecs, after.foreignFecs,
       []( const ForeignFec& fec ) { return std::pair( fec.kind, fec.name ); },
-      []( const ForeignFec& fec ) { return joinText( name( fec.kind ), " ", fec.name ); },
+      []( const ForeignFec& fec ) { return joinText( nounOf( fec.kind ), " ", fec.name ); },
       []( const ForeignFec& fec ) { return viasText( fec.vias ); } );
    return found;
 }
@@ -101,19 +102,18 @@ bool printText( std::ostream& out, const std::vector< TableDifference >& differe
 }
 
 bool printJson( std::ostream& out, const std::vector< TableDifference >& differences ) {
-   TextOut lines( out );
-   lines.add( "{\"differences\":[" );
-   std::string_view comma = "\n";
-   const auto jsonOf = []( const std::string& text ) {
-      return text.empty() ? std::string( "null" ) : jsonText( text );
-   };
+   JsonWriter json( out );
+   json.beginList( "differences" );
    for ( const TableDifference& one : differences ) {
-      lines.add( joinText( comma, "{\"what\":", jsonText( one.what ), ",\"before\":",
-                           jsonOf( one.before ), ",\"after\":", jsonOf( one.after ), "}" ) );
-      comma = ",\n";
+      Inspect::Value record;
+      record["what"] = one.what;
+      record["before"] = textOrNothing( one.before );
+      record["after"] = textOrNothing( one.after );
+      json.newLine();
+      json.element( record );
    }
-   lines.add( "\n]}\n" );
-   return lines.finish();
+   json.newLine();
+   return json.finish();
 }
 
 } // namespace Vel::Agent

@@ -1,10 +1,10 @@
 // ForeignFecs: plays the other agents, whose next-hop groups, tunnels and FECs label routes lead
 // into.
 //
-// What they have goes to the hardware layer and not through the library, which only names it. A
-// table of definitions takes the place of the one before it in two steps: what is new or changed is
-// made known at once, so that routes that are about to lead into it find it; what is no longer
-// defined stays until the routes have had time to leave it.
+// Definitions go to the hardware layer and not through the library, which knows only their names. A
+// table of definitions replaces the former one in two steps. New and changed definitions are made
+// known at once, so that the routes of the table find them. Definitions that the table lacks stay
+// until the routes have left them.
 //
 // Cost: a look-up and a comparison for each definition and table.
 
@@ -23,7 +23,7 @@ class ForeignFecs {
    /// What is known to hardware, by what stands for it.
    using Vias = std::vector< Fib::FecVia >;
 
-   /// Hardware without FECs is told nothing. It must outlive this.
+   /// `fecs` is null for hardware without FECs, and must outlive this object.
    explicit ForeignFecs( const Driver::SoftwareSwitch& hardware ) : fecs_( hardware.fecUnit() ) {}
    ForeignFecs( const ForeignFecs& ) = delete;
    ForeignFecs& operator=( const ForeignFecs& ) = delete;
@@ -33,7 +33,7 @@ class ForeignFecs {
    /// Takes back what the last definitions did not name; true when there was something.
    bool takeBackRest();
 
-   /// The vias; null while nobody has made it known.
+   /// The vias of the definition; null while it is not known.
    const Vias* find( IntfId intf ) const;
 
  private:

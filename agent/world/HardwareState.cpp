@@ -22,10 +22,10 @@ using nlohmann::json;
 
 constexpr std::string_view versionField = "velmplsHardwareState";
 constexpr int knownVersion = 1;
-constexpr int deepestProtection = 8; // what hardware follows
-constexpr int deepestNesting = 64;   // as in every other document
+constexpr int deepestProtection = 8; // as deep as hardware follows
+constexpr int deepestNesting = 64;   // as in label tables
 
-/// What is wrong with a file, for the one place that catches it.
+/// What is wrong with a file; load() catches it.
 struct Unsound : std::runtime_error {
    using std::runtime_error::runtime_error;
 };
@@ -56,10 +56,8 @@ json wordOf( E value ) {
 template< class E >
 E valueOf( const json& word ) {
    const auto text = word.get< std::string >();
-   for ( const auto& [value, name] : EnumNames< E >::names ) {
-      if ( text == name ) {
-         return value;
-      }
+   if ( const std::optional< E > value = enumParse< E >( text ) ) {
+      return *value;
    }
    throw Unsound( "\"" + text + "\" is not known" );
 }
@@ -87,27 +85,16 @@ E optionalValue( const std::array< std::string_view, count >& words, const json&
 
 // --- Interfaces: an ordinary one by its name, another agent's by its kind and name.
 
-constexpr std::array< std::pair< ForeignFec::Kind, std::string_view >, 3 > foreignKinds{
-   { { ForeignFec::Kind::nextHopGroup, "nextHopGroup" },
-     { ForeignFec::Kind::tunnel, "tunnel" },
-     { ForeignFec::Kind::externalFec, "externalFec" } } };
-
 void writeIntf( json& via, IntfId intf, const Interfaces& interfaces ) {
    if ( intf.empty() ) {
       return;
    }
    const auto kind = Interfaces::foreignKind( intf );
-   std::string_view field = "interface";
-   for ( const auto& [foreign, name] : foreignKinds ) {
-      if ( kind == foreign ) {
-         field = name;
-      }
-   }
-   via[std::string( field )] = interfaces.name( intf );
+   via[kind ? textOf( *kind ) : "interface"] = interfaces.name( intf );
 }
 
 IntfId readIntf( const json& via, Interfaces& interfaces ) {
-   for ( const auto& [kind, name] : foreignKinds ) {
+   for ( const auto& [kind, name] : EnumNames< ForeignFec::Kind >::names ) {
       if ( const auto at = via.find( name ); at != via.end() ) {
          return interfaces.foreignIs( kind, at->get< std::string >() );
       }
@@ -221,7 +208,7 @@ Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
       }
    }
    for ( const Driver::HwState::Fec& fec : state.fecs ) {
-      // A FEC that was found by a restart may have a backup that has got one of its own meanwhile.
+      // A FEC that a restart has found may have a backup that has been given a backup since.
       U64 backup = fec.backupHwId;
       for ( int depth = 0; backup != 0; ++depth ) {
          const U64* const next = known.find( backup );
@@ -252,7 +239,8 @@ HardwareStateFile::HardwareStateFile( std::string path ) : path_( std::move( pat
    std::error_code unknown;
    fs::path leadsTo = path_;
    if ( fs::is_symlink( leadsTo, unknown ) && !fs::exists( leadsTo, unknown ) ) {
-      leadsTo = leadsTo.parent_path() / fs::read_symlink( leadsTo, unknown ); // to what is to come
+      // The link names a file that is still to be made.
+      leadsTo = leadsTo.parent_path() / fs::read_symlink( leadsTo, unknown );
    }
    const fs::path found = fs::weakly_canonical( leadsTo, unknown );
    target_ = unknown ? path_ : found.string();
@@ -355,7 +343,7 @@ std::optional< std::string > HardwareStateFile::save( const Driver::HwState& sta
    }
    const std::string folder = std::filesystem::path( target_ ).parent_path().string();
    if ( const int fd = ::open( folder.empty() ? "." : folder.c_str(), O_RDONLY | O_CLOEXEC );
-        fd >= 0 ) { // a folder that cannot be synced has been written to all the same
+        fd >= 0 ) { // the rename holds even if the folder cannot be synced
       ::fsync( fd );
       ::close( fd );
    }

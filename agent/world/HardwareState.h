@@ -4,8 +4,8 @@
 // the program this file is that hardware: what FECs and routes it holds, in JSON, with interfaces
 // by their names. docs/formats.md describes it.
 //
-// The file is written whole and put in place, so that a run that is killed leaves the old one. It is
-// one run's at a time: FILE.lock beside it says so while the run lasts.
+// The file is written whole and put in place, so that a run that is killed leaves the old file. One
+// run at a time may have the file: it holds a lock on FILE.lock while it lasts.
 
 #pragma once
 
@@ -22,22 +22,22 @@ class HardwareStateFile {
    explicit HardwareStateFile( std::string path );
    HardwareStateFile( const HardwareStateFile& ) = delete;
    HardwareStateFile& operator=( const HardwareStateFile& ) = delete;
-   /// Lets it go.
+   /// Releases the file.
    ~HardwareStateFile();
 
-   /// Takes it until the end of this object; a sentence when it cannot be had. Whoever only reads
-   /// need not take it.
+   /// Takes the file until the end of this object; a sentence when another run has it. A run that
+   /// only reads the file need not take it.
    std::optional< std::string > take();
-   /// A file that is not there is hardware that has never been programmed. Nothing, with a sentence
-   /// in `fault`, when it cannot be read.
+   /// The content; hardware that was never programmed when there is no file. Nothing, with a
+   /// sentence in `fault`, when the file cannot be read.
    std::optional< Driver::HwState > load( Interfaces& interfaces, std::string& fault ) const;
-   /// A sentence when it could not be written.
+   /// A sentence when the file could not be written.
    std::optional< std::string > save( const Driver::HwState& state,
                                       const Interfaces& interfaces ) const;
 
  private:
    const std::string path_;
-   std::string target_; // what the path leads to: a link goes on naming the file that it names
+   std::string target_; // what the path leads to, so that a link stays a link
    int lock_ = -1;
 };
 

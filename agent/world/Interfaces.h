@@ -1,11 +1,11 @@
-// Interfaces: the numbers that names go by inside.
+// Interfaces: the numbers of interface names.
 //
 // A label table and a neighbour table name interfaces, the library numbers them. Each name gets the
 // next number when it is first asked for, and keeps it. Numbers are of this process only.
 //
-// What other agents have is named and numbered in the same way, each kind for itself. To the
-// library a next-hop group is an interface that stands for the group's FEC, a tunnel an interface
-// of its own kind, and an external FEC a FEC id of a type that no other FEC here has.
+// Groups, tunnels and external FECs of other agents are numbered in the same way, each kind for
+// itself. To the library a next-hop group is an interface that stands for the group's FEC, a tunnel
+// is an interface of its own kind, and an external FEC is a FEC id of a type that no other FEC has.
 
 #pragma once
 
@@ -31,13 +31,13 @@ class Interfaces {
    IntfId intfIs( const std::string& name );
    /// The interface of that name, if it is known.
    std::optional< IntfId > intf( const std::string& name ) const;
-   /// What stands for another agent's FEC or tunnel of that name; a new one gets a number.
+   /// The interface that stands for another agent's FEC or tunnel; a new name gets a number.
    IntfId foreignIs( ForeignFec::Kind kind, const std::string& name );
-   /// Its name; empty for the empty interface, and the library's text for one that has none here.
+   /// The interface's name: empty for the empty interface, the library's text for an unknown one.
    std::string name( IntfId intf ) const;
    size_t size() const { return ordinary_.texts.size(); }
 
-   /// What kind of thing of another agent it stands for; nothing for an ordinary interface.
+   /// The kind of FEC or tunnel that the interface stands for; nothing for an ordinary interface.
    static std::optional< ForeignFec::Kind > foreignKind( IntfId intf );
    /// The external FEC of a number, and the interface that stands for it.
    static Fib::FecId externalFec( U32 number );

@@ -65,22 +65,16 @@ void L3Service::neighborIs( const Neighbor& neighbor ) {
       return; // the table holds only addresses
    }
    const IntfId intf = interfaces_.intfIs( neighbor.interface );
-   neighborIs( { intf, *address }, { { .vlanId = neighbor.vlan,
-                                       .l2Intf = intf,
-                                       .macAddr = MacAddr( neighbor.mac ),
-                                       .resolved = neighbor.resolved },
-                                     neighbor.state } );
-}
-
-void L3Service::neighborIs( const NextHopKey& key, const KnownNeighbor& neighbor ) {
-   ByInterface& there = *neighbor_.emplace( key.addr ).first;
-   const auto [at, made] = there.try_emplace( key.intf, neighbor );
-   neighbors_ += made;
-   if ( !made && at->second == neighbor ) {
-      return;
+   const NextHopInfo info{ .vlanId = neighbor.vlan,
+                           .l2Intf = intf,
+                           .macAddr = neighbor.mac,
+                           .resolved = neighbor.resolved };
+   ByInterface& there = *neighbor_.emplace( *address ).first;
+   const auto [at, made] = there.try_emplace( intf, info );
+   if ( made || at->second != info ) {
+      at->second = info;
+      neighborChanged( { intf, *address } );
    }
-   at->second = neighbor;
-   neighborChanged( key );
 }
 
 bool L3Service::neighborDel( const NextHopKey& key ) {
@@ -88,7 +82,6 @@ bool L3Service::neighborDel( const NextHopKey& key ) {
    if ( there == nullptr || there->erase( key.intf ) == 0 ) {
       return false;
    }
-   --neighbors_;
    if ( there->empty() ) {
       neighbor_.erase( key.addr );
    }
@@ -96,7 +89,7 @@ bool L3Service::neighborDel( const NextHopKey& key ) {
    return true;
 }
 
-const KnownNeighbor* L3Service::neighbor( const NextHopKey& key ) const {
+const NextHopInfo* L3Service::neighbor( const NextHopKey& key ) const {
    const ByInterface* const there = neighbor_.find( key.addr );
    if ( there == nullptr ) {
       return nullptr;
@@ -106,8 +99,8 @@ const KnownNeighbor* L3Service::neighbor( const NextHopKey& key ) const {
 }
 
 NextHopInfo L3Service::info( const NextHopKey& key ) const {
-   const KnownNeighbor* const known = neighbor( key );
-   NextHopInfo info = known ? known->info : NextHopInfo();
+   const NextHopInfo* const known = neighbor( key );
+   NextHopInfo info = known ? *known : NextHopInfo();
    info.resolved = info.resolved && ( !linkUp_ || linkUp_( key.intf ) );
    return info;
 }
@@ -137,11 +130,10 @@ void L3Service::answerWatched( const IpGenAddr& address ) {
    }
 }
 
-// --- Answers. Each looks whether somebody asks, so that a question and a neighbour may come in
-// either order, and go.
+// --- Answers. Questions and neighbours come and go in any order, so each answer looks for both.
 
 void L3Service::answer( const NextHopKey& key ) {
-   const KnownNeighbor* const known = neighbor( key );
+   const NextHopInfo* const known = neighbor( key );
    const bool asked =
       arpReactor_->notifier()->entryHas( { L3::VrfName::defaultVrf(), key.addr, key.intf } );
    if ( asked && known ) {

@@ -3,34 +3,25 @@
 // The library asks in two ways. A next hop with an interface is an entry of the proactive ARP
 // watcher; the answer is the neighbour of that address on that interface. A next hop without one is
 // a watched address of the route resolver; the answer is the neighbours of that address on whatever
-// interface, as attached hosts (/32 or /128). What nobody asks for is not answered, and an answer
-// goes with its question. Hardware with FECs resolves by itself: it asks `info`, and is told of
-// every change by `onChange`. A neighbour that changes changes the answers that it is part of, at
-// once.
+// interface, as attached hosts (/32 or /128). Only questions are answered, and the answer is
+// removed with its question. Hardware with FECs resolves next hops by itself: it calls `info`, and
+// `onChange` tells it of every change. A change of a neighbour changes at once the answers that
+// name it.
 //
-// Cost: a look-up for each question; for a changed neighbour one, or as many as the address has
-// interfaces while it is watched.
+// Cost: a look-up for each question, and one for a changed neighbour; while its address is watched,
+// one for each interface of the address.
 
 #pragma once
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <string>
 
 #include "agent/import/NeighborTable.h"
 #include "agent/world/Interfaces.h"
 #include "platform/seams/L3Status.h"
 
 namespace Vel::Agent {
-
-/// What the service answers from.
-struct KnownNeighbor {
-   NextHopInfo info;
-   std::string state; ///< as the neighbour table words it, such as "REACHABLE"
-
-   friend bool operator==( const KnownNeighbor&, const KnownNeighbor& ) = default;
-};
 
 class L3Service {
  public:
@@ -43,16 +34,14 @@ class L3Service {
 
    /// Adds the neighbour, or replaces the one of that address on that interface.
    void neighborIs( const Neighbor& neighbor );
-   void neighborIs( const NextHopKey& key, const KnownNeighbor& neighbor );
    /// False when there was none.
    bool neighborDel( const NextHopKey& key );
    /// The neighbour, or null.
-   const KnownNeighbor* neighbor( const NextHopKey& key ) const;
-   size_t neighbors() const { return neighbors_; }
+   const NextHopInfo* neighbor( const NextHopKey& key ) const;
    /// The same as hardware sees it; not resolved when there is no such neighbour, or its interface
    /// is down.
    NextHopInfo info( const NextHopKey& key ) const;
-   /// Which interfaces are up; all of them where nobody says otherwise.
+   /// Which interfaces are up; all of them while this is not set.
    void linkUpIs( std::function< bool( IntfId ) > linkUp ) { linkUp_ = std::move( linkUp ); }
    /// Some interface may have gone down or come up.
    void linksChanged();
@@ -63,7 +52,7 @@ class L3Service {
    class ArpReactor;
    class WatchReactor;
    class Watch6Reactor;
-   using ByInterface = std::map< IntfId, KnownNeighbor >;
+   using ByInterface = std::map< IntfId, NextHopInfo >;
 
    void answer( const NextHopKey& key );
    void answer( const VrfAndIpAddr& watched );
@@ -75,7 +64,6 @@ class L3Service {
    Interfaces& interfaces_;
    Ptr< VelL3Status > status_;
    Hash< IpGenAddr, ByInterface > neighbor_;
-   size_t neighbors_ = 0;
    std::function< void() > onChange_;
    std::function< bool( IntfId ) > linkUp_;
    std::unique_ptr< ArpReactor > arpReactor_;

@@ -11,7 +11,8 @@ namespace {
 // Items that a task handles in one run, and changes of the LFIB that are announced at once: small
 // enough that progress can be shown, large enough to cost nothing.
 constexpr size_t sliceItems = 8192;
-// A retry that is due sooner is work: something has found room. The regular one is 10 s away.
+// A retry that is due within this time is work, since entries have become free; a regular retry is
+// due after 10 s.
 constexpr double soonSeconds = 1.0;
 constexpr double atRest = -1; // no time to wait for
 
@@ -59,8 +60,8 @@ LabelAgent::LabelAgent( LfibPlan plan, LabelAgentSettings settings )
    startFault_ = settle(); // label forwarding is on in hardware before the first table comes
 }
 
-// Who writes goes before who hears of it, and the state machine is taken off the entity manager,
-// which it holds itself.
+// Writers are destroyed before their readers. The state machine holds the entity manager, and so
+// has to be taken off it.
 LabelAgent::~LabelAgent() {
    entityManager_->rootIs( "mplsSm", nullptr );
    mplsSm_ = nullptr;
@@ -103,8 +104,8 @@ MplsSmInputs LabelAgent::makeEntities() {
    return inputs;
 }
 
-// The switch says which routes have survived from before. The state machine may begin at once: it
-// ends its start when the first table is whole, and not before.
+// The switch reports which routes have survived. The state machine may begin at once: its start
+// ends only when the first table is complete.
 void LabelAgent::addFecEntities( MplsSmInputs& inputs ) {
    EntityManager& roots = *entityManager_;
    inputs.hwFecIdRequest = mounted< FecIdToHwFecIdRequest >( roots, "hwFecIdRequest" );
@@ -135,7 +136,7 @@ Driver::FecPlatform LabelAgent::fecPlatform( const MplsSmInputs& inputs ) {
                return l3_->info( { intf, nextHop } );
             },
             entityManager_->root< VelHelper::MplsRouteSyncMap >( "mplsRouteSyncMap" ),
-            [this]( IntfId intf ) { return plan_.interfaces().name( intf ); } };
+            interfaceName() };
 }
 
 // --- Tables.
@@ -145,7 +146,7 @@ void LabelAgent::neighborsAre( const NeighborTable& table ) {
       plan_.neighborsAre( table );
    }
    Driver::FecUnit* const fecs = switch_->fecUnit();
-   l3_->onChangeIs( {} ); // once for all of them
+   l3_->onChangeIs( {} ); // one call for all neighbours, below
    for ( const Neighbor& neighbor : table.neighbors ) {
       l3_->neighborIs( neighbor );
    }
@@ -161,7 +162,7 @@ LabelAgent::Fault LabelAgent::apply( size_t table ) {
    }
    foreignFecs_->definedAre( plan_.table( table ).foreign );
    if ( !publisher_.table() ) {
-      return publisher_.publish( table ); // a reader that has not begun walks once it is whole
+      return publisher_.publish( table ); // readers wait until the LFIB is complete
    }
    return publisher_.publish( table, [this] {
       while ( lfib_->pollPending() ) {
@@ -199,7 +200,7 @@ bool LabelAgent::workLeft() const {
 LabelAgent::Fault LabelAgent::settle() {
    const auto next = [this] { return workLeft() ? scheduler_->nextExpiry() : atRest; };
    Fault fault = work( next );
-   // Only now, when no route leads into it any more because of an earlier table.
+   // Only now has every route of the former table left the definitions.
    return !fault && foreignFecs_->takeBackRest() ? work( next ) : fault;
 }
 

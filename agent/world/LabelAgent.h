@@ -5,12 +5,13 @@
 //    definitions ───ForeignFecs──────────────────────────────────┘
 //
 // The hardware has FECs unless the settings say otherwise: label routes forward into them, and
-// next-hop groups, tunnels, external FECs and backups work. The start is the one with non-stop
-// forwarding then, with nothing to take over: it is over with the first routes.
+// next-hop groups, tunnels, external FECs and backups work. With FECs the agent starts as after a
+// restart with non-stop forwarding, by default without routes to take over; the start ends with the
+// first table.
 //
-// All entities are mounted in the EntityManager under their names, so that whatever can be asked is
-// asked there. There is one VRF, the default one, with the number 0. Time is simulated: nothing
-// waits, `settle` moves the clock to whatever is due next.
+// All entities are mounted in the EntityManager under their names, where inspection finds them.
+// There is one VRF, the default one, with the number 0. Time is simulated: `settle` moves the clock
+// to what is due next, and does not wait.
 //
 //    LfibPlan plan;
 //    plan.add( table );
@@ -20,8 +21,8 @@
 //    if ( const auto fault = agent.settle() ) ...
 //    const ProgramResult result( agent );
 //
-// Entities that are taken out of the agent stay valid after it has gone, but for the LFIB, which
-// then lies in memory that is gone.
+// An entity that a caller holds stays valid after the agent is destroyed. The LFIB does not: its
+// memory belongs to the agent.
 
 #pragma once
 
@@ -34,6 +35,7 @@
 #include "agent/world/L3Service.h"
 #include "agent/world/LfibPublisher.h"
 #include "driver/SoftwareSwitch.h"
+#include "inspect/Words.h"
 #include "mpls/VelMplsInputStatusSm.h"
 #include "mpls/VelMplsSm.h"
 
@@ -45,7 +47,7 @@ struct LabelAgentSettings {
    bool withFecs = true; ///< the hardware has FECs
    /// What hardware with FECs holds of an earlier agent.
    Driver::HwState recovered{};
-   /// The share of that which may be removed unasked.
+   /// The share of the recovered routes that may be removed unasked.
    double maxStaleShare = 1;
    /// Called now and then while `settle` works, with what is left to do.
    std::function< void( size_t pendingWork ) > onProgress{};
@@ -59,25 +61,24 @@ class LabelAgent {
    using Fault = std::optional< std::string >;
    static constexpr VrfId vrfId = 0;
 
-   /// Makes all of it, with room in the LFIB for the plan's tables and nothing in it.
+   /// Makes all of it. The LFIB is empty, and large enough for the plan's tables.
    explicit LabelAgent( LfibPlan plan, LabelAgentSettings settings = {} );
    LabelAgent( const LabelAgent& ) = delete;
    LabelAgent& operator=( const LabelAgent& ) = delete;
    ~LabelAgent();
 
-   /// Adds the neighbours of a table to those that are known. With FECs they also fill interfaces
-   /// in, in the tables that are not planned yet.
+   /// Adds the neighbours of a table to those that are known. With FECs, later tables also get
+   /// missing interfaces from them.
    void neighborsAre( const NeighborTable& table );
-   /// Publishes a table of the plan as the whole state of the LFIB. What it defines of other
-   /// agents is made known before; what it no longer defines goes at the end of the next `settle`.
+   /// Publishes a table of the plan as the whole state of the LFIB. Its definitions are made known
+   /// before; definitions that it lacks are removed at the end of the next `settle`.
    [[nodiscard]] Fault apply( size_t table );
    /// The same with a table that was not planned for. A fault when the LFIB has no room for it.
    [[nodiscard]] Fault apply( const LabelTable& table );
    /// Works until nothing is left to do. Routes that the hardware refuses are tried again by the
    /// library every few seconds for ever; waiting for that is not work.
    [[nodiscard]] Fault settle();
-   /// Settles, and then lets time pass: what falls due within `seconds` is done, and the clock
-   /// stands that much later.
+   /// Settles, and then advances the clock by `seconds`, doing the work that falls due.
    [[nodiscard]] Fault runFor( double seconds );
    /// What is queued anywhere between the LFIB and the hardware.
    size_t pendingWork() const;
@@ -85,8 +86,11 @@ class LabelAgent {
    /// Why the route of the table that is published is ignored; empty when it is not.
    const std::string& ignoredReason( Mpls::RouteKey key ) const;
    const LfibPlan& plan() const { return plan_; }
-   const LfibPublisher& publisher() const { return publisher_; }
    Interfaces& interfaces() const { return plan_.interfaces(); }
+   /// What reports call an interface. Valid while the agent is there.
+   Inspect::InterfaceName interfaceName() const {
+      return [this]( IntfId intf ) { return interfaces().name( intf ); };
+   }
    L3Service& l3() { return *l3_; }
    const L3Service& l3() const { return *l3_; }
    const ForeignFecs& foreignFecs() const { return *foreignFecs_; }
@@ -100,13 +104,6 @@ class LabelAgent {
    const Mpls::LfibHwStatus& lfibHwStatus() const { return *mplsSm_->inputs().lfibHwStatus; }
    const Mpls::Hardware::Status& hwMplsStatus() const {
       return *mplsSm_->inputs().routingHwMplsStatus;
-   }
-   /// The hardware configuration and status of the VRF; null while there is none.
-   const MplsHwVrfConfig* hwConfig() const {
-      return mplsSm_->inputs().mplsHwConfig->vrfConfig( vrfId );
-   }
-   const MplsHwVrfStatus* hwStatus() const {
-      return mplsSm_->inputs().mplsHwStatus->vrfStatus( vrfId );
    }
 
  private:

@@ -114,7 +114,7 @@ const std::string& LfibPlan::ignoredReason( size_t table, RouteKey key ) const {
                                                 : Vel::nullValueOf< std::string >();
 }
 
-// What an added table and the one before it have together is in the LFIB at the same time.
+// While a table replaces the one before it, the LFIB holds the routes of both.
 void LfibPlan::makeRoomFor( const PlannedTable& added ) {
    static const std::vector< PlannedRoute > nothing;
    const std::vector< PlannedRoute >& before = tables_.empty() ? nothing : tables_.back()->routes;
@@ -135,7 +135,7 @@ void LfibPlan::makeRoomFor( const PlannedTable& added ) {
 }
 
 Mpls::LfibCapacities LfibPlan::capacities() const {
-   Mpls::LfibCapacities room; // what is there for later tables, however little there is now
+   Mpls::LfibCapacities room; // at least as much as these, for tables that come later
    room.routes = std::max( room.routes, static_cast< U32 >( routesAtOnce_ ) );
    room.deepRoutes = std::max( room.deepRoutes, static_cast< U32 >( deepRoutesAtOnce_ ) );
    room.viaSets = std::max( room.viaSets, static_cast< U32 >( viaSets_.size() + externalFecs_ ) );
@@ -178,8 +178,8 @@ U32 LfibPlan::viaSetOf( const std::vector< LabelVia >& vias, U32 backup,
    return at->second;
 }
 
-// Calls with every via; in place of one that lacks its interface with one for each interface that
-// the next hop is known on, as far as a via set has room for them.
+// Calls with every via. A via that lacks its interface is replaced by one for each interface on
+// which the next hop is known, as far as the limit of a via set allows.
 template< class F >
 void LfibPlan::eachWithInterface( const std::vector< LabelVia >& vias, const F& call ) {
    size_t room = maxVias - vias.size(); // beside one for each
@@ -236,7 +236,7 @@ void LfibPlan::addForeign( PlannedTable& planned, const ForeignFec& foreign ) {
    } );
 }
 
-// By contents, not by number: the order of a set does not depend on what was read before it.
+// By content and not by number, so that the order does not depend on the tables read before.
 bool LfibPlan::viaBefore( U32 left, U32 right ) const {
    if ( left == right ) {
       return false;

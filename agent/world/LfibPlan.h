@@ -1,4 +1,4 @@
-// LfibPlan: what all label tables of a run come to in the LFIB.
+// LfibPlan: what all label tables of a run become in the LFIB.
 //
 // A table is taken in as a list of route keys and via set numbers; after that the table itself is
 // no longer needed. Vias and via sets are interned over all tables: routes with equal vias share
@@ -10,13 +10,13 @@
 // itself. Where it does not, the plan fills the interfaces in, as routing software does: with
 // `neighborsAre`, such a via becomes one via for each interface on which the address is known.
 //
-// A route with backup vias has a second via set, which the first one names. What other agents have
-// is planned with each table: it goes to the hardware layer and not into the LFIB.
+// A route with backup vias has a second via set, which the first one names. Definitions of other
+// agents are planned with each table; they go to the hardware layer and not into the LFIB.
 //
 // A route that this router ends instead of forwarding it (the importer says so, or every via pops
 // and hands the payload to the router itself: no next hop, interface "lo") gets the via set of an
-// IP look-up in the default VRF, with the reason why it is ignored. All other vias are taken as
-// they are: what cannot be programmed is the library's to say.
+// IP look-up in the default VRF, with the reason why it is ignored. All other vias are planned as
+// they are: the library decides which of them can be programmed.
 //
 // Cost: 16 bytes a route and table; about 160 bytes a distinct via and 100 a distinct via set.
 
@@ -42,8 +42,6 @@ namespace Vel::Agent {
 struct PlannedRoute {
    Mpls::RouteKey key;
    U32 viaSet = 0;
-
-   friend bool operator==( const PlannedRoute&, const PlannedRoute& ) = default;
 };
 
 /// What a via set consists of.
@@ -100,14 +98,14 @@ class LfibPlan {
    size_t viaSets() const { return viaSets_.size(); }
    /// The via, its key included.
    Mpls::LfibMplsVia via( U32 number ) const;
-   /// One that stands for nothing else.
+   /// A via set of vias, whose number stands for no IP look-up and no external FEC.
    const PlannedViaSet& viaSet( U32 number ) const { return *viaSets_[number]; }
 
    static Mpls::LfibViaKey viaKey( U32 number );
    static Mpls::LfibViaSetKey viaSetKey( U32 number );
 
-   /// What a region needs that takes the tables one after the other, each added before what the one
-   /// before it had is removed.
+   /// The capacities of a region that takes the tables one after the other. The routes of a table
+   /// are added before those of the one before it are removed.
    Mpls::LfibCapacities capacities() const;
 
    Interfaces& interfaces() const { return *interfaces_; }

@@ -31,7 +31,7 @@ bool eachPair( const std::vector< PlannedRoute >& old, const std::vector< Planne
 
 } // namespace
 
-// Fresh memory of the system is all zero, and what is never written costs none.
+// calloc() takes zeroed pages from the system, which use no memory until they are written.
 LfibPublisher::LfibPublisher( const LfibPlan& plan ) : plan_( plan ) {
    const Mpls::LfibCapacities capacities = plan.capacities();
    const size_t bytes = Mpls::LfibWriter::bytesNeeded( capacities );
@@ -47,7 +47,6 @@ LfibPublisher::LfibPublisher( const LfibPlan& plan ) : plan_( plan ) {
 }
 
 std::optional< std::string > LfibPublisher::publish( size_t table, const Pump& pump ) {
-   changes_ = {};
    if ( !fault_.empty() ) {
       return fault_;
    }
@@ -64,8 +63,7 @@ std::optional< std::string > LfibPublisher::publish( size_t table, const Pump& p
                 } ) &&
       eachPair( old, now, [&]( const PlannedRoute* was, const PlannedRoute* is ) {
          return !is || ( was && was->viaSet == is->viaSet ) ||
-                written( writer_->routeIs( { is->key, LfibPlan::viaSetKey( is->viaSet ) } ),
-                         changes_.routesWritten );
+                written( writer_->routeIs( { is->key, LfibPlan::viaSetKey( is->viaSet ) } ) );
       } );
    if ( !fits ) {
       fault_ = joinText( "the LFIB has no room for ", now.size(), " routes, ", plan_.viaSets(),
@@ -73,7 +71,7 @@ std::optional< std::string > LfibPublisher::publish( size_t table, const Pump& p
       return fault_;
    }
    eachPair( old, now, [&]( const PlannedRoute* was, const PlannedRoute* is ) {
-      return !was || is || written( writer_->routeDel( was->key ), changes_.routesRemoved );
+      return !was || is || written( writer_->routeDel( was->key ) );
    } );
    eachPair( old, now, [&]( const PlannedRoute* was, const PlannedRoute* is ) {
       if ( was && !( is && was->viaSet == is->viaSet ) ) {
@@ -105,18 +103,16 @@ bool LfibPublisher::acquireViaSet( U32 number ) {
       const Mpls::LfibExtFecVia via{ { key.source(), key.viaType(), key.index() },
                                      Interfaces::externalFec( fec ) };
       viaSet.viaKeyAdd( via.key );
-      return written( writer_->extFecViaIs( via ), changes_.viasWritten ) &&
-             written( writer_->viaSetIs( viaSet ), changes_.viaSetsWritten );
+      return written( writer_->extFecViaIs( via ) ) && written( writer_->viaSetIs( viaSet ) );
    }
    if ( number >= LfibPlan::ipLookupViaSet ) {
-      // There are as many of them as payload types: they stay.
+      // There is one for each payload type at most, so they are never released.
       Mpls::LfibIpLookupVia via;
       via.key = { key.source(), key.viaType(), key.index() };
       via.vrfName = Mpls::LfibVrfName( L3::VrfName::defaultVrf().text() );
       via.payloadType = static_cast< Mpls::PayloadType >( key.index() );
       viaSet.viaKeyAdd( via.key );
-      return written( writer_->ipLookupViaIs( via ), changes_.viasWritten ) &&
-             written( writer_->viaSetIs( viaSet ), changes_.viaSetsWritten );
+      return written( writer_->ipLookupViaIs( via ) ) && written( writer_->viaSetIs( viaSet ) );
    }
    if ( users( viaSetUsers_, number )++ != 0 ) {
       return true;
@@ -130,13 +126,12 @@ bool LfibPublisher::acquireViaSet( U32 number ) {
       viaSet.backupViaSetKeyIs( LfibPlan::viaSetKey( planned.backup ) );
    }
    for ( const U32 via : planned.vias ) {
-      if ( users( viaUsers_, via )++ == 0 &&
-           !written( writer_->mplsViaIs( plan_.via( via ) ), changes_.viasWritten ) ) {
+      if ( users( viaUsers_, via )++ == 0 && !written( writer_->mplsViaIs( plan_.via( via ) ) ) ) {
          return false;
       }
       viaSet.viaKeyAdd( LfibPlan::viaKey( via ) );
    }
-   return written( writer_->viaSetIs( viaSet ), changes_.viaSetsWritten );
+   return written( writer_->viaSetIs( viaSet ) );
 }
 
 void LfibPublisher::releaseViaSet( U32 number ) {
@@ -150,16 +145,15 @@ void LfibPublisher::releaseViaSet( U32 number ) {
    if ( --left != 0 ) {
       return;
    }
-   written( writer_->viaSetDel( key ), changes_.viaSetsRemoved );
+   written( writer_->viaSetDel( key ) );
    if ( externalFec ) {
-      written( writer_->viaDel( { key.source(), key.viaType(), key.index() } ),
-               changes_.viasRemoved );
+      written( writer_->viaDel( { key.source(), key.viaType(), key.index() } ) );
       return;
    }
    const PlannedViaSet& planned = plan_.viaSet( number );
    for ( const U32 via : planned.vias ) {
       if ( --users( viaUsers_, via ) == 0 ) {
-         written( writer_->viaDel( LfibPlan::viaKey( via ) ), changes_.viasRemoved );
+         written( writer_->viaDel( LfibPlan::viaKey( via ) ) );
       }
    }
    if ( planned.backup != PlannedViaSet::none ) {
@@ -167,9 +161,8 @@ void LfibPublisher::releaseViaSet( U32 number ) {
    }
 }
 
-// Counts the write, and lets the readers catch up; false when there was no room.
-bool LfibPublisher::written( LfibWrite result, size_t& counter ) {
-   counter += result == LfibWrite::changed;
+// Lets the readers catch up now and then; false when the region is full.
+bool LfibPublisher::written( LfibWrite result ) {
    if ( pump_ && ++sincePump_ == pumpEvery_ ) {
       sincePump_ = 0;
       pump_();

@@ -30,7 +30,7 @@ std::vector< std::string > linesOf( const AuditReport& report ) {
    for ( const AuditFinding& one : report.differences ) {
       EXPECT_NE( one.expected, one.found );
       lines.push_back( joinText( one.label.null() ? one.object : textOf( one.label ), " ",
-                                 name( one.stage ), ": ", one.expected, " / ", one.found ) );
+                                 one.stage, ": ", one.expected, " / ", one.found ) );
    }
    return lines;
 }
@@ -79,9 +79,7 @@ struct Audited : Programmed {
       apply( 0 );
    }
    AuditReport report( size_t limit = 100 ) const {
-      return Audit( agent->entityManager(),
-                    [&]( IntfId intf ) { return agent->interfaces().name( intf ); } )
-         .run( limit );
+      return Audit( agent->entityManager(), agent->interfaceName() ).run( limit );
    }
    /// Each line begins with the first text of its pair and has the second one in it.
    void expectLines( const std::vector< std::pair< std::string, std::string > >& expected ) const {

@@ -99,10 +99,10 @@ class World : public Vel::Test::LabelRig {
       const Explanation told = explain( of );
       const ChainLink* const blocker = told.blocker();
       if ( blocker == nullptr ) {
-         return std::string( name( told.state() ) );
+         return textOf( told.state() );
       }
       const Obstacle& against = blocker->obstacle;
-      return joinText( name( told.state() ), told.inHardware() ? "+" : "", " ", blocker->name, " ",
+      return joinText( told.state(), told.inHardware() ? "+" : "", " ", blocker->name, " ",
                        timeOf( against.since ), " ", against.tries, " ",
                        against.nextTry != neverTime ? timeOf( against.nextTry )
                                                     : against.waitsFor );
@@ -341,7 +341,7 @@ class FecWorld : public World {
    /// Of the blocker, else of the first link that is degraded, else of the FEC.
    std::string told() const {
       const Explanation now = explain();
-      const std::string state( name( now.state() ) );
+      const std::string state = textOf( now.state() );
       if ( const ChainLink* const blocker = now.blocker() ) {
          return joinText( state, now.inHardware() ? "+ " : " ", blocker->name, " ", blocker->text,
                           "; waits for ", blocker->obstacle.waitsFor );
@@ -357,8 +357,7 @@ class FecWorld : public World {
          return "clean";
       }
       const AuditFinding& first = report.differences.front();
-      return joinText( first.label, " ", name( first.stage ), ": ", first.expected, " / ",
-                       first.found );
+      return joinText( first.label, " ", first.stage, ": ", first.expected, " / ", first.found );
    }
 };
 

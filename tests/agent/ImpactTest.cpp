@@ -29,7 +29,7 @@ struct Asked : Programmed {
       std::map< std::string, std::string > out;
       const ProgramResult result( *agent );
       for ( size_t i = 0; i < result.routes(); ++i ) {
-         out[textOf( result.key( i ) )] = name( result.state( i ) );
+         out[textOf( result.key( i ) )] = stringValue( result.state( i ) );
       }
       return out;
    }

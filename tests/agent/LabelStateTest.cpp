@@ -206,10 +206,10 @@ TEST( LabelState, IsWhatFramesDo ) {
          const RouteKey key( label );
          const LabelState state = stateByFrames( outLabels( made, label ), route );
          ++seen[static_cast< size_t >( state )];
-         ASSERT_EQ( name( Inspect::LabelStates( entities ).of( key ).state ), name( state ) )
+         ASSERT_EQ( textOf( Inspect::LabelStates( entities ).of( key ).state ), textOf( state ) )
             << label << ": " << made.stateOf( label );
-         ASSERT_EQ( name( result.route( key )->state ), name( state ) ) << label;
-         ASSERT_EQ( name( Inspect::Explanation( entities, key, {} ).state() ), name( state ) )
+         ASSERT_EQ( textOf( result.route( key )->state ), textOf( state ) ) << label;
+         ASSERT_EQ( textOf( Inspect::Explanation( entities, key, {} ).state() ), textOf( state ) )
             << label;
          if ( state !=
               LabelState::partiallyProgrammed ) { // else it may leave by what nobody can tell
@@ -221,7 +221,7 @@ TEST( LabelState, IsWhatFramesDo ) {
                                  .statusCode;
             const std::string published = textOf( code );
             ASSERT_TRUE( ( published == "notProgrammed" ? "unprogrammed" : published ) ==
-                            name( state ) ||
+                            stringValue( state ) ||
                          ( published == "programmed" && state == LabelState::partiallyProgrammed &&
                            told.contains( key ) ) )
                << label << ": " << published << ", " << made.stateOf( label );

@@ -92,7 +92,7 @@ inline LabelTable tableOf( const std::vector< std::string >& routes,
 
 inline Neighbor neighborOf( const std::string& address, const std::string& interface,
                             uint8_t lastOfMac, uint16_t vlan = 0 ) {
-   return { address, interface, { 2, 0, 0, 0, 0, lastOfMac }, true, "REACHABLE", vlan };
+   return { address, interface, MacAddr( { 2, 0, 0, 0, 0, lastOfMac } ), true, "REACHABLE", vlan };
 }
 /// Hardware with those faults, in which eth1 is the first interface that there is, and so on.
 inline Driver::SwitchSettings hardwareWith( const std::string& faults ) {
@@ -113,7 +113,7 @@ struct Programmed {
                         const std::string& faults = "" ) {
       LfibPlan plan;
       if ( withFecs ) {
-         plan.neighborsAre( { "n", neighbors, {} } );
+         plan.neighborsAre( { neighbors, {} } );
       }
       for ( const LabelTable& table : tables ) {
          plan.add( table );
@@ -158,8 +158,7 @@ struct Programmed {
    std::string stateOf( uint32_t label ) const {
       const auto route = ProgramResult( *agent ).route( RouteKey( label ) );
       return !route ? "absent"
-                    : joinText( name( route->state ), route->reason.empty() ? "" : ": ",
-                                route->reason );
+                    : joinText( route->state, route->reason.empty() ? "" : ": ", route->reason );
    }
    /// Where a packet with the label goes: "INTERFACE label 17", or "drop".
    std::string forward( uint32_t label ) const {
