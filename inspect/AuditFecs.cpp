@@ -161,7 +161,7 @@ std::string AuditComparison::answerFault( FecId fecId ) const {
    const U64 wanted = fecs_.request()->hwFecIdRequest( fecId ).version;
    if ( answer.hwId != 0 && answer.version == wanted ) {
       const auto reason =
-         insight_ && !FecView::ours( fecId ) ? insight_->fecRefusal( fecId ) : std::nullopt;
+         insight_ && !fecId.ofLabelViaSet() ? insight_->fecRefusal( fecId ) : std::nullopt;
       return reason ? joinText( "FEC ", fecIdText( fecId ),
                                 " of another agent as it was before, refused: ", *reason )
                     : std::string();
@@ -172,7 +172,7 @@ std::string AuditComparison::answerFault( FecId fecId ) const {
    if ( const auto reason = insight_ ? insight_->fecRefusal( fecId ) : std::nullopt ) {
       return joinText( text, ", refused: ", *reason );
    }
-   return FecView::ours( fecId ) ? text : text + " of another agent";
+   return fecId.ofLabelViaSet() ? text : text + " of another agent";
 }
 
 // --- Reported -> published.
@@ -256,7 +256,7 @@ void AuditComparison::compareFecRecords( HashSet< U64 >& numbers ) {
            info->dependentL3Adjacencys() == 0 ) { // otherwise a label has reported it
          objectDiffers( AuditStage::written, object, "requested", "not requested" );
       }
-      if ( FecView::ours( fecId ) ) {
+      if ( fecId.ofLabelViaSet() ) {
          numbers.insert( fecId.index() );
          if ( !inUse.numberInUseHas( fecId.index() ) ) {
             objectDiffers( AuditStage::written, object, "its number in use", "not in use" );
@@ -275,7 +275,7 @@ std::string AuditComparison::fecText( FecId fecId ) const {
    const std::string text = "FEC " + fecIdText( fecId );
    const Fib::Fec* const content = fecs_.requested( fecId );
    if ( content == nullptr ) {
-      return FecView::ours( fecId ) ? text + " without content" : text + " of another agent";
+      return fecId.ofLabelViaSet() ? text + " without content" : text + " of another agent";
    }
    std::string out = joinText( text, ": ", fecViasText( content->via, name_ ) );
    const ExternalFecInfo* const info = state_->extFecInfo( fecId );

@@ -241,6 +241,10 @@ ChainLink ChainReader::l3Adjacency() const {
    link.facts["l3Adjacency"] = index;
    link.facts["routes"] = l3Adj_->routeKeys();
    link.facts["reviewPending"] = pending;
+   const std::string why = pending ? textOf( vrf_->l3AdjForReview( index ) ) : std::string();
+   if ( pending ) {
+      link.facts["reviewReason"] = why;
+   }
    if ( !!route_ && l3Adj_->lFibViaSetKey() != route_.viaSetKey ) {
       failsUntilReview( link,
                         joinText( index, ", of the earlier via set ", l3Adj_->lFibViaSetKey() ) );
@@ -263,7 +267,7 @@ ChainLink ChainReader::l3Adjacency() const {
    link.holds = true;
    link.degraded = pending || !waits.empty();
    link.text = joinText( index, ", of ", counted( l3Adj_->routeKeys(), "route", "routes" ),
-                         pending ? "; a review is pending" : "" );
+                         pending ? joinText( "; a review is pending (", why, ")" ) : "" );
    if ( !waits.empty() ) {
       link.facts["backup"] = waits;
       link.text += "; what it has stays until its backup is fit: " + waits;

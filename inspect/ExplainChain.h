@@ -26,9 +26,7 @@ class ChainReader {
 
    const std::string& fault() const { return fault_; }
    double now() const { return clock_->now(); }
-   bool ignored() const {
-      return !!route_ && !LfibIntent::forMplsForwarding( route_.viaSetKey.viaType() );
-   }
+   bool ignored() const { return !!route_ && !isTransit( route_.viaSetKey.viaType() ); }
    bool inHardware() const {
       return status_ && status_->mplsRouting() &&
              ( status_->routeHas( key_ ) || ( inFec() && !writingLost() ) );
@@ -86,13 +84,8 @@ class ChainReader {
    /// Whether the next hops are those of a next-hop group, a tunnel or an external FEC.
    bool isForeign() const;
    bool primariesUsable() const { return viaSet_.null() || viaSet_.usableAsPrimaryVias(); }
-<<<<<<< HEAD
    bool inFec() const { return record_ && record_->inFecInHardware(); }
-   /// The driver has answered the last writing into a FEC, and lost it.
-=======
-   bool inFec() const { return record_ && MplsSm::inFecInHardware( *record_ ); }
    /// The driver has answered the last writing into a FEC, and does not have the route.
->>>>>>> h2
    bool writingLost() const { return insight_ && vrfId_ && insight_->routeLost( *vrfId_, key_ ); }
    /// The route stays in its former FEC until hardware has the FEC that is wanted now.
    bool inOlderFec() const { return inFec() && record_->extFecInfo() != fec_; }

@@ -16,7 +16,7 @@ AdjHwState ChainReader::hwState() const {
 }
 
 bool ChainReader::isForeign() const {
-   if ( !FecView::ours( fec_->fecId() ) ) {
+   if ( !fec_->fecId().ofLabelViaSet() ) {
       return true;
    }
    for ( const auto& [index, via] : hwAdj_->via() ) {
@@ -175,11 +175,11 @@ ChainLink ChainReader::fec() const {
 void ChainReader::readFecContent( ChainLink& link ) const {
    const FecId fecId = fec_->fecId();
    const Fib::Fec* const content = fecs_.requested( fecId );
-   if ( !FecView::ours( fecId ) ) {
+   if ( !fecId.ofLabelViaSet() ) {
       link.text += ", of another agent";
    }
    if ( content ) {
-      for ( size_t i = 0; i < FecView::primaries( *content ); ++i ) {
+      for ( size_t i = 0; i < content->primaryVia().size(); ++i ) {
          link.details.push_back( fecViasText( { content->via[i] }, interfaceName_ ) );
          link.facts["vias"].push_back( link.details.back() );
       }
@@ -217,16 +217,16 @@ std::string ChainReader::roomText() const {
 void ChainReader::readUnanswered( ChainLink& link ) const {
    const FecId fecId = fec_->fecId();
    std::string waitsFor = "the hardware layer's answer to the request for the FEC";
-   link.text += behind()                 ? ", not yet what is requested"
-                : FecView::ours( fecId ) ? ", not answered yet"
-                                         : ", of another agent, not there yet";
+   link.text += behind()                ? ", not yet what is requested"
+                : fecId.ofLabelViaSet() ? ", not answered yet"
+                                        : ", of another agent, not there yet";
    if ( const auto reason = insight_ ? insight_->fecRefusal( fecId ) : std::nullopt ) {
       link.facts["reason"] = stringValue( *reason );
       link.text += joinText( ": ", *reason );
       waitsFor = *reason == UnprogrammedReason::InterfaceNotReady
                     ? "an interface of its vias to become ready"
                     : roomText();
-   } else if ( !FecView::ours( fecId ) ) {
+   } else if ( !fecId.ofLabelViaSet() ) {
       waitsFor = joinText( "the agent that owns FEC ", fecIdText( fecId ), " to make it known" );
    }
    if ( inFec() && ( behind() || inOlderFec() ) ) {

@@ -21,7 +21,7 @@ Fib::AdjType wantedType( const std::vector< FecVia >& vias ) {
 } // namespace
 
 const Fec* FecView::requested( FecId fecId ) const {
-   if ( request_ == nullptr || !ours( fecId ) ) {
+   if ( request_ == nullptr || !fecId.ofLabelViaSet() ) {
       return nullptr;
    }
    return fecId.adjType() == Fib::AdjType::mplsV6Adj ? request_->fec6().find( fecId )
@@ -32,7 +32,7 @@ const Fec* FecView::requested( FecId fecId ) const {
 // of the pop is that of the adjacency.
 bool FecView::hasVias( const Fec& content, const std::vector< FecVia >& wanted,
                        const L3Adjacency& l3Adj, bool popWithRoute ) {
-   if ( primaries( content ) != wanted.size() ) {
+   if ( content.primaryVia().size() != wanted.size() ) {
       return false;
    }
    for ( size_t i = 0; i < wanted.size(); ++i ) {

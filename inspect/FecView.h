@@ -17,11 +17,6 @@ class FecView {
       : request_( entities.root< FecIdToHwFecIdRequest >( "hwFecIdRequest" ) ),
         response_( entities.root< FecIdToHwFecIdResponse >( "hwFecIdResponse" ) ) {}
 
-   /// Requested and numbered by this library.
-   static bool ours( Fib::FecId fecId ) {
-      return fecId.adjType() == Fib::AdjType::mplsV4Adj ||
-             fecId.adjType() == Fib::AdjType::mplsV6Adj;
-   }
    /// The content that is requested of a FEC of this library; null when none is.
    const Fib::Fec* requested( Fib::FecId fecId ) const;
    /// Hardware has the FEC in some form.
@@ -40,11 +35,6 @@ class FecView {
       const bool said =
          !content || content->backupFecId != Fib::FecId() || reported == AdjHwState::down;
       return said ? reported : AdjHwState::unknown;
-   }
-   /// How many of the vias do not lead into the backup.
-   static size_t primaries( const Fib::Fec& content ) {
-      return content.via.size() -
-             ( content.backupFecId == Fib::FecId() || content.via.empty() ? 0 : 1 );
    }
    /// The vias that do not lead into the backup are those that are wanted, with the pop where the
    /// adjacency's routes carry it.

@@ -74,7 +74,7 @@ LabelVerdict LabelStates::judge( const Held& held, const Intent& intent ) const 
    if ( intent.kind == IntentKind::absent ) {
       return { LabelState::absent, leaves };
    }
-   if ( !LfibIntent::forMplsForwarding( intent.viaSetKey.viaType() ) ) {
+   if ( !isTransit( intent.viaSetKey.viaType() ) ) {
       return { LabelState::ignored, leaves };
    }
    if ( !leaves || held.refused ) {
@@ -134,7 +134,7 @@ LabelStates::Ways LabelStates::waysOf( const Held& held ) const {
       return Ways::none;
    }
    // A change of another agent's FEC may have to wait; hardware keeps the former content meanwhile.
-   const bool waits = !FecView::ours( fecId ) && insight_ && insight_->fecRefusal( fecId );
+   const bool waits = !fecId.ofLabelViaSet() && insight_ && insight_->fecRefusal( fecId );
    if ( waits || fecs_.behind( fecId ) ) {
       return Ways::some;
    }
@@ -150,7 +150,7 @@ LabelStates::Ways LabelStates::waysOfL2( const Mpls::Hardware::L2Adjacency& adja
 }
 
 LabelStates::Ways LabelStates::waysOfFec( FecId fecId ) const {
-   if ( !FecView::ours( fecId ) ) { // the FEC's owner answers for the number of its ways
+   if ( !fecId.ofLabelViaSet() ) { // the FEC's owner answers for the number of its ways
       const ForeignEnds ends = foreignWays_.read( FecId::fecIdToHierarchicalIntfId( fecId ) );
       return !ends.known || !ends.exits.empty() ? Ways::all : Ways::none;
    }
@@ -158,7 +158,7 @@ LabelStates::Ways LabelStates::waysOfFec( FecId fecId ) const {
    if ( content == nullptr ) {
       return Ways::none;
    }
-   if ( const Ways ways = waysOfVias( content->via, FecView::primaries( *content ) );
+   if ( const Ways ways = waysOfVias( content->via, content->primaryVia().size() );
         ways != Ways::none ) {
       return ways;
    }
@@ -169,7 +169,7 @@ LabelStates::Ways LabelStates::waysOfFec( FecId fecId ) const {
    const Fec* const other = fecs_.requested( backup );
    const bool leads =
       fecs_.behind( backup ) ||
-      ( other && waysOfVias( other->via, FecView::primaries( *other ) ) != Ways::none );
+      ( other && waysOfVias( other->via, other->primaryVia().size() ) != Ways::none );
    return leads ? Ways::some : Ways::none;
 }
 

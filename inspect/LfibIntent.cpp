@@ -26,10 +26,8 @@ std::string_view faultOf( const Mpls::LfibMplsVia& via, bool needsInterface ) {
 
 bool ofAnotherAgent( Fib::FecId fecId ) {
    constexpr U64 indexLimit = U64{ 1 } << 48; // to fit into an interface
-   return fecId.valid() && fecId.index() < indexLimit &&
-          fecId.adjType() != Fib::AdjType::mplsV4Adj &&
-          fecId.adjType() != Fib::AdjType::mplsV6Adj &&
-          fecId.adjType() != Fib::AdjType::mplsMcastViaAdj;
+   return fecId.valid() && fecId.index() < indexLimit && !fecId.ofLabelViaSet() &&
+          !fecId.isA( Fib::AdjType::mplsMcastViaAdj );
 }
 
 Fib::FecVia fecViaOf( const Mpls::LfibMplsVia& via, bool usable ) {
@@ -117,7 +115,7 @@ void LfibIntent::read( Mpls::RouteKey key, Intent& intent ) const {
       return refuse( intent, IntentKind::notOurs, "label forwarding is off" );
    }
    const Mpls::LfibViaType type = route.viaSetKey.viaType();
-   if ( !forMplsForwarding( type ) ) {
+   if ( !isTransit( type ) ) {
       return refuse( intent, IntentKind::notOurs, "the route is not for MPLS forwarding" );
    }
    const Mpls::LfibViaSet viaSet = lfib_.lfibViaSet( route.viaSetKey );

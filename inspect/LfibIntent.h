@@ -105,10 +105,6 @@ class LfibIntent {
    /// Label forwarding is wanted.
    bool routing() const { return routing_ == nullptr || routing_->mplsRouting( vrf() ); }
    const Mpls::LfibStatus& lfib() const { return lfib_; }
-   /// Routes with such vias are for MPLS forwarding; another state machine handles the others.
-   static bool forMplsForwarding( Mpls::LfibViaType type ) {
-      return type == Mpls::viaTypeMplsIp || type == Mpls::viaTypeExternalFec;
-   }
    static const L3::VrfName& vrf() { return L3::VrfName::defaultVrf(); }
 
  private:

@@ -216,7 +216,7 @@ void ProgramResult::readVias( Mpls::LfibViaSetKey viaSetKey, std::vector< Result
 
 void ProgramResult::readViasFromLfib( Mpls::LfibViaSetKey viaSetKey,
                                       std::vector< ResultVia >& out ) const {
-   if ( !Inspect::LfibIntent::forMplsForwarding( viaSetKey.viaType() ) ) {
+   if ( !isTransit( viaSetKey.viaType() ) ) {
       return;
    }
    const Mpls::LfibViaSet viaSet = agent_.lfib().lfibViaSet( viaSetKey );
