@@ -1,7 +1,9 @@
 #include "mpls/VelMplsTypes.h"
-#include "mpls/VelMplsHwInsight.h"
 
-#include <charconv>
+#include <limits>
+
+#include "mpls/VelMplsHwInsight.h"
+#include "platform/base/DecimalText.h"
 
 namespace Vel {
 
@@ -27,15 +29,6 @@ std::optional< std::string_view > takeUntil( std::string_view& text, std::string
    return taken;
 }
 
-std::optional< U64 > number( std::string_view text ) {
-   U64 value = 0;
-   const auto [end, error] = std::from_chars( text.data(), text.data() + text.size(), value );
-   if ( error != std::errc() || end != text.data() + text.size() ) {
-      return std::nullopt;
-   }
-   return value;
-}
-
 } // namespace
 
 // --- Values.
@@ -59,7 +52,7 @@ std::optional< MplsHwRoute > MplsHwRoute::parse( std::string_view text, Adjacenc
       return std::nullopt;
    }
    const auto key = Mpls::routeKeyParse( *keyText );
-   const auto version = number( *versionText );
+   const auto version = decimalParse( *versionText, std::numeric_limits< U64 >::max() );
    if ( !key || !version ) {
       return std::nullopt;
    }

@@ -87,10 +87,6 @@ void MplsSm::handleVrfName( VrfId vrfId ) {
       MPLS_TRACE( 3, " Vrf: ", vrf, " is not default. skip." );
       return;
    }
-   if ( const MplsHwVrfConfig* const config = velMplsHwVrfConfig( vrf );
-        config && initialized() && mplsRoutingEnabled( vrf ) && !config->mplsRouting() ) {
-      handleMplsRouting( true ); // nothing could be written while the VRF had no number
-   }
    parts_->recovery.maybeSweepNamed( vrf );
    const MplsHwVrfStatus* const status = in_.mplsHwStatus->vrfStatus( vrfId );
    if ( status && status->mplsRouting() ) {

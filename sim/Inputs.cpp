@@ -125,6 +125,28 @@ Event Inputs::fitted( Event event ) const {
    return event;
 }
 
+void Inputs::viaSetIs( const Event& event ) {
+   const auto& n = event.number;
+   ViaSet& set = viaSet[n[0]];
+   set = { static_cast< ViaSetForm >( n[1] ), n[2], n[3] != 0, backupsOf( set ), {} };
+   for ( size_t i = 0; i < maxVias && set.form != ViaSetForm::empty; ++i ) {
+      if ( n[5 + i] != 0 ) {
+         set.vias.push_back( viaOf( event, i ) );
+      }
+   }
+   if ( set.vias.empty() ) {
+      set.form = ViaSetForm::empty;
+   } else if ( set.form == ViaSetForm::group || set.form == ViaSetForm::tunnel ) {
+      set.vias.resize( 1 );
+   }
+   if ( set.form == ViaSetForm::mixedIntfs && set.vias.size() == 1 ) {
+      set.vias.push_back( set.vias[0] );
+   }
+   if ( set.form == ViaSetForm::group && set.vias[0].action != MplsLabelAction::pop ) {
+      set.vias[0].action = MplsLabelAction::none;
+   }
+}
+
 void Inputs::apply( const Event& event ) {
    const auto& n = event.number;
    switch ( event.kind ) {
@@ -134,27 +156,9 @@ void Inputs::apply( const Event& event ) {
    case EventKind::routeGone:
       route[n[0]] = {};
       break;
-   case EventKind::viaSet: {
-      ViaSet& set = viaSet[n[0]];
-      set = { static_cast< ViaSetForm >( n[1] ), n[2], n[3] != 0, backupsOf( set ), {} };
-      for ( size_t i = 0; i < maxVias && set.form != ViaSetForm::empty; ++i ) {
-         if ( n[5 + i] != 0 ) {
-            set.vias.push_back( viaOf( event, i ) );
-         }
-      }
-      if ( set.vias.empty() ) {
-         set.form = ViaSetForm::empty;
-      } else if ( set.form == ViaSetForm::group || set.form == ViaSetForm::tunnel ) {
-         set.vias.resize( 1 );
-      }
-      if ( set.form == ViaSetForm::mixedIntfs && set.vias.size() == 1 ) {
-         set.vias.push_back( set.vias[0] );
-      }
-      if ( set.form == ViaSetForm::group && set.vias[0].action != MplsLabelAction::pop ) {
-         set.vias[0].action = MplsLabelAction::none;
-      }
+   case EventKind::viaSet:
+      viaSetIs( event );
       break;
-   }
    case EventKind::viaSetGone: {
       ViaSet gone;
       gone.backupsBefore = backupsOf( viaSet[n[0]] );
@@ -184,6 +188,16 @@ void Inputs::apply( const Event& event ) {
    case EventKind::corrupt:
       corrupt = true;
       break;
+   default:
+      applyAround( event );
+      break;
+   }
+}
+
+// What is around the LFIB: next hops, the VRF, links, other agents, the driver.
+void Inputs::applyAround( const Event& event ) {
+   const auto& n = event.number;
+   switch ( event.kind ) {
    case EventKind::neighbor:
       mac[n[0]] = n[1];
       break;

@@ -158,6 +158,8 @@ class Inputs {
    U32 staleShare = 100; // percent
 
  private:
+   void applyAround( const Event& event );
+   void viaSetIs( const Event& event );
    Exit exitOf( const ViaSet& set, const Via& via, U32 label ) const;
    void addWay( const Exit& exit, Ways& out ) const;
    void addVias( U32 number, U32 label, Ways& ways, Exits& exits ) const;

@@ -443,6 +443,20 @@ void World::apply( const Event& drawn ) {
    case EventKind::notReady:
       tellFaults();
       break;
+   case EventKind::clog:
+      agent.attrLog->isAttrLogOutCloggedIs( inputs_.clogged );
+      break;
+   default:
+      run( event );
+      break;
+   }
+}
+
+// What happens to the processes, and in them.
+void World::run( const Event& event ) {
+   const auto& n = event.number;
+   Agent& agent = *agent_;
+   switch ( event.kind ) {
    case EventKind::fecAnswer:
       if ( agent.relay ) {
          agent.relay->pass( n[0] );
@@ -479,9 +493,6 @@ void World::apply( const Event& drawn ) {
       break;
    case EventKind::reprogram:
       agent.sm->doForceRouteReprogramming();
-      break;
-   case EventKind::clog:
-      agent.attrLog->isAttrLogOutCloggedIs( inputs_.clogged );
       break;
    case EventKind::poll:
       poll( n[0] );
@@ -540,7 +551,9 @@ void World::mend() {
 bool World::unhindered() const {
    const HardwareEntries there = hardware().entries();
    const auto hasRoom = []( size_t entries, U32 limit ) { return limit == 0 || entries < limit; };
-   return inputs_.cleanButForRoom() && hasRoom( there.routes, inputs_.capacity[0] ) &&
+   // Slow hardware may still owe what a retry has written, while it is full again and again.
+   return inputs_.cleanButForRoom() && ( inputs_.clean() || agent_->hardware->idle() ) &&
+          hasRoom( there.routes, inputs_.capacity[0] ) &&
           hasRoom( there.adjacencies, inputs_.capacity[1] ) &&
           hasRoom( there.fecs, inputs_.capacity[2] );
 }

@@ -91,6 +91,7 @@ class World {
    void writeEverything();
    void republish( U32 how );
    void poll( size_t limit );
+   void run( const Event& event );
 
    HardwareFactory factory_;
    Inputs inputs_;
