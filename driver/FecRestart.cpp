@@ -171,7 +171,7 @@ void FecUnit::syncHeld( FecId fecId, bool byContent ) {
       syncHeld( backup, byContent );
    }
    if ( isWanted && !byContent && matched( fecId, vias, backup, false ) == nullptr ) {
-      return; // its turn comes
+      return; // the operation that is queued brings it in line
    }
    held_.erase( fecId );
    sync( fecId );

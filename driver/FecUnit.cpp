@@ -93,7 +93,7 @@ void FecUnit::reportStates() {
    }
 }
 
-// Of one that nothing protects, only that nothing leaves by it.
+// Of a FEC that nothing protects, only that nothing leaves by it.
 void FecUnit::report( HwFec& fec ) {
    const AdjHwState state = stateOf( fec );
    stateIs( fec,
@@ -176,7 +176,7 @@ void FecUnit::sync( FecId fecId ) {
    const bool isWanted = wanted( fecId, vias, backup );
    const Ptr< HwFec >* const there = fecs_.find( fecId );
    if ( there && queued_.has( fecId ) ) {
-      return; // its turn comes
+      return; // the operation that is queued brings it in line
    }
    if ( !isWanted ) {
       remove( fecId );
@@ -294,9 +294,9 @@ void FecUnit::contentIs( HwFec& fec, const std::vector< FecVia >& vias, FecId ba
    fec.via = vias;
    fec.backupFecId = backup;
    HwFec* const protecting = this->fec( backup );
-   // One that could not be rewritten yet is what it was for others.
-   backupIs( fec,
-             protecting == fec.backup.get() || !waiting_.has( backup ) ? protecting : nullptr );
+   // A backup that has not been rewritten yet is still what it was for others.
+   const bool old = waiting_.has( backup ) || ( protecting && behind( *protecting ) );
+   backupIs( fec, protecting == fec.backup.get() || !old ? protecting : nullptr );
    dependsOn( fec, true );
 }
 

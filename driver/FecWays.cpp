@@ -129,7 +129,7 @@ bool FecUnit::enter( const void* what, const std::function< std::string() >& nam
       return false;
    }
    if ( !first && met->depth <= way.depth ) {
-      return false; // it has been said why
+      return false; // `why` says it already
    }
    *met = { way.depth, true };
    return true;

@@ -247,7 +247,7 @@ class VEL_EXPORT ExternalFecInfo : public Entity {
    ATTRIBUTE( U64, hwId ) // what the hardware layer granted; 0 until then
    ATTRIBUTE( U64, carriedOut )       // the version of the request that stands behind it
    ATTRIBUTE( AdjSyncId, syncId )     // what it was before a restart, with the routes of that time
-   ATTRIBUTE( bool, joinersWait )     // until that is the one that is requested now
+   ATTRIBUTE( bool, joinersWait )     // until hardware has carried out what is requested now
    ATTRIBUTE( bool, publishedBehind ) // some of its routes, while that was not so
    SET( HashSet, L3Adjacency*, dependentL3Adjacency )
    SET( HashSet, ExternalFecInfo*, dependentPrimaryExtFecInfo ) // those that this one protects

@@ -121,7 +121,7 @@ void DriverReports::handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::Rout
    sm_.counters()->routesRefusedInc( unprogrammed );
    const bool former = &status != parts_.vrfs.writtenHwVrfStatus( *vrfState );
    if ( !former ) {
-      // To leave the list is not to be in hardware: that is for `route` to say.
+      // A key that leaves the list need not be in hardware: `route` tells that.
       const MplsHwVrfConfig* const config = in_.mplsHwConfig->vrfConfig( status.vrfId() );
       parts_.routes.routeUnprogrammedIs( *route, unprogrammed || config == nullptr ||
                                                     !config->routeHas( routeKey ) ||
@@ -170,7 +170,7 @@ void DriverReports::handleUnprogrammedAdj( MplsHwVrfStatus& status,
       l2Adj->unprogrammedSinceIs( unprogrammed ? in_.clock->now() : neverTime );
    } else {
       sm_.counters()->reportsLateInc(
-         unprogrammed ); // one that goes leaves the driver's list as well
+         unprogrammed ); // an adjacency that is removed leaves the driver's list as well
    }
    sm_.counters()->adjacenciesRefusedInc( unprogrammed );
    if ( unprogrammed ) {

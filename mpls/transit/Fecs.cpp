@@ -148,7 +148,7 @@ void Fecs::createFecForRequestAndUpdateL3Adj( VrfMplsState& vrfState, L3Adjacenc
    }
    Fib::Fec fec{ fecId, {}, {} };
    Fib::FecId backup;
-   // A next-hop group's FEC is the group's: what is in it is not ours to say.
+   // The agent that made a next-hop group decides what is in the group's FEC.
    if ( !FecIds::usesGroupFec( mplsVias ) ) {
       backup = parts_.protection.backupFecIdToRequest( vrfState, l3Adj, viaSet, popRemoved );
       fec = fecOf( fecId, mplsVias, popRemoved, backup );
@@ -222,8 +222,8 @@ void Fecs::requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib::F
    const HwFecIdRequest* const there = request.hwFecIdRequest().find( fecId );
    const U64 version = there && !differs ? there->version : ++lastFecVersion_;
    request.hwFecIdRequestIs( { fecId, vrfState.vrfName(), version } );
-   // Routes are recorded against the FEC that they forward into; until they have come into the new
-   // one that is the old one.
+   // Routes are recorded against the FEC that they forward into: the old one until they have come
+   // into the new one.
    for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
       const MplsRoute* const route = vrfState.route( routeKey );
       if ( route && route->extFecInfo() && route->extFecInfo() != info ) {
@@ -384,8 +384,9 @@ void Fecs::handleMplsMcastHwFecIdResp( Fib::FecId fecId ) {
    }
 }
 
-// Hardware has carried out what is requested of the FEC, or part of it. Routes wait for that; where
-// it took its time, it has been published; and what protected the FEC before may go.
+// Hardware has carried out what is requested of the FEC, or part of it. Three wait for that: routes
+// that are to come into the FEC, routes that were published while hardware was behind, and the
+// backups that protected the FEC before.
 void Fecs::queueWaitingForFec( VrfMplsState& vrfState, ExternalFecInfo& info ) {
    if ( !isBehind( info ) ) {
       releaseFormerBackups( vrfState, info );

@@ -83,8 +83,8 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
                                             l3Adj->extFecInfo() != fecBefore );
 }
 
-// What it is made of does not depend on its routes: all that can follow from a route that has left
-// is its end, and that of what was kept for the route.
+// What an adjacency is made of does not depend on its routes. When one has left, only two things can
+// end: the adjacency, and what it kept for that route.
 void L3Adjacencies::processL3AdjLeft( VrfMplsState& vrfState, U64 index ) {
    L3Adjacency* const l3Adj = vrfState.l3Adjacency( index );
    MPLS_ASSERT( l3Adj, "l3Adj", textOf( index ) );
@@ -166,7 +166,7 @@ void L3Adjacencies::programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacenc
    if ( adjType != L3AdjLFibAdjType::adjTypeRegular ) {
       // Next-hop groups and dynamic tunnels are FECs, which this platform does not have.
       MPLS_TRACE( 3, "Unsupported lFib Adj ", adjType );
-      // What was programmed of an earlier content is not what the via set says now.
+      // What is programmed is of an earlier content of the via set.
       releaseVias( vrfState, l3Adj );
       return;
    }
@@ -187,7 +187,7 @@ void L3Adjacencies::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3A
    MPLS_ASSERT( mplsVias->vias(), "mplsVias->vias()", l3Adj.fullName() );
    MPLS_TRACE( 7, "LFib via set ", viaSet.key(), " via size ", mplsVias->vias() );
    MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", mplsVias->vias() );
-   // What a next-hop group does with the label is the group's to say.
+   // The agent that made a next-hop group decides what happens to the label.
    Protection::labelActionIs( l3Adj, FecIds::usesGroupFec( *mplsVias )
                                         ? MplsLabelAction::none
                                         : ViaSets::actionOf( *mplsVias ) );
@@ -201,7 +201,8 @@ void L3Adjacencies::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3A
       fecId = parts_.fecIds.getFecIdForRequest( l3Adj, *mplsVias, vrfState, true );
    }
    if ( fecId.adjType() == Fib::AdjType::nexthopGroupAdj ) {
-      vrfState.lFibViaSetToFecIdDel( viaSet.key() ); // of an earlier content; nobody's backup now
+      // The id of the FEC that an earlier content had: no adjacency is to be protected by that FEC.
+      vrfState.lFibViaSetToFecIdDel( viaSet.key() );
    }
    if ( l3Adj.isOfGroup() && l3Adj.extFecInfo()->fecId() != fecId ) {
       // The group may be the adjacency's again, with another pop, before they have left it.
@@ -295,9 +296,9 @@ void L3Adjacencies::leaveFecs( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
    Protection::queuePrimaries( vrfState, l3Adj );
 }
 
-// An earlier content is kept for those that are in hardware by it, and for nobody else. A wait for
-// a review is over too soon for that: to let go and take up again what watches next hops and
-// requests FECs would bring just the news that ends in the next review.
+// An earlier content is kept only for routes that are in hardware by it. It is kept as well while the
+// adjacency waits for the review of its backup, which comes soon: releasing the next hops and the
+// FEC, and asking for them again, would cause the very events that lead to the next review.
 void L3Adjacencies::maybeReleaseOutdated( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
    if ( !l3Adj.outdated() || l3Adj.awaitedBackup().awaits == BackupAwaits::review ||
         l3Adj.primaryAdjs() + l3Adj.carriedRouteKeys() != 0 ||
@@ -388,7 +389,8 @@ void L3Adjacencies::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3A
          continue;
       }
       const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
-      // Also one that is gone: it may come back before its end is processed.
+      // A route that is gone counts as one that left: it may come back, over another via set, before
+      // its end is processed.
       if ( !!lfibRoute && lfibRoute.viaSetKey == l3Adj.lFibViaSetKey() ) {
          continue;
       }
@@ -404,7 +406,7 @@ void L3Adjacencies::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3A
    }
 }
 
-// What the adjacency is until now goes on as another one, for these routes.
+// Another adjacency takes over what this one is until now, and carries these routes.
 void L3Adjacencies::carryByFormer( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                    const std::vector< Mpls::RouteKey >& routes ) {
    if ( routes.empty() ) {
@@ -429,7 +431,7 @@ void L3Adjacencies::carryByFormer( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    for ( const IpAddrIntfId& key : l3Adj.nextHop() ) { // also those of a still earlier content
       NextHops::useNextHop( vrfState, former, key );
    }
-   // It keeps no backup: one that counts as used by it could take none of its own, and the routes
+   // The superseded adjacency keeps no backup: that could take none of its own, and the routes
    // that it carries may wait for just that.
    for ( const Mpls::RouteKey routeKey : routes ) {
       l3Adj.carriedRouteKeyDel( routeKey );

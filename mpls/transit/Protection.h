@@ -40,7 +40,7 @@ class Protection : private Part {
                                              const Mpls::LfibViaSet& viaSet );
    void setHwBackupAdjStatus( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   /// The one that protects it counts who pops.
+   /// Sets what the adjacency does with the label; its backup counts how many of its primaries pop.
    static void labelActionIs( L3Adjacency& l3Adj, MplsLabelAction action );
    /// What the adjacency waits for may come with a look again, for a few looks in a row that were
    /// no use; then only news brings it back. Adjacencies that wait for each other in a circle would

@@ -9,9 +9,9 @@ namespace Vel::Transit {
 
 namespace {
 
-// Which way hardware takes. It says so of FECs that are protected, and of others that nothing
-// leaves by them; which of two ways one of ours took that is not protected any more is of the time
-// before.
+// Which way hardware takes by the FEC. Hardware reports the way of protected FECs, and of any FEC that
+// nothing leaves by it. A way that was reported of one of our FECs while it was protected says
+// nothing any more when it is not.
 AdjHwState hwStateOf( const ExternalFecInfo& info ) {
    const AdjHwState state = info.adjState();
    return info.fecId().ofLabelViaSet() && !info.backupExtFecInfo() && state != AdjHwState::down
@@ -96,7 +96,7 @@ void Publisher::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey
 Publisher::WaysOut Publisher::waysOutOf( const VrfMplsState& vrfState, const MplsRoute& route,
                                          bool behind ) const {
    const WaysOut ways = waysInHardwareOf( route, behind );
-   // Carried until its own via set can take it, it leaves by what was meant before.
+   // A route that is carried leaves by what was meant before.
    const bool former =
       route.l3Adj()->otherVias() || vrfState.carrierOf( route.routeKey() ) != nullptr;
    return former ? std::min( ways, WaysOut::some ) : ways;

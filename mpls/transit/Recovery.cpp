@@ -79,7 +79,7 @@ bool Recovery::maySweepStaleRoutes() {
    }
    const size_t recovered = in_.mplsRouteSyncMap->adjSyncIds();
    const double share = staleShare( stale );
-   sm_.staleSweepHeldIs( !( share <= sm_.maxStaleShare() ) ); // no number holds as well
+   sm_.staleSweepHeldIs( !( share <= sm_.maxStaleShare() ) ); // also where the share is no number
    SystemLogHandle& handle = sm_.staleSweepHeld() ? staleSweepWaits : staleSweep;
    const std::string text =
       joinText( stale, " of ", recovered, " routes that were in hardware before the restart (",
@@ -225,7 +225,7 @@ void Recovery::sweepStaleRoutes() {
    const L3::VrfName vrf = L3::VrfName::defaultVrf();
    forgetWantedStale();
    for ( const Mpls::RouteKey routeKey : sm_.staleRecoveredRoute() ) {
-      // The configuration of this process never held it: what is in hardware goes by the helper.
+      // The configuration of this process never held the route: the helper takes it out.
       if ( VrfMplsState* const vrfState = sm_.mplsState( vrf ) ) {
          parts_.routeWriter.unprogramRouteKey( *vrfState, routeKey );
       }

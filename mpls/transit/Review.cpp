@@ -243,7 +243,8 @@ void Review::retryUnprogrammed( VrfMplsState& vrfState ) {
    vrfState.retryRoutesFirstIs( !whole && !routesFirst );
 }
 
-// False when the slice was too short. A round goes over all of them before any has another turn.
+// False when the slice was too short. Each adjacency is written again once before any of them is
+// written twice.
 bool Review::retryAdjacencies( VrfMplsState& vrfState, MplsHwVrfStatus& status ) {
    const MplsHwVrfConfig& config = *sm_.velMplsHwVrfConfig( vrfState.vrfName() );
    for ( auto pass = status.unprogrammedAdjacencyWork().workPass(); pass.next(); ) {
@@ -267,7 +268,7 @@ bool Review::retryAdjacencies( VrfMplsState& vrfState, MplsHwVrfStatus& status )
    return true;
 }
 
-// The set's own cursor goes round.
+// A pass over the set goes on where the last one stopped, so that each route has its turn.
 bool Review::retryRoutes( VrfMplsState& vrfState, MplsHwVrfStatus& status ) {
    auto pass = status.unprogrammedRouteWork().workPass();
    while ( status.unprogrammedRoutes() != 0 ) {

@@ -10,7 +10,7 @@ namespace Vel::Transit {
 bool RouteWriter::writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj ) {
    const L3Adjacency* const carrier = vrfState.carrierOf( route.routeKey() );
    const bool byIt = route.inHardwareBy( l3Adj ) && ( carrier == nullptr || carrier == &l3Adj );
-   // With an L2 adjacency also by a former one: that follows next hops, and goes on after them.
+   // A route with an L2 adjacency also has it by a former adjacency, which follows next hops.
    const bool has =
       byIt || ( carrier == nullptr && route.l2Adj() && !route.extFecInfo() && !l3Adj.extFecInfo() );
    if ( !has && ( l3Adj.outdated() || vrfState.isAdjPendingForReview( l3Adj.index() ) ) ) {
@@ -93,7 +93,7 @@ void RouteWriter::writeRouteWithFec( VrfMplsState& vrfState, MplsRoute& route,
    const bool wasThere = route.inFecInHardware();
    route.unconfirmedWritesInc();
    sm_.counters()->routesWrittenInc();
-   // A next-hop group does not pop for us.
+   // A next-hop group does not pop: the pop is written with the route.
    const Mpls::Hardware::Adjacency& hwAdj = *in_.routingHwMplsStatus->adjacency( l3Adj.index() );
    const bool popsHere =
       info->popLabelActionRemoved() ||
@@ -189,7 +189,7 @@ void RouteWriter::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& rou
                                  L3AdjReview::viaSetChanged ); // mended, and still to be announced
    }
    if ( vrfState.isAdjPendingForReview( l3Adj.index() ) ) {
-      // What is in hardware stays until it is known what shall be.
+      // What is in hardware stays until the review has decided what is to be there.
       MPLS_TRACE( 7, "not removing routeKey ", routeKey,
                   " because adj review is pending. Add routeKey for review again" );
       vrfState.routeKeyForReviewIs( routeKey );
@@ -239,8 +239,8 @@ bool RouteWriter::stayInHardware( VrfMplsState& vrfState, MplsRoute& route ) {
    return true;
 }
 
-// What is in hardware stays there, the VRF's number brings everything back. What leads nowhere any
-// more goes at once, and what is not there is not in hardware.
+// The VRF has no number, and nothing can be written. A route that hardware has stays there until the
+// number is back; one whose FEC has lost its hardware id goes at once.
 void RouteWriter::stayWithoutNumber( VrfMplsState& vrfState, MplsRoute& route ) {
    if ( route.extFecInfo() && route.extFecInfo()->hwId() == 0 ) {
       unprogramRouteKey( vrfState, route.routeKey() );
@@ -289,7 +289,8 @@ void RouteWriter::unprogramRouteKey( VrfMplsState& vrfState, Mpls::RouteKey rout
    leaveCarrier( vrfState, routeKey );
 }
 
-// A route into a FEC is not the configuration's, and its FEC may be another VRF's.
+// A route into a FEC stands not in the configuration, and the FEC may have been requested for another
+// VRF.
 void RouteWriter::unprogramRouteIntoFec( const VrfMplsState& vrfState, Mpls::RouteKey routeKey ) {
    const MplsRoute* const route = vrfState.route( routeKey );
    if ( !sm_.forwardingIntoExternalFecsSupported() || route == nullptr ) {
@@ -352,7 +353,7 @@ void RouteWriter::clearRouteMappings( VrfMplsState& vrfState, Mpls::RouteKey rou
    }
 }
 
-// The reason goes first, so that whoever hears of the key sees why.
+// The reason is written first, so that whoever hears of the key finds it.
 void RouteWriter::addUnprogrammedRoute( VrfMplsState& vrfState, Mpls::RouteKey routeKey,
                                         UnprogrammedReason reason ) {
    if ( MplsHwVrfStatus* const status = sm_.velMplsHwVrfStatusNonConst( vrfState.vrfName() ) ) {

@@ -25,7 +25,7 @@ void Routes::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    }
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
    if ( !!lfibRoute && !parts_.viaSets.routeSupported( lfibRoute ) ) {
-      // Another state machine's by now; the announcement is still to come.
+      // Another state machine handles the route by now; the announcement is still to come.
       sm_.mplsIpRouteKeyDel( routeKey );
       parts_.routeWriter.deleteRouteKeyAndRoute( vrfState, routeKey );
       return;
@@ -65,7 +65,7 @@ void Routes::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    L3Adjacency& l3Adj = bindRouteToL3Adj( vrfState, *route, lfibRoute.viaSetKey );
    const bool wasElsewhere = route->inHardware() && !route->inHardwareBy( l3Adj );
    const bool waits = !parts_.routeWriter.writeRoute( vrfState, *route, l3Adj );
-   // In the FEC of a group it may have been by another via set.
+   // The route may be in the FEC of a next-hop group by another via set.
    const bool byIt = route->inHardwareBy( l3Adj ) && !( waits && l3Adj.isOfGroup() );
    if ( !route->inHardware() || byIt ) {
       RouteWriter::leaveCarrier( vrfState, routeKey );
@@ -124,12 +124,12 @@ void Routes::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey vi
    }
 }
 
-// What is in hardware stays there, carried by the adjacency that it has it from.
+// What hardware has of the route stays there, carried by the adjacency by which it came in.
 void Routes::stayWithoutViaSet( VrfMplsState& vrfState, MplsRoute& route ) {
    L3Adjacency* const bound = route.l3Adj().get();
    if ( bound == nullptr || !route.inHardware() ) {
-      parts_.routeWriter.takeRouteOut(
-         vrfState, route ); // nor is one that was refused to be tried again before
+      parts_.routeWriter.takeRouteOut( vrfState,
+                                       route ); // also off the list of those to be retried
       return;
    }
    RouteWriter::maybeCarry( vrfState, *bound, route );
@@ -148,7 +148,8 @@ void Routes::awaitViaSet( Mpls::LfibViaSetKey viaSetKey ) {
    }
 }
 
-// A route that goes leaves what it waited for; that costs a look now and then.
+// A route that goes does not take its via set off the list of those that are awaited: what no route
+// uses any more is looked for now and then.
 void Routes::forgetUnusedViaSets() {
    for ( const auto& [viaSetKey, since] : sm_.viaSetAwaited() ) {
       if ( !sm_.lfibTrackingStatus()->viaSetKeyToRouteKeySet( viaSetKey ) ) {
@@ -171,7 +172,7 @@ L3Adjacency& Routes::bindRouteToL3Adj( VrfMplsState& vrfState, MplsRoute& route,
       bound->routeKeyDel( routeKey );
       RouteWriter::maybeCarry( vrfState, *bound, route ); // until another one is written
       if ( sm_.recoveredRouteHas( routeKey ) ) {
-         // It was to go with the others; now it is not.
+         // The offer was made for routes that all wait for one FEC; this one waits for another now.
          in_.hwFecIdRequest->mayReplaceDel( in_.mplsRouteSyncMap->adjSyncId( routeKey ) );
       }
       vrfState.l3AdjLeftIs( bound->index() ); // it may have been its last user

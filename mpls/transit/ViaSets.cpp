@@ -11,7 +11,7 @@ namespace Vel::Transit {
 
 namespace {
 
-// Ids of our own kinds are ours to give, and an index has to fit into an interface.
+// Only this library gives ids of its own kinds, and an index has to fit into an interface.
 bool externalFecIdValid( Fib::FecId fecId ) {
    constexpr U64 indexLimit = U64{ 1 } << 48;
    if ( !fecId.valid() || fecId.index() >= indexLimit ) {
