@@ -22,7 +22,7 @@ namespace Vel::Driver {
 enum class OperationKind : uint8_t {
    vrfMade,
    vrfGone,
-   mplsRouting, ///< the version says whether it is wanted
+   mplsRouting, ///< `enabled` says whether it is wanted
    adjacencyWritten,
    adjacencyRemoved,
    routeWritten,
@@ -69,7 +69,7 @@ struct Operation {
    Fib::FecId fecId() const { return Fib::FecId( number ); }
 };
 static_assert( sizeof( Operation ) == 32, "a million of them may wait" );
-/// "routeWritten vrf 0 routeKey 16001 adjacency 7 version 3"
+/// "routeWritten vrf 0 routeKey 16001 adjacency 7 version 3", "mplsRouting vrf 0 on"
 void appendText( std::string& out, const Operation& operation );
 
 /// First in, first out, in chunks: adding moves nothing, and a queue that is emptied as it is

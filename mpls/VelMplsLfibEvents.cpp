@@ -9,15 +9,15 @@ namespace Vel {
 void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
    const L3::VrfName& vrf = L3::VrfName::defaultVrf();
    MPLS_TRACE_CALL( 3, " vrf ", vrf, " routeKey ", routeKey );
-   // Whoever walks the LFIB meets again what has been announced.
-   const U64 news = !walksLfib_ || !mplsIpRouteKeyHas( routeKey ) ? 1 : 0;
+   const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+   // A walk over the LFIB meets again what has been announced.
+   const U64 news = !walksLfib_ || !lfibRoute || !mplsIpRouteKeyHas( routeKey ) ? 1 : 0;
    counters_->routesReceivedInc( news );
    if ( !mplsRoutingEnabled( vrf ) ) {
       MPLS_TRACE( 3, "mplsRouting disable in vrf ", vrf );
       counters_->routesIgnoredInc( news );
       return;
    }
-   const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
    if ( !lfibRoute ) {
       if ( !mplsIpRouteKeyHas( routeKey ) ) {
          MPLS_TRACE( 7, "Ignoring LFIB route ", routeKey );

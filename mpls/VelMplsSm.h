@@ -28,7 +28,7 @@
 //    RouteReactorConfig, Route6ReactorConfig, ProactiveArpNexthopSm: what is to be resolved
 //
 // How it works. A handler marks what its event touches in the work sets of `VrfMplsState` and
-// schedules a task; it does no work. Three tasks drain the sets in slices: "reviewVrf" processes L3
+// schedules a task; it does no work but for what must leave hardware, or change its owner, at once. Three tasks drain the sets in slices: "reviewVrf" processes L3
 // adjacencies, then routes, then L2 adjacencies, then pending deletions; "reviewUnprogrammedRoute"
 // retries what the driver refused; "publishReviewRoutes" publishes. An item leaves its set before
 // it is handled: a yield neither loses nor repeats work.
@@ -45,7 +45,8 @@
 // Yield points: before each item of a work set and after each VRF (`shouldTaskYield`).
 // Ownership: see VelMplsRecords.h. Stopping is destruction. Threads: one.
 // Cost: a bounded number of label-indexed look-ups a route and stage; nothing grows with the table
-// but the full walks at the start and when routing is switched on.
+// but the full walks at the start, when routing is switched on, and when the VRF's number or status
+// changes.
 // The work is done by its parts, one class for each topic: see transit/Parts.h.
 
 #pragma once
@@ -107,7 +108,7 @@ class VEL_EXPORT MplsSm : public Entity {
    READ_ONLY( Ptr< TimerTask >, routePublishTask )
    READ_ONLY( Ptr< Mpls::LfibTrackingStatus >, lfibTrackingStatus )
    READ_ONLY( Ptr< Mpls::LfibTrackingSm >, lfibTrackingSm )
-   READ_ONLY( Ptr< NumAllocatorConfig >, numAllocatorConfig )                // of FEC indices, none before it is initialized
+   READ_ONLY( Ptr< NumAllocatorConfig >, numAllocatorConfig )                // of FEC indices, none before the state machine is initialized
    READ_ONLY( Ptr< NumAllocatorStatus >, numAllocatorStatus )
    READ_ONLY( Ptr< NumAllocator >, numAllocator )
    READ_ONLY( Ptr< NumAllocator >, numAllocatorMcastGroupId )
@@ -149,14 +150,6 @@ class VEL_EXPORT MplsSm : public Entity {
    MplsSmStartupStatus mplsSmStartupStatus() const { return mplsSmStartupStatus_; }
    void mplsSmStartupStatusIs( MplsSmStartupStatus status );
 
-   // The allocator of FEC indices is made of its range, of what is in use, and of the clock.
-   void numAllocatorConfigIs( U64 min, U64 max );
-   void numAllocatorStatusIs();
-   void numAllocatorIs();
-   void numAllocatorDel() { numAllocator_ = nullptr; }
-   void numAllocatorConfigDel() { numAllocatorConfig_ = nullptr; }
-   void numAllocatorStatusDel() { numAllocatorStatus_ = nullptr; }
-
    // --- Capabilities
 
    bool forwardingIntoExternalFecsSupported() const;
@@ -179,10 +172,8 @@ class VEL_EXPORT MplsSm : public Entity {
 
    // --- The start (VelMplsSm.cpp, VelMplsStartup.cpp)
 
-   void handleInitialized();
    void doInitialize();
    void handleInputStatusSummaryReady();
-   void handleMplsRouteSyncMap();
    void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
    void handleSyncDone();
    /// An operator's word that the stale routes may be dropped, however many they are.
@@ -209,9 +200,9 @@ class VEL_EXPORT MplsSm : public Entity {
 
    /// Queues every route to be written again.
    void doForceRouteReprogramming();
-   /// Processes the route now instead of in its turn.
+   /// Processes the route now instead of in the next run of its task.
    void processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
-   /// Publishes the route now instead of in its turn, unless it is to be reviewed.
+   /// Publishes the route now instead of in the next run of its task, unless it is to be reviewed.
    void publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
    /// Why a via set cannot be programmed, in words; empty when it can.
    std::string lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const;
@@ -222,6 +213,15 @@ class VEL_EXPORT MplsSm : public Entity {
    Transit::Parts& parts() const { return *parts_; }
 
  private:
+   void handleInitialized();
+   void handleMplsRouteSyncMap();
+   // The allocator of FEC indices is made of its range, of what is in use, and of the clock.
+   void numAllocatorConfigIs( U64 min, U64 max );
+   void numAllocatorStatusIs();
+   void numAllocatorIs();
+   void numAllocatorDel() { numAllocator_ = nullptr; }
+   void numAllocatorConfigDel() { numAllocatorConfig_ = nullptr; }
+   void numAllocatorStatusDel() { numAllocatorStatus_ = nullptr; }
    void clearOutputs();
    void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBacklogNotification );
 

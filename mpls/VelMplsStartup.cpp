@@ -12,11 +12,11 @@
 //    mplsSmNormal <──adjSyncDone, stale routes removed── mplsSmWaitingForSyncResponses
 //
 // Inputs: MplsSmInputSummary::status, MplsRouteSyncMap, LfibStatus::ready, the stage prerequisites'
-// adjSyncDone, the VRF's name and number. Outputs: the request table's adjSyncIdMap, mayReplace,
-// mayTakeOver and syncRequestsReady; routes that go, through MplsSmHelper.
+// adjSyncDone, the VRF's name and number. Output: syncRequestsReady. What else is
+// written at a start: transit/Recovery.h (adjSyncIdMap, routes that go), transit/FecRoom.h (mayReplace,
+// mayTakeOver).
 //
-// Cost: the replay is one look-up a route. What is stale, and goes in the end: see
-// transit/Recovery.h.
+// Cost: the replay is one look-up a route.
 
 #include "mpls/VelMplsSm.h"
 #include "mpls/VelMplsTrace.h"

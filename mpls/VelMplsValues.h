@@ -48,20 +48,23 @@ struct EnumNames< L3AdjLFibAdjType > {
 
 /// Why an L3 adjacency is to be reviewed; of several reasons the last.
 enum class L3AdjReview : U32 {
-   none = 0,          ///< it is not
-   routeLeft,         ///< whether it can go: nothing that it is made of depends on its routes
+   none = 0, ///< it is not
+   /// Whether it can go: nothing that it is made of depends on its routes. Stays before the others,
+   /// which all mean that it is to be programmed.
+   routeLeft,
    made,              ///< it is new
    viaSetChanged,     ///< or may have changed: the LFIB is read ahead of its announcements
    nextHopChanged,    ///< one that it resolves through
-   l2AdjReported,     ///< the driver has refused its L2 adjacency, or does so no longer
+   l2AdjReported,     ///< its L2 adjacency: refused, no longer refused, or left by another
    fecAnswered,       ///< its FEC has another hardware id, or none
+   backupLooked,      ///< another look at the backup that it waits for, without news of it
    backupNews,        ///< what it waits for under a backup's via set, or a backup's FEC
    protectionChanged, ///< whom it protects, or where the pop of those that share its protection is
-   routingOn,         ///< what changed while label forwarding was off went unheard
+   routingOn,         ///< label forwarding came on, or the VRF has got a number
 };
 template<>
 struct EnumNames< L3AdjReview > {
-   static constexpr std::array< std::pair< L3AdjReview, std::string_view >, 10 > names{
+   static constexpr std::array< std::pair< L3AdjReview, std::string_view >, 11 > names{
       { { L3AdjReview::none, "none" },
         { L3AdjReview::routeLeft, "routeLeft" },
         { L3AdjReview::made, "made" },
@@ -69,6 +72,7 @@ struct EnumNames< L3AdjReview > {
         { L3AdjReview::nextHopChanged, "nextHopChanged" },
         { L3AdjReview::l2AdjReported, "l2AdjReported" },
         { L3AdjReview::fecAnswered, "fecAnswered" },
+        { L3AdjReview::backupLooked, "backupLooked" },
         { L3AdjReview::backupNews, "backupNews" },
         { L3AdjReview::protectionChanged, "protectionChanged" },
         { L3AdjReview::routingOn, "routingOn" } } };

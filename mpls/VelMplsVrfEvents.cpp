@@ -19,6 +19,9 @@ void MplsSm::handleVrfNumber( const L3::VrfName& vrf ) {
       if ( mplsRoutingEnabled( vrf ) ) {
          handleMplsRouting( true );
       }
+      if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
+         parts_->driverReports.readAdjHwStates( *vrfState );
+      }
    }
    if ( VrfMplsState* const vrfState = mplsState( vrf ); vrfState && !initialized() ) {
       parts_->vrfs.noteVrfNumber( *vrfState ); // nothing has been written yet
@@ -46,8 +49,8 @@ void MplsSm::handleMplsRouting( bool enabled ) {
    }
    mplsIpRouteKeyDelAll();
    for ( const Mpls::RouteKey routeKey : recoveredRoute() ) {
-      parts_->recovery.dropRecoveredRoute( vrf,
-                                           routeKey ); // those without a record would be nobody's
+      // A recovered route without a record would be nobody's.
+      parts_->recovery.dropRecoveredRoute( vrf, routeKey );
    }
    if ( VrfMplsState* const vrfState = mplsState( vrf ) ) {
       // The review deletes each; the hardware is told when nothing is pending any more.
@@ -55,8 +58,8 @@ void MplsSm::handleMplsRouting( bool enabled ) {
          vrfState->routeKeyForReviewIs( key );
       }
       parts_->review.doMaybeScheduleReview( vrf );
-      parts_->review.doMaybeScheduleReviewOrDeleteVrfState(
-         vrf ); // a state without routes has no review to come
+      // A state without routes has no review to come.
+      parts_->review.doMaybeScheduleReviewOrDeleteVrfState( vrf );
    } else {
       velMplsHwVrfConfig( vrf ); // there from now on, for the driver
       MPLS_TRACE( 3, "mplsRouting disabled in vrf ", vrf );

@@ -5,7 +5,6 @@
 
 #include <map>
 #include <memory>
-#include <variant>
 #include <vector>
 
 #include "platform/seams/L3Status.h"

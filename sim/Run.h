@@ -8,7 +8,6 @@
 
 #include <functional>
 #include <optional>
-#include <string>
 
 #include "sim/Hardware.h"
 #include "sim/Watch.h"

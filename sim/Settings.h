@@ -4,7 +4,6 @@
 #pragma once
 
 #include <array>
-#include <string>
 #include <string_view>
 
 #include "platform/values/IpTypes.h"

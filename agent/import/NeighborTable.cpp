@@ -1,6 +1,5 @@
 #include "agent/import/NeighborTable.h"
 
-#include <algorithm>
 #include <optional>
 #include <unordered_set>
 #include <utility>

@@ -1,6 +1,5 @@
 #include "agent/report/TableDiff.h"
 
-#include <algorithm>
 #include <map>
 
 #include "agent/import/ImportChecks.h"

@@ -169,8 +169,8 @@ void DriverReports::handleUnprogrammedAdj( MplsHwVrfStatus& status,
       vrfState->l2AdjForReviewIs( id );
       l2Adj->unprogrammedSinceIs( unprogrammed ? in_.clock->now() : neverTime );
    } else {
-      sm_.counters()->reportsLateInc(
-         unprogrammed ); // an adjacency that is removed leaves the driver's list as well
+      // An adjacency that is removed leaves the driver's list as well.
+      sm_.counters()->reportsLateInc( unprogrammed );
    }
    sm_.counters()->adjacenciesRefusedInc( unprogrammed );
    if ( unprogrammed ) {
@@ -190,6 +190,20 @@ void DriverReports::handleUnprogrammedAdj( MplsHwVrfStatus& status,
       }
    }
    parts_.review.doMaybeScheduleReview( vrfName );
+}
+
+void DriverReports::readAdjHwStates( VrfMplsState& vrfState ) {
+   const AdjHwStatus* const states = in_.velL3Status->adjHwStatus().get();
+   if ( states == nullptr || vrfState.writtenVrfId() == noVrfId ) {
+      return;
+   }
+   const auto vrfId = static_cast< VrfId >( vrfState.writtenVrfId() );
+   for ( const auto& [fecId, info] : vrfState.extFecInfo() ) {
+      const AdjHwState reported = states->adjHwState( { vrfId, fecId } );
+      if ( reported != AdjHwState::unknown && reported != info->adjState() ) {
+         handleAdjHwState( { vrfId, fecId } );
+      }
+   }
 }
 
 void DriverReports::handleAdjHwState( const Fib::GlobalFecId& globalFecId ) {
@@ -247,8 +261,7 @@ void DriverReports::handleMcastId( VrfId vrfId, U16 groupId ) {
       MPLS_TRACE( 3, "no name for vrf ", vrfId, " of group ", groupId );
       return;
    }
-   MPLS_ASSERT( vrfName == L3::VrfName::defaultVrf(), "vrfName == L3::VrfName::defaultVrf()",
-                vrfName.text() );
+   Vrfs::assertDefaultVrf( vrfName );
    MPLS_TRACE( 3, sm_.mplsStateHas( vrfName ) ? "no multicast group " : "no vrf state for group ",
                groupId );
 }

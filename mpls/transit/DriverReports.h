@@ -5,10 +5,11 @@
 // what is refused are counted as they change; the count decides about retries and about the system
 // log, where each full message has its normal one.
 //
-// State: MplsRoute::unprogrammed and unconfirmedWrites, VrfMplsState::numUnprogrammedRoute,
-// numUnprogrammedAdj, unprogrammedRetryInterval, ExternalFecInfo::adjState. Writes
-// MplsHwVrfStatus::unprogrammedReason, and takes stray keys off unprogrammedRoute.
-// Cost: constant for a route; a FEC's state marks its routes for publishing.
+// State: MplsRoute::unconfirmedWrites, VrfMplsState::numUnprogrammedRoute, numUnprogrammedAdj and
+// unprogrammedRetryInterval, ExternalFecInfo::adjState. Writes MplsHwVrfStatus::unprogrammedReason,
+// and takes stray keys off unprogrammedRoute.
+// Cost: constant for a route; a FEC's state marks the routes that are in the FEC, or protected by it;
+// a VRF's status that is made walks all routes.
 
 #pragma once
 
@@ -21,17 +22,19 @@ class DriverReports : private Part {
  public:
    using Part::Part;
 
-   /// The driver has made the VRF's status. What was refused without it could not be listed.
+   /// The driver has made the VRF's status. Routes that were refused while there was none are queued.
    void handleHwVrfStatus( VrfId vrfId );
-   /// A VRF's status is gone with what it listed, whose leaving nobody has heard of.
+   /// The driver has removed a VRF's status: what is listed is counted again.
    void handleHwVrfStatusGone();
    void handleProgrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey );
    void handleUnprogrammedRoute( MplsHwVrfStatus& status, Mpls::RouteKey routeKey );
    void handleUnprogrammedAdj( MplsHwVrfStatus& status,
                                const Ptr< Mpls::Hardware::L2Adjacency >& adjacency );
+   /// Reads what hardware had reported of FECs under the VRF's number before the VRF had that number.
+   void readAdjHwStates( VrfMplsState& vrfState );
    void handleAdjHwState( const Fib::GlobalFecId& globalFecId );
    void handleMcastId( VrfId vrfId, U16 groupId );
-   /// From the lists themselves; arrivals and departures go on from there.
+   /// Sets both counts to what the statuses list; reports then change them by one.
    void countListed( VrfMplsState& vrfState ) const;
    /// A full message that may not be said now is owed: the next retry asks again.
    void maybeSayResourceFull();

@@ -4,6 +4,8 @@
 // number is set aside until the answer is withdrawn, so that no answer is taken for another's.
 //
 // State: MplsSm::numAllocator, fecIdSetAside; VrfMplsState::lFibViaSetToFecId, viaKeyToFecId.
+// L3Adjacencies also deletes from the first of these, where an adjacency has no FEC of ours any more.
+// Cost: one look-up.
 
 #pragma once
 
@@ -20,7 +22,8 @@ class FecIds : private Part {
    /// forwarded into: it gets a FEC of ours, for its backup.
    static bool usesGroupFec( const CachedLFibMplsViaColl& vias );
 
-   /// Whether anybody requests the id or not: the last answer to its former owner may have gone.
+   /// Releases a number that is set aside when no answer stands under it any more; asked at every
+   /// answer, whether anybody requests the id or not.
    void maybeReleaseSetAside( Fib::FecId fecId );
    Fib::FecId getFecIdForRequest( const L3Adjacency& l3Adj, const CachedLFibMplsViaColl& lFibVias,
                                   VrfMplsState& vrfState, bool newFecIdRequired );

@@ -6,7 +6,8 @@
 //
 // Asked when nothing is queued; withdrawn at once when a route is told otherwise.
 // State: FecIdToHwFecIdRequest::mayTakeOver and mayReplace.
-// Cost: one walk over the routes of FECs that are being left, when what waits has changed.
+// Cost: each time that nothing is queued, the routes of FECs that are being left and not offered;
+// after a change during a restart, all FEC requests and all recovered routes.
 
 #pragma once
 
@@ -22,7 +23,7 @@ class FecRoom : private Part {
    /// What waits for FECs may have changed: the next time that nothing is queued, it is looked at.
    void lookAgain() { recoveredFecsToOffer_ = true; }
    /// Routes that are in the FEC wait for another one's answer.
-   void isLeft( Fib::FecId fecId ) { fecsBeingLeft_.insert( fecId ); }
+   void noteLeft( Fib::FecId fecId ) { fecsBeingLeft_.insert( fecId ); }
 
    void maybeOfferFecs( const VrfMplsState* vrfState );
    /// At once: what has been offered and is wanted again, or wanted by nobody any more.

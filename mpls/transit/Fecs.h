@@ -15,7 +15,8 @@
 // the FEC: an answer names the version that stands behind the id.
 //
 // State: VrfMplsState::extFecInfo. Writes FecIdToHwFecIdRequest: fec, fec6, hwFecIdRequest.
-// Cost: a request is one look-up; an answer marks the routes of the FEC's adjacencies.
+// Cost: a request walks the routes of its adjacency and of its FEC a bounded number of times; an
+// answer marks the routes of the FEC's adjacencies.
 
 #pragma once
 
@@ -47,12 +48,13 @@ class Fecs : private Part {
                                const Ptr< ExternalFecInfo >& info );
    void addRouteKeyToExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info );
    void deleteRouteKeyFromExtFecInfo( Mpls::RouteKey routeKey, ExternalFecInfo& info );
-   /// Backups are one level deep, and with them the recursion.
+   /// Deletes the record, the request and the number when no adjacency, route or protected FEC is
+   /// left; then asks the same of its backup, which is one level deep.
    void maybeDeleteExtFecInfo( VrfMplsState& vrfState, Fib::FecId fecId );
    void handleHwFecIdResponse( Fib::FecId fecId );
-   /// Without requests there is nothing to answer to.
+   /// The answer to a multicast request: only releases a number that was set aside.
    void handleMplsMcastHwFecIdResp( Fib::FecId fecId );
-   /// Hardware has what was requested of the FEC before.
+   /// Hardware has an earlier version of what is requested.
    bool isBehind( const ExternalFecInfo& info ) const;
 
  private:

@@ -67,8 +67,8 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    }
    l3Adj->outdatedIs( outcome != L3AdjOutcome::programmed );
    if ( l3Adj->outdated() != wasOutdated || l3Adj->otherVias() != hadOtherVias ) {
-      Publisher::publishRoutesOf( vrfState,
-                                  *l3Adj ); // which leave by part of what is meant, or not any more
+      // Its routes leave by part of what is meant from now on, or not any more.
+      Publisher::publishRoutesOf( vrfState, *l3Adj );
    }
    maybeReleaseOutdated( vrfState, *l3Adj );
    if ( outcome != L3AdjOutcome::backedOff ) {
@@ -138,8 +138,8 @@ L3Adjacencies::L3AdjOutcome L3Adjacencies::programMplsIpL3Adj( VrfMplsState& vrf
                                                                const Mpls::LfibViaSet& viaSet ) {
    const Ptr< CachedLFibMplsViaColl > saneVias = parts_.viaSets.getSaneMplsIpLFibVias( viaSet );
    if ( !parts_.viaSets.validateMplsIpL3Adj( l3Adj, viaSet, saneVias ) ) {
-      parts_.protection.stopWaitingForBackup(
-         vrfState, l3Adj ); // who is not to be programmed needs no backup
+      // An adjacency that is not programmed needs no backup.
+      parts_.protection.stopWaitingForBackup( vrfState, l3Adj );
       l3Adj.otherViasIs( true );
       followVias( vrfState, l3Adj );
       return L3AdjOutcome::kept;
@@ -397,8 +397,8 @@ void L3Adjacencies::supersedeIfChanged( VrfMplsState& vrfState, L3Adjacency& l3A
       if ( !released ) {
          left.push_back( routeKey );
       } else if ( route.l2Adj() ) {
-         parts_.routeWriter.takeRouteOut( vrfState,
-                                          route ); // by what has gone from its adjacency already
+         // The adjacency has released already what the route is in hardware by.
+         parts_.routeWriter.takeRouteOut( vrfState, route );
       }
    }
    if ( !released ) {

@@ -33,7 +33,8 @@ class L3Adjacencies : private Part {
    /// it is queued.
    bool maybeQueueStaleL3Adj( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey );
    void processL3Adj( VrfMplsState& vrfState, U64 index );
-   /// A route has left it, and that is all that has happened.
+   /// A route has left the adjacency and nothing else has changed: deletes the adjacency, or what it
+   /// kept for that route.
    void processL3AdjLeft( VrfMplsState& vrfState, U64 index );
 
  private:

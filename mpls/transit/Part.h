@@ -1,9 +1,9 @@
 // The base of the parts of MplsSm.
 //
-// MplsSm is the entity: it holds all state that others read by name, hears the events and marks
-// what they touch. The work is done by its parts, one class for each topic (see Parts.h). A part
-// works on the attributes of MplsSm and of the records, and keeps for itself only what nobody else
-// needs to see.
+// MplsSm is the entity: it holds all state that others read by name. Its reactors hear the events,
+// and it, or a part, marks what they touch. The work is done by the parts, one class for each topic
+// (see Parts.h). A part works on the attributes of MplsSm and of the records, and keeps for itself
+// only what nobody else needs to see.
 
 #pragma once
 

@@ -9,7 +9,7 @@
 //                        │                       │ queues for publishing
 //                        └──────> Publisher <────┘
 //
-//    asked by all      ViaSets (the LFIB), Vrfs (numbers), FecIds
+//    asked by many     ViaSets (the LFIB), Vrfs (numbers), Fecs; FecIds by Fecs and L3Adjacencies
 //    at a restart      Recovery; in full hardware also later: FecRoom
 
 #pragma once

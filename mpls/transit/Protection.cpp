@@ -144,8 +144,8 @@ void Protection::deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency
       if ( l3Adj.labelAction() == MplsLabelAction::pop ) {
          backup->poppingPrimarysIs( backup->poppingPrimarys() - 1 );
       }
-      vrfState.l3AdjForReviewIs(
-         backup->index(), L3AdjReview::protectionChanged ); // it goes when nothing else uses it
+      // It goes when nothing else uses it.
+      vrfState.l3AdjForReviewIs( backup->index(), L3AdjReview::protectionChanged );
    }
    in_.routingHwMplsStatus->adjacencyBackupStatusDel( l3Adj.index() );
    l3Adj.backupAdjIs( nullptr );
@@ -175,7 +175,7 @@ void Protection::waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj,
    }
    l3Adj.awaitedBackupIs( awaited );
    if ( awaits == BackupAwaits::viaSet && awaited.looks <= maxLooksForBackup ) {
-      vrfState.l3AdjForReviewIs( l3Adj.index(), L3AdjReview::backupNews );
+      vrfState.l3AdjForReviewIs( l3Adj.index(), L3AdjReview::backupLooked );
    }
 }
 

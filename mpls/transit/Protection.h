@@ -16,6 +16,7 @@
 //
 // State: L3Adjacency::backupAdj, primaryAdj, awaitedBackup, poppingPrimarys, popsTold;
 // VrfMplsState::waitsForBackup. Writes Mpls::Hardware::Status::adjacencyBackupStatus.
+// Cost: news of a backup looks at each adjacency that waits for it; all else is a few look-ups.
 
 #pragma once
 
@@ -42,9 +43,8 @@ class Protection : private Part {
    void deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    /// Sets what the adjacency does with the label; its backup counts how many of its primaries pop.
    static void labelActionIs( L3Adjacency& l3Adj, MplsLabelAction action );
-   /// What the adjacency waits for may come with a look again, for a few looks in a row that were
-   /// no use; then only news brings it back. Adjacencies that wait for each other in a circle would
-   /// otherwise send each other round for ever.
+   /// Notes what is awaited. A via set that is missing is looked for again a few times; then only
+   /// news queues the adjacency, or adjacencies that wait for each other would never rest.
    void waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey,
                        BackupAwaits awaits );
    static void forgetLooksForBackup( L3Adjacency& l3Adj );

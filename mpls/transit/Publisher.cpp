@@ -76,6 +76,8 @@ void Publisher::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey
       MPLS_TRACE( 3, "not publishing routeKey", routeKey, " since l3 adjacency doesn't exist" );
       return;
    }
+   Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj->index() );
+   MPLS_ASSERT( hwAdj, "hwAdj", l3Adj->fullName() );
    ExternalFecInfo* const info = route->extFecInfo().get();
    const bool behind = info && parts_.fecs.isBehind( *info );
    if ( behind ) {
@@ -84,8 +86,6 @@ void Publisher::publishRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey
    const WaysOut ways = judgeRoute( vrfState, *route, behind );
    MPLS_TRACE( 7, "publish routeKey ", routeKey, " adj ", l3Adj->index(), " unprogrammed ",
                route->unprogrammed() );
-   Mpls::Hardware::Adjacency* const hwAdj = in_.routingHwMplsStatus->adjacency( l3Adj->index() );
-   MPLS_ASSERT( hwAdj, "hwAdj", l3Adj->fullName() );
    in_.routingHwMplsStatus->routeIs( { routeKey, hwAdj, info ? info->fecId() : Fib::FecId() } );
    in_.lfibHwStatus->unprogrammedRouteIs(
       { routeKey, route->unprogrammed()   ? Mpls::RouteStatusCode::notProgrammed

@@ -4,9 +4,10 @@
 // its vias resolve or not, and whether its backup does. A label without any is unprogrammed, one
 // that leaves by part of what the LFIB means, or by an earlier FEC, is partially programmed.
 //
-// State: VrfMplsState::routeKeyForPublish, L3Adjacency::waysOut. Writes
-// Mpls::Hardware::Status::route and Mpls::LfibHwStatus (unprogrammedRoute, viaSet). Cost: a bounded
-// number of look-ups a route.
+// State: MplsSm::routeKeyToBePublished, VrfMplsState::routeKeyForPublish, L3Adjacency::waysOut,
+// ExternalFecInfo::publishedBehind. Writes Mpls::Hardware::Status::route and Mpls::LfibHwStatus
+// (unprogrammedRoute, viaSet).
+// Cost: a bounded number of look-ups a route.
 
 #pragma once
 
@@ -27,10 +28,11 @@ class Publisher : private Part {
    /// By which of the ways that are meant the route leaves; in a FEC that leads nowhere it is
    /// unprogrammed. `behind`: hardware has not got what is requested of its FEC.
    WaysOut judgeRoute( const VrfMplsState& vrfState, MplsRoute& route, bool behind );
-   /// The adjacency has been processed; its own routes are looked at anyway.
+   /// Notes the ways out of the adjacency's FEC; when they have changed, queues the routes that the
+   /// FEC protects. The adjacency's own routes are queued anyway.
    void judgeL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    static void publishRoutesOf( VrfMplsState& vrfState, const L3Adjacency& l3Adj );
-   /// Whether the FEC leads out may be what keeps the labels that it protects forwarding.
+   /// Queues the routes of the FECs that this one protects: they may leave by it.
    static void publishRoutesProtectedBy( VrfMplsState& vrfState, const ExternalFecInfo& info );
    /// Which way hardware takes by the via set's FEC, where it says so.
    void publishViaSetState( const L3Adjacency& l3Adj );

@@ -10,7 +10,8 @@
 //
 // State: MplsSm::recoveredRoute, staleRecoveredRoute, staleSweepHeld. Writes
 // FecIdToHwFecIdRequest::adjSyncIdMap; routes that go, through MplsSmHelper.
-// Cost: a sweep is one look-up for each route that is stale.
+// Cost: a sweep reads the route, its via set and its vias of each route that is stale; the sync id of
+// a FEC is found by a walk over its adjacency's routes, at each request of the start.
 
 #pragma once
 
@@ -27,8 +28,8 @@ class Recovery : private Part {
    /// The hardware layer has answered all that was requested of it, in the stage that waits for it.
    void syncAnsweredIs( bool answered ) { syncAnswered_ = answered; }
 
-   /// The hardware layer has answered, in the stage that waits for it: the sync ends as soon as
-   /// hardware can be told what goes, and as much may go.
+   /// Ends the sync once hardware has answered, routes can be named, and no more is stale than may
+   /// be dropped.
    void maybeEndSync();
    /// Nothing is queued: what came back may be enough for a sweep that was held, and what waits for
    /// FECs is known.

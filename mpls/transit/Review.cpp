@@ -268,7 +268,7 @@ bool Review::retryAdjacencies( VrfMplsState& vrfState, MplsHwVrfStatus& status )
    return true;
 }
 
-// A pass over the set goes on where the last one stopped, so that each route has its turn.
+// A pass over the set goes on where the last one stopped, so that no route is left out for ever.
 bool Review::retryRoutes( VrfMplsState& vrfState, MplsHwVrfStatus& status ) {
    auto pass = status.unprogrammedRouteWork().workPass();
    while ( status.unprogrammedRoutes() != 0 ) {

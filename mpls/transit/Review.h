@@ -1,4 +1,5 @@
-// Three cooperative tasks drain the work sets in slices.
+// Two of the three cooperative tasks: the one that drains the sets for review, and the one that tries
+// again what is refused. The third publishes (Publisher.h).
 //
 // Scheduling. `doMaybeScheduleReview` is the one entry: whoever queues work calls it. The VRF then
 // waits in `vrfForReview` for "reviewVrf", and in `unprogrammedRouteForReview` for
@@ -7,11 +8,14 @@
 //    queued, anything           ──> both, after reviewInterval
 //    only unprogrammed routes   ──> the second, after the VRF's retry interval
 //
-// Retry interval of a VRF: 0 until the first retry, then `defaultUnprogrammedRetryInterval`; cut to
+// Retry interval of a VRF: 0 until something is refused, then `defaultUnprogrammedRetryInterval`; cut to
 // `reviewInterval` when something that was not in hardware has found room. The first unprogrammed
 // route after a clean period starts the interval instead of being retried at once.
 //
 // An item leaves its set before it is handled: a yield neither loses nor repeats work.
+//
+// State: MplsSm::vrfForReview, unprogrammedRouteForReview; VrfMplsState::lastUnprogrammedReview,
+// unprogrammedRetryInterval, retryRoutesFirst, adjRetried.
 
 #pragma once
 
@@ -28,8 +32,8 @@ class Review : private Part {
    void doMaybeScheduleReviewOrDeleteVrfState( const L3::VrfName& vrf );
    void doForceRouteReprogramming();
    bool shouldTaskYield( const TimerTask& task ) const;
-   /// A run that was cut short goes on at once. While the log is clogged it would only be cut short
-   /// again: the delayed run that whoever was put back has scheduled will do.
+   /// Runs the task again at once after it was cut short; not while the log is clogged: then the run
+   /// that has been scheduled for the VRF goes on.
    void runAgainAtOnce( TimerTask& task ) const;
    void runReviewVrfsTask();
    void runUnprogrammedRouteReviewTask();

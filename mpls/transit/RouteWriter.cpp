@@ -155,7 +155,7 @@ bool RouteWriter::waitsForFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjac
          MPLS_TRACE( 3, "hwId not yet allocated for l3Adj, but route still has hwFecId ",
                      in_.hwFecIdResponse->hwFecId( there->fecId() ).hwId,
                      ", so wait until new extFecInfo response is updated" );
-         parts_.fecRoom.isLeft( there->fecId() );
+         parts_.fecRoom.noteLeft( there->fecId() );
       }
       leaveRouteUnprogrammed( vrfState, route, l3Adj );
       return true;
@@ -163,8 +163,8 @@ bool RouteWriter::waitsForFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjac
    const bool elsewhere = route.extFecInfo() != &info;
    if ( elsewhere && info.backupExtFecInfo() && !l3Adj.outdated() && l3Adj.backupAdj() &&
         l3Adj.backupAdj()->outdated() ) {
-      vrfState.l3AdjForReviewIs( l3Adj.index(),
-                                 L3AdjReview::backupNews ); // the route never had that backup
+      // The route never had that backup.
+      vrfState.l3AdjForReviewIs( l3Adj.index(), L3AdjReview::backupLooked );
       vrfState.routeKeyForReviewIs( routeKey );
       return true;
    }
@@ -185,8 +185,8 @@ void RouteWriter::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& rou
    const Mpls::RouteKey routeKey = route.routeKey();
    if ( l3Adj.outdated() && !l3Adj.awaitedBackup().holdsBack() &&
         parts_.viaSets.lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) {
-      vrfState.l3AdjForReviewIs( l3Adj.index(),
-                                 L3AdjReview::viaSetChanged ); // mended, and still to be announced
+      // Mended, and still to be announced.
+      vrfState.l3AdjForReviewIs( l3Adj.index(), L3AdjReview::viaSetChanged );
    }
    if ( vrfState.isAdjPendingForReview( l3Adj.index() ) ) {
       // What is in hardware stays until the review has decided what is to be there.
@@ -208,8 +208,8 @@ void RouteWriter::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& rou
    if ( sm_.recoveredRouteHas( routeKey ) &&
         ( parts_.recovery.awaitsNoFec( l3Adj ) ||
           !parts_.viaSets.lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) ) {
-      parts_.recovery.dropRecoveredRoute( vrfState.vrfName(),
-                                          routeKey ); // else it waits for its FEC in hardware
+      // Else it waits for its FEC in hardware.
+      parts_.recovery.dropRecoveredRoute( vrfState.vrfName(), routeKey );
    }
    takeRouteOut( vrfState, route );
 }

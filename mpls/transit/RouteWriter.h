@@ -8,12 +8,14 @@
 //    carried    its own adjacency cannot take it yet; the one that it left, the carrier, keeps what
 //               the route is in hardware by, and follows next hops for it
 //    waiting    its FEC is not answered, or is behind what is requested of it
-//    behind     the via set is missing or unfit: what is in hardware stays
+//    kept       the via set is missing or unfit: what is in hardware stays
 //
 // Make before break: what a route leaves is released when the route has been written elsewhere.
 //
 // State: MplsRoute (l2Adj, extFecInfo, unprogrammed, version, unconfirmedWrites),
 // L3Adjacency::carriedRouteKey. A route has one carrier at most.
+// Writes MplsHwVrfConfig::route, MplsHwVrfStatus::unprogrammedRoute and unprogrammedReason.
+// Cost: a bounded number of look-ups a route.
 
 #pragma once
 
@@ -27,8 +29,8 @@ class RouteWriter : private Part {
    using Part::Part;
 
    /// Writes the route the way its adjacency is programmed: by its multicast group, into its FEC,
-   /// or with its L2 adjacency. What the adjacency has of an earlier content is for those only that
-   /// have it: to others the via set never said so. False when the route waits for that.
+   /// or with its L2 adjacency. An outdated or unreviewed adjacency takes no new route: then the
+   /// answer is false, and the route stays as it is.
    bool writeRoute( VrfMplsState& vrfState, MplsRoute& route, L3Adjacency& l3Adj );
    /// The route stays in hardware with what it has while there is nothing else for it yet. It
    /// follows the adjacency that it has it from: a change of that one's next hops is one of its
@@ -38,7 +40,7 @@ class RouteWriter : private Part {
    /// would go with whatever its via set says next.
    static void maybeCarry( const VrfMplsState& vrfState, L3Adjacency& l3Adj,
                            const MplsRoute& route );
-   /// The adjacency by which it was in hardware may have been kept for nothing else.
+   /// Ends the carrying. The carrier is queued: it may have been kept for this route only.
    static void leaveCarrier( VrfMplsState& vrfState, Mpls::RouteKey routeKey );
    void takeRouteOut( VrfMplsState& vrfState, MplsRoute& route );
    void unprogramRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey );

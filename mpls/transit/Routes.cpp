@@ -128,8 +128,8 @@ void Routes::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey vi
 void Routes::stayWithoutViaSet( VrfMplsState& vrfState, MplsRoute& route ) {
    L3Adjacency* const bound = route.l3Adj().get();
    if ( bound == nullptr || !route.inHardware() ) {
-      parts_.routeWriter.takeRouteOut( vrfState,
-                                       route ); // also off the list of those to be retried
+      // Also off the list of those to be retried.
+      parts_.routeWriter.takeRouteOut( vrfState, route );
       return;
    }
    RouteWriter::maybeCarry( vrfState, *bound, route );

@@ -4,8 +4,9 @@
 // via set's adjacency, which is made when there is none, and has RouteWriter write it. The LFIB is
 // read ahead of its announcements, so each question is asked anew.
 //
-// State: VrfMplsState::route, MplsSm::viaSetAwaited (via sets that were missing or not sane: their
-// arrival, or their mending, queues the routes that use them). Cost: a bounded number of look-ups a
+// State: VrfMplsState::route, MplsRoute::unprogrammed, MplsSm::viaSetAwaited (via sets that were missing or not sane: their
+// arrival, or their mending, queues the routes that use them).
+// Cost: a bounded number of look-ups a
 // route; the via sets that nobody awaits any more are looked for when as many again have come.
 
 #pragma once

@@ -77,6 +77,24 @@ std::string dynamicTunnelFault( const CachedLFibMplsViaColl& vias ) {
    return {};
 }
 
+template< class Test >
+bool someViaIntf( const CachedLFibMplsViaColl& vias, const Test& test ) {
+   for ( const auto& [index, via] : vias.via() ) {
+      if ( test( via.intf ) ) {
+         return true;
+      }
+   }
+   return false;
+}
+
+bool hasDynamicTunnelAdj( const CachedLFibMplsViaColl& vias ) {
+   return someViaIntf( vias, DynamicTunnelIntfId::isDynamicTunnelIntfId );
+}
+
+bool hasNHGAdj( const CachedLFibMplsViaColl& vias ) {
+   return someViaIntf( vias, Fib::FecIdIntfId::isNexthopGroupIdIntfId );
+}
+
 } // namespace
 
 bool ViaSets::routeSupported( const Mpls::LfibRoute& route ) const {
@@ -271,28 +289,6 @@ MplsLabelAction ViaSets::actionOf( const CachedLFibMplsViaColl& vias ) {
       action = via.labelAction;
    }
    return action.value_or( MplsLabelAction::none );
-}
-
-namespace {
-
-template< class Test >
-bool someViaIntf( const CachedLFibMplsViaColl& vias, const Test& test ) {
-   for ( const auto& [index, via] : vias.via() ) {
-      if ( test( via.intf ) ) {
-         return true;
-      }
-   }
-   return false;
-}
-
-} // namespace
-
-bool ViaSets::hasDynamicTunnelAdj( const CachedLFibMplsViaColl& vias ) {
-   return someViaIntf( vias, DynamicTunnelIntfId::isDynamicTunnelIntfId );
-}
-
-bool ViaSets::hasNHGAdj( const CachedLFibMplsViaColl& vias ) {
-   return someViaIntf( vias, Fib::FecIdIntfId::isNexthopGroupIdIntfId );
 }
 
 L3AdjLFibAdjType ViaSets::findL3AdjLFibAdjType( const CachedLFibMplsViaColl* vias ) {

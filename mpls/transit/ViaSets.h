@@ -18,8 +18,6 @@ class ViaSets : private Part {
 
    /// What all vias do with the label; `none` when they differ.
    static MplsLabelAction actionOf( const CachedLFibMplsViaColl& vias );
-   static bool hasNHGAdj( const CachedLFibMplsViaColl& vias );
-   static bool hasDynamicTunnelAdj( const CachedLFibMplsViaColl& vias );
    /// A dynamic tunnel wins over a next-hop group; of no vias the type is unknown.
    static L3AdjLFibAdjType findL3AdjLFibAdjType( const CachedLFibMplsViaColl* vias );
 

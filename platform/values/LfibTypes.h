@@ -39,8 +39,7 @@ enum class LfibViaType : uint8_t {
 };
 using enum LfibViaType;
 
-/// Whether packets go on by the via, labelled or not: such labels are `MplsSm`'s. By the other types
-/// they end here, and are other state machines'.
+/// Whether packets go on by the via, labelled or not; by the other types they end here.
 constexpr bool isTransit( LfibViaType type ) {
    return type == viaTypeMplsIp || type == viaTypeExternalFec;
 }
