@@ -106,8 +106,9 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    if ( awaited || !vrfState.lFibViaSetToL3AdjHas( viaSetKey ) ) {
       parts_->routes.queueRoutesOfViaSet( vrfState, viaSetKey );
    }
-   parts_->protection.queueWaitingForBackup( vrfState, viaSetKey,
-                                             Transit::Protection::BackupNews::changed, true );
+   Transit::Protection::queueWaitingForBackup( vrfState, viaSetKey,
+                                               Transit::Protection::BackupNews::changed );
+   Transit::Protection::queueWaitingForFec( vrfState, viaSetKey );
    parts_->review.doMaybeScheduleReviewOrDeleteVrfState( vrf ); // its users may be others' routes
 }
 

@@ -190,6 +190,7 @@ class VEL_EXPORT L3Adjacency : public Entity {
    ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
    ATTRIBUTE( Ptr< ExternalFecInfo >, extFecInfo )
    ATTRIBUTE( MplsLabelAction, labelAction )
+   ATTRIBUTE( PopForm, popForm )  // none where it does not pop, or where its vias pop in different ways
    ATTRIBUTE( Mpls::PayloadType, payloadType )
    ATTRIBUTE( Mpls::TtlMode, ttlMode )
    ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adjacency )
@@ -209,7 +210,7 @@ class VEL_EXPORT L3Adjacency : public Entity {
    SET( HashSet, U64, primaryAdj ) // the adjacencies that this one protects
    ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )
    ATTRIBUTE( AwaitedBackup, awaitedBackup )
-   COUNTER( poppingPrimarys )      // of those that it protects, how many pop
+   COUNTER( poppingPrimarys )      // of those that it protects, how many pop as it does
    ATTRIBUTE( bool, popsTold )     // what those that it protects were last told: all pop
    ATTRIBUTE( Ptr< MulticastGroupInfo >, multicastGroupInfo )
    ENTITY_END_IN_SOURCE

@@ -66,6 +66,14 @@ std::optional< MplsHwRoute > MplsHwRoute::parse( std::string_view text, Adjacenc
    return route;
 }
 
+void appendText( std::string& out, const PopForm& form ) {
+   if ( form.pops ) {
+      out += joinText( "pop ", form.payloadType, " ", form.ttlMode );
+   } else {
+      out += "none";
+   }
+}
+
 void appendText( std::string& out, const AwaitedBackup& awaited ) {
    if ( awaited.awaits == BackupAwaits::nothing ) {
       out += textOf( awaited.awaits );

@@ -78,6 +78,17 @@ struct EnumNames< L3AdjReview > {
         { L3AdjReview::routingOn, "routingOn" } } };
 };
 
+/// How vias pop: what they lay bare, and what becomes of the TTL. A pop can travel with a route only
+/// where all ways of the route pop alike.
+struct PopForm {
+   bool pops = false;
+   Mpls::PayloadType payloadType = Mpls::PayloadType::undefined;
+   Mpls::TtlMode ttlMode = Mpls::TtlMode::undefined;
+
+   friend bool operator==( const PopForm&, const PopForm& ) = default;
+};
+VEL_EXPORT void appendText( std::string& out, const PopForm& form );
+
 /// What an adjacency waits for before it can have the backup that its via set names.
 enum class BackupAwaits : U32 {
    nothing = 0, ///< it has it, or is to have none

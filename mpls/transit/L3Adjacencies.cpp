@@ -76,11 +76,13 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    }
    const bool programmed = outcome == L3AdjOutcome::programmed;
    const bool changed = l3Adj->backupAdj() != backupBefore || ( programmed && wasOutdated );
-   parts_.protection.queueWaitingForBackup( vrfState, viaSetKey,
-                                            changed      ? Protection::BackupNews::changed
-                                            : programmed ? Protection::BackupNews::programmed
-                                                         : Protection::BackupNews::looked,
-                                            l3Adj->extFecInfo() != fecBefore );
+   Protection::queueWaitingForBackup( vrfState, viaSetKey,
+                                      changed      ? Protection::BackupNews::changed
+                                      : programmed ? Protection::BackupNews::programmed
+                                                   : Protection::BackupNews::looked );
+   if ( l3Adj->extFecInfo() != fecBefore ) {
+      Protection::queueWaitingForFec( vrfState, viaSetKey );
+   }
 }
 
 // What an adjacency is made of does not depend on its routes. When one has left, only two things can
@@ -97,8 +99,8 @@ void L3Adjacencies::processL3AdjLeft( VrfMplsState& vrfState, U64 index ) {
    }
    maybeReleaseOutdated( vrfState, *l3Adj );
    if ( !l3Adj->superseded() ) {
-      parts_.protection.queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(),
-                                               Protection::BackupNews::looked, false );
+      Protection::queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(),
+                                         Protection::BackupNews::looked );
    }
 }
 
@@ -188,9 +190,10 @@ void L3Adjacencies::processMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3A
    MPLS_TRACE( 7, "LFib via set ", viaSet.key(), " via size ", mplsVias->vias() );
    MPLS_TRACE( 7, "LFib adj index ", l3Adj.index(), " via size ", mplsVias->vias() );
    // The agent that made a next-hop group decides what happens to the label.
-   Protection::labelActionIs( l3Adj, FecIds::usesGroupFec( *mplsVias )
-                                        ? MplsLabelAction::none
-                                        : ViaSets::actionOf( *mplsVias ) );
+   const bool ofGroup = FecIds::usesGroupFec( *mplsVias );
+   Protection::labelActionIs( vrfState, l3Adj,
+                              ofGroup ? MplsLabelAction::none : ViaSets::actionOf( *mplsVias ),
+                              ofGroup ? PopForm() : ViaSets::popFormOf( *mplsVias ) );
    const bool popMoves = Protection::processRemovePopDependencies( vrfState, l3Adj );
    const bool popRemoved = Protection::shouldRemovePop( l3Adj );
    Fib::FecId fecId = parts_.fecIds.getFecIdForRequest( l3Adj, *mplsVias, vrfState, popMoves );
@@ -477,8 +480,9 @@ void L3Adjacencies::deleteL3Adj( VrfMplsState& vrfState, U64 index ) {
    vrfState.l3AdjForReviewDel( index ); // work sets never name the dead
    vrfState.l3AdjacencyDel( index );
    if ( !l3Adj->superseded() ) {
-      parts_.protection.queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(),
-                                               Protection::BackupNews::changed, true );
+      Protection::queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(),
+                                         Protection::BackupNews::changed );
+      Protection::queueWaitingForFec( vrfState, l3Adj->lFibViaSetKey() );
    }
 }
 

@@ -126,7 +126,7 @@ void Protection::linkBackupAdj( L3Adjacency& l3Adj, L3Adjacency& backup ) {
    }
    l3Adj.backupAdjIs( &backup );
    backup.primaryAdjIs( l3Adj.index() );
-   backup.poppingPrimarysInc( l3Adj.labelAction() == MplsLabelAction::pop ? 1 : 0 );
+   backup.poppingPrimarysInc( popsAlike( l3Adj, backup ) ? 1 : 0 );
 }
 
 void Protection::setHwBackupAdjStatus( VrfMplsState&, L3Adjacency& l3Adj ) {
@@ -141,7 +141,7 @@ void Protection::deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency
    MPLS_TRACE( 7, "clear backup adj info for primary adj ", l3Adj.index() );
    if ( L3Adjacency* const backup = l3Adj.backupAdj().get() ) {
       backup->primaryAdjDel( l3Adj.index() );
-      if ( l3Adj.labelAction() == MplsLabelAction::pop ) {
+      if ( popsAlike( l3Adj, *backup ) ) {
          backup->poppingPrimarysIs( backup->poppingPrimarys() - 1 );
       }
       // It goes when nothing else uses it.
@@ -151,14 +151,28 @@ void Protection::deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency
    l3Adj.backupAdjIs( nullptr );
 }
 
-void Protection::labelActionIs( L3Adjacency& l3Adj, MplsLabelAction action ) {
-   if ( L3Adjacency* const backup = l3Adj.backupAdj().get();
-        backup && l3Adj.labelAction() != action ) {
-      const U64 others =
-         backup->poppingPrimarys() - ( l3Adj.labelAction() == MplsLabelAction::pop );
-      backup->poppingPrimarysIs( others + ( action == MplsLabelAction::pop ) );
-   }
+void Protection::labelActionIs( VrfMplsState& vrfState, L3Adjacency& l3Adj, MplsLabelAction action,
+                                const PopForm& popForm ) {
    l3Adj.labelActionIs( action );
+   if ( l3Adj.popForm() == popForm ) {
+      return;
+   }
+   L3Adjacency* const backup = l3Adj.backupAdj().get();
+   const U64 before = backup && popsAlike( l3Adj, *backup ) ? 1 : 0;
+   l3Adj.popFormIs( popForm );
+   if ( backup ) {
+      const U64 now = popsAlike( l3Adj, *backup ) ? 1 : 0;
+      backup->poppingPrimarysIs( backup->poppingPrimarys() - before + now );
+   }
+   U64 alike = 0;
+   for ( const U64 primary : l3Adj.primaryAdj() ) {
+      alike += popsAlike( *vrfState.l3Adjacency( primary ), l3Adj ) ? 1 : 0;
+   }
+   l3Adj.poppingPrimarysIs( alike );
+}
+
+bool Protection::popsAlike( const L3Adjacency& l3Adj, const L3Adjacency& backup ) {
+   return l3Adj.popForm().pops && l3Adj.popForm() == backup.popForm();
 }
 
 void Protection::waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj,
@@ -202,7 +216,7 @@ void Protection::stopWaitingForBackup( VrfMplsState& vrfState, L3Adjacency& l3Ad
 }
 
 void Protection::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
-                                        BackupNews news, bool fecChanged ) {
+                                        BackupNews news ) {
    const BackupWait* const wait = vrfState.waitsForBackup( backupKey );
    if ( wait == nullptr ) {
       return;
@@ -210,9 +224,6 @@ void Protection::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSet
    for ( const U64 index : wait->l3Adjacency() ) {
       L3Adjacency& l3Adj = *vrfState.l3Adjacency( index );
       if ( l3Adj.awaitedBackup().awaits == BackupAwaits::otherFec ) {
-         if ( fecChanged ) {
-            vrfState.l3AdjForReviewIs( index, L3AdjReview::backupNews );
-         }
          continue;
       }
       const bool awaitsReview = l3Adj.awaitedBackup().awaits == BackupAwaits::review;
@@ -223,6 +234,19 @@ void Protection::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSet
       }
       if ( fit || ( awaitsReview && l3Adj.awaitedBackup().looks <= maxLooksForBackup ) ) {
          MPLS_TRACE( 3, "add l3 adj ", index, " for review" );
+         vrfState.l3AdjForReviewIs( index,
+                                    fit ? L3AdjReview::backupNews : L3AdjReview::backupLooked );
+      }
+   }
+}
+
+void Protection::queueWaitingForFec( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey ) {
+   const BackupWait* const wait = vrfState.waitsForBackup( backupKey );
+   if ( wait == nullptr ) {
+      return;
+   }
+   for ( const U64 index : wait->l3Adjacency() ) {
+      if ( vrfState.l3Adjacency( index )->awaitedBackup().awaits == BackupAwaits::otherFec ) {
          vrfState.l3AdjForReviewIs( index, L3AdjReview::backupNews );
       }
    }
@@ -332,8 +356,7 @@ bool Protection::shouldRemovePop( const L3Adjacency& l3Adj ) {
 }
 
 bool Protection::allPop( const L3Adjacency& backup ) {
-   return backup.labelAction() == MplsLabelAction::pop &&
-          backup.poppingPrimarys() == backup.primaryAdjs();
+   return backup.popForm().pops && backup.poppingPrimarys() == backup.primaryAdjs();
 }
 
 bool Protection::processRemovePopDependencies( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {

@@ -9,9 +9,10 @@
 //    BackupAwaits   nothing ──missing──> viaSet ──found──> review ──processed──> nothing (linked)
 //                                                            └──has a backup itself──> fitness
 //
-// Pop. Where a popping adjacency is protected by a popping one, the pop cannot be in the FECs,
-// since a frame would meet it once for the primary and once for the backup's own routes; it
-// travels with the routes instead. Both sides have to agree: until the backup's FEC has no pop
+// Pop. Where an adjacency that pops is protected by one that pops alike, the pop cannot be in the
+// FECs, since a frame would meet it once for the primary and once for the backup's own routes; it
+// travels with the routes instead. One whose pops differ in payload or TTL mode keeps them in its
+// FECs: a route can carry one form only. Both sides have to agree: until the backup's FEC has no pop
 // either, the primary goes without the backup.
 //
 // State: L3Adjacency::backupAdj, primaryAdj, awaitedBackup, poppingPrimarys, popsTold;
@@ -41,8 +42,10 @@ class Protection : private Part {
                                              const Mpls::LfibViaSet& viaSet );
    void setHwBackupAdjStatus( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void deleteBackupAdjInfoFromAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj );
-   /// Sets what the adjacency does with the label; its backup counts how many of its primaries pop.
-   static void labelActionIs( L3Adjacency& l3Adj, MplsLabelAction action );
+   /// Sets what the adjacency does with the label. A backup counts how many of its primaries pop as
+   /// it does.
+   static void labelActionIs( VrfMplsState& vrfState, L3Adjacency& l3Adj, MplsLabelAction action,
+                              const PopForm& popForm );
    /// Notes what is awaited. A via set that is missing is looked for again a few times; then only
    /// news queues the adjacency, or adjacencies that wait for each other would never rest.
    void waitForBackup( VrfMplsState& vrfState, L3Adjacency& l3Adj, Mpls::LfibViaSetKey backupKey,
@@ -52,8 +55,10 @@ class Protection : private Part {
    /// The via set's adjacency has been processed, or the via set has changed: who waits for that
    /// looks again. Processing that changes nothing is news only to those who waited for it:
    /// adjacencies that are unfit for each other would otherwise keep each other busy for ever.
-   void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
-                               BackupNews news, bool fecChanged );
+   static void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
+                                      BackupNews news );
+   /// The via set's adjacency may have another FEC: queues the external FECs that it protects.
+   static void queueWaitingForFec( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey );
    /// Why an adjacency waits for its backup, in words; empty when it does not. For those who
    /// explain.
    std::string backupWaitReason( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;
@@ -68,8 +73,8 @@ class Protection : private Part {
    Fib::FecId backupFecIdToRequest( const VrfMplsState& vrfState, const L3Adjacency& l3Adj,
                                     const Mpls::LfibViaSet& viaSet, bool popRemoved ) const;
    /// Whether the adjacency's pop has to travel with its routes: when it pops, protects or is
-   /// protected, and all that share the protection pop. With one that does not pop among them, each
-   /// FEC keeps its own operation.
+   /// protected, and all that share the protection pop alike. With one that does not among them,
+   /// each FEC keeps its own operation.
    static bool shouldRemovePop( const L3Adjacency& l3Adj );
    /// Queues the others of the protection where the answer for them has changed as well. True when
    /// this adjacency needs a new FEC id, since routes that go into the old one have to keep what
@@ -86,6 +91,7 @@ class Protection : private Part {
    Fib::FecId getBackupFecIdForRequest( const Mpls::LfibViaSet& viaSet,
                                         const VrfMplsState& vrfState ) const;
    static bool someJoin( const VrfMplsState& vrfState, const L3Adjacency& l3Adj );
+   static bool popsAlike( const L3Adjacency& l3Adj, const L3Adjacency& backup );
    static bool allPop( const L3Adjacency& backup );
 };
 

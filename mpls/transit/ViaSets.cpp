@@ -291,6 +291,18 @@ MplsLabelAction ViaSets::actionOf( const CachedLFibMplsViaColl& vias ) {
    return action.value_or( MplsLabelAction::none );
 }
 
+PopForm ViaSets::popFormOf( const CachedLFibMplsViaColl& vias ) {
+   PopForm form;
+   for ( const auto& [index, via] : vias.via() ) {
+      const PopForm own{ via.labelAction == MplsLabelAction::pop, via.payloadType, via.ttlMode };
+      if ( !own.pops || ( form.pops && own != form ) ) {
+         return {};
+      }
+      form = own;
+   }
+   return form;
+}
+
 L3AdjLFibAdjType ViaSets::findL3AdjLFibAdjType( const CachedLFibMplsViaColl* vias ) {
    if ( vias == nullptr ) {
       return L3AdjLFibAdjType::adjTypeUnknown;

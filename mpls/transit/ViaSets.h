@@ -18,6 +18,8 @@ class ViaSets : private Part {
 
    /// What all vias do with the label; `none` when they differ.
    static MplsLabelAction actionOf( const CachedLFibMplsViaColl& vias );
+   /// How all vias pop; none when they do not, or not alike.
+   static PopForm popFormOf( const CachedLFibMplsViaColl& vias );
    /// A dynamic tunnel wins over a next-hop group; of no vias the type is unknown.
    static L3AdjLFibAdjType findL3AdjLFibAdjType( const CachedLFibMplsViaColl* vias );
 

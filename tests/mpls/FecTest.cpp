@@ -232,38 +232,50 @@ TEST_F( FecTest, PopTravelsWithTheRouteWhereBothSidesPop ) {
    EXPECT_EQ( numbersInUse(), 3U );
 }
 
-// The TTL mode of a pop reaches hardware with the via and with the route, wherever the pop leads.
+// The TTL mode of a pop reaches hardware with the via and with the route, wherever the pop leads. It
+// travels with the route only where the backup pops alike: else one of both would get the other's.
 TEST_F( FecTest, PopLaysBareWithItsTtlMode ) {
    using Mpls::TtlMode;
    const Fib::FecId group = Fib::FecId::fecIdForAdjType( Fib::AdjType::nexthopGroupAdj, 9 );
    const IntfId tunnel( IntfId::Kind::dynamicTunnel, 4 );
    rig.hardware->fecUnit()->foreignFecIs( group, out( 2, 500 ) );
    rig.hardware->fecUnit()->tunnelIs( tunnel, out( 2, 500 ) );
-   viaSetIs( 9, { swapOut( 9, 3, 19 ) } );
-   viaSetIs( 10, { popVia( 10, nextHopOf( 3 ), 3 ) } );
+   const auto ttlOf = []( TtlMode mode ) { return mode == TtlMode::uniform ? 63 : 64; };
+   const auto ttlBelow = [&]( U32 label ) {
+      const auto frames = rig.hardware->forward( LabelRig::vrfId, frameOf( label ) ).frames;
+      return frames.size() != 1 ? -1 : frames[0].bytes.at( frames[0].bytes[12] == 0x08 ? 22 : 26 );
+   };
+   const auto popWith = [&]( U32 index, U32 intf, TtlMode mode ) {
+      Mpls::LfibMplsVia via = popVia( index, nextHopOf( intf ), intf );
+      via.ttlMode = mode;
+      return via;
+   };
    U32 index = 20;
    for ( const IntfId intf :
          { IntfId::ordinary( 1 ), tunnel, Fib::FecId::fecIdToNexthopGroupIntfId( group ) } ) {
-      for ( const auto& [mode, ttl] :
-            { std::pair{ TtlMode::uniform, 63 }, std::pair{ TtlMode::pipe, 64 } } ) {
-         for ( const U32 backup : { 9U, 10U } ) { // with the second the pop travels
-            Mpls::LfibMplsVia via = popVia( ++index, nextHopOf( 1 ), 1 );
-            via.ttlMode = mode;
+      for ( const TtlMode mode : { TtlMode::uniform, TtlMode::pipe } ) {
+         for ( const TtlMode backup : { TtlMode::undefined, TtlMode::uniform, TtlMode::pipe } ) {
+            const bool swaps = backup == TtlMode::undefined;
+            const U32 backupIndex = ++index;
+            viaSetIs( backupIndex, { swaps ? swapOut( backupIndex, 3, 19 )
+                                           : popWith( backupIndex, 3, backup ) } );
+            Mpls::LfibMplsVia via = popWith( ++index, 1, mode );
             if ( intf != IntfId::ordinary( 1 ) ) {
                via.nextHop = {};
                via.intf = intf;
             }
-            viaSetIs( index, { via }, backup );
+            viaSetIs( index, { via }, backupIndex );
             rig.routeIs( 16000 + index, index );
             rig.settle();
-            const auto frames =
-               rig.hardware->forward( LabelRig::vrfId, frameOf( 16000 + index ) ).frames;
             SCOPED_TRACE( joinText( intf, " ", mode, " backup ", backup ) );
             EXPECT_EQ( fecOf( index )->popLabelActionRemoved(),
-                       backup == 10 && intf.kind() != IntfId::Kind::nexthopGroup );
-            ASSERT_EQ( frames.size(), 1U );
-            const size_t ipAt = frames[0].bytes[12] == 0x08 ? 14 : 18;
-            EXPECT_EQ( frames[0].bytes.at( ipAt + 8 ), ttl );
+                       backup == mode && intf.kind() != IntfId::Kind::nexthopGroup );
+            EXPECT_EQ( ttlBelow( 16000 + index ), ttlOf( mode ) );
+            if ( intf == IntfId::ordinary( 1 ) && !swaps ) {
+               rig.hardware->linkIs( intf, false );
+               EXPECT_EQ( ttlBelow( 16000 + index ), ttlOf( backup ) );
+               rig.hardware->linkIs( intf, true );
+            }
          }
       }
    }
