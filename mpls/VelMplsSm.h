@@ -28,10 +28,11 @@
 //    RouteReactorConfig, Route6ReactorConfig, ProactiveArpNexthopSm: what is to be resolved
 //
 // How it works. A handler marks what its event touches in the work sets of `VrfMplsState` and
-// schedules a task; it does no work but for what must leave hardware, or change its owner, at once. Three tasks drain the sets in slices: "reviewVrf" processes L3
-// adjacencies, then routes, then L2 adjacencies, then pending deletions; "reviewUnprogrammedRoute"
-// retries what the driver refused; "publishReviewRoutes" publishes. An item leaves its set before
-// it is handled: a yield neither loses nor repeats work.
+// schedules a task; it does no work but for what must leave hardware, or change its owner, at once.
+// Three tasks drain the sets in slices: "reviewVrf" processes L3 adjacencies, then routes, then L2
+// adjacencies, then pending deletions; "reviewUnprogrammedRoute" retries what the driver refused;
+// "publishReviewRoutes" publishes. An item leaves its set before it is handled: a yield neither loses
+// nor repeats work.
 //
 // A normal life of route K over via set S:
 //    handleLFibRoute( K )   record made, K for review
