@@ -19,6 +19,7 @@
 
 #include "agent/report/ReportText.h"
 #include "inspect/Value.h"
+#include "platform/values/LfibTypes.h"
 
 namespace Vel::Agent {
 
