@@ -108,7 +108,7 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    }
    Transit::Protection::queueWaitingForBackup( vrfState, viaSetKey,
                                                Transit::Protection::BackupNews::changed );
-   Transit::Protection::queueWaitingForFec( vrfState, viaSetKey );
+   Transit::Protection::queueWaitingForOtherFec( vrfState, viaSetKey );
    parts_->review.doMaybeScheduleReviewOrDeleteVrfState( vrf ); // its users may be others' routes
 }
 

@@ -52,15 +52,17 @@ enum class L3AdjReview : U32 {
    /// Whether it can go: nothing that it is made of depends on its routes. Stays before the others,
    /// which all mean that it is to be programmed.
    routeLeft,
-   made,              ///< it is new
-   viaSetChanged,     ///< or may have changed: the LFIB is read ahead of its announcements
-   nextHopChanged,    ///< one that it resolves through
-   l2AdjReported,     ///< its L2 adjacency: refused, no longer refused, or left by another
-   fecAnswered,       ///< its FEC has another hardware id, or none
-   backupLooked,      ///< another look at the backup that it waits for, without news of it
-   backupNews,        ///< what it waits for under a backup's via set, or a backup's FEC
-   protectionChanged, ///< whom it protects, or where the pop of those that share its protection is
-   routingOn,         ///< label forwarding came on, or the VRF has got a number
+   made,           ///< it is new
+   viaSetChanged,  ///< or may have changed: the LFIB is read ahead of its announcements
+   nextHopChanged, ///< one that it resolves through
+   l2AdjReported,  ///< its L2 adjacency: refused, no longer refused, or left by another
+   fecAnswered,    ///< its FEC has another hardware id, or none
+   backupLooked,   ///< another look at the backup that it waits for, without news of it
+   backupNews,     ///< what it waits for under a backup's via set, or a backup's FEC
+   /// Whom it protects, where the pop of those that share its protection is, or whether a route that
+   /// joins may meet its backup.
+   protectionChanged,
+   routingOn, ///< label forwarding came on, or the VRF has got a number
 };
 template<>
 struct EnumNames< L3AdjReview > {

@@ -224,11 +224,13 @@ void Fecs::requestHwFecIdAndUpdateDependencyMaps( Fib::FecId fecId, const Fib::F
    request.hwFecIdRequestIs( { fecId, vrfState.vrfName(), version } );
    // Routes are recorded against the FEC that they forward into: the old one until they have come
    // into the new one.
-   for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
-      const MplsRoute* const route = vrfState.route( routeKey );
-      if ( route && route->extFecInfo() && route->extFecInfo() != info ) {
-         MPLS_TRACE( 7, "There is conflict between ", route->extFecInfo()->fecId(), " and ",
-                     fecId );
+   if ( velMplsSmTrace.enabled( 7 ) ) [[unlikely]] { // the walk is for nothing else
+      for ( const Mpls::RouteKey routeKey : l3Adj.routeKey() ) {
+         const MplsRoute* const route = vrfState.route( routeKey );
+         if ( route && route->extFecInfo() && route->extFecInfo() != info ) {
+            MPLS_TRACE( 7, "There is conflict between ", route->extFecInfo()->fecId(), " and ",
+                        fecId );
+         }
       }
    }
    parts_.recovery.recordAdjSyncId( l3Adj );

@@ -81,7 +81,7 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
                                       : programmed ? Protection::BackupNews::programmed
                                                    : Protection::BackupNews::looked );
    if ( l3Adj->extFecInfo() != fecBefore ) {
-      Protection::queueWaitingForFec( vrfState, viaSetKey );
+      Protection::queueWaitingForOtherFec( vrfState, viaSetKey );
    }
 }
 
@@ -482,7 +482,7 @@ void L3Adjacencies::deleteL3Adj( VrfMplsState& vrfState, U64 index ) {
    if ( !l3Adj->superseded() ) {
       Protection::queueWaitingForBackup( vrfState, l3Adj->lFibViaSetKey(),
                                          Protection::BackupNews::changed );
-      Protection::queueWaitingForFec( vrfState, l3Adj->lFibViaSetKey() );
+      Protection::queueWaitingForOtherFec( vrfState, l3Adj->lFibViaSetKey() );
    }
 }
 

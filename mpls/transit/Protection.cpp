@@ -240,7 +240,7 @@ void Protection::queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSet
    }
 }
 
-void Protection::queueWaitingForFec( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey ) {
+void Protection::queueWaitingForOtherFec( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey ) {
    const BackupWait* const wait = vrfState.waitsForBackup( backupKey );
    if ( wait == nullptr ) {
       return;

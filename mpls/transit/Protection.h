@@ -58,7 +58,7 @@ class Protection : private Part {
    static void queueWaitingForBackup( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey,
                                       BackupNews news );
    /// The via set's adjacency may have another FEC: queues the external FECs that it protects.
-   static void queueWaitingForFec( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey );
+   static void queueWaitingForOtherFec( VrfMplsState& vrfState, Mpls::LfibViaSetKey backupKey );
    /// Why an adjacency waits for its backup, in words; empty when it does not. For those who
    /// explain.
    std::string backupWaitReason( const VrfMplsState& vrfState, const L3Adjacency& l3Adj ) const;

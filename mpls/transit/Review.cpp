@@ -17,10 +17,7 @@ bool attrLogClogged( const MplsSmInputs& inputs ) {
 
 void Review::doMaybeScheduleReview( const L3::VrfName& vrf ) {
    MPLS_TRACE_CALL( 2, " vrf ", vrf );
-   if ( !sm_.initialized() ) {
-      return;
-   }
-   VrfMplsState* const vrfState = sm_.mplsState( vrf );
+   VrfMplsState* const vrfState = sm_.initialized() ? sm_.mplsState( vrf ) : nullptr;
    if ( vrfState == nullptr ) {
       return;
    }
@@ -52,10 +49,7 @@ void Review::doMaybeScheduleReview( const L3::VrfName& vrf ) {
 
 void Review::doMaybeScheduleReviewOrDeleteVrfState( const L3::VrfName& vrf ) {
    MPLS_TRACE_CALL( 2, " vrf ", vrf );
-   if ( !sm_.initialized() ) {
-      return;
-   }
-   VrfMplsState* const vrfState = sm_.mplsState( vrf );
+   VrfMplsState* const vrfState = sm_.initialized() ? sm_.mplsState( vrf ) : nullptr;
    if ( vrfState == nullptr ) {
       return;
    }

@@ -164,7 +164,7 @@ bool RouteWriter::waitsForFec( VrfMplsState& vrfState, MplsRoute& route, L3Adjac
    if ( elsewhere && info.backupExtFecInfo() && !l3Adj.outdated() && l3Adj.backupAdj() &&
         l3Adj.backupAdj()->outdated() ) {
       // The route never had that backup.
-      vrfState.l3AdjForReviewIs( l3Adj.index(), L3AdjReview::backupLooked );
+      vrfState.l3AdjForReviewIs( l3Adj.index(), L3AdjReview::protectionChanged );
       vrfState.routeKeyForReviewIs( routeKey );
       return true;
    }
