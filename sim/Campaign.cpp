@@ -13,7 +13,7 @@ namespace Vel::Sim {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using WallClock = std::chrono::steady_clock;
 
 /// Seeds with the same toggles, for one process.
 using Share = std::deque< U64 >;
@@ -41,8 +41,8 @@ class Conductor {
       : settings_( settings ), nextSeed_( settings.seed ) {}
 
    CampaignResult run() {
-      const Clock::time_point begin = Clock::now();
-      end_ = begin + std::chrono::duration_cast< Clock::duration >(
+      const WallClock::time_point begin = WallClock::now();
+      end_ = begin + std::chrono::duration_cast< WallClock::duration >(
                         std::chrono::duration< double >( settings_.seconds ) );
       while ( true ) {
          while ( workers_.size() < std::max( 1U, settings_.jobs ) && wantsMore() ) {
@@ -53,14 +53,14 @@ class Conductor {
          }
          wait();
       }
-      result_.seconds = std::chrono::duration< double >( Clock::now() - begin ).count();
+      result_.seconds = std::chrono::duration< double >( WallClock::now() - begin ).count();
       return std::move( result_ );
    }
 
  private:
    bool wantsMore() const {
       return givenEvents_ < settings_.events && result_.failures.size() < settings_.maxFailures &&
-             ( settings_.seconds == 0 || Clock::now() < end_ );
+             ( settings_.seconds == 0 || WallClock::now() < end_ );
    }
 
    // Every fourth seed has the same toggles: a block of seeds is four shares.
@@ -141,7 +141,7 @@ class Conductor {
    const CampaignSettings& settings_;
    U64 nextSeed_;
    U64 givenEvents_ = 0;
-   Clock::time_point end_;
+   WallClock::time_point end_;
    std::vector< Share > block_;
    std::list< Share > unfinished_;
    std::list< Worker > workers_;

@@ -55,7 +55,7 @@ namespace {
 
 /// Takes out what the failure does not need.
 class Shrinker {
-   using Clock = std::chrono::steady_clock;
+   using WallClock = std::chrono::steady_clock;
 
  public:
    Shrinker( Scenario scenario, const Outcome& outcome, const HardwareFactory& factory,
@@ -63,8 +63,8 @@ class Shrinker {
       : best_( std::move( scenario ) ),
         check_( outcome.failure->check ),
         factory_( factory ),
-        end_( Clock::now() + std::chrono::duration_cast< Clock::duration >(
-                                std::chrono::duration< double >( seconds ) ) ) {
+        end_( WallClock::now() + std::chrono::duration_cast< WallClock::duration >(
+                                    std::chrono::duration< double >( seconds ) ) ) {
       best_.events.resize( outcome.events );
    }
 
@@ -86,7 +86,7 @@ class Shrinker {
    }
 
  private:
-   bool late() const { return Clock::now() > end_; }
+   bool late() const { return WallClock::now() > end_; }
 
    bool tryIt( Scenario candidate ) {
       const Outcome outcome = runApart( candidate, factory_ );
@@ -112,7 +112,7 @@ class Shrinker {
    Scenario best_;
    const std::string check_;
    const HardwareFactory& factory_;
-   const Clock::time_point end_;
+   const WallClock::time_point end_;
 };
 
 } // namespace

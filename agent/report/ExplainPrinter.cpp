@@ -19,7 +19,6 @@ namespace {
 
 constexpr size_t titleColumn = 4; // behind the margin that marks the blocker
 constexpr size_t markWidth = 4;
-constexpr size_t gap = 2;
 
 Value secondsOrNothing( double seconds ) {
    return seconds == neverTime ? Value() : Value( seconds );
@@ -77,8 +76,8 @@ class ChainText {
       const bool red = blocker && style_.colour;
       text_ += red ? "\033[31m" : "";
       text_ += padded( blocker ? "=>" : "", titleColumn );
-      text_ += padded( link.title, titleWidth_ + gap );
-      text_ += padded( markOf( link, wanted ), markWidth + gap );
+      text_ += padded( link.title, titleWidth_ + columnGap );
+      text_ += padded( markOf( link, wanted ), markWidth + columnGap );
       text_ += blocker ? "BLOCKER: " : "";
       text_ += harmlessText( link.text );
       text_ += red ? "\033[0m\n" : "\n";
@@ -105,7 +104,8 @@ class ChainText {
    }
 
    void below( const std::string& line ) {
-      text_ += std::string( titleColumn + titleWidth_ + gap + markWidth + gap, ' ' ) + line + '\n';
+      text_ += std::string( titleColumn + titleWidth_ + columnGap + markWidth + columnGap, ' ' ) +
+               line + '\n';
    }
    static std::string padded( std::string_view text, size_t width ) {
       std::string out( text );

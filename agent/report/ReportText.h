@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -30,6 +31,9 @@ class TextOut {
    std::ostream& out_;
    std::string text_;
 };
+
+/// Blanks between the columns of a report.
+inline constexpr size_t columnGap = 2;
 
 /// Declares the option --format, "text" or "json". `format` must outlive the parsing.
 void addReportFormat( CLI::App& app, std::string& format );

@@ -179,7 +179,6 @@ constexpr std::array< std::string_view, columns > titles{
    "LABEL", "STATE", "L3ADJ", "L2ADJ", "ACTION", "OUT", "NEXT-HOP", "INTERFACE", "VLAN", "MAC" };
 // Left out in this order when the terminal is narrow.
 constexpr std::array< Column, 5 > dispensable{ l3Adj, l2Adj, vlan, mac, action };
-constexpr size_t gap = 2;
 
 using Row = std::array< std::string, columns >;
 
@@ -289,7 +288,8 @@ class TextTable {
          appendRow( text, row, style_.colour ? colourOf( route.state ) : "" );
       }
       if ( !route.reason.empty() ) {
-         text += std::string( width_[label] + gap, ' ' ) + harmlessText( route.reason ) + '\n';
+         text +=
+            std::string( width_[label] + columnGap, ' ' ) + harmlessText( route.reason ) + '\n';
       }
    }
 
@@ -297,7 +297,7 @@ class TextTable {
    size_t total() const {
       size_t sum = 0;
       for ( size_t column = 0; column < columns; ++column ) {
-         sum += shown_[column] ? width_[column] + ( sum == 0 ? 0 : gap ) : 0;
+         sum += shown_[column] ? width_[column] + ( sum == 0 ? 0 : columnGap ) : 0;
       }
       return sum;
    }
@@ -316,7 +316,7 @@ class TextTable {
             text += row[column];
             text += coloured ? "\033[0m" : "";
          }
-         blanks += width_[column] - widthOf( row[column] ) + gap;
+         blanks += width_[column] - widthOf( row[column] ) + columnGap;
       }
       text += '\n';
    }

@@ -219,12 +219,12 @@ TEST( LabelState, IsWhatFramesDo ) {
             const auto code = made.root< Mpls::LfibHwStatus >( "lfibHwStatus" )
                                  .unprogrammedRoute( key )
                                  .statusCode;
-            const std::string published = textOf( code );
-            ASSERT_TRUE( ( published == "notProgrammed" ? "unprogrammed" : published ) ==
+            const std::string publishedAs = textOf( code );
+            ASSERT_TRUE( ( publishedAs == "notProgrammed" ? "unprogrammed" : publishedAs ) ==
                             stringValue( state ) ||
-                         ( published == "programmed" && state == LabelState::partiallyProgrammed &&
-                           told.contains( key ) ) )
-               << label << ": " << published << ", " << made.stateOf( label );
+                         ( publishedAs == "programmed" &&
+                           state == LabelState::partiallyProgrammed && told.contains( key ) ) )
+               << label << ": " << publishedAs << ", " << made.stateOf( label );
          }
       }
    }
