@@ -128,12 +128,12 @@ using HwRouteTable = LabelIndexed< Mpls::RouteKey, HwRoute >;
 /// reason for all of them, the last.
 class SwitchVrfStatus : public Entity {
    // clang-format off
-   ENTITY( SwitchVrfStatus )
-   KEY( VrfId, vrfId )
-   COLLECTION( LabelIndexed, Mpls::RouteKey, UnprogrammedReason, refusedRoute )
-   COLLECTION( Hash, U64, UnprogrammedReason, refusedAdjacency ) // by the index of the L2 adjacency
-   SET( LabelSet, Mpls::RouteKey, lostRoute ) // into a FEC: the last writing was answered and lost
-   ENTITY_END
+   VEL_ENTITY( SwitchVrfStatus )
+   VEL_KEY( VrfId, vrfId )
+   VEL_COLLECTION( LabelIndexed, Mpls::RouteKey, UnprogrammedReason, refusedRoute )
+   VEL_COLLECTION( Hash, U64, UnprogrammedReason, refusedAdjacency ) // by the index of the L2 adjacency
+   VEL_SET( LabelSet, Mpls::RouteKey, lostRoute ) // into a FEC: the last writing was answered and lost
+   VEL_ENTITY_END
    // clang-format on
 
  public:

@@ -18,30 +18,30 @@ namespace Vel::Driver {
 /// What the switch counts, and what it tells of itself.
 class SwitchStatus : public Entity, public MplsHwInsight {
    // clang-format off
-   ENTITY( SwitchStatus )
-   DERIVED( queueLength )             // operations that wait
-   READ_ONLY( U64, operations )       // carried out, refused ones included
-   READ_ONLY( U64, refused )          // adjacencies and routes that did not go into hardware
-   READ_ONLY( U64, forgotten )        // operations that were lost, by the fault plan
-   READ_ONLY( U64, routes )           // in hardware, all VRFs
-   READ_ONLY( U64, adjacencies )      // in hardware, all VRFs
-   READ_ONLY( U64, fecs )             // in hardware
-   READ_ONLY( U64, mostRoutes )       // that there were at a time, since `forgetMost`
-   READ_ONLY( U64, mostAdjacencies )
-   READ_ONLY( U64, mostFecs )
-   READ_ONLY( U64, fecsAdopted )      // of an earlier driver, taken over as they were
-   READ_ONLY( U64, routesAdopted )    // of an earlier driver, taken over as they were
-   READ_ONLY( U64, routesChanged )    // of an earlier driver, rewritten
-   READ_ONLY( U64, routesAdded )      // into FECs, not there before
-   READ_ONLY( U64, routesStale )      // of an earlier driver, removed
-   COLLECTION( Hash, Fib::FecId, UnprogrammedReason, waitingFec ) // requested and not possible now
-   COLLECTION( Hash, Fib::FecId, Fib::Fec, foreignFec ) // what other agents have made known
-   COLLECTION( Hash, IntfId, Fib::Fec, tunnel )         // ... and their tunnels
-   DERIVED( breaches )                // of the contract, by the library
-   READ_ONLY( U64, framesForwarded )
-   READ_ONLY( U64, framesDropped )
-   ENTITY_COLLECTION( Hash, VrfId, SwitchVrfStatus, vrf )
-   ENTITY_END
+   VEL_ENTITY( SwitchStatus )
+   VEL_DERIVED( queueLength )             // operations that wait
+   VEL_READ_ONLY( U64, operations )       // carried out, refused ones included
+   VEL_READ_ONLY( U64, refused )          // adjacencies and routes that did not go into hardware
+   VEL_READ_ONLY( U64, forgotten )        // operations that were lost, by the fault plan
+   VEL_READ_ONLY( U64, routes )           // in hardware, all VRFs
+   VEL_READ_ONLY( U64, adjacencies )      // in hardware, all VRFs
+   VEL_READ_ONLY( U64, fecs )             // in hardware
+   VEL_READ_ONLY( U64, mostRoutes )       // that there were at a time, since `forgetMost`
+   VEL_READ_ONLY( U64, mostAdjacencies )
+   VEL_READ_ONLY( U64, mostFecs )
+   VEL_READ_ONLY( U64, fecsAdopted )      // of an earlier driver, taken over as they were
+   VEL_READ_ONLY( U64, routesAdopted )    // of an earlier driver, taken over as they were
+   VEL_READ_ONLY( U64, routesChanged )    // of an earlier driver, rewritten
+   VEL_READ_ONLY( U64, routesAdded )      // into FECs, not there before
+   VEL_READ_ONLY( U64, routesStale )      // of an earlier driver, removed
+   VEL_COLLECTION( Hash, Fib::FecId, UnprogrammedReason, waitingFec ) // requested and not possible now
+   VEL_COLLECTION( Hash, Fib::FecId, Fib::Fec, foreignFec ) // what other agents have made known
+   VEL_COLLECTION( Hash, IntfId, Fib::Fec, tunnel )         // ... and their tunnels
+   VEL_DERIVED( breaches )                // of the contract, by the library
+   VEL_READ_ONLY( U64, framesForwarded )
+   VEL_READ_ONLY( U64, framesDropped )
+   VEL_ENTITY_COLLECTION( Hash, VrfId, SwitchVrfStatus, vrf )
+   VEL_ENTITY_END
    // clang-format on
 
  public:

@@ -2,7 +2,7 @@
 
 namespace Vel {
 
-ENTITY_SOURCE( McastGroupProgInfo )
-ENTITY_SOURCE( McastGroupProgConfig )
+VEL_ENTITY_SOURCE( McastGroupProgInfo )
+VEL_ENTITY_SOURCE( McastGroupProgConfig )
 
 } // namespace Vel

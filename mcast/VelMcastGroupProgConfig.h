@@ -18,12 +18,12 @@ class VEL_EXPORT McastGroupProgInfo : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( McastGroupProgInfo )
-   KEY( U16, mcastGroupId )
-   ATTRIBUTE( U32, mcastHwId )
-   COLLECTION( Hash, Fib::FecId, U64, outLif )    // a member and its hardware out-interface
-   ATTRIBUTE( U32, requestId, onRequestId )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( McastGroupProgInfo )
+   VEL_KEY( U16, mcastGroupId )
+   VEL_ATTRIBUTE( U32, mcastHwId )
+   VEL_COLLECTION( Hash, Fib::FecId, U64, outLif )    // a member and its hardware out-interface
+   VEL_ATTRIBUTE( U32, requestId, onRequestId )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -40,10 +40,10 @@ class VEL_EXPORT McastGroupProgConfig : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( McastGroupProgConfig )
-   KEY( std::string, configName )
-   ENTITY_COLLECTION( Hash, U16, McastGroupProgInfo, mcastGroupProgInfo, onMcastGroupProgInfo )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( McastGroupProgConfig )
+   VEL_KEY( std::string, configName )
+   VEL_ENTITY_COLLECTION( Hash, U16, McastGroupProgInfo, mcastGroupProgInfo, onMcastGroupProgInfo )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:

@@ -85,18 +85,18 @@ class VEL_EXPORT MplsHwVrfConfig : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( MplsHwVrfConfig )
-   KEY( VrfId, vrfId )
+   VEL_ENTITY( MplsHwVrfConfig )
+   VEL_KEY( VrfId, vrfId )
    // Label forwarding is wanted. On when it is configured and the VRF has a number; off when the last
    // route has gone. Cannot be refused.
-   ATTRIBUTE( bool, mplsRouting, onMplsRouting )
+   VEL_ATTRIBUTE( bool, mplsRouting, onMplsRouting )
    // The version of each writing: when its vias are known or have changed, and at each retry. Removed
    // when no route is in hardware by it any more. May be refused (`unprogrammedAdjacency`).
-   COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency, onL2Adjacency )
+   VEL_COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency, onL2Adjacency )
    // Written when its adjacency is known, and each time that it is processed again. Removed when it
    // goes or forwards into a FEC. May be refused (`unprogrammedRoute`).
-   VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
-   ENTITY_END_IN_SOURCE
+   VEL_VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -113,12 +113,12 @@ class VEL_EXPORT MplsHwConfig : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( MplsHwConfig )
-   KEY( std::string, configName )
+   VEL_ENTITY( MplsHwConfig )
+   VEL_KEY( std::string, configName )
    // Made by the library for each number that the VRF has had; emptied under a former one, removed by
    // nobody.
-   ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfConfig, vrfConfig, onVrfConfig )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfConfig, vrfConfig, onVrfConfig )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -143,30 +143,30 @@ class VEL_EXPORT MplsHwVrfStatus : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( MplsHwVrfStatus )
-   KEY( VrfId, vrfId )
+   VEL_ENTITY( MplsHwVrfStatus )
+   VEL_KEY( VrfId, vrfId )
    // Acknowledges the configuration's; when it comes on, the library goes over the LFIB again.
-   ATTRIBUTE( bool, mplsRouting, onMplsRouting )
+   VEL_ATTRIBUTE( bool, mplsRouting, onMplsRouting )
    // The version carried out. Stays, with the older version, when a rewriting is refused; removed with
    // the configuration's.
-   COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency )
+   VEL_COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency )
    // As carried out: adjacency and version. Stays, as it was, when a rewriting is refused; removed
    // with the configuration's. One that differs from what is configured now is late, and ignored.
-   VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
+   VEL_VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
    // (sm) Of the last refusal; written before the key is listed. The library sets it back to Success
    // when nothing is listed any more.
-   ATTRIBUTE( UnprogrammedReason, unprogrammedReason )
+   VEL_ATTRIBUTE( UnprogrammedReason, unprogrammedReason )
    // (sm) Refused, and tried again in intervals. The driver removes a key that it has carried out
    // since; the library lists those that the helper refused a FEC, and removes a key that goes.
-   SET( LabelSet, Mpls::RouteKey, unprogrammedRoute, onUnprogrammedRoute )
+   VEL_SET( LabelSet, Mpls::RouteKey, unprogrammedRoute, onUnprogrammedRoute )
    // Refused, and tried again in intervals. The driver removes what it has carried out since, and what
    // has left the configuration.
-   SET( HashSet, Ptr< Mpls::Hardware::L2Adjacency >, unprogrammedAdjacency, onUnprogrammedAdjacency )
+   VEL_SET( HashSet, Ptr< Mpls::Hardware::L2Adjacency >, unprogrammedAdjacency, onUnprogrammedAdjacency )
    // (sm) Hardware id of a multicast group, and how often it has changed: the library's, with the
    // answers of the multicast group service. A driver leaves both alone.
-   COLLECTION( Hash, U16, U32, mcastHwId )
-   COLLECTION( Hash, U16, U32, mcastHwIdSeq, onMcastHwIdSeq )
-   ENTITY_END_IN_SOURCE
+   VEL_COLLECTION( Hash, U16, U32, mcastHwId )
+   VEL_COLLECTION( Hash, U16, U32, mcastHwIdSeq, onMcastHwIdSeq )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -186,14 +186,14 @@ class VEL_EXPORT MplsHwStatus : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( MplsHwStatus )
-   KEY( std::string, statusName )
+   VEL_ENTITY( MplsHwStatus )
+   VEL_KEY( std::string, statusName )
    // Made by the driver when it meets the VRF's configuration, removed when it stops carrying it out.
-   ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfStatus, vrfStatus, onVrfStatus )
+   VEL_ENTITY_COLLECTION( Hash, VrfId, MplsHwVrfStatus, vrfStatus, onVrfStatus )
    // Written by the driver once, for other agents; the library reads neither.
-   ATTRIBUTE( U32, maxEcmpSize )
-   ATTRIBUTE( bool, lfibCountersSupported )
-   ENTITY_END_IN_SOURCE
+   VEL_ATTRIBUTE( U32, maxEcmpSize )
+   VEL_ATTRIBUTE( bool, lfibCountersSupported )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:

@@ -4,7 +4,7 @@
 
 namespace Vel {
 
-ENTITY_SOURCE( MplsSmInputStatusSm )
+VEL_ENTITY_SOURCE( MplsSmInputStatusSm )
 
 class MplsSmInputStatusSm::RouteSyncMapReactor : public VelHelper::MplsRouteSyncMap::Reactor {
  public:

@@ -21,9 +21,9 @@ namespace Vel {
 
 class VEL_EXPORT MplsSmInputStatusSm : public Entity {
    // clang-format off
-   ENTITY( MplsSmInputStatusSm )
-   DERIVED( systemLfibReady )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( MplsSmInputStatusSm )
+   VEL_DERIVED( systemLfibReady )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:

@@ -49,20 +49,20 @@ class MplsL2Adjacency;
 /// The sane vias of an LFIB via set, copied out of shared memory.
 class VEL_EXPORT CachedLFibMplsViaColl : public Entity {
    // clang-format off
-   ENTITY( CachedLFibMplsViaColl )
-   COLLECTION( Ordered, Mpls::LfibViaIndexRange, Mpls::LfibMplsVia, via )
-   ATTRIBUTE_DEFAULT( bool, usableAsPrimaryVias, { true } )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( CachedLFibMplsViaColl )
+   VEL_COLLECTION( Ordered, Mpls::LfibViaIndexRange, Mpls::LfibMplsVia, via )
+   VEL_ATTRIBUTE_DEFAULT( bool, usableAsPrimaryVias, { true } )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 };
 
 /// Route keys that pop into one VRF.
 class VEL_EXPORT VrfRouteKeySet : public Entity {
    // clang-format off
-   ENTITY( VrfRouteKeySet )
-   KEY( L3::VrfName, vrfName )
-   SET( HashSet, Mpls::RouteKey, routeKeySet )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( VrfRouteKeySet )
+   VEL_KEY( L3::VrfName, vrfName )
+   VEL_SET( HashSet, Mpls::RouteKey, routeKeySet )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -72,19 +72,19 @@ class VEL_EXPORT VrfRouteKeySet : public Entity {
 /// One label route that the state machine handles.
 class VEL_EXPORT MplsRoute : public Entity {
    // clang-format off
-   IN_SLAB( MplsRoute )
-   ENTITY( MplsRoute )
-   ATTRIBUTE( U32, metric )
-   ATTRIBUTE_DEFAULT( bool, unprogrammed, { true } ) // until the driver reports it, nothing is in hardware
-   ATTRIBUTE( bool, isInstalledWithMulticast )
-   ATTRIBUTE( U16, unconfirmedWrites )               // since the driver last had it in hardware; the count ends at 65,535
-   KEY( Mpls::RouteKey, routeKey )
-   ATTRIBUTE_DEFAULT( double, unprogrammedSince, { neverTime } ) // clock time, seconds
-   ATTRIBUTE( Ptr< L3Adjacency >, l3Adj )
-   ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adj )
-   ATTRIBUTE( Ptr< ExternalFecInfo >, extFecInfo )
-   COUNTER( version ) // one for each MplsHwRoute written
-   ENTITY_END_IN_SOURCE
+   VEL_IN_SLAB( MplsRoute )
+   VEL_ENTITY( MplsRoute )
+   VEL_ATTRIBUTE( U32, metric )
+   VEL_ATTRIBUTE_DEFAULT( bool, unprogrammed, { true } ) // until the driver reports it, nothing is in hardware
+   VEL_ATTRIBUTE( bool, isInstalledWithMulticast )
+   VEL_ATTRIBUTE( U16, unconfirmedWrites )               // since the driver last had it in hardware; the count ends at 65,535
+   VEL_KEY( Mpls::RouteKey, routeKey )
+   VEL_ATTRIBUTE_DEFAULT( double, unprogrammedSince, { neverTime } ) // clock time, seconds
+   VEL_ATTRIBUTE( Ptr< L3Adjacency >, l3Adj )
+   VEL_ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adj )
+   VEL_ATTRIBUTE( Ptr< ExternalFecInfo >, extFecInfo )
+   VEL_COUNTER( version ) // one for each MplsHwRoute written
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -106,14 +106,14 @@ class VEL_EXPORT MplsRoute : public Entity {
 /// A next hop that some adjacency resolves through.
 class VEL_EXPORT MplsNextHop : public Entity {
    // clang-format off
-   ENTITY( MplsNextHop )
-   KEY( IpAddrIntfId, nextHopInfo )
-   ATTRIBUTE_DEFAULT( double, unresolvedSince, { neverTime } ) // clock time, seconds; never while it is resolved
-   DERIVED( nextHopIp )
-   DERIVED( l3Intf )
-   SET( HashSet, L3Adjacency*, resolvedByRR )  // through the route resolver: vias without an interface
-   SET( HashSet, L3Adjacency*, resolvedByMNH ) // through the proactive ARP watcher: vias with one
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( MplsNextHop )
+   VEL_KEY( IpAddrIntfId, nextHopInfo )
+   VEL_ATTRIBUTE_DEFAULT( double, unresolvedSince, { neverTime } ) // clock time, seconds; never while it is resolved
+   VEL_DERIVED( nextHopIp )
+   VEL_DERIVED( l3Intf )
+   VEL_SET( HashSet, L3Adjacency*, resolvedByRR )  // through the route resolver: vias without an interface
+   VEL_SET( HashSet, L3Adjacency*, resolvedByMNH ) // through the proactive ARP watcher: vias with one
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -125,13 +125,13 @@ class VEL_EXPORT MplsNextHop : public Entity {
 /// A set of resolved L2 vias and who uses it.
 class VEL_EXPORT MplsL2Adjacency : public Entity {
    // clang-format off
-   ENTITY( MplsL2Adjacency )
-   KEY( U64, index )
-   ATTRIBUTE_DEFAULT( double, unprogrammedSince, { neverTime } ) // clock time, seconds; never while it is not refused
-   ATTRIBUTE( Mpls::Hardware::L2ViaSet, l2ViaSet )
-   SET( HashSet, L3Adjacency*, l3Adjacency )
-   SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( MplsL2Adjacency )
+   VEL_KEY( U64, index )
+   VEL_ATTRIBUTE_DEFAULT( double, unprogrammedSince, { neverTime } ) // clock time, seconds; never while it is not refused
+   VEL_ATTRIBUTE( Mpls::Hardware::L2ViaSet, l2ViaSet )
+   VEL_SET( HashSet, L3Adjacency*, l3Adjacency )
+   VEL_SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -142,12 +142,12 @@ class VEL_EXPORT MplsL2Adjacency : public Entity {
 /// A replication group of one multicast adjacency.
 class VEL_EXPORT MulticastGroupInfo : public Entity {
    // clang-format off
-   ENTITY( MulticastGroupInfo )
-   KEY( U16, groupId )
-   ATTRIBUTE( U32, mcastHwId )
-   SET( HashSet, Fib::FecId, fecId )
-   SET( HashSet, Fib::FecId, tearDownFec ) // to be removed once the group no longer uses them
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( MulticastGroupInfo )
+   VEL_KEY( U16, groupId )
+   VEL_ATTRIBUTE( U32, mcastHwId )
+   VEL_SET( HashSet, Fib::FecId, fecId )
+   VEL_SET( HashSet, Fib::FecId, tearDownFec ) // to be removed once the group no longer uses them
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -158,11 +158,11 @@ class VEL_EXPORT MulticastGroupInfo : public Entity {
 /// The FEC of one via of a multicast adjacency.
 class VEL_EXPORT MulticastFecInfo : public Entity {
    // clang-format off
-   ENTITY( MulticastFecInfo )
-   KEY( Fib::FecId, fecId )
-   ATTRIBUTE( U64, hwId ) // the outlif; 0 until the hardware layer answers
-   SET( HashSet, U16, dependMcastGroupId )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( MulticastFecInfo )
+   VEL_KEY( Fib::FecId, fecId )
+   VEL_ATTRIBUTE( U64, hwId ) // the outlif; 0 until the hardware layer answers
+   VEL_SET( HashSet, U16, dependMcastGroupId )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -185,35 +185,35 @@ using CarriedRouteKeys = CarriedGroup;
 /// One via set as it is programmed.
 class VEL_EXPORT L3Adjacency : public Entity {
    // clang-format off
-   ENTITY( L3Adjacency )
-   KEY( U64, index )
-   ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
-   ATTRIBUTE( Ptr< ExternalFecInfo >, extFecInfo )
-   ATTRIBUTE( MplsLabelAction, labelAction )
-   ATTRIBUTE( PopForm, popForm )  // none where it does not pop, or where its vias pop in different ways
-   ATTRIBUTE( Mpls::PayloadType, payloadType )
-   ATTRIBUTE( Mpls::TtlMode, ttlMode )
-   ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adjacency )
-   SET( HashSet, IpAddrIntfId, nextHop )
-   ATTRIBUTE( bool, keepsNextHops ) // of an earlier content, by which routes are still in hardware
-   ATTRIBUTE( Ptr< Mpls::Hardware::L2Adjacency >, hwL2Adjacency )
-   ATTRIBUTE( bool, unprogrammed )
-   ATTRIBUTE( bool, primaryViasDisabled ) // nothing leaves by its own vias
-   ATTRIBUTE( U32, waysOut )              // of its FEC: 0 none, 1 some, 2 all that is meant
-   SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
-   SET( CarriedRouteKeys, Mpls::RouteKey, carriedRouteKey ) // in hardware by this one until their own adjacency can take them
-   ATTRIBUTE( U64, contentDigest ) // of its via set and vias when it was last processed
-   ATTRIBUTE( U64, contentSameAt ) // how much the LFIB had announced when they were last seen to be the same
-   ATTRIBUTE( bool, outdated )    // what it has, if anything, is not what its via set says now
-   ATTRIBUTE( bool, otherVias )   // outdated, and frames that leave by it do so by other vias
-   ATTRIBUTE( bool, superseded )  // its via set has another content by now; it only carries
-   SET( HashSet, U64, primaryAdj ) // the adjacencies that this one protects
-   ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )
-   ATTRIBUTE( AwaitedBackup, awaitedBackup )
-   COUNTER( poppingPrimarys )      // of those that it protects, how many pop as it does
-   ATTRIBUTE( bool, popsTold )     // what those that it protects were last told: all pop
-   ATTRIBUTE( Ptr< MulticastGroupInfo >, multicastGroupInfo )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( L3Adjacency )
+   VEL_KEY( U64, index )
+   VEL_ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
+   VEL_ATTRIBUTE( Ptr< ExternalFecInfo >, extFecInfo )
+   VEL_ATTRIBUTE( MplsLabelAction, labelAction )
+   VEL_ATTRIBUTE( PopForm, popForm )  // none where it does not pop, or where its vias pop in different ways
+   VEL_ATTRIBUTE( Mpls::PayloadType, payloadType )
+   VEL_ATTRIBUTE( Mpls::TtlMode, ttlMode )
+   VEL_ATTRIBUTE( Ptr< MplsL2Adjacency >, l2Adjacency )
+   VEL_SET( HashSet, IpAddrIntfId, nextHop )
+   VEL_ATTRIBUTE( bool, keepsNextHops ) // of an earlier content, by which routes are still in hardware
+   VEL_ATTRIBUTE( Ptr< Mpls::Hardware::L2Adjacency >, hwL2Adjacency )
+   VEL_ATTRIBUTE( bool, unprogrammed )
+   VEL_ATTRIBUTE( bool, primaryViasDisabled ) // nothing leaves by its own vias
+   VEL_ATTRIBUTE( U32, waysOut )              // of its FEC: 0 none, 1 some, 2 all that is meant
+   VEL_SET( GroupedRouteKeys, Mpls::RouteKey, routeKey )
+   VEL_SET( CarriedRouteKeys, Mpls::RouteKey, carriedRouteKey ) // in hardware by this one until their own adjacency can take them
+   VEL_ATTRIBUTE( U64, contentDigest ) // of its via set and vias when it was last processed
+   VEL_ATTRIBUTE( U64, contentSameAt ) // how much the LFIB had announced when they were last seen to be the same
+   VEL_ATTRIBUTE( bool, outdated )    // what it has, if anything, is not what its via set says now
+   VEL_ATTRIBUTE( bool, otherVias )   // outdated, and frames that leave by it do so by other vias
+   VEL_ATTRIBUTE( bool, superseded )  // its via set has another content by now; it only carries
+   VEL_SET( HashSet, U64, primaryAdj ) // the adjacencies that this one protects
+   VEL_ATTRIBUTE( Ptr< L3Adjacency >, backupAdj )
+   VEL_ATTRIBUTE( AwaitedBackup, awaitedBackup )
+   VEL_COUNTER( poppingPrimarys )      // of those that it protects, how many pop as it does
+   VEL_ATTRIBUTE( bool, popsTold )     // what those that it protects were last told: all pop
+   VEL_ATTRIBUTE( Ptr< MulticastGroupInfo >, multicastGroupInfo )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -230,10 +230,10 @@ class VEL_EXPORT L3Adjacency : public Entity {
 /// The adjacencies whose awaited backup is made of one via set.
 class VEL_EXPORT BackupWait : public Entity {
    // clang-format off
-   ENTITY( BackupWait )
-   KEY( Mpls::LfibViaSetKey, viaSetKey )
-   SET( HashSet, U64, l3Adjacency )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( BackupWait )
+   VEL_KEY( Mpls::LfibViaSetKey, viaSetKey )
+   VEL_SET( HashSet, U64, l3Adjacency )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -243,24 +243,24 @@ class VEL_EXPORT BackupWait : public Entity {
 /// A FEC that routes or adjacencies forward into.
 class VEL_EXPORT ExternalFecInfo : public Entity {
    // clang-format off
-   ENTITY( ExternalFecInfo )
-   KEY( Fib::FecId, fecId )
-   ATTRIBUTE( U64, hwId ) // what the hardware layer granted; 0 until then
-   ATTRIBUTE( U64, carriedOut )       // the version of the request that stands behind it
-   ATTRIBUTE( AdjSyncId, syncId )     // what it was before a restart, with the routes of that time
-   ATTRIBUTE( bool, joinersWait )     // until hardware has carried out what is requested now
-   ATTRIBUTE( bool, publishedBehind ) // some of its routes, while that was not so
-   SET( HashSet, L3Adjacency*, dependentL3Adjacency )
-   SET( HashSet, ExternalFecInfo*, dependentPrimaryExtFecInfo ) // those that this one protects
-   ATTRIBUTE( Ptr< ExternalFecInfo >, backupExtFecInfo )
-   SET( HashSet, ExternalFecInfo*, formerBackup ) // that hardware may still use, until it has what is requested
-   SET( GroupedRouteKeys, Mpls::RouteKey, dependentRouteKey )
-   ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
-   ATTRIBUTE( AdjHwState, adjState )
-   ATTRIBUTE( VrfId, adjStateVrfId ) // the number under which that was reported
-   ATTRIBUTE( bool, popLabelActionRemoved )
-   ATTRIBUTE( bool, shouldRemovePopLabelAction )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( ExternalFecInfo )
+   VEL_KEY( Fib::FecId, fecId )
+   VEL_ATTRIBUTE( U64, hwId ) // what the hardware layer granted; 0 until then
+   VEL_ATTRIBUTE( U64, carriedOut )       // the version of the request that stands behind it
+   VEL_ATTRIBUTE( AdjSyncId, syncId )     // what it was before a restart, with the routes of that time
+   VEL_ATTRIBUTE( bool, joinersWait )     // until hardware has carried out what is requested now
+   VEL_ATTRIBUTE( bool, publishedBehind ) // some of its routes, while that was not so
+   VEL_SET( HashSet, L3Adjacency*, dependentL3Adjacency )
+   VEL_SET( HashSet, ExternalFecInfo*, dependentPrimaryExtFecInfo ) // those that this one protects
+   VEL_ATTRIBUTE( Ptr< ExternalFecInfo >, backupExtFecInfo )
+   VEL_SET( HashSet, ExternalFecInfo*, formerBackup ) // that hardware may still use, until it has what is requested
+   VEL_SET( GroupedRouteKeys, Mpls::RouteKey, dependentRouteKey )
+   VEL_ATTRIBUTE( Mpls::LfibViaSetKey, lFibViaSetKey )
+   VEL_ATTRIBUTE( AdjHwState, adjState )
+   VEL_ATTRIBUTE( VrfId, adjStateVrfId ) // the number under which that was reported
+   VEL_ATTRIBUTE( bool, popLabelActionRemoved )
+   VEL_ATTRIBUTE( bool, shouldRemovePopLabelAction )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -288,44 +288,44 @@ inline bool MplsRoute::inHardwareBy( const L3Adjacency& l3Adj ) const {
 /// Everything that the state machine holds for one VRF.
 class VEL_EXPORT VrfMplsState : public Entity {
    // clang-format off
-   ENTITY( VrfMplsState )
-   KEY( L3::VrfName, vrfName )
-   ENTITY_COLLECTION( LabelIndexed, Mpls::RouteKey, MplsRoute, route )
-   ENTITY_COLLECTION( Hash, IpAddrIntfId, MplsNextHop, mplsNextHop )
-   ENTITY_COLLECTION( Hash, U64, L3Adjacency, l3Adjacency )
-   ENTITY_COLLECTION( Hash, U64, MplsL2Adjacency, l2Adjacency )
-   ENTITY_COLLECTION( Hash, Fib::FecId, ExternalFecInfo, extFecInfo )
-   COLLECTION( Hash, Mpls::LfibViaSetKey, U64, lFibViaSetToL3Adj )
-   COLLECTION( Hash, Mpls::LfibViaSetKey, Fib::FecId, lFibViaSetToFecId )
-   COLLECTION( Hash, Mpls::LfibViaKey, Fib::FecId, viaKeyToFecId )
-   SET( LabelSet, Mpls::RouteKey, routeKeyForPublish )
-   SET( LabelSet, Mpls::RouteKey, routeKeyForReview )
-   COLLECTION( Hash, U64, L3AdjReview, l3AdjForReview )
-   SET( HashSet, U64, l2AdjForReview )
-   SET( HashSet, U64, l2AdjPendingForDelete ) // until their last route has left
-   SET( HashSet, U64, l2AdjVacated )          // of those, where it has
-   COUNTER( numUnprogrammedRoute )
-   COUNTER( numUnprogrammedAdj )
-   ATTRIBUTE( double, lastUnprogrammedReview ) // clock time, seconds
-   COUNTER( vrfReviewCount )
-   COUNTER( routeKeyReviewed )
-   COUNTER( routeKeyPublished )
-   COUNTER( l3AdjReviewed )
-   COUNTER( l2AdjReviewed )
-   COUNTER( l2AdjDeleted )
-   COUNTER( unprogRouteRetried )
-   COUNTER( unprogAdjRetried )
-   ATTRIBUTE( double, unprogrammedRetryInterval ) // seconds
-   ATTRIBUTE( bool, retryRoutesFirst )            // the last retry was cut short with the adjacencies first
-   SET( HashSet, U64, adjRetried )                // of the round of retries that is under way
-   ENTITY_COLLECTION( Hash, Fib::FecId, MulticastFecInfo, mcastFecInfo )
-   ENTITY_COLLECTION( Hash, U16, MulticastGroupInfo, multicastGroupInfo )
-   ENTITY_COLLECTION( Hash, Mpls::LfibViaSetKey, BackupWait, waitsForBackup )
-   COLLECTION( Hash, U32, U16, mcastHwIdToGroup )
-   ATTRIBUTE_DEFAULT( U64, writtenVrfId, { noVrfId } ) // the number under which things are written, also while it is lost
-   DERIVED( needReview )
-   DERIVED( needReviewForUnprogrammedOnly )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( VrfMplsState )
+   VEL_KEY( L3::VrfName, vrfName )
+   VEL_ENTITY_COLLECTION( LabelIndexed, Mpls::RouteKey, MplsRoute, route )
+   VEL_ENTITY_COLLECTION( Hash, IpAddrIntfId, MplsNextHop, mplsNextHop )
+   VEL_ENTITY_COLLECTION( Hash, U64, L3Adjacency, l3Adjacency )
+   VEL_ENTITY_COLLECTION( Hash, U64, MplsL2Adjacency, l2Adjacency )
+   VEL_ENTITY_COLLECTION( Hash, Fib::FecId, ExternalFecInfo, extFecInfo )
+   VEL_COLLECTION( Hash, Mpls::LfibViaSetKey, U64, lFibViaSetToL3Adj )
+   VEL_COLLECTION( Hash, Mpls::LfibViaSetKey, Fib::FecId, lFibViaSetToFecId )
+   VEL_COLLECTION( Hash, Mpls::LfibViaKey, Fib::FecId, viaKeyToFecId )
+   VEL_SET( LabelSet, Mpls::RouteKey, routeKeyForPublish )
+   VEL_SET( LabelSet, Mpls::RouteKey, routeKeyForReview )
+   VEL_COLLECTION( Hash, U64, L3AdjReview, l3AdjForReview )
+   VEL_SET( HashSet, U64, l2AdjForReview )
+   VEL_SET( HashSet, U64, l2AdjPendingForDelete ) // until their last route has left
+   VEL_SET( HashSet, U64, l2AdjVacated )          // of those, where it has
+   VEL_COUNTER( numUnprogrammedRoute )
+   VEL_COUNTER( numUnprogrammedAdj )
+   VEL_ATTRIBUTE( double, lastUnprogrammedReview ) // clock time, seconds
+   VEL_COUNTER( vrfReviewCount )
+   VEL_COUNTER( routeKeyReviewed )
+   VEL_COUNTER( routeKeyPublished )
+   VEL_COUNTER( l3AdjReviewed )
+   VEL_COUNTER( l2AdjReviewed )
+   VEL_COUNTER( l2AdjDeleted )
+   VEL_COUNTER( unprogRouteRetried )
+   VEL_COUNTER( unprogAdjRetried )
+   VEL_ATTRIBUTE( double, unprogrammedRetryInterval ) // seconds
+   VEL_ATTRIBUTE( bool, retryRoutesFirst )            // the last retry was cut short with the adjacencies first
+   VEL_SET( HashSet, U64, adjRetried )                // of the round of retries that is under way
+   VEL_ENTITY_COLLECTION( Hash, Fib::FecId, MulticastFecInfo, mcastFecInfo )
+   VEL_ENTITY_COLLECTION( Hash, U16, MulticastGroupInfo, multicastGroupInfo )
+   VEL_ENTITY_COLLECTION( Hash, Mpls::LfibViaSetKey, BackupWait, waitsForBackup )
+   VEL_COLLECTION( Hash, U32, U16, mcastHwIdToGroup )
+   VEL_ATTRIBUTE_DEFAULT( U64, writtenVrfId, { noVrfId } ) // the number under which things are written, also while it is lost
+   VEL_DERIVED( needReview )
+   VEL_DERIVED( needReviewForUnprogrammedOnly )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:

@@ -11,8 +11,8 @@
 
 namespace Vel {
 
-ENTITY_SOURCE( MplsSm )
-ENTITY_SOURCE( MplsSmCounters )
+VEL_ENTITY_SOURCE( MplsSm )
+VEL_ENTITY_SOURCE( MplsSmCounters )
 
 TraceHandle velMplsSmTrace( "VelMplsSm" );
 

@@ -71,74 +71,74 @@ struct Parts;
 }
 
 /// An input, to be read by its name and shown like an attribute.
-#define MPLS_SM_INPUT( foo )                                                                       \
+#define VEL_MPLS_SM_INPUT( foo )                                                                   \
  public:                                                                                           \
    const decltype( MplsSmInputs::foo )& foo() const {                                              \
       return in_.foo;                                                                              \
    }                                                                                               \
-   DERIVED( foo )
+   VEL_DERIVED( foo )
 
 /// The state machine of transit and IP-lookup label routes.
 class VEL_EXPORT MplsSm : public Entity {
    // clang-format off
-   ENTITY( MplsSm )
-   ATTRIBUTE( bool, initialized )
-   DERIVED( mplsSmStartupStatus )
-   ATTRIBUTE( Ptr< MplsSmStartupRecord >, mplsSmStartupRecord )
-   ATTRIBUTE_DEFAULT( double, reviewInterval, { 0.001 } )                    // seconds
-   ATTRIBUTE_DEFAULT( double, reviewQuanta, { 0.025 } )                      // seconds
-   ATTRIBUTE_DEFAULT( double, currentReviewInterval, { 0.001 } )             // seconds, the last pull-in
-   ATTRIBUTE_DEFAULT( double, defaultUnprogrammedRetryInterval, { 10.0 } )   // seconds
-   COUNTER( reviewCount )
-   ATTRIBUTE( double, reviewEndTime )                                        // clock time, seconds
-   COUNTER( adjacencyIndex )                                                 // the next index, L3 and L2 alike
-   SET( HashSet, L3::VrfName, vrfForReview )
-   COLLECTION( Hash, L3::VrfName, Ptr< VrfMplsState >, unprogrammedRouteForReview )
-   COLLECTION( Hash, L3::VrfName, Ptr< VrfMplsState >, routeKeyToBePublished )
-   ENTITY_COLLECTION( Hash, L3::VrfName, VrfMplsState, mplsState )
-   COLLECTION( Hash, Mpls::Hardware::L2ViaSet, Ptr< Mpls::Hardware::L2Adjacency >, viaSetToHwL2Adj )
-   SET( LabelSet, Mpls::RouteKey, mplsIpRouteKey )                           // accepted from the LFIB
-   SET( HashSet, Fib::FecId, fecIdSetAside )                                 // still answered to a former owner; their numbers are in use
-   COLLECTION( Hash, Mpls::LfibViaSetKey, double, viaSetAwaited )             // missing or not sane when a route was processed; since when
-   SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // of the recovered ones: not wanted by the LFIB when it was last looked at
-   SET( LabelSet, Mpls::RouteKey, recoveredRoute )                           // in the sync map, not written or removed since
-   ATTRIBUTE_DEFAULT( double, maxStaleShare, { 1.0 } )                       // of the recovered routes; more are not dropped unasked
-   ATTRIBUTE( bool, staleSweepHeld )                                         // for that reason, until it is approved
-   READ_ONLY( Ptr< TimerTask >, vrfTask )
-   READ_ONLY( Ptr< TimerTask >, unprogrammedRouteTask )
-   READ_ONLY( Ptr< TimerTask >, routePublishTask )
-   READ_ONLY( Ptr< Mpls::LfibTrackingStatus >, lfibTrackingStatus )
-   READ_ONLY( Ptr< Mpls::LfibTrackingSm >, lfibTrackingSm )
-   READ_ONLY( Ptr< NumAllocatorConfig >, numAllocatorConfig )                // of FEC indices, none before the state machine is initialized
-   READ_ONLY( Ptr< NumAllocatorStatus >, numAllocatorStatus )
-   READ_ONLY( Ptr< NumAllocator >, numAllocator )
-   READ_ONLY( Ptr< NumAllocator >, numAllocatorMcastGroupId )
-   READ_ONLY( Ptr< const FecIdToHwFecIdRequest >, mplsMcastAdjReq )          // as the entity manager has them
-   READ_ONLY( Ptr< const FecIdToHwFecIdResponse >, mplsMcastAdjResp )
-   MPLS_SM_INPUT( lfibInfo )
-   MPLS_SM_INPUT( mplsRoutingInfo )
-   MPLS_SM_INPUT( transitLfib )
-   MPLS_SM_INPUT( lfibHwStatus )
-   MPLS_SM_INPUT( routingHwRouteStatus )
-   MPLS_SM_INPUT( routingHwMplsStatus )
-   MPLS_SM_INPUT( routeReactorConfig )
-   MPLS_SM_INPUT( route6ReactorConfig )
-   MPLS_SM_INPUT( mplsHwConfig )
-   MPLS_SM_INPUT( mplsHwStatus )
-   MPLS_SM_INPUT( velL3Status )
-   MPLS_SM_INPUT( proactiveArpNhSm )
-   MPLS_SM_INPUT( entityManager )
-   MPLS_SM_INPUT( hwFecIdRequest )
-   MPLS_SM_INPUT( hwFecIdResponse )
-   MPLS_SM_INPUT( mplsSmHelper )
-   MPLS_SM_INPUT( mplsRouteSyncMap )
-   MPLS_SM_INPUT( inputStatusSummary )
-   MPLS_SM_INPUT( velL3StartupStagePrereqs )
-   MPLS_SM_INPUT( attrLogSm )
-   MPLS_SM_INPUT( mcastGroupProgConfig )
-   MPLS_SM_INPUT( clock )
-   MPLS_SM_INPUT( scheduler )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( MplsSm )
+   VEL_ATTRIBUTE( bool, initialized )
+   VEL_DERIVED( mplsSmStartupStatus )
+   VEL_ATTRIBUTE( Ptr< MplsSmStartupRecord >, mplsSmStartupRecord )
+   VEL_ATTRIBUTE_DEFAULT( double, reviewInterval, { 0.001 } )                    // seconds
+   VEL_ATTRIBUTE_DEFAULT( double, reviewQuanta, { 0.025 } )                      // seconds
+   VEL_ATTRIBUTE_DEFAULT( double, currentReviewInterval, { 0.001 } )             // seconds, the last pull-in
+   VEL_ATTRIBUTE_DEFAULT( double, defaultUnprogrammedRetryInterval, { 10.0 } )   // seconds
+   VEL_COUNTER( reviewCount )
+   VEL_ATTRIBUTE( double, reviewEndTime )                                        // clock time, seconds
+   VEL_COUNTER( adjacencyIndex )                                                 // the next index, L3 and L2 alike
+   VEL_SET( HashSet, L3::VrfName, vrfForReview )
+   VEL_COLLECTION( Hash, L3::VrfName, Ptr< VrfMplsState >, unprogrammedRouteForReview )
+   VEL_COLLECTION( Hash, L3::VrfName, Ptr< VrfMplsState >, routeKeyToBePublished )
+   VEL_ENTITY_COLLECTION( Hash, L3::VrfName, VrfMplsState, mplsState )
+   VEL_COLLECTION( Hash, Mpls::Hardware::L2ViaSet, Ptr< Mpls::Hardware::L2Adjacency >, viaSetToHwL2Adj )
+   VEL_SET( LabelSet, Mpls::RouteKey, mplsIpRouteKey )                           // accepted from the LFIB
+   VEL_SET( HashSet, Fib::FecId, fecIdSetAside )                                 // still answered to a former owner; their numbers are in use
+   VEL_COLLECTION( Hash, Mpls::LfibViaSetKey, double, viaSetAwaited )             // missing or not sane when a route was processed; since when
+   VEL_SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // of the recovered ones: not wanted by the LFIB when it was last looked at
+   VEL_SET( LabelSet, Mpls::RouteKey, recoveredRoute )                           // in the sync map, not written or removed since
+   VEL_ATTRIBUTE_DEFAULT( double, maxStaleShare, { 1.0 } )                       // of the recovered routes; more are not dropped unasked
+   VEL_ATTRIBUTE( bool, staleSweepHeld )                                         // for that reason, until it is approved
+   VEL_READ_ONLY( Ptr< TimerTask >, vrfTask )
+   VEL_READ_ONLY( Ptr< TimerTask >, unprogrammedRouteTask )
+   VEL_READ_ONLY( Ptr< TimerTask >, routePublishTask )
+   VEL_READ_ONLY( Ptr< Mpls::LfibTrackingStatus >, lfibTrackingStatus )
+   VEL_READ_ONLY( Ptr< Mpls::LfibTrackingSm >, lfibTrackingSm )
+   VEL_READ_ONLY( Ptr< NumAllocatorConfig >, numAllocatorConfig )                // of FEC indices, none before the state machine is initialized
+   VEL_READ_ONLY( Ptr< NumAllocatorStatus >, numAllocatorStatus )
+   VEL_READ_ONLY( Ptr< NumAllocator >, numAllocator )
+   VEL_READ_ONLY( Ptr< NumAllocator >, numAllocatorMcastGroupId )
+   VEL_READ_ONLY( Ptr< const FecIdToHwFecIdRequest >, mplsMcastAdjReq )          // as the entity manager has them
+   VEL_READ_ONLY( Ptr< const FecIdToHwFecIdResponse >, mplsMcastAdjResp )
+   VEL_MPLS_SM_INPUT( lfibInfo )
+   VEL_MPLS_SM_INPUT( mplsRoutingInfo )
+   VEL_MPLS_SM_INPUT( transitLfib )
+   VEL_MPLS_SM_INPUT( lfibHwStatus )
+   VEL_MPLS_SM_INPUT( routingHwRouteStatus )
+   VEL_MPLS_SM_INPUT( routingHwMplsStatus )
+   VEL_MPLS_SM_INPUT( routeReactorConfig )
+   VEL_MPLS_SM_INPUT( route6ReactorConfig )
+   VEL_MPLS_SM_INPUT( mplsHwConfig )
+   VEL_MPLS_SM_INPUT( mplsHwStatus )
+   VEL_MPLS_SM_INPUT( velL3Status )
+   VEL_MPLS_SM_INPUT( proactiveArpNhSm )
+   VEL_MPLS_SM_INPUT( entityManager )
+   VEL_MPLS_SM_INPUT( hwFecIdRequest )
+   VEL_MPLS_SM_INPUT( hwFecIdResponse )
+   VEL_MPLS_SM_INPUT( mplsSmHelper )
+   VEL_MPLS_SM_INPUT( mplsRouteSyncMap )
+   VEL_MPLS_SM_INPUT( inputStatusSummary )
+   VEL_MPLS_SM_INPUT( velL3StartupStagePrereqs )
+   VEL_MPLS_SM_INPUT( attrLogSm )
+   VEL_MPLS_SM_INPUT( mcastGroupProgConfig )
+   VEL_MPLS_SM_INPUT( clock )
+   VEL_MPLS_SM_INPUT( scheduler )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:

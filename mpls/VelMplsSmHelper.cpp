@@ -4,8 +4,8 @@
 
 namespace Vel {
 
-ENTITY_SOURCE( MplsSmInputSummary )
-ENTITY_SOURCE( MplsSmStartupRecord )
+VEL_ENTITY_SOURCE( MplsSmInputSummary )
+VEL_ENTITY_SOURCE( MplsSmStartupRecord )
 
 void MplsSmStartupRecord::clearAndInitialize() {
    timeTakenDelAll();
@@ -41,7 +41,7 @@ Ptr< MplsSmStartupRecord > mplsSmStartupRecordFactory( std::string name,
 
 namespace VelHelper {
 
-ENTITY_SOURCE( MplsRouteSyncMap )
+VEL_ENTITY_SOURCE( MplsRouteSyncMap )
 
 void MplsRouteSyncMap::assertNotReady() const {
    VEL_ASSERT_TEXT( !ready(), "!ready()",

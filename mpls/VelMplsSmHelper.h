@@ -52,9 +52,9 @@ class VEL_EXPORT MplsSmInputSummary : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( MplsSmInputSummary )
-   ATTRIBUTE( MplsSmInputStatus, status, onStatus )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( MplsSmInputSummary )
+   VEL_ATTRIBUTE( MplsSmInputStatus, status, onStatus )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 };
 
@@ -64,12 +64,12 @@ class VEL_EXPORT MplsSmStartupRecord : public WatchedEntity {
    class Reactor : public ReactorOf< MplsSmStartupRecord > {};
 
    // clang-format off
-   ENTITY( MplsSmStartupRecord )
-   KEY( std::string, recordName )
-   ATTRIBUTE( MplsSmStartupStatus, lastStage )
-   ATTRIBUTE( double, lastStageTime )                              // clock time, seconds
-   COLLECTION( Ordered, MplsSmStartupStatus, double, timeTaken )   // seconds that a stage lasted
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( MplsSmStartupRecord )
+   VEL_KEY( std::string, recordName )
+   VEL_ATTRIBUTE( MplsSmStartupStatus, lastStage )
+   VEL_ATTRIBUTE( double, lastStageTime )                              // clock time, seconds
+   VEL_COLLECTION( Ordered, MplsSmStartupStatus, double, timeTaken )   // seconds that a stage lasted
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -109,11 +109,11 @@ class VEL_EXPORT MplsRouteSyncMap : public Vel::WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( MplsRouteSyncMap )
-   DERIVED( ready )
-   ATTRIBUTE_DEFAULT( U64, vrfId, { Vel::noVrfId } ) // the number under which hardware has them, when it knows
+   VEL_ENTITY( MplsRouteSyncMap )
+   VEL_DERIVED( ready )
+   VEL_ATTRIBUTE_DEFAULT( U64, vrfId, { Vel::noVrfId } ) // the number under which hardware has them, when it knows
    VEL_VISIT_( adjSyncId, ::Vel::visitCollection )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:

@@ -114,21 +114,21 @@ std::optional< IpAddrIntfId > IpAddrIntfId::parse( std::string_view text ) {
 
 // --- Entities.
 
-ENTITY_SOURCE( MplsHwVrfConfig )
-ENTITY_SOURCE( MplsHwConfig )
-ENTITY_SOURCE( MplsHwVrfStatus )
-ENTITY_SOURCE( MplsHwStatus )
-ENTITY_SOURCE( CachedLFibMplsViaColl )
-ENTITY_SOURCE( VrfRouteKeySet )
-ENTITY_SOURCE( MplsRoute )
-ENTITY_SOURCE( MplsNextHop )
-ENTITY_SOURCE( MplsL2Adjacency )
-ENTITY_SOURCE( MulticastGroupInfo )
-ENTITY_SOURCE( MulticastFecInfo )
-ENTITY_SOURCE( L3Adjacency )
-ENTITY_SOURCE( ExternalFecInfo )
-ENTITY_SOURCE( BackupWait )
-ENTITY_SOURCE( VrfMplsState )
+VEL_ENTITY_SOURCE( MplsHwVrfConfig )
+VEL_ENTITY_SOURCE( MplsHwConfig )
+VEL_ENTITY_SOURCE( MplsHwVrfStatus )
+VEL_ENTITY_SOURCE( MplsHwStatus )
+VEL_ENTITY_SOURCE( CachedLFibMplsViaColl )
+VEL_ENTITY_SOURCE( VrfRouteKeySet )
+VEL_ENTITY_SOURCE( MplsRoute )
+VEL_ENTITY_SOURCE( MplsNextHop )
+VEL_ENTITY_SOURCE( MplsL2Adjacency )
+VEL_ENTITY_SOURCE( MulticastGroupInfo )
+VEL_ENTITY_SOURCE( MulticastFecInfo )
+VEL_ENTITY_SOURCE( L3Adjacency )
+VEL_ENTITY_SOURCE( ExternalFecInfo )
+VEL_ENTITY_SOURCE( BackupWait )
+VEL_ENTITY_SOURCE( VrfMplsState )
 
 Ptr< MplsHwConfig > mplsHwConfigFactory( std::string name ) {
    return make< MplsHwConfig >( std::move( name ) );

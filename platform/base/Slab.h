@@ -62,7 +62,7 @@ SlabPool& slabOf() {
 
 /// Takes the entity type `Name` from a slab. A derived type of another size goes to the general
 /// allocator.
-#define IN_SLAB( Name )                                                                            \
+#define VEL_IN_SLAB( Name )                                                                        \
  public:                                                                                           \
    static void* operator new( std::size_t size ) {                                                 \
       return size == sizeof( Name ) ? ::Vel::slabOf< Name >().allocate() : ::operator new( size ); \

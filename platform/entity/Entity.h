@@ -20,7 +20,7 @@
 // demand. A record of a route carries no string.
 //
 // Introspection. The same declaration enumerates the attributes by name; see Introspection.h. Each
-// declaration stands on a line of its own between ENTITY and ENTITY_END, since the line is what
+// declaration stands on a line of its own between ENTITY and VEL_ENTITY_END, since the line is what
 // numbers it.
 //
 // Threads: one. Counts and notifications are not synchronised.

@@ -1,13 +1,13 @@
 // The declaration lines of an entity. Included by Entity.h; read its head for what they give.
 //
 //    class MplsHwVrfStatus : public WatchedEntity {
-//       ENTITY( MplsHwVrfStatus )
-//       KEY( VrfId, vrfId )
-//       ATTRIBUTE( bool, mplsRouting, onMplsRouting )
-//       COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency )
-//       VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
-//       SET( LabelSet, Mpls::RouteKey, unprogrammedRoute, onUnprogrammedRoute )
-//       ENTITY_END
+//       VEL_ENTITY( MplsHwVrfStatus )
+//       VEL_KEY( VrfId, vrfId )
+//       VEL_ATTRIBUTE( bool, mplsRouting, onMplsRouting )
+//       VEL_COLLECTION( Hash, Ptr< Mpls::Hardware::L2Adjacency >, U32, l2Adjacency )
+//       VEL_VALUES( LabelIndexed, Mpls::RouteKey, MplsHwRoute, routeKey, route, onRoute )
+//       VEL_SET( LabelSet, Mpls::RouteKey, unprogrammedRoute, onUnprogrammedRoute )
+//       VEL_ENTITY_END
 //     public:
 //       explicit MplsHwVrfStatus( VrfId vrfId ) : vrfId_( vrfId ) {}
 //    };
@@ -19,13 +19,13 @@
 #pragma once
 
 // clang-format off
-#define ENTITY( Name )                                                                             \
+#define VEL_ENTITY( Name )                                                                         \
  public:                                                                                           \
    using Self_ = Name;                                                                             \
    static constexpr int firstLine_ = __LINE__;                                                     \
    std::string_view typeName() const override { return #Name; }
 
-#define ENTITY_END                                                                                 \
+#define VEL_ENTITY_END                                                                             \
  public:                                                                                           \
    void visit( ::Vel::AttributeVisitor& visitor ) const override {                                 \
       ::Vel::visitLines< firstLine_ >(                                                             \
@@ -36,15 +36,16 @@
          number, std::make_integer_sequence< int, __LINE__ - firstLine_ >{} );                     \
    }
 
-/// Closes the declaration of a type whose enumeration stands in a source file, as ENTITY_SOURCE( Name ): for types that
-/// many files include, since the enumeration instantiates something for each line.
-#define ENTITY_END_IN_SOURCE                                                                       \
+/// Closes the declaration of a type whose enumeration stands in a source file, as
+/// VEL_ENTITY_SOURCE( Name ): for types that many files include, since the enumeration
+/// instantiates something for each line.
+#define VEL_ENTITY_END_IN_SOURCE                                                                   \
  public:                                                                                           \
    static constexpr int lastLine_ = __LINE__;                                                      \
    void visit( ::Vel::AttributeVisitor& visitor ) const override;                                  \
    std::string_view attributeName( uint16_t number ) const override;
 
-#define ENTITY_SOURCE( Name )                                                                      \
+#define VEL_ENTITY_SOURCE( Name )                                                                  \
    void Name::visit( ::Vel::AttributeVisitor& visitor ) const {                                    \
       ::Vel::visitLines< firstLine_ >(                                                             \
          *this, visitor, std::make_integer_sequence< int, lastLine_ - firstLine_ >{} );            \
@@ -54,8 +55,9 @@
          number, std::make_integer_sequence< int, lastLine_ - firstLine_ >{} );                    \
    }
 
-/// Closes the declaration of a type derived from another entity type: the base's attributes come first.
-#define ENTITY_END_OVER( Base )                                                                    \
+/// Closes the declaration of a type derived from another entity type: the base's attributes
+/// come first.
+#define VEL_ENTITY_END_OVER( Base )                                                                \
  public:                                                                                           \
    void visit( ::Vel::AttributeVisitor& visitor ) const override {                                 \
       Base::visit( visitor );                                                                      \
@@ -83,7 +85,7 @@
 #define VEL_CALL_( arguments, ... ) __VA_OPT__( VEL_HEAR_( __VA_ARGS__ arguments ) )
 
 /// A constructor argument that names the entity among its siblings.
-#define KEY( Type, foo )                                                                           \
+#define VEL_KEY( Type, foo )                                                                       \
  public:                                                                                           \
    Type const& foo() const { return foo##_; }                                                      \
    std::string name() const override { return ::Vel::textOf( foo##_ ); }                           \
@@ -94,11 +96,11 @@
  private:                                                                                          \
    Type foo##_;
 
-/// A plain attribute: `ATTRIBUTE( Type, foo )`, or with the handler that hears of it.
-#define ATTRIBUTE( Type, foo, ... ) ATTRIBUTE_DEFAULT( Type, foo, {}, __VA_ARGS__ )
+/// A plain attribute: `VEL_ATTRIBUTE( Type, foo )`, or with the handler that hears of it.
+#define VEL_ATTRIBUTE( Type, foo, ... ) VEL_ATTRIBUTE_DEFAULT( Type, foo, {}, __VA_ARGS__ )
 
 /// A plain attribute with an initial value in braces.
-#define ATTRIBUTE_DEFAULT( Type, foo, initial, ... )                                               \
+#define VEL_ATTRIBUTE_DEFAULT( Type, foo, initial, ... )                                           \
  public:                                                                                           \
    Type const& foo() const { return foo##_; }                                                      \
    void foo##Is( Type const& value ) {                                                             \
@@ -116,13 +118,14 @@
    Type foo##_ initial;
 
 /// A 64-bit counter.
-#define COUNTER( foo )                                                                             \
-   ATTRIBUTE( uint64_t, foo )                                                                      \
+#define VEL_COUNTER( foo )                                                                         \
+   VEL_ATTRIBUTE( uint64_t, foo )                                                                  \
  public:                                                                                           \
    void foo##Inc( uint64_t delta = 1 ) { foo##_ += delta; }
 
-/// A value that follows from the others: the class defines `foo()`, the line makes it readable from outside.
-#define DERIVED( foo )                                                                             \
+/// A value that follows from the others: the class defines `foo()`, the line makes it readable
+/// from outside.
+#define VEL_DERIVED( foo )                                                                         \
  public:                                                                                           \
    void visitLine_( ::Vel::AttributeLine< __LINE__ >, ::Vel::AttributeVisitor& visitor ) const {   \
       visitor.attribute( #foo, ::Vel::attributeValue( foo() ) );                                   \
@@ -151,7 +154,7 @@
    }
 
 /// A keyed collection of values.
-#define COLLECTION( Shape, Key_, Value_, foo, ... )                                                \
+#define VEL_COLLECTION( Shape, Key_, Value_, foo, ... )                                            \
    VEL_COLLECTION_( Key_, foo, __VA_ARGS__ )                                                       \
  public:                                                                                           \
    Value_ const& foo( Key_ const& key ) const { return foo##_.lookup( key ); }                     \
@@ -165,7 +168,7 @@
    ::Vel::Shape< Key_, Value_ > foo##_;
 
 /// A collection of values that carry their key in the field `keyField`.
-#define VALUES( Shape, Key_, Value_, keyField, foo, ... )                                          \
+#define VEL_VALUES( Shape, Key_, Value_, keyField, foo, ... )                                      \
    VEL_COLLECTION_( Key_, foo, __VA_ARGS__ )                                                       \
  public:                                                                                           \
    Value_ const& foo( Key_ const& key ) const { return foo##_.lookup( key ); }                     \
@@ -180,7 +183,7 @@
    ::Vel::Shape< Key_, Value_ > foo##_;
 
 /// A set. `fooIs( key, false )` is `fooDel( key )`: a member whose value is false is no member.
-#define SET( Shape, Key_, foo, ... )                                                               \
+#define VEL_SET( Shape, Key_, foo, ... )                                                           \
    VEL_COLLECTION_( Key_, foo, __VA_ARGS__ )                                                       \
  public:                                                                                           \
    void foo##Is( Key_ key, bool member = true ) {                                                  \
@@ -192,9 +195,10 @@
  private:                                                                                          \
    ::Vel::Shape< Key_ > foo##_;
 
-/// A collection of entities that it makes and owns: `fooIs( key, ... )` gives the one that is there, or makes it from
-/// the key and the other arguments. It gives null when a handler that heard of the new one has removed it.
-#define ENTITY_COLLECTION( Shape, Key_, Type, foo, ... )                                           \
+/// A collection of entities that it makes and owns: `fooIs( key, ... )` gives the one that is
+/// there, or makes it from the key and the other arguments. It gives null when a handler that
+/// heard of the new one has removed it.
+#define VEL_ENTITY_COLLECTION( Shape, Key_, Type, foo, ... )                                       \
    VEL_COLLECTION_( Key_, foo, __VA_ARGS__ )                                                       \
  public:                                                                                           \
    Type* foo( Key_ const& key ) const {                                                            \

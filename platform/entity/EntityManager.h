@@ -29,9 +29,9 @@ class VEL_EXPORT EntityManager : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( EntityManager )
+   VEL_ENTITY( EntityManager )
    VEL_COLLECTION_( std::string, root, onRoot ) VEL_VISIT_( root, ::Vel::visitChildren )
-   ENTITY_END
+   VEL_ENTITY_END
    // clang-format on
 
  public:

@@ -4,7 +4,7 @@
 // READ_ONLY stands in the table of declarations like the other lines and shows up in introspection
 // like them:
 //
-//    READ_ONLY( U64, runs )
+//    VEL_READ_ONLY( U64, runs )
 //
 // Inside the class the value is the member `runs_`. SHOWN adds a member that is no attribute to
 // what introspection shows, through a function that knows how.
@@ -14,7 +14,7 @@
 #include "platform/entity/Entity.h"
 
 /// A plain attribute without a setter. What follows the name is the initial value, in braces.
-#define READ_ONLY( Type, foo, ... )                                                                \
+#define VEL_READ_ONLY( Type, foo, ... )                                                            \
  public:                                                                                           \
    const Type& foo() const {                                                                       \
       return foo##_;                                                                               \
@@ -27,7 +27,7 @@
    Type foo##_{ __VA_ARGS__ };
 
 /// Shows the member `foo_` through `visit( visitor, name, foo_ )`.
-#define SHOWN( foo, visit )                                                                        \
+#define VEL_SHOWN( foo, visit )                                                                    \
  public:                                                                                           \
    VEL_VISIT_( foo, visit )                                                                        \
  private:

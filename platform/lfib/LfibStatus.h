@@ -35,10 +35,10 @@ class VEL_EXPORT LfibDot1qTagToVlan : public Vel::WatchedEntity {
       virtual void onDot1qTagToVlanId( Bridging::VlanId /*dot1qTag*/ ) {}
    };
    // clang-format off
-   ENTITY( LfibDot1qTagToVlan )
-   KEY( LfibDot1qTagToVlanKey, key )
-   COLLECTION( Ordered, Bridging::VlanId, Bridging::VlanIdOrNone, dot1qTagToVlanId, onDot1qTagToVlanId )
-   ENTITY_END
+   VEL_ENTITY( LfibDot1qTagToVlan )
+   VEL_KEY( LfibDot1qTagToVlanKey, key )
+   VEL_COLLECTION( Ordered, Bridging::VlanId, Bridging::VlanIdOrNone, dot1qTagToVlanId, onDot1qTagToVlanId )
+   VEL_ENTITY_END
    // clang-format on
  public:
    explicit LfibDot1qTagToVlan( LfibDot1qTagToVlanKey key ) : key_( key ) {}
@@ -61,22 +61,22 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
       virtual void onReady() {}
    };
    // clang-format off
-   ENTITY( LfibStatus )
-   KEY( std::string, statusName )
+   VEL_ENTITY( LfibStatus )
+   VEL_KEY( std::string, statusName )
  public:
-   DERIVED( attached )
-   DERIVED( refusedReason )
-   DERIVED( lfibRoutes )
-   DERIVED( lfibViaSets )
-   DERIVED( lfibVias )
-   DERIVED( ringPosition )
-   DERIVED( ringLag )
-   DERIVED( pollPending )
-   ATTRIBUTE( bool, ready, onReady )
-   COUNTER( corruptions )
-   COUNTER( resyncs )
-   ENTITY_COLLECTION( Hash, LfibDot1qTagToVlanKey, LfibDot1qTagToVlan, dot1qTagToVlanColl, onDot1qTagToVlanColl )
-   ENTITY_END
+   VEL_DERIVED( attached )
+   VEL_DERIVED( refusedReason )
+   VEL_DERIVED( lfibRoutes )
+   VEL_DERIVED( lfibViaSets )
+   VEL_DERIVED( lfibVias )
+   VEL_DERIVED( ringPosition )
+   VEL_DERIVED( ringLag )
+   VEL_DERIVED( pollPending )
+   VEL_ATTRIBUTE( bool, ready, onReady )
+   VEL_COUNTER( corruptions )
+   VEL_COUNTER( resyncs )
+   VEL_ENTITY_COLLECTION( Hash, LfibDot1qTagToVlanKey, LfibDot1qTagToVlan, dot1qTagToVlanColl, onDot1qTagToVlanColl )
+   VEL_ENTITY_END
    // clang-format on
 
  public:

@@ -40,14 +40,14 @@ class VEL_EXPORT LfibTrackingStatus : public Vel::WatchedEntity {
       virtual void onViaSetKeyBacklog( LfibViaSetKey /*viaSetKey*/ ) {}
    };
    // clang-format off
-   ENTITY( LfibTrackingStatus )
-   KEY( std::string, statusName )
-   SET( LabelSet, Mpls::RouteKey, routeKeyBacklog, onRouteKeyBacklog )
-   SET( HashSet, Mpls::LfibViaSetKey, viaSetKeyBacklog, onViaSetKeyBacklog )
+   VEL_ENTITY( LfibTrackingStatus )
+   VEL_KEY( std::string, statusName )
+   VEL_SET( LabelSet, Mpls::RouteKey, routeKeyBacklog, onRouteKeyBacklog )
+   VEL_SET( HashSet, Mpls::LfibViaSetKey, viaSetKeyBacklog, onViaSetKeyBacklog )
  public:
    // NOLINTNEXTLINE(readability-identifier-naming): the name that a declaration line gives
    void visitLine_( Vel::AttributeLine< __LINE__ >, Vel::AttributeVisitor& v ) const { visitGroups( v ); }
-   ENTITY_END
+   VEL_ENTITY_END
    // clang-format on
 
  public:
@@ -84,10 +84,10 @@ class VEL_EXPORT LfibTrackingStatus : public Vel::WatchedEntity {
 /// Fills an LfibTrackingStatus from an LfibStatus, from its construction to its end.
 class VEL_EXPORT LfibTrackingSm : public Vel::Entity {
    // clang-format off
-   ENTITY( LfibTrackingSm )
-   KEY( std::string, smName )
-   ATTRIBUTE_DEFAULT( LfibTrackingMode, mode, { LfibTrackingMode::routes } )
-   ENTITY_END
+   VEL_ENTITY( LfibTrackingSm )
+   VEL_KEY( std::string, smName )
+   VEL_ATTRIBUTE_DEFAULT( LfibTrackingMode, mode, { LfibTrackingMode::routes } )
+   VEL_ENTITY_END
    // clang-format on
 
  public:

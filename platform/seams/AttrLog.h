@@ -17,9 +17,9 @@ class VEL_EXPORT AttrLogSm : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( AttrLogSm )
-   ATTRIBUTE( bool, isAttrLogOutClogged, onIsAttrLogOutClogged )
-   ENTITY_END
+   VEL_ENTITY( AttrLogSm )
+   VEL_ATTRIBUTE( bool, isAttrLogOutClogged, onIsAttrLogOutClogged )
+   VEL_ENTITY_END
    // clang-format on
 
  public:

@@ -26,7 +26,7 @@ void appendText( std::string& out, const Fec& fec ) {
 
 namespace Vel {
 
-ENTITY_SOURCE( FecIdToHwFecIdRequest )
-ENTITY_SOURCE( FecIdToHwFecIdResponse )
+VEL_ENTITY_SOURCE( FecIdToHwFecIdRequest )
+VEL_ENTITY_SOURCE( FecIdToHwFecIdResponse )
 
 } // namespace Vel

@@ -135,30 +135,30 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( FecIdToHwFecIdRequest )
-   KEY( std::string, requestName )
+   VEL_ENTITY( FecIdToHwFecIdRequest )
+   VEL_KEY( std::string, requestName )
    // The content of a FEC of ours, by its address family; another agent's has none. A change of the
    // request follows each change of these. Removed with the request, just before it.
-   VALUES( Hash, Fib::FecId, Fib::Fec, fecId, fec )
-   VALUES( Hash, Fib::FecId, Fib6::Fec, fecId, fec6 )
+   VEL_VALUES( Hash, Fib::FecId, Fib::Fec, fecId, fec )
+   VEL_VALUES( Hash, Fib::FecId, Fib6::Fec, fecId, fec6 )
    // Made with the adjacency that forwards into the FEC; removed when no adjacency, no route and no
    // FEC that it protects is left. There is no refusal: what cannot be made is not answered.
-   VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
+   VEL_VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
    // What a FEC was before the restart, for the hardware layer to find it again. Written while routes
    // of before are taken over, cleared at the end of that.
-   VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
+   VEL_VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
    // Offers to full hardware. The key is a FEC of before all of whose routes wait for this requested
    // one; for none: for several. Withdrawn when that is not so any more, or when all is taken over.
-   COLLECTION( Hash, AdjSyncId, Fib::FecId, mayReplace, onMayReplace )
+   VEL_COLLECTION( Hash, AdjSyncId, Fib::FecId, mayReplace, onMayReplace )
    // The same of a requested FEC (the value) that all its routes leave for the key's. Withdrawn when
    // one of its routes is to go elsewhere, and when hardware has taken the offer.
-   COLLECTION( Hash, Fib::FecId, Fib::FecId, mayTakeOver, onMayTakeOver )
+   VEL_COLLECTION( Hash, Fib::FecId, Fib::FecId, mayTakeOver, onMayTakeOver )
    // Nothing of the process before is wanted. Set before syncRequestsReady; reset by the next start.
-   ATTRIBUTE( bool, startsAfresh )
+   VEL_ATTRIBUTE( bool, startsAfresh )
    // All that is known at the start has been requested: the hardware layer matches, answers and says
    // adjSyncDone. Reset by the next start.
-   ATTRIBUTE( bool, syncRequestsReady, onSyncRequestsReady )
-   ENTITY_END_IN_SOURCE
+   VEL_ATTRIBUTE( bool, syncRequestsReady, onSyncRequestsReady )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -176,15 +176,15 @@ class VEL_EXPORT FecIdToHwFecIdResponse : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( FecIdToHwFecIdResponse )
-   KEY( std::string, responseName )
+   VEL_ENTITY( FecIdToHwFecIdResponse )
+   VEL_KEY( std::string, responseName )
    // Written when the FEC has been made, or rewritten; withdrawn when its request goes, and when what
    // it stands for does (another agent's FEC). A request that waits has none.
-   COLLECTION( Hash, Fib::FecId, HwFecId, hwFecId, onHwFecId )
+   VEL_COLLECTION( Hash, Fib::FecId, HwFecId, hwFecId, onHwFecId )
    // For other agents; the library reads neither.
-   COLLECTION( Hash, Fib::FecId, IntfId, l2IntfId, onL2IntfId )
-   ATTRIBUTE( bool, hwFecIdControl, onHwFecIdControl )
-   ENTITY_END_IN_SOURCE
+   VEL_COLLECTION( Hash, Fib::FecId, IntfId, l2IntfId, onL2IntfId )
+   VEL_ATTRIBUTE( bool, hwFecIdControl, onHwFecIdControl )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:

@@ -4,8 +4,8 @@ namespace Mpls {
 
 namespace Hardware {
 
-ENTITY_SOURCE( AdjacencyBase )
-ENTITY_SOURCE( Status )
+VEL_ENTITY_SOURCE( AdjacencyBase )
+VEL_ENTITY_SOURCE( Status )
 
 U64 L2Via::hash() const {
    U64 mixed = Vel::mixBits( intf.value() + vlanId );
@@ -81,7 +81,7 @@ void appendText( std::string& out, const Route& route ) {
 
 } // namespace Hardware
 
-ENTITY_SOURCE( LfibHwStatus )
+VEL_ENTITY_SOURCE( LfibHwStatus )
 
 void appendText( std::string& out, const RouteInfo& info ) {
    Vel::appendText( out, info.statusCode );

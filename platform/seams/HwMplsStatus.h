@@ -84,10 +84,10 @@ VEL_EXPORT void appendText( std::string& out, const L2ViaSet& viaSet );
 /// What both kinds of hardware adjacency have.
 class VEL_EXPORT AdjacencyBase : public Vel::Entity {
    // clang-format off
-   ENTITY( AdjacencyBase )
-   KEY( U64, index )
-   ATTRIBUTE( bool, unprogrammed )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( AdjacencyBase )
+   VEL_KEY( U64, index )
+   VEL_ATTRIBUTE( bool, unprogrammed )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  protected:
@@ -97,9 +97,9 @@ class VEL_EXPORT AdjacencyBase : public Vel::Entity {
 /// An L2 adjacency: one L2 via set, programmed once and shared by all that resolve to it.
 class VEL_EXPORT L2Adjacency : public AdjacencyBase {
    // clang-format off
-   ENTITY( L2Adjacency )
-   ATTRIBUTE( L2ViaSet, l2ViaSet )
-   ENTITY_END_OVER( AdjacencyBase )
+   VEL_ENTITY( L2Adjacency )
+   VEL_ATTRIBUTE( L2ViaSet, l2ViaSet )
+   VEL_ENTITY_END_OVER( AdjacencyBase )
    // clang-format on
 
  public:
@@ -124,12 +124,12 @@ VEL_EXPORT void appendText( std::string& out, const AdjacencyVia& via );
 /// An adjacency: the vias of one via set, in via-index order.
 class VEL_EXPORT Adjacency : public AdjacencyBase {
    // clang-format off
-   ENTITY( Adjacency )
-   ATTRIBUTE( LfibViaSetType, viaSetType )
-   COLLECTION( Ordered, LfibViaIndexRange, AdjacencyVia, via )
-   ATTRIBUTE( U32, unresolvedVias ) // of those above, whose next hop is not resolved
-   ATTRIBUTE( Vel::Ptr< L2Adjacency >, l2Adjacency )
-   ENTITY_END_OVER( AdjacencyBase )
+   VEL_ENTITY( Adjacency )
+   VEL_ATTRIBUTE( LfibViaSetType, viaSetType )
+   VEL_COLLECTION( Ordered, LfibViaIndexRange, AdjacencyVia, via )
+   VEL_ATTRIBUTE( U32, unresolvedVias ) // of those above, whose next hop is not resolved
+   VEL_ATTRIBUTE( Vel::Ptr< L2Adjacency >, l2Adjacency )
+   VEL_ENTITY_END_OVER( AdjacencyBase )
    // clang-format on
 
  public:
@@ -164,13 +164,13 @@ class VEL_EXPORT Status : public Vel::WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( Status )
-   KEY( std::string, statusName )
-   ENTITY_COLLECTION( Hash, U64, L2Adjacency, l2Adjacency, onL2Adjacency )
-   ENTITY_COLLECTION( Hash, U64, Adjacency, adjacency, onAdjacency )
-   VALUES( LabelIndexed, RouteKey, Route, routeKey, route, onRoute )
-   VALUES( Hash, U64, AdjacencyBackupStatus, index, adjacencyBackupStatus )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( Status )
+   VEL_KEY( std::string, statusName )
+   VEL_ENTITY_COLLECTION( Hash, U64, L2Adjacency, l2Adjacency, onL2Adjacency )
+   VEL_ENTITY_COLLECTION( Hash, U64, Adjacency, adjacency, onAdjacency )
+   VEL_VALUES( LabelIndexed, RouteKey, Route, routeKey, route, onRoute )
+   VEL_VALUES( Hash, U64, AdjacencyBackupStatus, index, adjacencyBackupStatus )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -215,11 +215,11 @@ class VEL_EXPORT LfibHwStatus : public Vel::WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( LfibHwStatus )
-   KEY( std::string, statusName )
-   VALUES( LabelIndexed, RouteKey, RouteInfo, routeKey, unprogrammedRoute, onUnprogrammedRoute )
-   VALUES( Hash, LfibViaSetKey, LfibHwViaSet, viaSetKey, viaSet, onViaSet )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( LfibHwStatus )
+   VEL_KEY( std::string, statusName )
+   VEL_VALUES( LabelIndexed, RouteKey, RouteInfo, routeKey, unprogrammedRoute, onUnprogrammedRoute )
+   VEL_VALUES( Hash, LfibViaSetKey, LfibHwViaSet, viaSetKey, viaSet, onViaSet )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:

@@ -2,12 +2,12 @@
 
 namespace Vel {
 
-ENTITY_SOURCE( AdjHwStatus )
-ENTITY_SOURCE( VelL3Status )
-ENTITY_SOURCE( ProactiveArpNexthopSm )
-ENTITY_SOURCE( RouteReactorConfig )
-ENTITY_SOURCE( Route6ReactorConfig )
-ENTITY_SOURCE( L3StartupStagePrerequisitesStatus )
+VEL_ENTITY_SOURCE( AdjHwStatus )
+VEL_ENTITY_SOURCE( VelL3Status )
+VEL_ENTITY_SOURCE( ProactiveArpNexthopSm )
+VEL_ENTITY_SOURCE( RouteReactorConfig )
+VEL_ENTITY_SOURCE( Route6ReactorConfig )
+VEL_ENTITY_SOURCE( L3StartupStagePrerequisitesStatus )
 
 void appendText( std::string& out, const NextHopInfo& info ) {
    if ( !info.resolved ) {

@@ -125,9 +125,9 @@ class VEL_EXPORT AdjHwStatus : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( AdjHwStatus )
-   COLLECTION( Hash, Fib::GlobalFecId, AdjHwState, adjHwState, onAdjHwState )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( AdjHwStatus )
+   VEL_COLLECTION( Hash, Fib::GlobalFecId, AdjHwState, adjHwState, onAdjHwState )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 };
 
@@ -144,14 +144,14 @@ class VEL_EXPORT VelL3Status : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( VelL3Status )
-   KEY( std::string, statusName )
-   ATTRIBUTE( Ptr< AdjHwStatus >, adjHwStatus, onAdjHwStatus )
-   COLLECTION( Hash, NextHopKey, NextHopInfo, nextHopInfo, onNextHopInfo )
-   COLLECTION( Hash, VrfAndIpAddr, ResolvedAddr, resolvedAddr, onResolvedAddr )
-   COLLECTION( Hash, VrfAndIpGenAddr, ResolvedAddr, resolvedIp6Addr, onResolvedIp6Addr )
-   COLLECTION( Hash, VrfId, L3::VrfName, vrfName, onVrfName )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( VelL3Status )
+   VEL_KEY( std::string, statusName )
+   VEL_ATTRIBUTE( Ptr< AdjHwStatus >, adjHwStatus, onAdjHwStatus )
+   VEL_COLLECTION( Hash, NextHopKey, NextHopInfo, nextHopInfo, onNextHopInfo )
+   VEL_COLLECTION( Hash, VrfAndIpAddr, ResolvedAddr, resolvedAddr, onResolvedAddr )
+   VEL_COLLECTION( Hash, VrfAndIpGenAddr, ResolvedAddr, resolvedIp6Addr, onResolvedIp6Addr )
+   VEL_COLLECTION( Hash, VrfId, L3::VrfName, vrfName, onVrfName )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -179,10 +179,10 @@ class VEL_EXPORT ProactiveArpNexthopSm : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( ProactiveArpNexthopSm )
-   KEY( std::string, smName )
-   SET( HashSet, ProactiveArpEntry, entry, onEntry )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( ProactiveArpNexthopSm )
+   VEL_KEY( std::string, smName )
+   VEL_SET( HashSet, ProactiveArpEntry, entry, onEntry )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -204,10 +204,10 @@ class VEL_EXPORT RouteReactorConfig : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( RouteReactorConfig )
-   KEY( std::string, configName )
-   SET( HashSet, VrfAndIpAddr, watchedAddr, onWatchedAddr )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( RouteReactorConfig )
+   VEL_KEY( std::string, configName )
+   VEL_SET( HashSet, VrfAndIpAddr, watchedAddr, onWatchedAddr )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -225,10 +225,10 @@ class VEL_EXPORT Route6ReactorConfig : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( Route6ReactorConfig )
-   KEY( std::string, configName )
-   SET( HashSet, VrfAndIpGenAddr, watchedIp6Addr, onWatchedIp6Addr )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( Route6ReactorConfig )
+   VEL_KEY( std::string, configName )
+   VEL_SET( HashSet, VrfAndIpGenAddr, watchedIp6Addr, onWatchedIp6Addr )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -246,9 +246,9 @@ class VEL_EXPORT L3StartupStagePrerequisitesStatus : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( L3StartupStagePrerequisitesStatus )
-   ATTRIBUTE( bool, adjSyncDone, onAdjSyncDone )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( L3StartupStagePrerequisitesStatus )
+   VEL_ATTRIBUTE( bool, adjSyncDone, onAdjSyncDone )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 };
 

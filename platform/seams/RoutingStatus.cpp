@@ -2,13 +2,13 @@
 
 namespace Mpls {
 
-ENTITY_SOURCE( LfibInfo )
-ENTITY_SOURCE( RoutingInfo )
+VEL_ENTITY_SOURCE( LfibInfo )
+VEL_ENTITY_SOURCE( RoutingInfo )
 
 } // namespace Mpls
 
 namespace Routing::Hardware {
 
-ENTITY_SOURCE( RouteStatus )
+VEL_ENTITY_SOURCE( RouteStatus )
 
 } // namespace Routing::Hardware

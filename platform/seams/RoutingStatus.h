@@ -18,10 +18,10 @@ class VEL_EXPORT LfibInfo : public Vel::WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( LfibInfo )
-   KEY( std::string, infoName )
-   ATTRIBUTE( bool, nexthopResolutionAllowDefaultRoute, onNexthopResolutionAllowDefaultRoute )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( LfibInfo )
+   VEL_KEY( std::string, infoName )
+   VEL_ATTRIBUTE( bool, nexthopResolutionAllowDefaultRoute, onNexthopResolutionAllowDefaultRoute )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -37,10 +37,10 @@ class VEL_EXPORT RoutingInfo : public Vel::WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( RoutingInfo )
-   KEY( std::string, infoName )
-   COLLECTION( Hash, L3::VrfName, bool, mplsRouting, onMplsRouting )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( RoutingInfo )
+   VEL_KEY( std::string, infoName )
+   VEL_COLLECTION( Hash, L3::VrfName, bool, mplsRouting, onMplsRouting )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:
@@ -60,10 +60,10 @@ class VEL_EXPORT RouteStatus : public Vel::WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( RouteStatus )
-   KEY( std::string, statusName )
-   COLLECTION( Hash, L3::VrfName, Vel::VrfId, vrfStatus, onVrfStatus )
-   ENTITY_END_IN_SOURCE
+   VEL_ENTITY( RouteStatus )
+   VEL_KEY( std::string, statusName )
+   VEL_COLLECTION( Hash, L3::VrfName, Vel::VrfId, vrfStatus, onVrfStatus )
+   VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
  public:

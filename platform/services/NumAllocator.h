@@ -36,11 +36,11 @@ class VEL_EXPORT NumAllocatorConfig : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( NumAllocatorConfig )
-   READ_ONLY( U64, min )
-   READ_ONLY( U64, max )
-   ATTRIBUTE( double, expiryTime, onExpiryTime )  // seconds that a released number rests
-   ENTITY_END
+   VEL_ENTITY( NumAllocatorConfig )
+   VEL_READ_ONLY( U64, min )
+   VEL_READ_ONLY( U64, max )
+   VEL_ATTRIBUTE( double, expiryTime, onExpiryTime )  // seconds that a released number rests
+   VEL_ENTITY_END
    // clang-format on
 
  public:
@@ -57,9 +57,9 @@ class VEL_EXPORT NumAllocatorStatus : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( NumAllocatorStatus )
-   SET( HashSet, U64, numberInUse, onNumberInUse )  // the count is numberInUses()
-   ENTITY_END
+   VEL_ENTITY( NumAllocatorStatus )
+   VEL_SET( HashSet, U64, numberInUse, onNumberInUse )  // the count is numberInUses()
+   VEL_ENTITY_END
    // clang-format on
 
  public:
@@ -68,11 +68,11 @@ class VEL_EXPORT NumAllocatorStatus : public WatchedEntity {
 
 class VEL_EXPORT NumAllocator : public Entity {
    // clang-format off
-   ENTITY( NumAllocator )
-   READ_ONLY( Ptr< NumAllocatorConfig >, config )
-   READ_ONLY( Ptr< NumAllocatorStatus >, status )
-   READ_ONLY( U64, exhausted )  // times that there was no number to give
-   ENTITY_END
+   VEL_ENTITY( NumAllocator )
+   VEL_READ_ONLY( Ptr< NumAllocatorConfig >, config )
+   VEL_READ_ONLY( Ptr< NumAllocatorStatus >, status )
+   VEL_READ_ONLY( U64, exhausted )  // times that there was no number to give
+   VEL_ENTITY_END
    // clang-format on
 
  public:

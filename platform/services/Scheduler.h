@@ -74,18 +74,18 @@ class VEL_EXPORT TimerTask : public WatchedEntity {
    };
 
    // clang-format off
-   ENTITY( TimerTask )
-   KEY( std::string, taskName )
-   READ_ONLY( TaskPriority, priority )
-   READ_ONLY( double, expiry, neverExpires )  // on the clock; +infinity when not scheduled
-   READ_ONLY( bool, running )
-   READ_ONLY( U64, runs )
-   READ_ONLY( U64, yields )                   // runs in which shouldYield was true
-   COUNTER( workCount )                       // whatever the task calls a unit of work
-   READ_ONLY( double, totalRunSeconds )
-   READ_ONLY( double, longestRunSeconds )
-   SHOWN( duration, ::Vel::visitHistogram )
-   ENTITY_END
+   VEL_ENTITY( TimerTask )
+   VEL_KEY( std::string, taskName )
+   VEL_READ_ONLY( TaskPriority, priority )
+   VEL_READ_ONLY( double, expiry, neverExpires )  // on the clock; +infinity when not scheduled
+   VEL_READ_ONLY( bool, running )
+   VEL_READ_ONLY( U64, runs )
+   VEL_READ_ONLY( U64, yields )                   // runs in which shouldYield was true
+   VEL_COUNTER( workCount )                       // whatever the task calls a unit of work
+   VEL_READ_ONLY( double, totalRunSeconds )
+   VEL_READ_ONLY( double, longestRunSeconds )
+   VEL_SHOWN( duration, ::Vel::visitHistogram )
+   VEL_ENTITY_END
    // clang-format on
 
  public:
@@ -135,13 +135,13 @@ class VEL_EXPORT Scheduler : public WatchedEntity {
    static constexpr U64 queriesPerClockRead = 16;
 
    // clang-format off
-   ENTITY( Scheduler )
-   ATTRIBUTE_DEFAULT( double, timeSlice, { defaultTimeSliceSeconds } )  // seconds; next run on
-   ATTRIBUTE( U64, maxQueriesPerRun )  // for simulation: shouldYield is true after so many; 0: off
-   READ_ONLY( U64, runs )
-   SHOWN( task, ::Vel::Scheduler::visitTasks )
-   SHOWN( history, ::Vel::Scheduler::visitHistory )
-   ENTITY_END
+   VEL_ENTITY( Scheduler )
+   VEL_ATTRIBUTE_DEFAULT( double, timeSlice, { defaultTimeSliceSeconds } )  // seconds; next run on
+   VEL_ATTRIBUTE( U64, maxQueriesPerRun )  // for simulation: shouldYield is true after so many; 0: off
+   VEL_READ_ONLY( U64, runs )
+   VEL_SHOWN( task, ::Vel::Scheduler::visitTasks )
+   VEL_SHOWN( history, ::Vel::Scheduler::visitHistory )
+   VEL_ENTITY_END
    // clang-format on
 
  public:

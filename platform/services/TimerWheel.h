@@ -37,11 +37,11 @@ class VEL_EXPORT TimerWheel : public WatchedEntity {
    static constexpr size_t maxPending = 16'000'000;
 
    // clang-format off
-   ENTITY( TimerWheel )
-   READ_ONLY( U64, pending )   // callbacks that wait
-   READ_ONLY( U64, called )
-   READ_ONLY( U64, cancelled )
-   ENTITY_END
+   VEL_ENTITY( TimerWheel )
+   VEL_READ_ONLY( U64, pending )   // callbacks that wait
+   VEL_READ_ONLY( U64, called )
+   VEL_READ_ONLY( U64, cancelled )
+   VEL_ENTITY_END
    // clang-format on
 
  public:

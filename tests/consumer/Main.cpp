@@ -6,10 +6,10 @@
 #include <string>
 
 class Port : public Vel::Entity {
-   ENTITY( Port )
-   KEY( int, number )
-   ATTRIBUTE( bool, up )
-   ENTITY_END
+   VEL_ENTITY( Port )
+   VEL_KEY( int, number )
+   VEL_ATTRIBUTE( bool, up )
+   VEL_ENTITY_END
  public:
    explicit Port( int number ) : number_( number ) {}
 };

@@ -29,11 +29,11 @@ void appendText( std::string& out, const Route& route ) {
 }
 
 class Leaf : public Vel::Entity {
-   ENTITY( Leaf )
-   KEY( U32, id )
-   ATTRIBUTE( U32, color )
-   ENTITY_END
-   IN_SLAB( Leaf )
+   VEL_ENTITY( Leaf )
+   VEL_KEY( U32, id )
+   VEL_ATTRIBUTE( U32, color )
+   VEL_ENTITY_END
+   VEL_IN_SLAB( Leaf )
 
  public:
    static inline size_t alive = 0;
@@ -51,14 +51,14 @@ class Tree : public Vel::WatchedEntity {
       virtual void onFlag( RouteKey ) {}
       virtual void onLeaf( U32 ) {}
    };
-   ENTITY( Tree )
-   ATTRIBUTE( U32, state, onState )
-   COLLECTION( Hash, U32, U32, weight, onWeight )
-   VALUES( LabelIndexed, RouteKey, Route, routeKey, route, onRoute )
-   SET( LabelSet, RouteKey, flag, onFlag )
-   ENTITY_COLLECTION( Ordered, U32, Leaf, leaf, onLeaf )
-   ENTITY_COLLECTION( Hash, U32, Self_, branch )
-   ENTITY_END
+   VEL_ENTITY( Tree )
+   VEL_ATTRIBUTE( U32, state, onState )
+   VEL_COLLECTION( Hash, U32, U32, weight, onWeight )
+   VEL_VALUES( LabelIndexed, RouteKey, Route, routeKey, route, onRoute )
+   VEL_SET( LabelSet, RouteKey, flag, onFlag )
+   VEL_ENTITY_COLLECTION( Ordered, U32, Leaf, leaf, onLeaf )
+   VEL_ENTITY_COLLECTION( Hash, U32, Self_, branch )
+   VEL_ENTITY_END
 
  public:
    static inline size_t alive = 0;

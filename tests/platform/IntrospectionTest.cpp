@@ -18,28 +18,28 @@ using Vel::Ptr;
 using Vel::U32;
 
 class Adjacency : public Vel::Entity {
-   ENTITY( Adjacency )
-   KEY( LfibViaSetKey, key )
-   ATTRIBUTE( double, load )
-   ATTRIBUTE( std::string, note )
-   SET( LabelSet, RouteKey, user )
-   ENTITY_COLLECTION( Hash, LfibViaSetKey, Self_, backup )
-   ENTITY_END
+   VEL_ENTITY( Adjacency )
+   VEL_KEY( LfibViaSetKey, key )
+   VEL_ATTRIBUTE( double, load )
+   VEL_ATTRIBUTE( std::string, note )
+   VEL_SET( LabelSet, RouteKey, user )
+   VEL_ENTITY_COLLECTION( Hash, LfibViaSetKey, Self_, backup )
+   VEL_ENTITY_END
  public:
    explicit Adjacency( LfibViaSetKey key ) : key_( key ) {}
 };
 
 class Vrf : public Vel::Entity {
-   ENTITY( Vrf )
-   KEY( U32, vrfId )
-   ATTRIBUTE( bool, routing )
-   ATTRIBUTE( int64_t, offset )
-   ATTRIBUTE( Ptr< Adjacency >, drop )
-   COUNTER( changes )
-   COLLECTION( LabelIndexed, RouteKey, U32, version )
-   ENTITY_COLLECTION( Hash, LfibViaSetKey, Adjacency, adjacency )
-   ENTITY_COLLECTION( Hash, RouteKey, Self_, below )
-   ENTITY_END
+   VEL_ENTITY( Vrf )
+   VEL_KEY( U32, vrfId )
+   VEL_ATTRIBUTE( bool, routing )
+   VEL_ATTRIBUTE( int64_t, offset )
+   VEL_ATTRIBUTE( Ptr< Adjacency >, drop )
+   VEL_COUNTER( changes )
+   VEL_COLLECTION( LabelIndexed, RouteKey, U32, version )
+   VEL_ENTITY_COLLECTION( Hash, LfibViaSetKey, Adjacency, adjacency )
+   VEL_ENTITY_COLLECTION( Hash, RouteKey, Self_, below )
+   VEL_ENTITY_END
  public:
    explicit Vrf( U32 vrfId ) : vrfId_( vrfId ) {}
    explicit Vrf( RouteKey key ) : vrfId_( key.topLabel().value() ) {}
