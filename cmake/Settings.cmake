@@ -20,9 +20,11 @@ endif()
 find_program(CCACHE_PROGRAM ccache)
 mark_as_advanced(CCACHE_PROGRAM)
 if(CCACHE_PROGRAM AND NOT DEFINED CMAKE_CXX_COMPILER_LAUNCHER)
-   # The cache takes what is compiled with precompiled headers only when told that this is meant.
+   # The cache takes what is compiled with precompiled headers only when told that this is meant. It
+   # has to go by the files that a source reads: preprocessed, two headers that differ in a macro
+   # alone are the same.
    set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env
-      CCACHE_SLOPPINESS=pch_defines,time_macros "${CCACHE_PROGRAM}")
+      CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_DEPEND=1 "${CCACHE_PROGRAM}")
    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
       add_compile_options(-fpch-preprocess)
    endif()
