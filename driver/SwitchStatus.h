@@ -72,11 +72,10 @@ class SwitchStatus : public Entity, public MplsHwInsight {
    friend class SoftwareSwitch;
    friend class FecUnit;
 
-   const OperationQueue* queue_; // null once the switch is gone
+   const OperationQueue* queue_; // null once the switch is gone, as are `resolve_` and `links_`
    BreachLog breachLog_;
-   std::function< NextHopInfo( IntfId, const IpGenAddr& ) >
-      resolve_;                   // null once the switch is gone, as the next
-   const Links* links_ = nullptr; //
+   std::function< NextHopInfo( IntfId, const IpGenAddr& ) > resolve_;
+   const Links* links_ = nullptr;
 };
 
 } // namespace Vel::Driver
