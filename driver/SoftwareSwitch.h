@@ -164,8 +164,8 @@ class SoftwareSwitch {
    HwVrf* lastVrf_ = nullptr;                  // of the last operation
    LabelSet< Mpls::RouteKey > recoveredRoute_; // of an earlier driver, not written or removed since
    LabelSet< Mpls::RouteKey > countedRoute_;   // into FECs, counted as adopted, changed or added
-   /// For routes that the helper wrote: up to this operation, those that the configuration queued
-   /// for the route are dropped. Empty while nothing waits.
+   /// For a route that the helper wrote: up to the operation of this number, the configuration's
+   /// queued writings of the route are dropped. Empty while nothing waits.
    LabelIndexed< Mpls::RouteKey, U64 > overtaken_;
    Ptr< TimerTask > faultTask_; // due when a fault begins or ends
    Links links_;
