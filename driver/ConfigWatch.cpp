@@ -64,7 +64,7 @@ void ConfigWatch::onRoute( Mpls::RouteKey key ) {
 void ConfigWatch::adjacencyWritten( const Ptr< L2Adjacency >& adjacency, U32 version ) {
    if ( !adjacency ) {
       breach( "L2 adjacency", "written without an entity" );
-      return; // nothing that hardware could be given
+      return; // there is nothing to give to hardware
    }
    Adjacency& known = adjacencyIs( adjacency );
    if ( known.present && version <= known.version ) {
@@ -85,7 +85,7 @@ void ConfigWatch::adjacencyWritten( const Ptr< L2Adjacency >& adjacency, U32 ver
 void ConfigWatch::adjacencyRemoved( const Ptr< L2Adjacency >& adjacency ) {
    Adjacency* const known = adjacency_.find( adjacency );
    if ( known == nullptr ) {
-      return; // the null adjacency of an earlier breach
+      return; // a null adjacency, which was a breach when it was written
    }
    if ( known->routes != 0 ) {
       breach( subjectOf( adjacency ),

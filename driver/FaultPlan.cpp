@@ -60,7 +60,7 @@ class ClauseParser {
    ClauseParser( std::string_view clause, const FaultPlan::FindIntf& findIntf )
       : clause_( clause ), words_( clause ), findIntf_( findIntf ) {}
 
-   /// The fault of the clause; without one, why.
+   /// The fault that the clause describes; nothing when it is wrong, and then `why` says why.
    std::optional< Fault > parse() {
       what();
       for ( std::string_view word = words_.next(); why_.empty() && !word.empty();

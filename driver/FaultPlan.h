@@ -34,9 +34,9 @@ enum class FaultKind : uint8_t {
    late,              ///< answers to what is written come so many seconds later
    forgetLabel,       ///< each writing of that route is lost
    linkDown,          ///< the interface is down
-   routeCapacity,     ///< the capacity is another
-   adjacencyCapacity, ///< the capacity is another
-   fecCapacity,       ///< the capacity is another
+   routeCapacity,     ///< `number` is the capacity instead
+   adjacencyCapacity, ///< `number` is the capacity instead
+   fecCapacity,       ///< `number` is the capacity instead
 };
 
 struct Fault {

@@ -43,12 +43,12 @@ void FecUnit::recover( const HwState& state ) {
    }
    syncing_ = !recovered_.empty();
    if ( syncing_ && platform_.startup ) {
-      platform_.startup->adjSyncDoneIs( false ); // what it says is of another start
+      platform_.startup->adjSyncDoneIs( false ); // an earlier start may have left it set
    }
    countFecs();
 }
 
-// Whether it is one of before that nobody has taken over.
+// Sets whether the FEC is an earlier driver's that no request has taken over.
 void FecUnit::foundIs( HwFec& fec, bool found ) {
    fec.found = found;
    if ( found ) {
@@ -63,8 +63,8 @@ void FecUnit::foundIs( HwFec& fec, bool found ) {
    reckon( fec );
 }
 
-// FECs of before that hardware keeps for now: those of routes that wait for nothing, and what
-// protects them. Asked wherever one of these may have changed.
+// Counts the earlier driver's FECs that cannot make room for others: a FEC with routes that
+// `mayReplace` does not offer, and its backup. Called wherever one of these may have changed.
 void FecUnit::reckon( HwFec& fec ) {
    const bool stays =
       fec.found && ( ( fec.routes != 0 && !platform_.request->mayReplaceHas( fec.hwId ) ) ||
@@ -80,7 +80,8 @@ void FecUnit::reckon( HwFec& fec ) {
    }
 }
 
-// Taken over, and not wanted any more before one of its routes was written: as it was found.
+// A FEC that was taken over loses its request, or the request changes, while routes of the earlier
+// driver are left in it or in what it protects: it is the earlier driver's again, as it was found.
 void FecUnit::giveBack( FecId fecId, Ptr< HwFec > fec ) {
    stateIs( *fec, AdjHwState::unknown );
    dependsOn( *fec, false );
@@ -90,13 +91,13 @@ void FecUnit::giveBack( FecId fecId, Ptr< HwFec > fec ) {
    foundIs( *fec, true );
    platform_.response->hwFecIdDel( fecId );
    changed( fecId );
-   retrySoon(); // it may have been offered all along
+   retrySoon(); // `mayReplace` may have named it while it was taken over
 }
 
 void FecUnit::addTo( HwState& state ) const {
    state.nextHwId = nextHwId_;
    const auto add = [&state, this]( const HwFec& fec ) {
-      const bool has = fec.backup && byHwId_.has( fec.backup->hwId ); // it may have been taken out
+      const bool has = fec.backup && byHwId_.has( fec.backup->hwId ); // else it was taken out
       state.fecs.push_back( { fec.hwId, fec.via, has ? fec.backup->hwId : 0 } );
    };
    for ( const auto& [fecId, fec] : fecs_ ) {
@@ -112,8 +113,8 @@ void FecUnit::syncRequested() {
       clearFound();
    }
    if ( std::exchange( syncing_, false ) ) {
-      // Those with a backup first: they know what their backup was. And none by its content alone
-      // while it may be another's by its sync id.
+      // Protected FECs come first, since they tell what the FEC of their backup was. All sync ids
+      // come before any content, since a FEC with equal content may be that of another's sync id.
       for ( const bool byContent : { false, true } ) {
          for ( const bool withBackup : { true, false } ) {
             for ( const FecId fecId : held_ ) {
@@ -136,7 +137,8 @@ void FecUnit::syncRequested() {
    }
 }
 
-// Without their routes, and so not one that a route could still lead to.
+// Removes all that the earlier driver left. Routes go first, so that none leads into a FEC that is
+// gone.
 void FecUnit::clearFound() {
    takeFoundOut_();
    for ( const bool primaries : { true, false } ) {
@@ -153,8 +155,9 @@ void FecUnit::clearFound() {
    countFecs();
 }
 
-// A backup goes before what it protects, which may only be taken over together with it. A FEC that
-// is nothing but a backup has no sync id; it is known by the one that it protects.
+// Carries out a held request, after that of its backup: a FEC may only be taken over together with
+// its backup. A FEC that is nothing but a backup has no sync id; it is found by what the FEC of its
+// primary's sync id has for a backup (`backupHint_`).
 void FecUnit::syncHeld( FecId fecId, bool byContent ) {
    if ( !held_.has( fecId ) ) {
       return;
@@ -171,23 +174,23 @@ void FecUnit::syncHeld( FecId fecId, bool byContent ) {
       syncHeld( backup, byContent );
    }
    if ( isWanted && !byContent && matched( fecId, vias, backup, false ) == nullptr ) {
-      return; // the operation that is queued brings it in line
+      return; // it stays held until contents are compared
    }
    held_.erase( fecId );
    sync( fecId );
 }
 
-// The FEC of the earlier driver that is just what is wanted, or null: by its sync id, by what it
-// protected, or by its content alone. One with another content is not rewritten: routes that are to
-// go elsewhere still forward by it.
+// The FEC of the earlier driver that has exactly the wanted content, found by the request's sync
+// id, by what it protected, or by its content alone; null when there is none. A FEC with another
+// content is not rewritten, since routes that are to go elsewhere still forward by it.
 const Ptr< HwFec >* FecUnit::matched( FecId fecId, const std::vector< FecVia >& vias, FecId backup,
                                       bool byContent ) const {
    const auto fits = [&]( U64 hwId ) {
       const Ptr< HwFec >* const found = recovered_.find( hwId );
       const HwFec* const was = found ? ( *found )->backup.get() : nullptr;
       const HwFec* const is = fec( backup );
-      // Of two that are alike, another request may have taken the one that was its backup.
-      // One that is still to be made is not what was.
+      // Another request may have taken over the FEC that was its backup: then an equal one will do.
+      // A requested backup that has not been made yet cannot be the one that it had.
       const bool sameBackup =
          backup == FecId()
             ? was == nullptr
@@ -241,9 +244,10 @@ Ptr< HwFec > FecUnit::replaced( FecId fecId, const std::vector< FecVia >& vias )
    return nullptr;
 }
 
-// Takes out FECs of the earlier driver whose routes all wait for this request, or for several. What
-// waits for one other request is left to that. Where not all that is requested fits, what forwards
-// is worth more than what might.
+// Takes out FECs of the earlier driver, with their routes, that wait for this request or for
+// several. FECs whose routes wait for one other request are left to that request. Nothing is taken
+// out when not all requests would fit then: routes that forward are worth more than some that
+// might.
 bool FecUnit::makeRoomFor( FecId fecId ) {
    if ( !mayTakeOut_ || platform_.request->hwFecIdRequests() + staying_ > capacity() ) {
       return false;

@@ -28,7 +28,7 @@ class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
       if ( notifier()->syncRequestsReady() ) {
          owner_.queue_.push( { .kind = OperationKind::syncRequested } );
       } else if ( owner_.platform_.startup ) {
-         owner_.platform_.startup->adjSyncDoneIs( false ); // another start
+         owner_.platform_.startup->adjSyncDoneIs( false ); // the library starts again
       }
    }
 
@@ -36,7 +36,8 @@ class FecUnit::RequestReactor : public FecIdToHwFecIdRequest::Reactor {
    FecUnit& owner_;
 };
 
-// States that could not be told, since a VRF had no name, are told when it has one.
+// States are reported under the number of a FEC's VRF, which is known only while the VRF has a
+// name. When a name comes, they are reported again.
 class FecUnit::NameReactor : public VelL3Status::Reactor {
  public:
    NameReactor( FecUnit& owner, const VelL3Status* status ) : owner_( owner ) {
@@ -93,14 +94,14 @@ void FecUnit::reportStates() {
    }
 }
 
-// Of a FEC that nothing protects, only that nothing leaves by it.
+// For a FEC without a backup, the only state that is reported is that frames cannot leave by it.
 void FecUnit::report( HwFec& fec ) {
    const AdjHwState state = stateOf( fec );
    stateIs( fec,
             fec.backupFecId != FecId() || state == AdjHwState::down ? state : AdjHwState::unknown );
 }
 
-// An unknown state is none: the entry goes.
+// Reports the FEC's state in place of its former one. For an unknown state no entry is left.
 void FecUnit::stateIs( HwFec& fec, AdjHwState state ) {
    AdjHwStatus* const status = platform_.l3Status->adjHwStatus().get();
    if ( status == nullptr ) {
@@ -114,7 +115,7 @@ void FecUnit::stateIs( HwFec& fec, AdjHwState state ) {
    }
    // The VRF may have lost its name, or come back under another number, since the last report.
    if ( fec.reportedIn && !number && state != AdjHwState::unknown ) {
-      number = fec.reportedIn; // what was said there is not to go out of date
+      number = fec.reportedIn; // the VRF has no name: its entry is kept up to date
    }
    if ( fec.reportedIn && fec.reportedIn != number ) {
       status->adjHwStateDel( { *fec.reportedIn, fec.fecId } );
@@ -140,7 +141,8 @@ void FecUnit::carryOut( FecId fecId ) {
    sync( fecId );
 }
 
-// What the FEC is to be made of now; false when it is to go, or is still to come.
+// What the FEC is to be made of now. False when it is not requested, or when the content of the
+// request, or the other agent's FEC, is not there.
 bool FecUnit::wanted( FecId fecId, std::vector< FecVia >& vias, FecId& backup ) const {
    const FecIdToHwFecIdRequest& request = *platform_.request;
    if ( !request.hwFecIdRequestHas( fecId ) ) {
@@ -176,16 +178,16 @@ void FecUnit::sync( FecId fecId ) {
    const bool isWanted = wanted( fecId, vias, backup );
    const Ptr< HwFec >* const there = fecs_.find( fecId );
    if ( there && queued_.has( fecId ) ) {
-      return; // the operation that is queued brings it in line
+      return; // a later operation on the FEC is queued and writes it
    }
    if ( !isWanted ) {
       remove( fecId );
       return;
    }
    Ptr< HwFec > fec = there ? *there : adopted( fecId, vias, backup );
-   const bool kept = !there && fec; // as it is, whatever its interfaces do
-   // Routes that are found in it, or behind it, may be to go elsewhere: it is rewritten only when
-   // they have gone.
+   const bool kept = !there && fec; // adopted as it is, whether its interfaces are ready or not
+   // An earlier driver's routes in this FEC, or in FECs that it protects, may have to go elsewhere.
+   // While there are any, the FEC is not rewritten: it is given back, and the request gets another.
    const bool changes = there && ( fec->via != vias || fec->backupFecId != backup );
    const std::vector< FecId > before = changes ? foundBehind( *fec ) : std::vector< FecId >();
    const bool same = there && !changes; // it need not be written
@@ -197,7 +199,7 @@ void FecUnit::sync( FecId fecId ) {
       waits( fecId, UnprogrammedReason::AdjacencyFull );
       return;
    }
-   for ( const FecId taken : before ) { // each to get another one in its turn
+   for ( const FecId taken : before ) { // the requests of the others get new FECs in their turns
       giveBack( taken, *fecs_.find( taken ) );
       if ( taken != fecId ) {
          push( taken );
@@ -227,26 +229,26 @@ void FecUnit::sync( FecId fecId ) {
    answer( *fec );
    countFecs();
    changed( fecId );
-   if ( idBefore != FecId() && idBefore != fecId ) { // the library knows its routes here by now
+   if ( idBefore != FecId() && idBefore != fecId ) {
+      // A FEC got the place of another one: by the answer above, the library has moved the routes.
       platform_.response->hwFecIdDel( idBefore );
       changed( idBefore );
    }
    if ( backupBefore && backupBefore != fec->backup ) {
       maybeRelease( *backupBefore );
-      retrySoon(); // it may be what another one waits for
+      retrySoon(); // a waiting request may use the backup that is left, or its place
    }
 }
 
 bool FecUnit::behind( const HwFec& fec ) const {
    std::vector< FecVia > vias;
    FecId backup;
-   return fec.fecId
-             .ofLabelViaSet() && // else what its agent does is not for the library to wait for
+   return fec.fecId.ofLabelViaSet() && // another agent's content is not the library's to wait for
           ( queued_.has( fec.fecId ) || waiting_.has( fec.fecId ) ) &&
           wanted( fec.fecId, vias, backup ) && ( fec.via != vias || fec.backupFecId != backup );
 }
 
-// It is as it is requested now.
+// Tells the library that hardware has the FEC as it is requested now.
 void FecUnit::answer( const HwFec& fec ) {
    platform_.response->hwFecIdIs(
       fec.fecId, { fec.hwId, platform_.request->hwFecIdRequest( fec.fecId ).version,
@@ -258,7 +260,8 @@ void FecUnit::noLongerWaits( FecId fecId ) {
    waiting_.erase( fecId );
 }
 
-// It must not meet what the backup was before. The backup's turn puts it back.
+// While the FEC's backup waits to be rewritten, frames of the new route must not leave by the
+// backup's former content. The FEC loses the backup until the backup's operation has had its turn.
 void FecUnit::routeComes( HwFec& fec ) {
    if ( fec.backup && behind( *fec.backup ) ) {
       backupIs( fec, nullptr );
@@ -270,8 +273,8 @@ void FecUnit::countFecs() {
    status_.fecs_ = fecs_.size() + recovered_.size();
 }
 
-// Those that name another backup by now, or none, and could not be rewritten yet: what this one
-// becomes was never meant for them.
+// The FEC gets another content. FECs whose requests no longer name it as their backup, and which
+// still have it in hardware, lose it now: the new content was never meant for them.
 void FecUnit::leaveFormerPrimaries( HwFec& fec ) {
    const std::set< FecId >* const found = dependents_.find( fec.fecId );
    const std::set< FecId > users = found ? *found : std::set< FecId >();
@@ -286,7 +289,7 @@ void FecUnit::leaveFormerPrimaries( HwFec& fec ) {
 void FecUnit::contentIs( HwFec& fec, const std::vector< FecVia >& vias, FecId backup ) {
    dependsOn( fec, false );
    if ( fec.backupFecId != backup ) {
-      stateIs( fec, AdjHwState::unknown ); // of another protection
+      stateIs( fec, AdjHwState::unknown ); // the reported state is that of the former protection
    }
    if ( fec.via != vias ) {
       leaveFormerPrimaries( fec );
@@ -294,13 +297,15 @@ void FecUnit::contentIs( HwFec& fec, const std::vector< FecVia >& vias, FecId ba
    fec.via = vias;
    fec.backupFecId = backup;
    HwFec* const protecting = this->fec( backup );
-   // A backup that has not been rewritten yet is still what it was for others.
+   // A backup that waits to be rewritten still has the content that it had for other FECs. It
+   // becomes this one's backup when it has been rewritten, in `changed`.
    const bool old = waiting_.has( backup ) || ( protecting && behind( *protecting ) );
    backupIs( fec, protecting == fec.backup.get() || !old ? protecting : nullptr );
    dependsOn( fec, true );
 }
 
-// Enters the FEC with those that its vias and its backup lead into, or takes it off there.
+// Adds the FEC to the dependents of its backup and of the FECs that its vias lead into, or removes
+// it from there.
 void FecUnit::dependsOn( const HwFec& fec, bool depends ) {
    const auto enter = [&]( FecId other ) {
       if ( other == FecId() ) {
@@ -322,7 +327,7 @@ void FecUnit::dependsOn( const HwFec& fec, bool depends ) {
    }
 }
 
-// The FEC is there, gone, or another: those that lead into it may have another way now.
+// The FEC has been made, rewritten or removed: FECs that lead into it may have another way now.
 void FecUnit::changed( FecId fecId ) {
    HwFec* const now = fec( fecId );
    if ( now ) {
@@ -342,7 +347,8 @@ void FecUnit::changed( FecId fecId ) {
    }
 }
 
-// By what is requested: what is in hardware may be older, and the number another FEC's by now.
+// Whether the FEC's request names the other one as its backup. Hardware may still have an earlier
+// backup, whose id may be that of another FEC by now.
 bool FecUnit::namesAsBackup( FecId fecId, FecId other ) const {
    std::vector< FecVia > vias;
    FecId backup;
@@ -353,15 +359,16 @@ size_t FecUnit::capacity() const {
    return faults_.capacity( FaultKind::fecCapacity, clock_.now(), capacity_ );
 }
 
-// For how many more FECs.
+// How many more FECs fit.
 size_t FecUnit::room() const {
    const size_t limit = capacity();
    const size_t there = fecs_.size() + recovered_.size();
    return limit == 0 ? std::numeric_limits< size_t >::max() : limit - std::min( limit, there );
 }
 
-// The FEC, and those of this driver that it protects, where an earlier driver's routes are left in
-// one of them: they are given back together. None where there is no such route.
+// The FECs that have to be given back together before this one changes: those that it protects and
+// in which routes of an earlier driver are left, and the FEC itself. Empty when no such routes are
+// left in it or in what it protects.
 std::vector< FecId > FecUnit::foundBehind( const HwFec& fec ) const {
    std::vector< FecId > behind;
    const std::set< FecId >* const users = dependents_.find( fec.fecId );
@@ -374,7 +381,7 @@ std::vector< FecId > FecUnit::foundBehind( const HwFec& fec ) const {
       }
    }
    if ( fec.recovered != 0 || fec.protectsFound != 0 || !behind.empty() ) {
-      behind.push_back( fec.fecId ); // last: those that it protects keep it
+      behind.push_back( fec.fecId ); // last, so that those before it still have it as their backup
    }
    return behind;
 }
@@ -417,7 +424,7 @@ void FecUnit::retryWaiting() {
    retrying_ = mayTakeOut_ = false;
 }
 
-// What still forwards into it meets a FEC without a way out.
+// Routes that still forward into the FEC meet one without a way out.
 void FecUnit::remove( FecId fecId ) {
    placeTakenBy_.erase( fecId );
    const Ptr< HwFec >* const found = fecs_.find( fecId );
@@ -433,7 +440,7 @@ void FecUnit::remove( FecId fecId ) {
       return;
    }
    if ( !platform_.request->hwFecIdRequestHas( fecId ) && fec->routes != 0 &&
-        status_.forgotten_ == 0 ) { // else hardware holds what the library has taken away
+        status_.forgotten_ == 0 ) { // lost operations leave routes that the library has moved
       status_.breachLog_.add( joinText( "FEC ", fecId, " is no longer requested while ",
                                         fec->routes, " routes forward into it" ) );
    }
@@ -464,8 +471,9 @@ Ptr< HwFec > FecUnit::takenOver( FecId fecId, const std::vector< FecVia >& vias 
    return fec;
 }
 
-// The FEC has taken over the place of another, and goes before the library has heard of that: the
-// routes in it are the other one's, as they have been all along for the library.
+// The FEC got the place of another one, and its request goes before the library has heard of that.
+// For the library its routes are still in the other FEC, so it becomes that one again. False when
+// the FEC has not got anybody's place.
 bool FecUnit::placeBack( FecId fecId, HwFec& fec ) {
    for ( const auto& [left, by] : placeTakenBy_ ) {
       std::vector< FecVia > vias;
@@ -490,8 +498,9 @@ bool FecUnit::placeBack( FecId fecId, HwFec& fec ) {
    return false;
 }
 
-// Not in one that protects another, whose frames may be in it; and not where something is done to
-// the label by the routes, before or after, which could not be rewritten in one step with the FEC.
+// Whether the FEC may be rewritten under its routes. A FEC that protects another may not, since
+// that one's frames may be in it. Neither may one whose routes do something to the label, now or
+// with the new vias: routes cannot be rewritten in one step with their FEC.
 bool FecUnit::fitsInPlace( const HwFec& fec, const std::vector< FecVia >& vias ) {
    return fec.protects == 0 && !fec.routesOperate &&
           std::ranges::none_of(

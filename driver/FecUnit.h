@@ -5,51 +5,58 @@
 //                                          ▲
 //        FECs of other agents, tunnels ────┘
 //
-// An operation on a FEC carries its id and nothing else: what is written is what the request table
-// says when its turn comes. Of several changes in a row the last one counts: what is in hardware is
-// left alone until its turn, since routes that have been written elsewhere before it are still to
-// leave. The answer names the version that has been carried out, and no route comes into a FEC
-// before that is the one requested. A FEC keeps its hardware id while it is requested; its content is
-// replaced in place, which no frame notices.
+// An operation on a FEC carries only the FEC's id; the content is read from the request table when
+// the operation is carried out. So of several changes in a row only the last one is written. Until
+// then the FEC in hardware stays as it is, since routes that the library moved out of it before the
+// change may wait in the same queue. The answer names the version of the request that has been
+// carried out; until that is the latest one, the library writes no further route into the FEC. A
+// FEC keeps its hardware id while it is requested; its content is replaced in place, which no frame
+// notices.
 //
-// Who makes a FEC. Label FECs are made of what the request says. The FECs of other agents (next-hop
-// groups, external FECs) and the tunnels are made known here by whoever plays those agents; a
-// request for one is answered when it is there, and the answer is withdrawn when it goes.
+// Who makes a FEC. Label FECs are made from the content of the request. The FECs of other agents
+// (next-hop groups, external FECs) and the tunnels are made known here by whoever plays those
+// agents; a request for such a FEC is answered while the FEC is known.
 //
 // Ways out. A via leads out by an interface that is up to a neighbour that is resolved, or into
 // another FEC or a tunnel that has a way out, eight levels deep at most. A hash over the flow picks
-// one of the usable vias. Without one the FEC's backup is taken. Which of both is in use is
-// reported for every protected FEC in AdjHwStatus, and of any other that it has no way out. FecWays.cpp.
+// one of the usable vias. When none is usable, frames take the FEC's backup. AdjHwStatus reports
+// for every protected FEC which of both carries frames, and for any other FEC only that neither
+// does. See FecWays.cpp.
 //
-// Restart. A switch that starts on what an earlier driver left holds all requests back until the
-// library says that it has written them (`syncRequestsReady`). Then a request whose sync id names a
-// FEC that has just the content that is wanted takes it over as it is, with its hardware id; any
-// other gets one with just that content that nobody else has taken, or a FEC of its own, to which
-// its routes then move. At the end `adjSyncDone` is set. A library that starts afresh instead wants
-// nothing of before: all of it goes, routes first. FecRestart.cpp.
+// Restart. A switch that starts on hardware that an earlier driver left holds all requests until
+// the library has written all of them (`syncRequestsReady`). Then a request whose sync id names a
+// FEC with exactly the requested content takes that FEC over as it is, with its hardware id. Any
+// other request takes over a FEC with that content that no other request has taken, or gets a new
+// FEC, to which the library then moves the routes. At the end `adjSyncDone` is set. For a library
+// that starts afresh, all that the earlier driver left is removed, routes first. See
+// FecRestart.cpp.
 //
-//    a FEC is     where            whose routes           until
-//    recovered    recovered_       an earlier driver's    matched: adopted; `mayReplace` names it:
-//                                                         offered; its last route has left: gone
-//    offered      recovered_       ... all waiting        wanted in place: made; in the way: gone with
-//                                                         its routes; the offer is withdrawn: recovered
-//    adopted      fecs_            both drivers'          all of before have been written: made;
-//                                                         request changes or goes: given back
-//    given back   recovered_       an earlier driver's    as recovered, which it is again
-//    made         fecs_            this driver's          the request goes: gone; `mayTakeOver` names
-//                                                         it, and the other one needs its place: made,
-//                                                         as that one
+//    a FEC is     kept in       with routes of        until
+//    recovered    recovered_    the earlier driver    a request matches it: adopted
+//                                                     `mayReplace` names it: offered
+//                                                     its last route leaves: gone
+//    offered      recovered_    the earlier driver,   the request that they wait for is written in
+//                               which all wait        its place: made
+//                                                     room is needed: gone, with its routes
+//                                                     the offer is withdrawn: recovered
+//    adopted      fecs_         both drivers          this driver has written all of them: made
+//                                                     its request changes or goes: given back, that
+//                                                     is, recovered again
+//    made         fecs_         this driver           its request goes: gone
+//                                                     `mayTakeOver` names it and there is no room:
+//                                                     rewritten as the FEC that its routes wait for
 //
 //    a request is held (held_) until syncRequestsReady, and waits (waiting_) while hardware cannot
+//    make its FEC
 //
-// Room. Where there is no room for one more FEC, it is given the place of one that is left with
-// routes that wait for just this one. Its content is replaced in place, so that those routes have
-// moved with that and never been dark. Of FECs of before, such a one may also be taken out with its
-// routes, where they wait for several: those of a FEC of this driver stay where they are until there
-// is room. Only in the hardware's own turn, never while the library is in the middle of something.
+// Room. When there is no room for one more FEC, it gets the place of a FEC whose routes all wait
+// for the new one. The content is replaced in place, which moves those routes in one step, so that
+// they are never dark. A FEC of the earlier driver whose routes wait for several FECs may be taken
+// out together with its routes; routes in a FEC of this driver stay there until there is room. This
+// happens only in the hardware's own turn, never while the library is in the middle of something.
 //
-// What cannot be made now (no room, an interface that is not ready) is made as soon as it can be;
-// until then there is no answer.
+// A FEC that cannot be made now (no room, an interface that is not ready) is made as soon as it can
+// be; until then its request is not answered.
 
 #pragma once
 
@@ -105,12 +112,13 @@ class FecUnit {
    void tunnelIs( IntfId intf, std::vector< Fib::FecVia > vias );
    void tunnelDel( IntfId intf );
 
-   /// Neighbours or links have changed: says of each FEC which way it takes now.
+   /// Neighbours or links have changed: reports which way frames take now by each FEC.
    void reportStates();
 
    // --- Restart, FecRestart.cpp
 
-   /// What an earlier driver left; before anything else. `fecs` of the state, not its routes.
+   /// Takes in the FECs that an earlier driver left, before anything else; the routes are taken in
+   /// by the switch.
    void recover( const HwState& state );
    /// Takes all routes into a FEC out of hardware.
    using TakeRoutesOut = std::function< void( const HwFec& fec ) >;
@@ -121,9 +129,10 @@ class FecUnit {
    void takeFoundOutIs( std::function< void() > takeFoundOut ) {
       takeFoundOut_ = std::move( takeFoundOut );
    }
-   /// What is requested is held.
+   /// Requests are held until the library has written all of them.
    bool syncing() const { return syncing_; }
-   /// All requests have been written: takes over what can be taken over and answers.
+   /// The library has written all requests: takes over the earlier driver's FECs that match, and
+   /// answers.
    void syncRequested();
    /// The first route has come into the FEC, or the last one left it.
    void useChanged( HwFec& fec ) {
@@ -132,7 +141,7 @@ class FecUnit {
          maybeRelease( fec );
       }
    }
-   /// No route is left in it that was found there.
+   /// The last route of the earlier driver has left a FEC, which a waiting request may now use.
    void foundRoutesGone() { retrySoon(); }
    void addTo( HwState& state ) const;
 
@@ -140,13 +149,13 @@ class FecUnit {
 
    /// How many FECs fit; 0: no limit.
    void capacityIs( size_t fecs ) { capacity_ = fecs; }
-   /// An operation on the FEC has its turn.
+   /// Carries out one queued operation on the FEC.
    void carryOut( Fib::FecId fecId );
-   /// What is requested of the FEC has not been carried out: no route may come into it.
+   /// Hardware does not have the FEC's requested content yet: no route may come into it.
    bool behind( const HwFec& fec ) const;
-   /// A route that was not in the FEC is about to be.
+   /// A route is about to come into the FEC.
    void routeComes( HwFec& fec );
-   /// Tries what was not possible before. Only in the hardware's own turn.
+   /// Tries the waiting requests again. Only in the hardware's own turn.
    void retryWaiting();
    /// The FEC behind a hardware id, or null.
    HwFec* fec( U64 hwId ) const;
@@ -219,23 +228,24 @@ class FecUnit {
    U64 nextHwId_ = 1;
    Hash< Fib::FecId, Ptr< HwFec > > fecs_;
    Hash< U64, HwFec* > byHwId_;
-   Hash< Fib::FecId, U32 > queued_;              // operations on each
-   Hash< Fib::FecId, Fib::FecId > placeTakenBy_; // of one that is still requested
-   HashSet< Fib::FecId > waiting_;               // requested, not possible now
-   /// Which FECs lead into one: by their vias, or as their backup.
+   Hash< Fib::FecId, U32 > queued_;              // how many operations on the FEC wait
+   Hash< Fib::FecId, Fib::FecId > placeTakenBy_; // a requested FEC: the FEC that got its place
+   HashSet< Fib::FecId > waiting_;               // requested, and hardware cannot make them now
+   /// For each FEC, the FECs that lead into it: by a via, or because it is their backup.
    Hash< Fib::FecId, std::set< Fib::FecId > > dependents_;
-   Hash< U64, Ptr< HwFec > > recovered_; // of an earlier driver, not taken over
-   size_t staying_ = 0;                  // of these, such as stay
-   /// Which of them may have a content, by its hash. Those that were taken over stay listed.
+   Hash< U64, Ptr< HwFec > > recovered_; // an earlier driver's, not taken over; by hardware id
+   size_t staying_ = 0;                  // how many of these have HwFec::stays
+   /// Hardware ids of an earlier driver's FECs by the hash of their content. FECs that were taken
+   /// over stay listed.
    Hash< U64, std::vector< U64 > > recoveredByContent_;
    TakeRoutesOut takeRoutesOut_;
    std::function< void() > takeFoundOut_;
    bool retryQueued_ = false;
    bool retrying_ = false;
-   bool mayTakeOut_ = false; // else what can be rewritten in place goes first
-   bool syncing_ = false;    // what is requested is held
+   bool mayTakeOut_ = false; // in the second pass over waiting_: the first one rewrites in place
+   bool syncing_ = false;    // requests are held
    HashSet< Fib::FecId > held_;
-   Hash< Fib::FecId, U64 > backupHint_; // the hardware id that the backup of a matched FEC had
+   Hash< Fib::FecId, U64 > backupHint_; // by requested backup: what its primary's backup was before
    std::unique_ptr< RequestReactor > reactor_;
    std::unique_ptr< NameReactor > nameReactor_;
 };

@@ -12,35 +12,35 @@ using Mpls::Hardware::L2Via;
 
 namespace {
 
-constexpr U32 maxDepth = 8; // of FECs in FECs
+constexpr U32 maxDepth = 8; // of FECs and tunnels in each other
 
 } // namespace
 
-/// The FECs and tunnels that a search for a way out has come to, so that each is followed once: where
-/// one has led nowhere, it leads nowhere from another place either.
+/// The FECs and tunnels that a search for a way out has come to, so that each is followed once:
+/// where one has led nowhere, it leads nowhere from another place either.
 struct FecUnit::Search {
    struct Met {
       U32 depth = 0;
       bool open = true; // it is being followed
    };
-   const void* first; // by which the search begins; most lead nowhere else
+   const void* first; // the FEC that the search begins with, outside `met`: most meet no other
    Hash< const void*, Met > met{};
 };
 
-/// The operation that a frame's top label meets on a way: so many labels come off, then these go
-/// on, and it leaves.
+/// What a frame meets on a way: `popped` labels come off, `pushed` ones go on, and it leaves by
+/// `exit`.
 struct FecUnit::Way {
    U64 hash;
    U32 depth = 0;
    Search* search = nullptr;
    U32 popped = 0;
-   bool laysBare = false;       // with what came off for good: what lies below is the top then
+   bool laysBare = false;       // a pop has uncovered what lies below the labels
    std::vector< U32 > pushed{}; // top first
    Mpls::PayloadType payloadType = Mpls::PayloadType::undefined;
    Mpls::TtlMode ttlMode = Mpls::TtlMode::undefined;
    NextHopInfo exit{};
 
-   /// Adds what a via does with the label, behind what was done before.
+   /// Adds a via's label operation behind those of the way so far.
    void add( const FecVia& via ) {
       if ( via.labelAction == MplsLabelAction::pop || via.labelAction == MplsLabelAction::swap ) {
          if ( pushed.empty() ) {
@@ -99,7 +99,7 @@ bool FecUnit::wayOut( const HwRoute& route, U64 flowHash, L2Via& out, std::strin
          return false;
       }
    }
-   // What is laid bare gets its TTL also where labels go on above it.
+   // After a pop it is a pop also when labels go on above: what it uncovered has to get its TTL.
    out.labelAction = way.popped == 0
                         ? way.pushed.empty() ? MplsLabelAction::none : MplsLabelAction::push
                      : way.laysBare || way.pushed.empty() ? MplsLabelAction::pop
@@ -107,8 +107,9 @@ bool FecUnit::wayOut( const HwRoute& route, U64 flowHash, L2Via& out, std::strin
    return true;
 }
 
-// Whether to follow what the way has come to; if not, why it leads nowhere. It is tried again where
-// it is met less deep, since it may have led too deep before.
+// Whether to follow the FEC or tunnel that the way has come to; if not, `why` says what is wrong
+// with it. One that led nowhere is followed again where it is met less deep, since its ways may
+// have been too deep.
 bool FecUnit::enter( const void* what, const std::function< std::string() >& name, Way& way,
                      std::string& why ) {
    Search& search = *way.search;
@@ -135,7 +136,7 @@ bool FecUnit::enter( const void* what, const std::function< std::string() >& nam
    return true;
 }
 
-// In vain: a way that was found ends the search.
+// The FEC or tunnel was followed in vain; a way that is found ends the search.
 void FecUnit::leave( const void* what, const Way& way ) {
    if ( Search::Met* const met = way.search->met.find( what ) ) {
       met->open = false;
@@ -177,7 +178,7 @@ bool FecUnit::followTunnel( IntfId intf, Way& way, std::string& why ) const {
    return false;
 }
 
-// One of the usable vias, picked by the flow.
+// Follows one of the usable vias, picked by the flow.
 bool FecUnit::follow( const std::vector< FecVia >& vias, Way& way, std::string& why ) const {
    const Way before = way;
    FlowOrder order( before.hash, before.depth, vias.size() );

@@ -1,8 +1,8 @@
 // FlowOrder: which of several ways a flow takes.
 //
 // Every way of every level has a weight of its own for each flow; the heaviest that can be used is
-// taken. So flows spread evenly, at each level of one look-up whatever they did at the one above;
-// what a way that goes down carried spreads over all the others, and no other flow moves.
+// taken. So flows spread evenly, at each level of one look-up whatever way they took at the one
+// above. The flows of a way that goes down spread over all the others, and no other flow moves.
 
 #pragma once
 
@@ -12,8 +12,8 @@
 
 namespace Vel::Driver {
 
-/// The ways of one level in the order in which a flow tries them. Allocates nothing; each step costs
-/// one look at all of them.
+/// The ways of one level in the order in which a flow tries them. Allocates nothing; each step
+/// costs one look at all of them.
 class FlowOrder {
  public:
    /// `level`: how many choices the flow has made before, on its way through this switch.

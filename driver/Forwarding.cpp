@@ -166,8 +166,9 @@ const L2Via* Passage::wayOutOf( const HwRoute& route ) {
    return nullptr;
 }
 
-/// The end of a path in this switch. The TTL is counted down where the packet is sent on; until
-/// then that of a popped label stands for what lies below it, except in pipe mode.
+/// Takes the label off whose path ends in this switch. The TTL is counted down when the packet is
+/// sent on; until then the popped label's TTL takes the place of the TTL of what lies below, except
+/// in pipe mode.
 bool Passage::popHere( const L2Via& via ) {
    if ( handled_ == labelsLeft() ) {
       return drop( DropReason::noWayOut,
@@ -204,7 +205,7 @@ bool Passage::labelsFit( const L2Via& via ) {
       return dropBadVia( "has no label operation" );
    }
    const size_t labels = via.labelStack.stackSize();
-   const bool ofFec = &via == &wayOut_; // which may pop and lead into what pushes
+   const bool ofFec = &via == &wayOut_; // a way through FECs may pop and then push
    if ( via.labelAction == MplsLabelAction::pop ? labels != 0 && !ofFec : labels == 0 ) {
       return dropBadVia( labels == 0 ? "has no outgoing label" : "pops and has outgoing labels" );
    }
@@ -224,11 +225,11 @@ bool Passage::exposePayload( const L2Via& via, uint8_t ttl, uint16_t& etherType 
    const AddressFamily wanted = via.payloadType == PayloadType::ipv4   ? ipv4()
                                 : via.payloadType == PayloadType::ipv6 ? ipv6()
                                                                        : family;
-   const bool coveredAgain = via.labelStack.stackSize() != 0; // by what a way through FECs pushes
+   const bool coveredAgain = via.labelStack.stackSize() != 0; // by labels of a way through FECs
    const bool declared =
       via.payloadType == PayloadType::ipv4 || via.payloadType == PayloadType::ipv6;
    if ( coveredAgain && ( via.ttlMode == TtlMode::pipe || ( !declared && !ipTtl( payload ) ) ) ) {
-      return true; // nothing is written into it
+      return true; // nothing is written into the payload, so it need not be an IP packet
    }
    if ( family == AddressFamily::unspecified || family != wanted || !ipTtl( payload ) ) {
       const std::string_view expected = wanted == AddressFamily::unspecified
@@ -277,7 +278,7 @@ bool Passage::leave( const L2Via& via ) {
    ethernetAppend( out.bytes, ethernet );
    const size_t labels = via.labelStack.stackSize();
    for ( size_t i = 0; i < labels; ++i ) {
-      // A push leaves a label below.
+      // A push leaves the incoming label below, so none of the pushed ones is the last.
       const bool last = i + 1 == labels && bottom && via.labelAction != MplsLabelAction::push;
       labelEntryAppend( out.bytes,
                         { via.labelStack.label( i ).value(), top_.trafficClass, last, ttl } );

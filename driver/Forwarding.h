@@ -13,8 +13,9 @@
 //
 // TTL (RFC 3443 sections 3.4 and 3.5, RFC 3032 section 2.4): the incoming TTL minus one must be
 // more than zero and goes into the outgoing labels. After a pop it goes into what was laid bare, a
-// label or an IP header, in uniform mode; in pipe mode that is neither read nor written. Without a
-// mode nobody knows what the start of the path did, so it goes there unless that would raise it.
+// label or an IP header, in uniform mode; in pipe mode the TTL there is neither read nor written.
+// Without a mode nobody knows what the start of the path did: the TTL there is then lowered to it,
+// but never raised.
 //
 // The traffic class of the incoming label goes into the labels that are put on.
 //

@@ -3,7 +3,7 @@
 // Hardware outlives the software that programs it. A snapshot of one switch, taken at any moment
 // and given to the next one, is that: the next driver finds the routes and FECs where the last one
 // left them, and forwards by them until it is told otherwise. What waited in the queue of the last
-// driver is lost, as it would be.
+// driver is lost, as in a real switch.
 //
 // L2 adjacencies are not part of it, nor are the routes over them: hardware without FECs starts
 // afresh, and hardware with FECs has such routes only where the library does not update in place.

@@ -75,19 +75,19 @@ struct HwFec {
    U64 hwId;         ///< what routes name it by; never 0
    Fib::FecId fecId; ///< what it is requested by; none for one of an earlier driver
    L3::VrfName vrfName;
-   std::optional< VrfId > reportedIn; ///< the VRF under whose number its state stands reported
+   std::optional< VrfId > reportedIn; ///< the VRF number under which its state is reported
    std::vector< Fib::FecVia > via;    ///< none once it has been taken out of hardware
-   Fib::FecId backupFecId;            ///< what is to protect it
-   Ptr< HwFec > backup;               ///< what does
+   Fib::FecId backupFecId;            ///< the backup that is requested for it
+   Ptr< HwFec > backup;               ///< the backup that it has in hardware
    U64 routes = 0;                    ///< that forward into it
-   U64 recovered = 0;          ///< of these, what an earlier driver wrote and this one has not
-   bool routesOperate = false; ///< some of those did something to the label themselves
-   bool replaced = false;      ///< made of one of an earlier driver that had another content
-   bool found = false;         ///< of an earlier driver, not taken over
-   bool stays = false;         ///< ... and not to be given to anybody else
+   U64 recovered = 0;          ///< of these, written by an earlier driver and not yet by this one
+   bool routesOperate = false; ///< some route into it has done something to the label itself
+   bool replaced = false;      ///< rewritten: it was an earlier driver's, with another content
+   bool found = false;         ///< an earlier driver's, which no request has taken over
+   bool stays = false;         ///< ... and which cannot make room for another
    U64 protects = 0;           ///< FECs whose backup it is
-   U64 protectsFound = 0;      ///< of these, such as were found
-   U64 protectsStaying = 0;    ///< of these, such as stay
+   U64 protectsFound = 0;      ///< of these, those with `found`
+   U64 protectsStaying = 0;    ///< of these, those with `stays`
 
    void referenceAcquire() const { ++references_; }
    void referenceRelease() const {
@@ -131,8 +131,8 @@ class SwitchVrfStatus : public Entity {
    VEL_ENTITY( SwitchVrfStatus )
    VEL_KEY( VrfId, vrfId )
    VEL_COLLECTION( LabelIndexed, Mpls::RouteKey, UnprogrammedReason, refusedRoute )
-   VEL_COLLECTION( Hash, U64, UnprogrammedReason, refusedAdjacency ) // by the index of the L2 adjacency
-   VEL_SET( LabelSet, Mpls::RouteKey, lostRoute ) // into a FEC: the last writing was answered and lost
+   VEL_COLLECTION( Hash, U64, UnprogrammedReason, refusedAdjacency ) // by L2 adjacency index
+   VEL_SET( LabelSet, Mpls::RouteKey, lostRoute ) // into a FEC: hardware has lost the last writing
    VEL_ENTITY_END
    // clang-format on
 

@@ -39,7 +39,7 @@ void OperationQueue::begin() {
    }
 }
 
-// Until the hardware is through with the first operation.
+// Seconds until the hardware has finished the first operation.
 double OperationQueue::waitSeconds() const {
    const double ready = serviceTimeSeconds_ > 0 ? readyAt_ : 0;
    const double due = lateness_ ? dueAt_.front() : 0;

@@ -29,7 +29,7 @@ enum class OperationKind : uint8_t {
    routeRemoved,
    fecChanged,
    syncRequested, ///< all requests of a start have been written
-   fecsRetried,   ///< FECs that wait may be possible now
+   fecsRetried,   ///< FECs that hardware could not make may be possible now
 };
 } // namespace Vel::Driver
 
@@ -61,11 +61,11 @@ struct Operation {
    static Operation ofFec( Fib::FecId fecId ) {
       return { .kind = OperationKind::fecChanged, .number = fecId.value() };
    }
-   /// Of what was written.
+   /// The version of the route or adjacency that was written.
    U64 version() const { return number; }
    /// Label forwarding is to be on.
    bool enabled() const { return number != 0; }
-   /// There is no version: what counts is what is requested of the FEC in its turn.
+   /// A FEC's operation has no version: it carries out what is requested when it has its turn.
    Fib::FecId fecId() const { return Fib::FecId( number ); }
 };
 static_assert( sizeof( Operation ) == 32, "a million of them may wait" );
@@ -115,7 +115,8 @@ class ChunkedQueue {
 /// Operations that wait, first in first out, and the task that comes for them.
 class OperationQueue {
  public:
-   /// How much later than the service time asks the hardware is through with what is written now.
+   /// By how many seconds the hardware finishes what is written now later than its service time
+   /// asks.
    using Lateness = std::function< double( double now ) >;
 
    /// The hardware takes `serviceTimeSeconds` for each operation; 0 is no time.
@@ -128,7 +129,7 @@ class OperationQueue {
    bool empty() const { return waiting_.empty(); }
    /// How many have been taken out so far: the number of the last one, counted from 1.
    U64 popped() const { return popped_; }
-   /// The number that the last one to come in will have then.
+   /// The number that the operation pushed last will have when it is taken out.
    U64 pushed() const { return popped_ + waiting_.size(); }
    void push( Operation operation ) {
       if ( lateness_ ) {
@@ -140,12 +141,12 @@ class OperationQueue {
          begin();
       }
    }
-   /// For what is written from now on; the queue must be empty.
+   /// Sets the lateness of what is written from now on; the queue must be empty.
    void latenessIs( Lateness lateness ) { lateness_ = std::move( lateness ); }
    /// Adds the writing of an adjacency, with its L2 vias as they are now.
    void pushAdjacency( Operation operation );
 
-   /// Whether the hardware is through with the first operation.
+   /// Whether the hardware has finished the first operation.
    bool ready() const;
    Operation pop();
    /// The vias of the adjacency operation that `pop` gave last; to be taken once for each.

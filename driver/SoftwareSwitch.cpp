@@ -12,7 +12,7 @@ namespace {
 
 TraceHandle traceHandle( "SoftwareSwitch" );
 
-// Takes back what a driver has said of a VRF, except the routes listed as unprogrammed.
+// Withdraws what a driver has reported of a VRF, except the routes listed as unprogrammed.
 void withdraw( MplsHwVrfStatus& status ) {
    status.routeDelAll();
    status.unprogrammedAdjacencyDelAll();
@@ -20,7 +20,8 @@ void withdraw( MplsHwVrfStatus& status ) {
    status.mplsRoutingIs( false );
 }
 
-// There is one VRF; its routes stand under two numbers while it changes from one to the other.
+// The number under which most routes stand. There is one VRF; while its number changes, its routes
+// stand under both numbers.
 VrfId vrfOfMost( const std::vector< HwState::Route >& routes ) {
    Hash< VrfId, size_t > routesOf;
    VrfId most = 0;
@@ -33,7 +34,7 @@ VrfId vrfOfMost( const std::vector< HwState::Route >& routes ) {
    return most;
 }
 
-/// Notices that a key has left the list, whoever took it off.
+/// Notices that a route has left the list of unprogrammed routes, whoever took it off.
 class ListReactor : public MplsHwVrfStatus::Reactor {
  public:
    ListReactor( const MplsHwVrfStatus* status, HwVrf& vrf ) : vrf_( vrf ) { notifierIs( status ); }
@@ -128,8 +129,8 @@ SoftwareSwitch::~SoftwareSwitch() {
    status_->links_ = nullptr;
 }
 
-// Which listed keys are an earlier driver's: those of the configuration. The others are the
-// library's own.
+// Withdraws what an earlier driver reported. Of the routes listed as unprogrammed, the driver
+// listed those that the configuration holds; the others were listed by the library and stay.
 void SoftwareSwitch::forgetEarlierDriver() {
    for ( const auto& [vrfId, status] : hwStatus_->vrfStatus() ) {
       withdraw( *status );
@@ -146,7 +147,7 @@ void SoftwareSwitch::forgetEarlierDriver() {
    }
 }
 
-// Hardware goes on as it was; the library is told which routes it has.
+// Hardware goes on with what the earlier driver left; the sync map tells the library of the routes.
 void SoftwareSwitch::recover( const HwState& state, VelHelper::MplsRouteSyncMap* routeSyncMap ) {
    fecUnit_->recover( state );
    const VrfId vrfWithRoutes = vrfOfMost( state.routes );
@@ -155,7 +156,7 @@ void SoftwareSwitch::recover( const HwState& state, VelHelper::MplsRouteSyncMap*
    }
    for ( const HwState::Route& before : state.routes ) {
       if ( fecUnit_->fec( before.hwId ) == nullptr || before.vrfId != vrfWithRoutes ) {
-         continue; // it leads nowhere, or the VRF was about to leave that number
+         continue; // the route leads nowhere, or the VRF was about to leave that number
       }
       HwVrf& vrf = makeVrf( before.vrfId );
       HwRoute& route = *vrf.route.emplace( before.key ).first;
@@ -187,7 +188,7 @@ HwState SoftwareSwitch::state() const {
          state.mplsRouting.push_back( vrfId );
       }
       for ( const auto& [key, route] : vrf->route ) {
-         if ( route.fec && fecUnit_->fec( route.fec->hwId ) ) { // not one that was taken out
+         if ( route.fec && fecUnit_->fec( route.fec->hwId ) ) { // whose FEC was not taken out
             state.routes.push_back( { vrfId, key, route.fec->hwId, route.operation } );
          }
       }
@@ -234,7 +235,7 @@ void SoftwareSwitch::linkIs( IntfId intf, bool up ) {
    }
 }
 
-// Hardware changes over before anybody else hears of it.
+// FECs report that they have changed over before anybody else hears of the links.
 void SoftwareSwitch::linksChanged() {
    if ( fecUnit_ ) {
       fecUnit_->reportStates();
@@ -263,8 +264,9 @@ void SoftwareSwitch::handleVrfConfig( VrfId vrfId ) {
    watch_.emplace( vrfId, std::make_unique< ConfigWatch >( *config, queue_, status_->breachLog_ ) );
 }
 
-// Of an earlier driver: what is not wanted any more was never wanted of this one. A library that is
-// still starting may not have said what it wants.
+// Switches label forwarding off that an earlier driver left on and the configuration does not want:
+// no change of the configuration will ever say so. While the library is still starting it may not
+// have written the configuration, so this is not asked then.
 void SoftwareSwitch::routingOffUnlessWanted( VrfId vrfId ) {
    const HwVrf* const there = vrf( vrfId );
    const MplsHwVrfConfig* const config = config_->vrfConfig( vrfId );
@@ -319,7 +321,8 @@ void SoftwareSwitch::carryOut( Operation operation ) {
       fecUnit_->retryWaiting();
       return;
    }
-   // Already there when the status is made at once; made again when a VRF went and came back.
+   // The VRF is there already when its status is made at once; it is made here when not, and when
+   // it went and came back.
    HwVrf& vrf = makeVrf( operation.vrfId );
    switch ( operation.kind ) {
    case OperationKind::vrfMade:
@@ -329,8 +332,8 @@ void SoftwareSwitch::carryOut( Operation operation ) {
    case OperationKind::fecsRetried:
       break;
    case OperationKind::mplsRouting:
-      // Of several changes in a row the last one counts: a library that starts again says no before
-      // it says yes.
+      // Of several changes in a row the last one counts: a library that starts again switches
+      // forwarding off and on, and no frame should notice.
       if ( const MplsHwVrfConfig* const config = configOf( vrf ) ) {
          vrf.mplsRouting = config->mplsRouting();
       } else {
@@ -382,7 +385,7 @@ void SoftwareSwitch::removeVrf( VrfId vrfId ) {
       claim( key, &route );
       routeMoved( route, nullptr, nullptr );
    }
-   vrf.status->unprogrammedRouteDelAll(); // the library's own as well: nobody else can now
+   vrf.status->unprogrammedRouteDelAll(); // also what the library listed: it cannot any more
    withdraw( *vrf.status );
    hwStatus_->vrfStatusDel( vrfId );
    vrf_.erase( vrfId );
@@ -511,13 +514,14 @@ void SoftwareSwitch::writeRoute( HwVrf& vrf, Operation operation ) {
    route->version = operation.version();
    status_->routes_ += made;
    vrf.refused->lostRouteDel( key );
-   if ( vrf.status->unprogrammedRouteHas( key ) ) { // by whomever: the configuration holds it
+   if ( vrf.status->unprogrammedRouteHas( key ) ) { // whoever listed it: it is in hardware now
       vrf.status->unprogrammedRouteDel( key );
    }
    vrf.status->routeIs( done );
 }
 
-// A route that is in a FEC is the helper's, which has overtaken what the configuration wrote.
+// A route that forwards into a FEC stays: the helper has written it since, and only the helper
+// takes it out.
 void SoftwareSwitch::removeRoute( HwVrf& vrf, RouteKey key ) {
    const HwRoute* const route = vrf.route.find( key );
    if ( route == nullptr || !route->fec ) {
@@ -525,7 +529,7 @@ void SoftwareSwitch::removeRoute( HwVrf& vrf, RouteKey key ) {
    } else {
       vrf.status->routeDel( key );
    }
-   if ( vrf.listedRoute.has( key ) ) { // else the library has taken it off already
+   if ( vrf.listedRoute.has( key ) ) { // else this driver has not listed it, or it was taken off
       vrf.status->unprogrammedRouteDel( key );
    }
 }
@@ -566,7 +570,8 @@ bool SoftwareSwitch::claim( RouteKey key, const HwRoute* route ) {
    return true;
 }
 
-// They stay an earlier driver's, which this one has taken out for others to have room.
+// Takes the routes of an earlier driver's FEC out of hardware to make room. They still count as
+// recovered, until the library writes or removes them.
 void SoftwareSwitch::takeRoutesOut( const HwFec& fec ) {
    for ( const auto& [vrfId, vrf] : vrf_ ) {
       for ( const auto& [key, route] : vrf->route ) {
@@ -586,7 +591,7 @@ bool SoftwareSwitch::someVrfHas( RouteKey key ) const {
    return false;
 }
 
-// For a library that wants nothing of before.
+// Takes all routes of the earlier driver out of hardware, for a library that starts afresh.
 void SoftwareSwitch::takeFoundRoutesOut() {
    for ( const auto& [vrfId, vrf] : vrf_ ) {
       for ( const auto& [key, route] : vrf->route ) {
@@ -636,10 +641,10 @@ UnprogrammedReason SoftwareSwitch::fecRouteIs( VrfId vrfId, RouteKey key, U64 hw
                                   now() ) ) {
       ++status_->forgotten_;
       vrf.refused->lostRouteIs( key );
-      return UnprogrammedReason::Success; // as far as the library is told
+      return UnprogrammedReason::Success; // the writing is lost, and the library does not learn it
    }
    vrf.refused->lostRouteDel( key );
-   vrf.listedRoute.erase( key ); // if it is listed, then by the library from now on
+   vrf.listedRoute.erase( key ); // if the route is listed, its entry is the library's from now on
    if ( !queue_.empty() ) {
       overtaken_.set( key, queue_.pushed() );
    }
@@ -685,11 +690,11 @@ void SoftwareSwitch::fecRouteDel( VrfId vrfId, RouteKey key ) {
    }
    HwVrf& vrf = **found;
    const HwRoute* const route = vrf.route.find( key );
-   if ( route && route->fec ) { // else it is another number's, if it is there
+   if ( route && route->fec ) { // the helper's; one with an adjacency is the configuration's
       takeRouteOut( vrf, key );
       status_->routesStale_ += recoveredRoute_.erase( key );
    } else if ( !someVrfHas( key ) ) {
-      recoveredRoute_.erase( key ); // it has been taken out to make room
+      recoveredRoute_.erase( key ); // the route has been taken out to make room
    }
    vrf.refused->lostRouteDel( key );
    if ( !vrf.listedRoute.has( key ) ) {

@@ -15,9 +15,9 @@
 // is refused is taken out. An adjacency is the exception: its old content stays, with the version
 // that the status shows, since other routes forward with it.
 //
-// Whose a route is. It belongs to whoever wrote it last: the configuration in its operation's turn,
-// the helper at once. What the configuration has written before the helper did, and whose turn is
-// still to come, is not carried out any more. Each takes out only what is its own.
+// Who owns a route. A route belongs to whoever wrote it last: the configuration, when its operation
+// is carried out, or the helper, which writes at once. A writing of the configuration that is still
+// queued when the helper writes the route is dropped. Each takes out only the routes that it owns.
 //
 // The switch forgets nothing by itself and retries nothing: the library writes again.
 //
@@ -61,9 +61,9 @@ struct SwitchSettings {
 
 class SoftwareSwitch {
  public:
-   /// Starts with empty hardware, which has FECs when there is a platform for them, or with what an
-   /// earlier driver left in hardware with FECs. What the status
-   /// still says of an earlier driver is withdrawn, and what the configuration holds is queued.
+   /// Starts with empty hardware or, if hardware has FECs, with what an earlier driver left in it
+   /// (`recovered`). It has FECs when their platform is given. What an earlier driver reported in
+   /// the status is withdrawn, and what the configuration holds is queued.
    SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > hwStatus,
                    Ptr< Scheduler > scheduler, SwitchSettings settings = {},
                    FecPlatform fecPlatform = {}, const HwState& recovered = {} );
@@ -78,7 +78,7 @@ class SoftwareSwitch {
    const Ptr< SwitchStatus >& status() const { return status_; }
    /// What the library did against the contract, the first thousand of it.
    const std::vector< std::string >& breaches() const { return status_->breachLog_.texts(); }
-   /// Nothing waits.
+   /// No operation waits.
    bool idle() const { return queue_.empty(); }
    /// Routes and adjacencies in hardware, all VRFs.
    size_t routes() const { return status_->routes(); }
@@ -90,13 +90,13 @@ class SoftwareSwitch {
 
    /// The capacities, from the next operation on. What is in hardware stays there.
    void capacityIs( size_t routes, size_t adjacencies );
-   /// The fault plan, in place of the one before; its times count from now. One that delays answers
-   /// has to follow one that does.
+   /// The fault plan, in place of the one before; its times count from now. Answers are delayed
+   /// only by a switch that was made with a plan that was not empty.
    void faultsAre( FaultPlan faults );
    /// What hardware forwards with now, for the driver that comes after this one.
    HwState state() const;
 
-   /// What there was most of is counted afresh.
+   /// The maxima of the status start again with what is there now.
    void forgetMost();
 
    /// A link goes down or comes up. Protected FECs change over at once.
@@ -113,7 +113,7 @@ class SoftwareSwitch {
                                   FecRouteOperation operation );
    /// Takes a route into a FEC out of hardware.
    void fecRouteDel( VrfId vrfId, Mpls::RouteKey key );
-   /// The question of the settings, from the next operation on.
+   /// Replaces `SwitchSettings::refuse`, from the next operation on.
    void refuseIs( SwitchSettings::Refuse refuse ) { settings_.refuse = std::move( refuse ); }
 
  private:
@@ -164,13 +164,14 @@ class SoftwareSwitch {
    HwVrf* lastVrf_ = nullptr;                  // of the last operation
    LabelSet< Mpls::RouteKey > recoveredRoute_; // of an earlier driver, not written or removed since
    LabelSet< Mpls::RouteKey > countedRoute_;   // into FECs, counted as adopted, changed or added
-   /// Up to which operation the helper has overtaken those on a route. Empty while nothing waits.
+   /// For a route that the helper wrote: up to the operation of this number, the configuration's
+   /// queued writings of the route are dropped. Empty while nothing waits.
    LabelIndexed< Mpls::RouteKey, U64 > overtaken_;
-   Ptr< TimerTask > faultTask_; // where a fault begins or ends
+   Ptr< TimerTask > faultTask_; // due when a fault begins or ends
    Links links_;
    std::function< void() > onLinks_;
    std::unique_ptr< FecUnit > fecUnit_;
-   // What hears of changes goes first.
+   // Reactors come last, so that they are destroyed first and hear of nothing by then.
    Hash< VrfId, std::unique_ptr< ConfigWatch > > watch_;
    std::unique_ptr< ConfigReactor > configReactor_;
    std::unique_ptr< TaskReactor > taskReactor_;

@@ -26,7 +26,7 @@ class SwitchStatus : public Entity, public MplsHwInsight {
    VEL_READ_ONLY( U64, routes )           // in hardware, all VRFs
    VEL_READ_ONLY( U64, adjacencies )      // in hardware, all VRFs
    VEL_READ_ONLY( U64, fecs )             // in hardware
-   VEL_READ_ONLY( U64, mostRoutes )       // that there were at a time, since `forgetMost`
+   VEL_READ_ONLY( U64, mostRoutes )       // the most at any time since `forgetMost`
    VEL_READ_ONLY( U64, mostAdjacencies )
    VEL_READ_ONLY( U64, mostFecs )
    VEL_READ_ONLY( U64, fecsAdopted )      // of an earlier driver, taken over as they were
@@ -34,7 +34,7 @@ class SwitchStatus : public Entity, public MplsHwInsight {
    VEL_READ_ONLY( U64, routesChanged )    // of an earlier driver, rewritten
    VEL_READ_ONLY( U64, routesAdded )      // into FECs, not there before
    VEL_READ_ONLY( U64, routesStale )      // of an earlier driver, removed
-   VEL_COLLECTION( Hash, Fib::FecId, UnprogrammedReason, waitingFec ) // requested and not possible now
+   VEL_COLLECTION( Hash, Fib::FecId, UnprogrammedReason, waitingFec ) // requested, not possible now
    VEL_COLLECTION( Hash, Fib::FecId, Fib::Fec, foreignFec ) // what other agents have made known
    VEL_COLLECTION( Hash, IntfId, Fib::Fec, tunnel )         // ... and their tunnels
    VEL_DERIVED( breaches )                // of the contract, by the library
@@ -72,11 +72,10 @@ class SwitchStatus : public Entity, public MplsHwInsight {
    friend class SoftwareSwitch;
    friend class FecUnit;
 
-   const OperationQueue* queue_; // null once the switch is gone
+   const OperationQueue* queue_; // null once the switch is gone, as are `resolve_` and `links_`
    BreachLog breachLog_;
-   std::function< NextHopInfo( IntfId, const IpGenAddr& ) >
-      resolve_;                   // null once the switch is gone, as the next
-   const Links* links_ = nullptr; //
+   std::function< NextHopInfo( IntfId, const IpGenAddr& ) > resolve_;
+   const Links* links_ = nullptr;
 };
 
 } // namespace Vel::Driver

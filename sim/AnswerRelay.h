@@ -23,7 +23,7 @@ class AnswerRelay : public FecIdToHwFecIdResponse::Reactor {
          waiting_.push_back( fecId );
       }
    }
-   /// Lets one of those that wait pass, as it is now.
+   /// Lets one of the answers that wait pass, as it stands now.
    void pass( size_t pick ) {
       if ( waiting_.empty() ) {
          return;

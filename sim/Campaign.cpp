@@ -31,7 +31,7 @@ struct Worker {
            }
         } ) {}
 
-   Share share; // what has not been reported
+   Share share; // the seeds that have not been reported
    Process process;
 };
 
@@ -77,7 +77,8 @@ class Conductor {
       if ( block_.empty() ) {
          block_.resize( combinations );
          for ( U64 i = 0; i < count * combinations; ++i, ++nextSeed_ ) {
-            // The first seed's come first, for whoever asks for one seed.
+            // Shares are taken from the back: the first seed's comes first, since a campaign of one
+            // run takes no other.
             block_[combinations - 1 - i % combinations].push_back( nextSeed_ );
          }
       }

@@ -1,4 +1,5 @@
-// Campaign: scenario after scenario, each from the next seed, in as many processes as there are jobs.
+// Campaign: scenario after scenario, each from the next seed, in as many processes as there are
+// jobs.
 
 #pragma once
 
@@ -14,7 +15,7 @@ namespace Vel::Sim {
 struct CampaignSettings {
    U64 seed = 0;           ///< the first; each run has the next one
    U64 events = 1'000'000; ///< in all
-   double seconds = 0;     ///< 0: until the events are through; else also not longer than that
+   double seconds = 0;     ///< after which no more seeds are given out; 0: no limit
    U32 jobs = 1;           ///< processes at a time
    U32 eventsPerRun = 400;
    U32 maxFailures = 1; ///< after so many it ends

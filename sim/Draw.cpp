@@ -29,7 +29,7 @@ class Dice {
    U64 state_;
 };
 
-/// How often an event is drawn beside the others.
+/// How often an event is drawn in each profile, beside the others.
 struct Weight {
    EventKind kind;
    U32 mixed, protection, identity, vrf, restart, room, lfib;
@@ -130,7 +130,7 @@ class Drawer {
       settings_.viaSets = dice_.from( 3, 8 );
       settings_.extViaSets = dice_.from( 1, 3 );
       settings_.links = dice_.from( 2, 4 );
-      if ( is( "identity" ) ) { // few of them, so that they are used again
+      if ( is( "identity" ) ) { // few via sets, so that their numbers are used again
          settings_.viaSets = dice_.from( 2, 4 );
       }
    }

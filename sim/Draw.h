@@ -26,8 +26,8 @@ constexpr std::array< Profile, 8 > profiles{ {
 } };
 bool isProfile( std::string_view name );
 
-/// The toggles of a seed: they hold for a process, so whoever runs many seeds in one needs to know.
-/// Two bits.
+/// The toggles of a seed, in two bits. Toggles hold for a process, so only seeds with equal ones
+/// may run in the same process.
 constexpr U32 togglesOf( U64 seed ) {
    return seed % 4;
 }

@@ -36,7 +36,7 @@ constexpr std::array< EventShape, eventKinds > shapes{ {
    { "capacity", { "routes", "adjacencies", "fecs" } }, // 0: no limit
    { "refuse", { "label", "on" } },
    { "notReady", { "link", "on" } },
-   { "fecAnswer", { "pick" } }, // one of those that wait
+   { "fecAnswer", { "pick" } }, // of the answers that wait
    { "driverRestart", {} },
    { "agentRestart", {} },
    { "newStateMachine", {} },

@@ -8,7 +8,7 @@ namespace Vel::Sim {
 
 namespace {
 
-/// The number, brought into as many as there are from the least on.
+/// The number, brought into the range of `count` numbers that begins with `least`.
 U32 within( U32 number, U32 least, size_t count ) {
    return least + ( number - least ) % std::max< U32 >( static_cast< U32 >( count ), 1 );
 }
@@ -209,7 +209,7 @@ void Inputs::applyAround( const Event& event ) {
       break;
    case EventKind::vrfName:
       if ( n[1] != 0 ) {
-         vrfName.fill( false ); // a name is one VRF's
+         vrfName.fill( false ); // one number has the name at a time
       }
       vrfName[n[0] - firstVrfNumber] = n[1] != 0;
       break;
@@ -282,7 +282,7 @@ const Inputs::Foreign& Inputs::foreign( U32 number ) const {
                                    : extFec[number - Exit::firstExtFec];
 }
 
-// What the via makes of the label, and where it leads.
+// What the via does with the label, and where it leads.
 Exit Inputs::exitOf( const ViaSet& set, const Via& via, U32 label ) const {
    Exit exit;
    exit.foreign = set.form == ViaSetForm::group    ? Exit::group
@@ -312,7 +312,8 @@ void Inputs::addWay( const Exit& exit, Ways& out ) const {
    }
 }
 
-// Where frames with the label may leave by the set's own vias, now and as hardware is told.
+// Adds what the set's own vias give: all that hardware is told to `exits`, and what frames may take
+// now to `ways`.
 void Inputs::addVias( U32 number, U32 label, Ways& ways, Exits& exits ) const {
    const ViaSet& set = viaSet[number];
    const Exits own = exitsOf( number, set, label );
@@ -356,12 +357,13 @@ bool Inputs::someLinkDown() const {
    return std::find( linkUp.begin() + 1, linkUp.end(), false ) != linkUp.end();
 }
 
-// What is not sane, or waits for its backup, stays as it was.
+// Whether the library carries the content out. A via set that is not sane, or whose backup is not
+// there, stays as it was.
 bool Inputs::settled( const ViaSet& set ) const {
    return sane( set ) && ( set.backup == 0 || backupThere( set ) );
 }
 
-// The library may have missed any of its contents.
+// All backups that the via set has had: the library may still have any of its contents.
 U32 Inputs::backupsOf( const ViaSet& set ) {
    return set.backupsBefore | 1U << set.backup;
 }
@@ -385,7 +387,8 @@ bool Inputs::hasBackup( U32 number ) const {
    return viaSet[number].backup != 0 && viaSet[number].backup != number && isFec( number );
 }
 
-// What protects the set, or 0; not exact where that depends on what came first.
+// The via set that protects this one, or 0. It clears `exact` where that depends on what came
+// first.
 U32 Inputs::backupOf( U32 number, bool& exact ) const {
    if ( !hasBackup( number ) ) {
       return 0;
@@ -399,7 +402,8 @@ U32 Inputs::backupOf( U32 number, bool& exact ) const {
    }
    const ViaSet& set = viaSet[backup];
    exact = exact && sane( set ) && ( set.backup == 0 || set.backup == backup );
-   // A group's FEC is the group's, and protected by nobody; without its use there is one of our own.
+   // The FEC of a next-hop group is another agent's: it protects nobody and is not protected. A
+   // group's via set that is not usable has a FEC of the library's own.
    const auto isGroup = []( const ViaSet& of ) {
       return of.form == ViaSetForm::group && !of.unusable;
    };
@@ -422,7 +426,7 @@ Intent Inputs::viaSetIntent( U32 number, U32 label ) const {
    }
    const bool asFec = isFec( number );
    const bool supported = settings.fecs != 0 || set.form == ViaSetForm::nextHops;
-   // A route that is to go where nothing is yet, or whose via set does not hold, stays where it is.
+   // A route stays where it is while its via set is missing or not sane, or its group is not there.
    intent.exact =
       set.there() && sane( set ) &&
       ( set.form != ViaSetForm::group || set.unusable || !supported || group.link != 0 );
@@ -440,8 +444,8 @@ Intent Inputs::viaSetIntent( U32 number, U32 label ) const {
    return intent;
 }
 
-// What is published of a label, where nobody but the library's own inputs has a say in it, and
-// hardware that tells of its FECs which way they take.
+// Sets the code that is published of the label. It stays open where the library cannot know: a link
+// is down and no FEC reports it, or another agent's FEC or tunnel leads nowhere.
 void Inputs::judge( U32 number, Intent& intent ) const {
    const ViaSet& set = viaSet[number];
    const bool foreign = set.form != ViaSetForm::nextHops;

@@ -33,13 +33,13 @@ struct Way {
 void appendText( std::string& out, const Way& way );
 using Ways = std::vector< Way >; // a few
 
-/// A way that hardware may have been told, whether frames can take it or not: out of a link, or into
-/// what another agent has under that number; and the labels below whatever that agent pushes.
+/// A way that hardware may have been told, whether frames can take it or not: out of a link, or
+/// into another agent's FEC or tunnel. The labels are those below whatever that agent pushes.
 struct Exit {
    static constexpr U32 group = 1, tunnel = 2, firstExtFec = 3;
 
-   U32 foreign = 0; ///< 0: none
-   U32 link = 0;    ///< of one that is not foreign
+   U32 foreign = 0; ///< number of the other agent's FEC or tunnel; 0: none
+   U32 link = 0;    ///< where the way is not foreign
    U32 count = 0;
    std::array< U32, Way::maxLabels > label{};
 
@@ -52,8 +52,8 @@ struct Intent {
    Exits exits;  ///< all that hardware is to hold for it, the backup's included
    Ways primary; ///< that frames may take now
    Ways backup;  ///< the same, of what protects
-   /// At rest, frames take the primary ways, or with none of them the backup's; else what they do
-   /// depends on what came before.
+   /// Whether the inputs alone decide: at rest, frames then take the primary ways, or with none of
+   /// them the backup's. Otherwise what they do depends on what came before.
    bool exact = true;
    /// The label has to stay as it is until what it waits for comes.
    bool keeps = false;
@@ -65,9 +65,8 @@ struct Intent {
 class Inputs {
  public:
    static constexpr U32 firstLabel = 16;
-   static constexpr U32 foreignLabel =
-      500'000;                              ///< what other agents' FECs push: this and the stamp
-   static constexpr U32 firstVrfNumber = 7; ///< of two
+   static constexpr U32 foreignLabel = 500'000; ///< other agents' FECs push this plus their stamp
+   static constexpr U32 firstVrfNumber = 7;     ///< of two
    static constexpr U32 vrfNumbers = 2;
 
    struct Via {
@@ -84,12 +83,13 @@ class Inputs {
       ViaSetForm form = ViaSetForm::none;
       U32 backup = 0;
       bool unusable = false;
-      U32 backupsBefore =
-         0; ///< a bit each, of earlier contents; it keeps one while it is not settled
+      /// A bit for each backup of earlier contents, one of which it may keep while it is not
+      /// settled.
+      U32 backupsBefore = 0;
       std::vector< Via > vias;
 
       bool there() const { return form != ViaSetForm::none; }
-      /// Its routes have no record while it is like that.
+      /// The library keeps no record of its routes while it is like that.
       bool broken() const { return form == ViaSetForm::mixedTypes || form == ViaSetForm::empty; }
       friend bool operator==( const ViaSet&, const ViaSet& ) = default;
    };
@@ -113,7 +113,7 @@ class Inputs {
 
    /// The via of a via set event.
    static Via viaOf( const Event& event, size_t i );
-   /// Numbers that are out of range are brought into it: the event as it is carried out.
+   /// The event as it is carried out: numbers that are out of range are brought into it.
    Event fitted( Event event ) const;
    void apply( const Event& fitted );
 
@@ -124,9 +124,9 @@ class Inputs {
    Exits exitsOf( U32 set, const ViaSet& content, U32 label ) const;
    /// What another agent has under the number of an exit.
    const Foreign& foreign( U32 number ) const;
-   /// Nothing stands in the way of carrying out what is wanted.
+   /// Nothing keeps what is wanted from being carried out, and hardware has no limit.
    bool clean() const;
-   /// The same, as long as there is room.
+   /// The same, but hardware may have limits.
    bool cleanButForRoom() const;
    /// Whether the next hop is answered.
    bool resolved( const Via& via ) const;

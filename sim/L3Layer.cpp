@@ -81,7 +81,7 @@ void L3Layer::answer( size_t count ) {
    }
 }
 
-// What nobody asks for is not answered.
+// Answers for the neighbour or address, or withdraws the answer when nobody asks for it any more.
 void L3Layer::give( const NextHopKey& key ) {
    if ( key.intf.empty() ) {
       giveWatched( key.addr );

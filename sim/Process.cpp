@@ -18,7 +18,7 @@ namespace Vel::Sim {
 
 namespace {
 
-// The run that an assertion ends, in the child.
+// In the child: where a failed assertion is reported, and the event that is being carried out.
 int reportFile = -1;
 size_t eventAt = 0;
 
@@ -56,7 +56,7 @@ void Reporter::write( const std::string& line ) const {
 bool Reporter::run( U64 seed, const Scenario& scenario, const HardwareFactory& factory ) {
    reportFile = file_;
    assertionHandlerIs( assertionFails );
-   systemLogSinkIs( []( const SystemLogMessage& ) {} ); // thousands of worlds have nothing to say
+   systemLogSinkIs( []( const SystemLogMessage& ) {} ); // nobody reads the logs of so many worlds
    ::alarm( maxRunSeconds );
    write( joinText( "run ", seed, "\n" ) );
    Outcome outcome;
@@ -152,7 +152,7 @@ std::optional< Report > Process::brokenOff() {
                         : joinText( "ended by signal ", WTERMSIG( status ), " (",
                                     std::string_view( ::strsignal( WTERMSIG( status ) ) ), ")" )
                    : joinText( "ended with status ", WEXITSTATUS( status ) ) };
-      report->events = std::numeric_limits< size_t >::max(); // nobody knows
+      report->events = std::numeric_limits< size_t >::max(); // the child has not said how many
    }
    return report;
 }

@@ -45,7 +45,8 @@ class Process {
    /// Ends the child if it has not ended.
    ~Process();
 
-   /// The next report; nothing when the child has ended. Waits for it.
+   /// Waits for the next report; nothing when the child has ended. A run that the child's end broke
+   /// off is reported as failed.
    std::optional< Report > next();
    /// The file that has something to read when a report, or the end, has come.
    int file() const { return file_; }
@@ -53,7 +54,7 @@ class Process {
    bool reportWaits() const;
    /// Reads what there is; false at the end.
    bool read();
-   /// The report that has been read, or that of the run that the child's end broke off.
+   /// The next of the reports that have been read; nothing when there is none.
    std::optional< Report > take();
 
  private:

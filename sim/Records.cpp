@@ -198,7 +198,7 @@ void checkRecords( const World& world ) {
 
 void checkRecordsAtRest( const World& world ) {
    const VrfMplsState* const state = world.state();
-   if ( !world.hardware().idle() ) { // with what it refuses
+   if ( !world.hardware().idle() ) { // slow hardware is busy with retries of what it refuses
       if ( world.inputs().clean() ) {
          throw Failure{ "rest", "the hardware is still at work" };
       }

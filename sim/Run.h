@@ -31,8 +31,8 @@ Outcome runApart( const Scenario& scenario, const HardwareFactory& factory );
 /// Sets the toggles of the scenario for this process.
 void togglesAre( const Settings& settings );
 
-/// Leaves the least of the scenario that fails by the same check. Takes at most about so many
-/// seconds.
+/// The scenario without the events and settings that it does not need to fail by the same check.
+/// Takes at most about so many seconds.
 Scenario shrink( Scenario scenario, const Outcome& outcome, const HardwareFactory& factory,
                  double seconds );
 

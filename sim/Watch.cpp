@@ -23,7 +23,7 @@ std::string textOfWays( const Ways& ways ) {
    return text.empty() ? "nowhere" : text;
 }
 
-/// Only time passes, or is given to work: nobody wants anything else than before.
+/// False for an event by which only time passes or work is done: what is wanted stays the same.
 bool changesIntents( EventKind kind ) {
    switch ( kind ) {
    case EventKind::answers:
@@ -48,7 +48,7 @@ Watch::Watch( World& world )
      foreign_( Exit::firstExtFec + world.inputs().extFec.size() ),
      wasDead_( world.inputs().linkUp.size() ) {}
 
-// An event after which a label may be dark for a while though it is meant to forward.
+// Whether a label may be dark for a while after the event though it is meant to forward.
 bool Watch::disturbs( const Event& event ) const {
    const Inputs& inputs = world_.inputs();
    const auto& n = event.number;
@@ -71,7 +71,7 @@ bool Watch::disturbs( const Event& event ) const {
    case EventKind::refuse:
       return true;
    case EventKind::capacity:
-   case EventKind::notReady: // a FEC stays what it is, and routes stay where they are
+   case EventKind::notReady: // a FEC that cannot be written stays as it is, and so do its routes
       return inputs.settings.fecs == 0 || inputs.settings.inPlace == 0;
    default:
       return false;
@@ -115,8 +115,8 @@ void Watch::intentsChanged() {
            !intent.exits.empty() ) {
          label.meant.push_back( intent.exits );
       }
-      // A via set that is not sane keeps what it had; a route that is to go follows its via set until
-      // it has gone.
+      // A label whose via set is not sane forwards by an earlier content; a route that is to be
+      // removed follows its via set until it has gone.
       if ( !intent.exact || !inputs.routing ) {
          viaSetsWereMeant( index );
       }
@@ -127,20 +127,24 @@ void Watch::intentsChanged() {
       const bool toForward =
          ( intent.keeps && !joinsOthers( index ) ) ||
          ( intent.exact && !( intent.primary.empty() && intent.backup.empty() ) );
-      // Without FECs, what goes over to next hops that are not answered yet leaves hardware.
+      // A label with an L2 adjacency that goes over to next hops that are not answered yet leaves
+      // hardware.
       const bool unanswered = inputs.settings.slowL3 != 0 &&
                               !( inputs.settings.fecs != 0 && inputs.settings.inPlace != 0 );
-      // Another agent's FEC keeps its number: hardware may have taken out what is answered still.
+      // Another agent's FEC keeps its number when it changes. While answers are slow, hardware may
+      // have taken it out although its former answer still stands.
       const bool withdrawn =
          inputs.settings.slowFecs != 0 && inputs.route[index].type == 1 && label.meant.size() > 1;
-      // A backup may be rewritten before what it protects has a way of its own again.
+      // A label that only its backup carries may go dark in a change: the backup may be rewritten
+      // before the label has a way of its own again.
       const bool leansOnChange = intent.primary.empty() && viaSetChanged( index );
       label.firm = label.firm && toForward && !unanswered && !withdrawn && !leansOnChange &&
                    std::ranges::all_of( label.meant, alive );
    }
 }
 
-// To some vias at least.
+// Whether some vias by that link lead nowhere: all of them, or those that the default route
+// resolves.
 bool Watch::isDead( U32 link ) const {
    const Inputs& inputs = world_.inputs();
    return !inputs.alive( Exit{ .link = link } ) ||
@@ -158,7 +162,8 @@ bool Watch::steadilyAlive( const Exit& exit ) const {
    return !wasDead_[exit.link] || ( inputs.settings.fecs != 0 && inputs.settings.inPlace != 0 );
 }
 
-// Also by what hardware may still have of before.
+// Whether frames leave by the other agent's FEC or tunnel in any state that hardware may have of
+// it.
 bool Watch::foreignAlive( U32 number ) const {
    const Inputs& inputs = world_.inputs();
    return std::ranges::all_of( foreign_[number], [&]( const Inputs::Foreign& was ) {
@@ -180,7 +185,8 @@ bool Watch::wasMeant( const Exit& exit, const Way& way ) const {
                } );
 }
 
-// The neighbour's address may be an older one until the rewrite has been carried out.
+// Link and labels are compared, but not the neighbour's address: it may be an older one until the
+// rewrite has been carried out.
 bool Watch::wasMeant( U32 index, const Way& way ) const {
    return std::ranges::any_of( label_[index].meant, [&]( const Exits& exits ) {
       return std::ranges::any_of( exits,
@@ -188,7 +194,8 @@ bool Watch::wasMeant( U32 index, const Way& way ) const {
    } );
 }
 
-// A via set of others may have been settled already when its backup went.
+// Whether the label came to a via set that others used already. Hardware may have that via set from
+// when its backup was there, so that the label goes over to it instead of staying.
 bool Watch::joinsOthers( U32 index ) {
    const std::vector< Inputs::Route >& route = world_.inputs().route;
    Label& label = label_[index];
@@ -202,7 +209,7 @@ bool Watch::joinsOthers( U32 index ) {
    return label.joined;
 }
 
-// Its own, or the one that is to protect that.
+// Whether the label's via set, or the one that is to protect it, has had several contents.
 bool Watch::viaSetChanged( U32 index ) const {
    const Inputs::Route& route = world_.inputs().route[index];
    if ( !route.there || route.type != 0 ) {
@@ -307,7 +314,7 @@ void Watch::rest() {
    }
    const bool decided =
       std::ranges::all_of( label_, []( const Label& label ) { return label.intent.exact; } );
-   if ( world_.inputs().clean() && decided ) { // else something of before may still be in use
+   if ( world_.inputs().clean() && decided ) { // else earlier contents may still be in hardware
       const auto keepLast = []( auto& all ) {
          for ( auto& was : all ) {
             was.erase( was.begin(),
@@ -348,7 +355,8 @@ void Watch::checkLabelAtRest( U32 index ) {
    if ( decided && expected.size() > 1 ) {
       checkSpread( index, expected );
    }
-   // Hardware that has to write L2 adjacencies anew may find no room for the next change.
+   // Where via sets are L2 adjacencies, a change needs a new one, for which hardware with limits
+   // may have no room.
    const bool spare = world_.inputs().clean() || ( world_.inputs().settings.fecs != 0 &&
                                                    world_.inputs().settings.inPlace != 0 );
    label.firm = decided && !expected.empty() && spare;
@@ -359,7 +367,7 @@ void Watch::checkLabelAtRest( U32 index ) {
    }
 }
 
-// Many flows leave by all the ways together: one that is never taken is not in hardware.
+// Sends many flows, which together have to take all ways: a way that none takes is not in hardware.
 void Watch::checkSpread( U32 index, const Ways& expected ) {
    constexpr U32 most = 200; // with one of three ways left out, far more than chance takes
    Ways taken;

@@ -2,15 +2,15 @@
 //
 // At every boundary
 //    records   what the records say of each other, and of the tables that they are written to
-//    frames    a frame leaves by a way that the inputs have meant since the last rest, or not at all
-//    dark      a label that has been meant to forward, and could, since it last did at rest, does
+//    frames    a frame leaves by a way that the inputs have meant since the last rest, if at all
+//    dark      a label forwards that did at the last rest, and was meant to and could ever since
 //
 // At rest, besides
 //    rest      the world comes to rest: nothing works on for ever
 //    exact     frames take the ways that the inputs mean, and flows all of them, where these alone
 //              decide it
 //    published what is published is what frames do
-//    left      nothing stands in a work set; and in the end nothing is left at all
+//    left      no work set holds anything; and after `clear` nothing is left at all
 //
 // A fault is thrown as a `Failure`.
 
@@ -45,10 +45,10 @@ class Watch {
  private:
    struct Label {
       Intent intent;
-      std::vector< Exits > meant; ///< at the last rest and since, each meaning once
-      bool firm = false;          ///< has forwarded since the last rest, and could all the time
+      std::vector< Exits > meant; ///< all that was meant at the last rest and since, each once
+      bool firm = false;          ///< forwarded at the last rest, and was meant to and could since
       Inputs::Route wanted;
-      bool joined = false; ///< since the last rest, labels that were there already
+      bool joined = false; ///< since the last rest, a via set that other labels had already
    };
 
    void intentsChanged();
@@ -71,12 +71,12 @@ class Watch {
 
    World& world_;
    std::vector< Label > label_;
-   /// What each via set has been while labels used it without a break: one that is not sane keeps
-   /// what it had.
+   /// The contents that each via set has had while labels used it without a break: one that is not
+   /// sane keeps what it had.
    std::vector< std::vector< Inputs::ViaSet > > viaSet_;
-   std::vector< std::vector< Inputs::Foreign > > foreign_; ///< what there was under each number
-   /// By link: nothing could leave there at some time since the last rest. Once it can, what does not
-   /// follow neighbours by itself has to be told.
+   std::vector< std::vector< Inputs::Foreign > > foreign_; ///< all that there was under each number
+   /// By link: at some time since the last rest some frames could not leave by it. Hardware that
+   /// does not follow neighbours itself has to be told when they can again.
    std::vector< bool > wasDead_;
    U32 flow_ = 0;
    U64 framesSent_ = 0;

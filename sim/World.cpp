@@ -222,7 +222,7 @@ void World::tellNeighbor( U32 link ) {
    }
 }
 
-// The group and the tunnel are number 0.
+// Tells hardware of another agent's FEC, by its number; 0 stands for the group and the tunnel.
 void World::tellForeign( U32 number ) {
    const auto vias = []( const Inputs::Foreign& foreign ) {
       std::vector< Fib::FecVia > made;
@@ -267,7 +267,7 @@ void World::tellVrf() {
    } else {
       agent_->routeStatus->vrfStatusDel( vrf );
    }
-   for ( U32 i = 0; i < Inputs::vrfNumbers; ++i ) { // lost before found
+   for ( U32 i = 0; i < Inputs::vrfNumbers; ++i ) { // a number loses the name before another has it
       if ( !inputs_.vrfName[i] ) {
          agent_->l3Status->vrfNameDel( Inputs::firstVrfNumber + i );
       }
@@ -452,7 +452,7 @@ void World::apply( const Event& drawn ) {
    }
 }
 
-// What happens to the processes, and in them.
+// Events that start, end or drive processes, and those of the publisher.
 void World::run( const Event& event ) {
    const auto& n = event.number;
    Agent& agent = *agent_;
@@ -484,7 +484,7 @@ void World::run( const Event& event ) {
    }
    case EventKind::staleShare:
       agent.sm->maxStaleShareIs( inputs_.staleShare / 100.0 );
-      if ( inputs_.staleShare >= 100 ) { // whoever allows all of it has one that is held go on
+      if ( inputs_.staleShare >= 100 ) { // that allows any sweep, also one that is held already
          agent.sm->approveStaleSweep();
       }
       break;
@@ -551,7 +551,8 @@ void World::mend() {
 bool World::unhindered() const {
    const HardwareEntries there = hardware().entries();
    const auto hasRoom = []( size_t entries, U32 limit ) { return limit == 0 || entries < limit; };
-   // Slow hardware may still owe what a retry has written, while it is full again and again.
+   // With a limit, slow hardware may have room now and be full again when it has carried out the
+   // retries in its queue.
    return inputs_.cleanButForRoom() && ( inputs_.clean() || agent_->hardware->idle() ) &&
           hasRoom( there.routes, inputs_.capacity[0] ) &&
           hasRoom( there.adjacencies, inputs_.capacity[1] ) &&
@@ -603,7 +604,8 @@ std::string World::settle() {
             lastRound = clock_->now();
             ++rounds;
          }
-         const bool followUp = next - clock_->now() < 1 && rounds <= 2 * maxRounds; // of a retry
+         // What is due within a second follows from a retry.
+         const bool followUp = next - clock_->now() < 1 && rounds <= 2 * maxRounds;
          if ( rounds > maxRounds && !followUp &&
               ( agent_->hardware->idle() || !inputs_.clean() ) ) {
             return {};

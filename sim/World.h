@@ -31,15 +31,15 @@ class World {
    World& operator=( const World& ) = delete;
    ~World();
 
-   /// Carries an event out; `rest` and `clear` belong to whoever checks.
+   /// Carries an event out, but for `rest` and `clear`, which are for Watch.
    void apply( const Event& event );
-   /// Works until nothing is left to do, and says what keeps it from coming to rest. Retries of what
-   /// hardware refuses go on for ever and are given a few rounds.
+   /// Has the agent work until nothing is left to do; returns what keeps it from coming to rest, or
+   /// nothing. Retries of what hardware refuses go on for ever and are given a few rounds.
    std::string settle();
-   /// Nothing stands in the way of carrying out what is wanted: who waits for room in hardware that has
-   /// some left waits in vain.
+   /// Nothing keeps what is wanted from being carried out. A limit of hardware hinders only while
+   /// hardware is full.
    bool unhindered() const;
-   /// Everything that hinders is taken back: capacities, refusals, lost names, late answers.
+   /// Everything that hinders is taken back: capacities, refusals, lost names, damage to the LFIB.
    void mend();
    /// Every route and via set is taken back.
    void clear();

@@ -52,8 +52,8 @@ void writeToStandardError( const TraceLine& line ) {
 
 } // namespace
 
-// What is registered and set. Handles and their users may be made and destroyed with the statics of
-// any file, so this is never destroyed.
+// The registered handles, and the setting. Handles and their users may be made and destroyed with
+// the statics of any file, so the registry is never destroyed.
 class TraceRegistry {
  public:
    struct Item {
@@ -164,7 +164,7 @@ void traceEmit( const TraceHandle& handle, int level, std::string_view signature
       return;
    }
    const InSink guard;
-   const TraceSink sink = TraceRegistry::get().sink; // it may replace itself
+   const TraceSink sink = TraceRegistry::get().sink; // a copy: the sink may replace itself
    const TraceRing* const ring = traceRingOfThread;
    sink( { handle.name(), level, signature, text, ring ? ring->timeSeconds : 0 } );
 }

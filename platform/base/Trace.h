@@ -75,7 +75,7 @@ struct TraceLine {
 
 using TraceSink = std::function< void( const TraceLine& ) >;
 
-/// Says which levels are on, in place of what was said before. An empty text turns everything off.
+/// Sets which levels are on, in place of the setting before. An empty text turns everything off.
 /// On a malformed text nothing changes and the error is returned; a handle that does not exist
 /// (yet) is no error.
 VEL_EXPORT std::optional< std::string > traceSettingIs( std::string_view setting );

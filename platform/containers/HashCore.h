@@ -83,8 +83,8 @@ class HashCore {
 
    void clear() {
       passes_.allGo();
-      // The end of an element may write this collection: it is empty and whole before the first one
-      // ends.
+      // The destructor of an element may write this collection, which is therefore empty and whole
+      // before the first element is destroyed.
       Chunks chunks;
       chunks.take( chunks_ );
       uint32_t at = head_;
@@ -184,7 +184,7 @@ class HashCore {
          table_[size_] = std::allocator< Node >().allocate( size_t{ firstChunk } << size_ );
          ++size_;
       }
-      /// What the other has, which is empty afterwards. This one is empty before.
+      /// Takes over the other's memory, and leaves it empty. This one has to be empty.
       void take( Chunks& other ) {
          first_ = other.first_;
          table_ = other.table_ == &other.first_ ? &first_ : other.table_;
@@ -193,7 +193,7 @@ class HashCore {
       }
 
     private:
-      static constexpr uint32_t mostChunks = 30; // of twice the size each, for 32-bit positions
+      static constexpr uint32_t mostChunks = 30; // each twice the last: enough for 32-bit positions
 
       Node* first_ = nullptr;
       Node** table_ = &first_;
@@ -224,8 +224,8 @@ class HashCore {
       passes_.elementGoes( position, gone.previous, gone.next );
       ( gone.previous == none ? head_ : node( gone.previous ).next ) = gone.next;
       ( gone.next == none ? tail_ : node( gone.next ).previous ) = gone.previous;
-      // Key or value may hold the last reference to something whose end writes this collection
-      // again: they are moved out and released when the collection is whole.
+      // Key or value may hold the last reference to something whose destructor writes this
+      // collection: they are moved out and destroyed when the collection is whole.
       [[maybe_unused]] K lastKey = std::move( gone.key );
       [[maybe_unused]] V lastValue = std::move( gone.value );
       std::destroy_at( &gone );
@@ -261,8 +261,7 @@ class HashCore {
    };
    using Index = std::unique_ptr< uint32_t[], Free >;
    static Index makeIndex( uint32_t buckets ) {
-      // Zeroed lazily by the system where it is large: growth must not cost a walk over a fresh
-      // index.
+      // The system zeroes a large index lazily: growth must not cost a walk over a fresh index.
       void* const memory = std::calloc( buckets, sizeof( uint32_t ) );
       if ( memory == nullptr ) {
          throw std::bad_alloc();

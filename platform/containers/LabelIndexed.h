@@ -155,7 +155,7 @@ class LabelPass {
       rest( at_ );
       return true;
    }
-   // Where the next work pass begins. The end of the labels means: with the deeper keys.
+   // Sets the label with which the next work pass begins; `LabelBits::end`: with the deeper keys.
    void rest( uint32_t cursor ) {
       if ( work_ ) {
          owner_.cursor_ = cursor;
@@ -264,7 +264,7 @@ class LabelIndexed {
       }
       --size_;
       std::unique_ptr< Page >& page = ( *directory_ )[label / 64];
-      // Released when the collection is whole again, since its end may write this collection.
+      // Destroyed when the collection is whole again, since the destructor may write it.
       [[maybe_unused]] V last = std::move( *page->slot( label ) );
       std::destroy_at( page->slot( label ) );
       if ( bits_.word( label / 64 ) == 0 ) {
@@ -273,7 +273,7 @@ class LabelIndexed {
       return true;
    }
    void clear() {
-      // Emptied first, since the end of a value may write this collection.
+      // The collection is emptied first, since the destructor of a value may write it.
       const LabelBits bits = std::move( bits_ );
       const std::unique_ptr< Directory > directory = std::move( directory_ );
       size_ = 0;

@@ -21,7 +21,7 @@ class OrderedCore {
    size_t size() const { return map_.size(); }
    bool empty() const { return map_.empty(); }
    bool has( const K& key ) const { return map_.find( key ) != map_.end(); }
-   // The end of an element may write this collection: it leaves before it ends.
+   // The destructor of an element may write this collection: the element leaves it first.
    bool erase( const K& key ) { return !map_.extract( key ).empty(); }
    void clear() { std::map< K, V >().swap( map_ ); }
 

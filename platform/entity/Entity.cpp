@@ -19,7 +19,7 @@ void ReactorBase::notifierBind( const Entity* notifier ) {
    if ( notifier_ ) {
       notifier_->reactorHub()->remove( this );
    }
-   // Held to the end: its last reference may be this one.
+   // The former entity is held to the end: this may be the last reference to it.
    const Ptr< const Entity > before = std::exchange( notifier_, Ptr< const Entity >( notifier ) );
    if ( hub ) {
       hub->add( this );

@@ -3,11 +3,11 @@
 // What an entity is. A reference-counted object whose attributes are declared one a line; the
 // accessor family follows from the line. For an attribute `foo`:
 //
-//    foo()        its value                                 fooIs( value )       writes it
-//    foo( key )   a collection's element (null if absent)   fooIs( key, value )  writes or makes one
-//    foo()        a collection, to walk over                fooDel( key )        removes one
-//    fooHas( key ) membership                               fooDelAll()          removes all in turn
-//    foos()       the count                                 fooInc( delta )      counts up (counters)
+//    foo()        its value                                fooIs( value )      writes it
+//    foo( key )   a collection's element (null if absent)  fooIs( key, value ) writes or makes one
+//    foo()        a collection, to walk over               fooDel( key )       removes one
+//    fooHas( key ) membership                              fooDelAll()         removes all in turn
+//    foos()       the count                                fooInc( delta )     counts up (counters)
 //
 // Who hears of it. An entity declares a nested `Reactor` with one virtual handler for each thing
 // that can be heard of it. Notification is synchronous, once for each real change, in the order in
@@ -20,8 +20,8 @@
 // demand. A record of a route carries no string.
 //
 // Introspection. The same declaration enumerates the attributes by name; see Introspection.h. Each
-// declaration stands on a line of its own between ENTITY and VEL_ENTITY_END, since the line is what
-// numbers it.
+// declaration stands on a line of its own between VEL_ENTITY and VEL_ENTITY_END, since the line is
+// what numbers it.
 //
 // Threads: one. Counts and notifications are not synchronised.
 
@@ -219,7 +219,7 @@ std::string_view nameOfLine( uint16_t number, std::integer_sequence< int, Offset
    return found;
 }
 
-// What the declarations below use.
+// What the declaration lines of EntityMacros.h use.
 template< class C >
 void visitCollection( AttributeVisitor& visitor, std::string_view name, const C& collection ) {
    if ( !visitor.collectionBegin( name, collection.size() ) ) {

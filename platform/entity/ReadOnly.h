@@ -1,12 +1,12 @@
 // Attributes that everybody may read and only the entity itself writes.
 //
-// ATTRIBUTE gives a setter to all; what a scheduler or an allocator counts is nobody else's to set.
-// READ_ONLY stands in the table of declarations like the other lines and shows up in introspection
-// like them:
+// VEL_ATTRIBUTE gives a setter to all; what a scheduler or an allocator counts is nobody else's to
+// set. VEL_READ_ONLY stands in the table of declarations like the other lines and shows up in
+// introspection like them:
 //
 //    VEL_READ_ONLY( U64, runs )
 //
-// Inside the class the value is the member `runs_`. SHOWN adds a member that is no attribute to
+// Inside the class the value is the member `runs_`. VEL_SHOWN adds a member that is no attribute to
 // what introspection shows, through a function that knows how.
 
 #pragma once

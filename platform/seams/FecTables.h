@@ -144,19 +144,21 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
    // Made with the adjacency that forwards into the FEC; removed when no adjacency, no route and no
    // FEC that it protects is left. There is no refusal: what cannot be made is not answered.
    VEL_VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
-   // What a FEC was before the restart, for the hardware layer to find it again. Written while routes
-   // of before are taken over, cleared at the end of that.
+   // What a FEC was before the restart, for the hardware layer to find it again. Written while the
+   // routes of the process before are taken over, cleared when that has ended.
    VEL_VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )
-   // Offers to full hardware. The key is a FEC of before all of whose routes wait for this requested
-   // one; for none: for several. Withdrawn when that is not so any more, or when all is taken over.
+   // Offers to full hardware. The key is a FEC of the process before. All of its routes wait for
+   // the requested FEC that is the value; without one, for several. Withdrawn when they do not any
+   // more, or when all is taken over.
    VEL_COLLECTION( Hash, AdjSyncId, Fib::FecId, mayReplace, onMayReplace )
-   // The same of a requested FEC (the value) that all its routes leave for the key's. Withdrawn when
-   // one of its routes is to go elsewhere, and when hardware has taken the offer.
+   // The same for a requested FEC, the value, all of whose routes wait for the FEC that is the key.
+   // Withdrawn when one of its routes is to go elsewhere, and when hardware has taken the offer.
    VEL_COLLECTION( Hash, Fib::FecId, Fib::FecId, mayTakeOver, onMayTakeOver )
-   // Nothing of the process before is wanted. Set before syncRequestsReady; reset by the next start.
+   // Nothing of the process before is wanted. Set before syncRequestsReady; reset by the next
+   // start.
    VEL_ATTRIBUTE( bool, startsAfresh )
-   // All that is known at the start has been requested: the hardware layer matches, answers and says
-   // adjSyncDone. Reset by the next start.
+   // All that is known at the start has been requested: the hardware layer matches, answers and
+   // says adjSyncDone. Reset by the next start.
    VEL_ATTRIBUTE( bool, syncRequestsReady, onSyncRequestsReady )
    VEL_ENTITY_END_IN_SOURCE
    // clang-format on
@@ -178,8 +180,8 @@ class VEL_EXPORT FecIdToHwFecIdResponse : public WatchedEntity {
    // clang-format off
    VEL_ENTITY( FecIdToHwFecIdResponse )
    VEL_KEY( std::string, responseName )
-   // Written when the FEC has been made, or rewritten; withdrawn when its request goes, and when what
-   // it stands for does (another agent's FEC). A request that waits has none.
+   // Written when the FEC has been made, or rewritten; withdrawn when its request goes, and when
+   // what it stands for does (another agent's FEC). A request that waits has none.
    VEL_COLLECTION( Hash, Fib::FecId, HwFecId, hwFecId, onHwFecId )
    // For other agents; the library reads neither.
    VEL_COLLECTION( Hash, Fib::FecId, IntfId, l2IntfId, onL2IntfId )

@@ -127,7 +127,7 @@ class VEL_EXPORT Adjacency : public AdjacencyBase {
    VEL_ENTITY( Adjacency )
    VEL_ATTRIBUTE( LfibViaSetType, viaSetType )
    VEL_COLLECTION( Ordered, LfibViaIndexRange, AdjacencyVia, via )
-   VEL_ATTRIBUTE( U32, unresolvedVias ) // of those above, whose next hop is not resolved
+   VEL_ATTRIBUTE( U32, unresolvedVias ) // how many elements of `via` have no resolved next hop
    VEL_ATTRIBUTE( Vel::Ptr< L2Adjacency >, l2Adjacency )
    VEL_ENTITY_END_OVER( AdjacencyBase )
    // clang-format on

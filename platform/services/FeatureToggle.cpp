@@ -13,7 +13,7 @@ struct Toggles {
    std::map< std::string, bool, std::less<> > byName;
 };
 
-// Never destroyed: toggles may be asked for while statics are.
+// Never destroyed: toggles may be asked for while statics are destroyed.
 Toggles& toggles() {
    static Toggles& all = *new Toggles;
    return all;

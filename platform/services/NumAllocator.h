@@ -3,7 +3,7 @@
 // A number that was given back rests for the configured expiry time before it is handed out again,
 // so that whoever still remembers it does not mistake a new holder for the old one. Numbers that
 // have rested go first, the longest rested first; only when there are none is a number used that
-// never was.
+// was never handed out.
 //
 //    auto allocator = make< NumAllocator >( make< NumAllocatorConfig >( 1, 255 ),
 //                                           make< NumAllocatorStatus >(), clock );
@@ -44,7 +44,7 @@ class VEL_EXPORT NumAllocatorConfig : public WatchedEntity {
    // clang-format on
 
  public:
-   /// The range, both ends included. The number of all ones is nobody's: it says that there is
+   /// The range, both ends included. The number of all ones is never handed out: it stands for
    /// none.
    NumAllocatorConfig( U64 min, U64 max );
 };
@@ -98,7 +98,7 @@ class VEL_EXPORT NumAllocator : public Entity {
    Ptr< Clock > clock_;
    std::deque< Resting > resting_; // in the order of release
    U64 fresh_;                     // from here on, numbers were never handed out by this allocator
-   HashSet< U64 > releasedAhead_;  // resting though not below `fresh_`: taken over from the status
+   HashSet< U64 > releasedAhead_;  // resting, from `fresh_` on: others had entered them as in use
 };
 
 } // namespace Vel

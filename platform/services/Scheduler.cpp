@@ -33,8 +33,8 @@ void TimerTask::runAfter( double delaySeconds ) {
 
 void TimerTask::runWithLowestDelay( double delaySeconds ) {
    const double delay = delayOf( delaySeconds );
-   // Handlers ask this for every key. Time has not gone back since the last reading, which mostly
-   // answers.
+   // Handlers ask this for every key. The clock's last reading mostly answers, since time has not
+   // gone back since then.
    if ( scheduler_->lastNow_ + delay >= expiry_ ) {
       return;
    }
@@ -48,7 +48,7 @@ bool TimerTask::yieldCheck() const {
    return !running_ || scheduler_->yieldCheck( *this );
 }
 
-/// One run of a task: the books are kept though the task throws.
+/// One run of a task, which is recorded at the end even when the task throws.
 class Scheduler::Run {
  public:
    Run( Scheduler& scheduler, TimerTask& task, double start )
@@ -112,7 +112,7 @@ void Scheduler::schedule( TimerTask& task, double expiry ) {
    task.sequence_ = ++scheduled_;
    if ( running_ && task.priority() < running_->priority() ) {
       moreUrgentExpiry_ = std::min( moreUrgentExpiry_, expiry );
-      if ( expiry <= lastNow_ ) { // the running task is to look at its next question
+      if ( expiry <= lastNow_ ) { // the running task's next question is to look at the clock
          queries_ -= std::exchange( running_->freeQueries_, 0 );
       }
    }
@@ -169,7 +169,7 @@ bool Scheduler::yieldCheck( const TimerTask& task ) {
    }
    const double now = readClock();
    if ( now >= moreUrgentExpiry_ ) {
-      moreUrgentExpiry_ = moreUrgentExpiry(); // whoever it was may have been cancelled
+      moreUrgentExpiry_ = moreUrgentExpiry(); // the task that is due may have been cancelled
    }
    if ( now >= sliceEnd_ || now >= moreUrgentExpiry_ ) {
       yielded_ = true;
@@ -185,7 +185,7 @@ bool Scheduler::runOne() {
                     "scheduler", running_->taskName() );
    const double now = readClock();
    traceTimeIs( now );
-   const Ptr< TimerTask > task( mostUrgentDue( now ) ); // keeps itself and the scheduler
+   const Ptr< TimerTask > task( mostUrgentDue( now ) ); // keeps the task and this scheduler
    if ( task == nullptr ) {
       return false;
    }

@@ -136,8 +136,8 @@ class VEL_EXPORT Scheduler : public WatchedEntity {
 
    // clang-format off
    VEL_ENTITY( Scheduler )
-   VEL_ATTRIBUTE_DEFAULT( double, timeSlice, { defaultTimeSliceSeconds } )  // seconds; next run on
-   VEL_ATTRIBUTE( U64, maxQueriesPerRun )  // for simulation: shouldYield is true after so many; 0: off
+   VEL_ATTRIBUTE_DEFAULT( double, timeSlice, { defaultTimeSliceSeconds } ) // seconds, from next run
+   VEL_ATTRIBUTE( U64, maxQueriesPerRun )  // simulation: shouldYield is true after so many; 0: off
    VEL_READ_ONLY( U64, runs )
    VEL_SHOWN( task, ::Vel::Scheduler::visitTasks )
    VEL_SHOWN( history, ::Vel::Scheduler::visitHistory )

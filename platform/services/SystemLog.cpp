@@ -65,7 +65,7 @@ bool SystemLogHandle::allowed() {
 void SystemLogHandle::log( std::string_view text ) {
    lastSeconds_ = SystemLogRegistry::get().now();
    ++logged_;
-   const SystemLogSink sink = SystemLogRegistry::get().sink; // it may replace itself
+   const SystemLogSink sink = SystemLogRegistry::get().sink; // a copy: the sink may replace itself
    SystemLogMessage message = message_;
    if ( !text.empty() ) {
       message.format = text;

@@ -9,7 +9,7 @@
 //       full.log();
 //    }
 //
-// Where messages go is the owner's business; without one they go to standard error. One thread.
+// The owner decides where messages go; without a decision they go to standard error. One thread.
 
 #pragma once
 
@@ -45,7 +45,7 @@ class VEL_EXPORT SystemLogHandle {
    ~SystemLogHandle();
 
    const SystemLogMessage& message() const { return message_; }
-   /// Whether the interval since the last one has passed. A refusal is counted.
+   /// Whether the interval since the last message has passed. A refusal is counted.
    bool allowed();
    /// Sends the message, with the text in place of its own when one is given.
    void log( std::string_view text = {} );

@@ -9,10 +9,9 @@ namespace Vel {
 namespace {
 
 constexpr U64 microsecondsPerTick = 10'000;
-constexpr double maxSeconds = 1e12; // more is cut: it does not come anyway
+constexpr double maxSeconds = 1e12; // a longer delay is cut: nobody sees its end
 
-// Whole microseconds, since ten milliseconds are not a whole number of anything in a double of
-// seconds.
+// Whole microseconds, since a double of seconds cannot hold a tick of ten milliseconds exactly.
 U64 microseconds( double seconds ) {
    if ( !( seconds > 0 ) ) {
       return 0;
@@ -33,7 +32,8 @@ TimerWheel::TimerWheel( Ptr< Scheduler > scheduler, TaskPriority priority )
 }
 
 TimerWheel::~TimerWheel() {
-   // What a callback holds may cancel timers as it goes: all callbacks leave the wheel first.
+   // What a callback holds may cancel timers when it is destroyed: all callbacks leave the wheel
+   // first.
    std::vector< Callback > gone;
    for ( U32 entry = lists; entry < entries_.size(); ++entry ) {
       if ( entries_[entry].id != 0 ) {
@@ -69,7 +69,7 @@ bool TimerWheel::cancel( TimerId id ) {
       return false;
    }
    ++cancelled_;
-   const Callback gone = release( entry ); // what it holds may use the wheel as it goes
+   const Callback gone = release( entry ); // destroyed last: what it holds may use the wheel
    if ( pending_ == 0 ) {
       task_->cancel();
    }

@@ -107,7 +107,7 @@ class LabelStack {
 
  private:
    std::array< U32, maxLabels >
-      labels_{}; // unused entries stay 0, so that comparing all is comparing
+      labels_{}; // unused entries stay 0, so that equal stacks have equal arrays
    U32 size_ = 0;
 };
 VEL_EXPORT void appendText( std::string& out, const LabelStack& stack );
