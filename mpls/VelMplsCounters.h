@@ -32,6 +32,7 @@ class VEL_EXPORT MplsSmCounters : public Entity {
    VEL_COUNTER( adjacenciesRetried )
    VEL_COUNTER( viaSetsReceived )    // announcements of via sets and their vias
    VEL_COUNTER( nextHopsReceived )   // changes of what next hops resolve to
+   VEL_COUNTER( lfibUnread )         // times that the LFIB could not be read: what was there stayed, and was looked for again
    VEL_COUNTER( reportsLate )        // of a version that has been replaced, or of what is not there (any more)
    VEL_ENTITY_END_IN_SOURCE
    // clang-format on

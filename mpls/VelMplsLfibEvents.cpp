@@ -10,6 +10,10 @@ void MplsSm::handleLFibRoute( Mpls::RouteKey routeKey ) {
    const L3::VrfName& vrf = L3::VrfName::defaultVrf();
    MPLS_TRACE_CALL( 3, " vrf ", vrf, " routeKey ", routeKey );
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+   if ( !lfibRoute && in_.transitLfib->unread() ) {
+      keepUnread( routeKey );
+      return;
+   }
    // A walk over the LFIB meets again what has been announced.
    const U64 news = !walksLfib_ || !lfibRoute || !mplsIpRouteKeyHas( routeKey ) ? 1 : 0;
    counters_->routesReceivedInc( news );
@@ -63,12 +67,14 @@ void MplsSm::handleLFibRoute() {
 
 void MplsSm::handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey ) {
    MPLS_TRACE_CALL( 3, " vrf ", L3::VrfName::defaultVrf(), " key ", viaSetKey );
+   counters_->viaSetsReceivedInc( lfibTrackingStatus_ ? 1 : 0 );
    handleLFibViaSetHelper( viaSetKey, true );
 }
 
 void MplsSm::handleLFibViaSet() {
    MPLS_TRACE_CALL( 3, " vrf ", L3::VrfName::defaultVrf() );
    for ( const Mpls::LfibViaSetKey key : lfibTrackingStatus_->viaSetKeyBacklog() ) {
+      counters_->viaSetsReceivedInc();
       handleLFibViaSetHelper( key, false );
    }
    lfibTrackingStatus_->viaSetKeyBacklogDelAll();
@@ -80,7 +86,6 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
    if ( !lfibTrackingStatus_ ) {
       return;
    }
-   counters_->viaSetsReceivedInc();
    if ( fromBacklogNotification ) {
       lfibTrackingStatus_->viaSetKeyBacklogDel( viaSetKey );
    }
@@ -110,6 +115,45 @@ void MplsSm::handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBac
                                                Transit::Protection::BackupNews::changed );
    Transit::Protection::queueWaitingForOtherFec( vrfState, viaSetKey );
    parts_->review.doMaybeScheduleReviewOrDeleteVrfState( vrf ); // its users may be others' routes
+}
+
+void MplsSm::keepUnread( Mpls::RouteKey routeKey ) {
+   MPLS_TRACE( 3, "LFIB route ", routeKey, " cannot be read" );
+   counters_->lfibUnreadInc();
+   unreadRouteIs( routeKey );
+   unreadTask_->runWithLowestDelay( unreadInterval );
+}
+
+void MplsSm::keepUnread( Mpls::LfibViaSetKey viaSetKey ) {
+   MPLS_TRACE( 3, "LFIB via set ", viaSetKey, " cannot be read" );
+   counters_->lfibUnreadInc();
+   unreadViaSetIs( viaSetKey );
+   unreadTask_->runWithLowestDelay( unreadInterval );
+}
+
+// As if it were announced now; what still cannot be read waits for the next time.
+void MplsSm::handleUnread() {
+   if ( !in_.transitLfib->readable() ) {
+      unreadTask_->runWithLowestDelay( unreadInterval );
+      return;
+   }
+   walksLfib_ = true; // it has been announced before
+   for ( auto pass = unreadRouteWork().workPass();
+         !parts_->review.shouldTaskYield( *unreadTask_ ) && pass.next(); ) {
+      const Mpls::RouteKey routeKey = pass.key();
+      unreadRouteDel( routeKey );
+      handleLFibRoute( routeKey );
+   }
+   walksLfib_ = false;
+   for ( auto pass = unreadViaSetWork().workPass();
+         !parts_->review.shouldTaskYield( *unreadTask_ ) && pass.next(); ) {
+      const Mpls::LfibViaSetKey viaSetKey = pass.key();
+      unreadViaSetDel( viaSetKey );
+      handleLFibViaSetHelper( viaSetKey, false );
+   }
+   if ( unreadRoutes() + unreadViaSets() != 0 ) {
+      unreadTask_->runWithLowestDelay( unreadInterval );
+   }
 }
 
 } // namespace Vel

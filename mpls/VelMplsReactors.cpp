@@ -229,6 +229,7 @@ MplsSmReactors::MplsSmReactors( MplsSm& sm ) : sm_( sm ) {
                         [&sm] { sm.parts().review.runUnprogrammedRouteReviewTask(); } );
    bind< TaskReactor >( Ptr( sm.routePublishTask() ),
                         [&sm] { sm.parts().publisher.runPublishRouteKeysTask(); } );
+   bind< TaskReactor >( Ptr( sm.unreadTask() ), [&sm] { sm.handleUnread(); } );
    bind< ClockReactor >( in.clock );
 }
 

@@ -51,6 +51,7 @@ MplsSm::MplsSm( MplsSmInputs inputs )
    vrfTask_ = in_.scheduler->taskIs( "reviewVrf", taskPriority );
    unprogrammedRouteTask_ = in_.scheduler->taskIs( "reviewUnprogrammedRoute", taskPriority );
    routePublishTask_ = in_.scheduler->taskIs( "publishReviewRoutes", taskPriority );
+   unreadTask_ = in_.scheduler->taskIs( "lookForUnread", taskPriority );
    lfibTrackingStatus_ = make< Mpls::LfibTrackingStatus >( "MplsSm-trackingStatus" );
    // What was listed for an earlier run was counted there. Nobody hears of it yet.
    for ( const auto& [vrfId, status] : in_.mplsHwStatus->vrfStatus() ) {

@@ -100,6 +100,8 @@ class VEL_EXPORT MplsSm : public Entity {
    VEL_SET( LabelSet, Mpls::RouteKey, mplsIpRouteKey )                           // accepted from the LFIB
    VEL_SET( HashSet, Fib::FecId, fecIdSetAside )                                 // still answered to a former owner; their numbers are in use
    VEL_COLLECTION( Hash, Mpls::LfibViaSetKey, double, viaSetAwaited )             // missing or not sane when a route was processed; since when
+   VEL_SET( LabelSet, Mpls::RouteKey, unreadRoute )                              // to be looked for again: the LFIB could not be read
+   VEL_SET( HashSet, Mpls::LfibViaSetKey, unreadViaSet )                         // ... and via sets, or vias of theirs
    VEL_SET( LabelSet, Mpls::RouteKey, staleRecoveredRoute )                      // of the recovered ones: not wanted by the LFIB when it was last looked at
    VEL_SET( LabelSet, Mpls::RouteKey, recoveredRoute )                           // in the sync map, not written or removed since
    VEL_ATTRIBUTE_DEFAULT( double, maxStaleShare, { 1.0 } )                       // of the recovered routes; more are not dropped unasked
@@ -107,6 +109,7 @@ class VEL_EXPORT MplsSm : public Entity {
    VEL_READ_ONLY( Ptr< TimerTask >, vrfTask )
    VEL_READ_ONLY( Ptr< TimerTask >, unprogrammedRouteTask )
    VEL_READ_ONLY( Ptr< TimerTask >, routePublishTask )
+   VEL_READ_ONLY( Ptr< TimerTask >, unreadTask )
    VEL_READ_ONLY( Ptr< Mpls::LfibTrackingStatus >, lfibTrackingStatus )
    VEL_READ_ONLY( Ptr< Mpls::LfibTrackingSm >, lfibTrackingSm )
    VEL_READ_ONLY( Ptr< NumAllocatorConfig >, numAllocatorConfig )                // of FEC indices, none before the state machine is initialized
@@ -188,6 +191,13 @@ class VEL_EXPORT MplsSm : public Entity {
    void handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey );
    /// All that wait in the backlog.
    void handleLFibViaSet();
+   /// The LFIB could not be read. What is there of the route, or of the via set and its users, stays
+   /// as it is and is looked at again when it can be read, at the latest after `unreadInterval`.
+   void keepUnread( Mpls::RouteKey routeKey );
+   void keepUnread( Mpls::LfibViaSetKey viaSetKey );
+   /// Looks again at what could not be read.
+   void handleUnread();
+   static constexpr double unreadInterval = 1; // seconds
 
    // --- The VRF, and label forwarding in it (VelMplsVrfEvents.cpp)
 
@@ -234,7 +244,7 @@ class VEL_EXPORT MplsSm : public Entity {
    std::unique_ptr< MplsSmReactors > reactors_;
 };
 
-#undef MPLS_SM_INPUT
+#undef VEL_MPLS_SM_INPUT
 
 /// Makes the state machine, which starts at once.
 VEL_EXPORT Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs ); // NOLINT(readability-identifier-naming)

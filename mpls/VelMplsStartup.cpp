@@ -51,8 +51,10 @@ void MplsSm::handleMplsRouteSyncMap() {
    for ( const auto& [routeKey, syncId] : in_.mplsRouteSyncMap->adjSyncId() ) {
       const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
       recoveredRouteIs( routeKey );
-      if ( !lfibRoute || !parts_->viaSets.routeSupported( lfibRoute ) ||
-           !mplsRoutingEnabled( vrf ) ) {
+      if ( !lfibRoute && in_.transitLfib->unread() ) {
+         keepUnread( routeKey );
+      } else if ( !lfibRoute || !parts_->viaSets.routeSupported( lfibRoute ) ||
+                  !mplsRoutingEnabled( vrf ) ) {
          staleRecoveredRouteIs( routeKey ); // stays in hardware for now
       } else {
          handleLFibRoute( routeKey );

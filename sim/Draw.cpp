@@ -34,7 +34,7 @@ struct Weight {
    EventKind kind;
    U32 mixed, protection, identity, vrf, restart, room, lfib;
 };
-constexpr std::array< Weight, 35 > weights{ {
+constexpr std::array< Weight, 36 > weights{ {
    //                              mixed prot ident vrf restart room lfib
    { EventKind::route, /*         */ 20, 16, 26, 14, 14, 22, 18 },
    { EventKind::routeGone, /*     */ 6, 4, 9, 5, 5, 6, 6 },
@@ -61,6 +61,7 @@ constexpr std::array< Weight, 35 > weights{ {
    { EventKind::notReady, /*      */ 1, 1, 0, 0, 1, 3, 0 },
    { EventKind::fecAnswer, /*     */ 4, 4, 6, 2, 4, 4, 2 },
    { EventKind::corrupt, /*       */ 0, 0, 0, 0, 0, 0, 1 },
+   { EventKind::away, /*          */ 2, 1, 1, 1, 2, 1, 6 },
    { EventKind::driverRestart, /* */ 1, 0, 1, 2, 2, 1, 0 },
    { EventKind::agentRestart, /*  */ 1, 1, 1, 2, 12, 2, 2 },
    { EventKind::newStateMachine, /**/ 1, 0, 0, 1, 2, 1, 0 },
@@ -225,6 +226,7 @@ class Drawer {
          n = { link(), dice_.below( 2 ) };
          break;
       case EventKind::defaultRoute:
+      case EventKind::away:
       case EventKind::clog:
          n[0] = dice_.below( 2 );
          break;

@@ -22,6 +22,7 @@ constexpr std::array< EventShape, eventKinds > shapes{ {
      { "how" } }, // 0: taken over; 1: laid out anew and whole; 2: laid out anew, not ready
    { "ready", {} },
    { "corrupt", { "word", "bit" } },
+   { "away", { "on" } },              // the region, as while a publisher is stopped laying it out
    { "neighbor", { "link", "mac" } }, // mac 0: gone
    { "resolvedBy", { "link", "default" } },
    { "defaultRoute", { "allowed" } },

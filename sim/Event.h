@@ -35,6 +35,7 @@ enum class EventKind : uint8_t {
    republish,
    ready,
    corrupt,
+   away,
    // The L3 layer
    neighbor,
    resolvedBy,

@@ -99,6 +99,9 @@ Event Inputs::fitted( Event event ) const {
    case EventKind::extViaSetGone:
       n = { ext( n[0] ), ext( n[1] ), orNone( n[2], set ) };
       break;
+   case EventKind::republish:
+      n[0] %= 3;
+      break;
    case EventKind::neighbor:
    case EventKind::resolvedBy:
    case EventKind::link:
@@ -179,6 +182,7 @@ void Inputs::apply( const Event& event ) {
       break;
    case EventKind::republish:
       corrupt = corrupt && n[0] == 0;
+      away = false;
       ready = n[0] != 2 && ready;
       ready = n[0] == 1 || ready;
       break;
@@ -187,6 +191,9 @@ void Inputs::apply( const Event& event ) {
       break;
    case EventKind::corrupt:
       corrupt = true;
+      break;
+   case EventKind::away:
+      away = n[0] != 0;
       break;
    default:
       applyAround( event );
@@ -348,7 +355,7 @@ bool Inputs::clean() const {
 }
 
 bool Inputs::cleanButForRoom() const {
-   return vrfNamed() && ready && !corrupt && !clogged && staleShare >= 100 &&
+   return vrfNamed() && ready && !corrupt && !away && !clogged && staleShare >= 100 &&
           std::ranges::none_of( refused, []( bool is ) { return is; } ) &&
           std::ranges::all_of( linkReady, []( bool is ) { return is; } );
 }

@@ -154,6 +154,7 @@ class Inputs {
    std::array< U32, 3 > capacity{};
    bool clogged = false;
    bool corrupt = false;
+   bool away = false; ///< the region cannot be read
    bool ready = true;
    U32 staleShare = 100; // percent
 

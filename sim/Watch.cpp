@@ -303,7 +303,8 @@ void Watch::rest() {
       throw Failure{ "rest", busy };
    }
    checkRecords( world_ );
-   if ( !world_.inputs().clogged && !world_.inputs().corrupt && world_.sm().initialized() ) {
+   if ( !world_.inputs().clogged && !world_.inputs().corrupt && !world_.inputs().away &&
+        world_.sm().initialized() ) {
       checkRecordsAtRest( world_ );
    }
    for ( U32 index = 0; index < label_.size(); ++index ) {

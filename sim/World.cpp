@@ -352,8 +352,10 @@ void World::writeEverything() {
 
 void World::republish( U32 how ) {
    const auto region = std::as_writable_bytes( std::span( memory_ ) );
-   const bool ready = writer_->ready();
    writer_.reset();
+   if ( memory_[Mpls::LfibHeader::magic] == 0 ) {
+      regionAway( false );
+   }
    if ( how == 0 ) {
       writer_ = std::make_unique< Mpls::LfibWriter >( region );
       return;
@@ -361,8 +363,12 @@ void World::republish( U32 how ) {
    writer_ = std::make_unique< Mpls::LfibWriter >( region, capacitiesOf( inputs_.settings ) );
    if ( how == 1 ) {
       writeEverything();
-      writer_->readyIs( ready || how == 1 );
+      writer_->readyIs( true );
    }
+}
+
+void World::regionAway( bool away ) {
+   memory_[Mpls::LfibHeader::magic] = away ? 0 : Mpls::LfibHeader::magicValue;
 }
 
 void World::publish( const Event& event ) {
@@ -387,6 +393,9 @@ void World::publish( const Event& event ) {
    case EventKind::ready:
       writeEverything();
       writer_->readyIs( true );
+      break;
+   case EventKind::away:
+      regionAway( n[0] != 0 );
       break;
    case EventKind::corrupt:
       memory_[n[0] % memory_.size()] ^= U64{ 1 } << n[1] % 64;
@@ -520,6 +529,9 @@ void World::mend() {
    if ( inputs_.corrupt ) {
       then( EventKind::republish, { 1 } );
    }
+   if ( inputs_.away ) {
+      then( EventKind::away, { 0 } );
+   }
    if ( !inputs_.ready ) {
       then( EventKind::ready, {} );
    }
@@ -595,7 +607,7 @@ std::string World::settle() {
          continue;
       }
       const double next = scheduler.nextExpiry();
-      if ( next == neverExpires || inputs_.clogged ) {
+      if ( next == neverExpires || inputs_.clogged || inputs_.away ) {
          return {};
       }
       const VrfMplsState* const vrfState = state();

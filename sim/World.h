@@ -90,6 +90,7 @@ class World {
    void writeExtViaSet( U32 number );
    void writeEverything();
    void republish( U32 how );
+   void regionAway( bool away );
    void poll( size_t limit );
    void run( const Event& event );
 

@@ -157,7 +157,7 @@ class LabelRig {
    void poll() {
       do {
          lfib->poll( 1U << 20 );
-      } while ( lfib->pollPending() );
+      } while ( lfib->attached() && lfib->pollPending() );
    }
    /// Announces, and runs everything that is due up to `seconds` from now, but no retry that lies
    /// further off.

@@ -1,5 +1,6 @@
 #include "mpls/transit/L3Adjacencies.h"
 
+#include <optional>
 #include <vector>
 
 #include "mpls/VelMplsTrace.h"
@@ -27,8 +28,14 @@ bool L3Adjacencies::maybeQueueStaleL3Adj( VrfMplsState& vrfState, Mpls::LfibViaS
         vrfState.isAdjPendingForReview( l3Adj.index() ) ) {
       return false;
    }
-   if ( l3Adj.contentDigest() ==
-        parts_.viaSets.contentDigestOf( in_.transitLfib->lfibViaSet( viaSetKey ) ) ) {
+   const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( viaSetKey );
+   const bool unread = viaSet.null() && in_.transitLfib->unread();
+   const std::optional< U64 > digest =
+      unread ? std::nullopt : parts_.viaSets.contentDigestOf( viaSet );
+   if ( !digest ) {
+      return false; // nothing can be said of it now
+   }
+   if ( l3Adj.contentDigest() == *digest ) {
       l3Adj.contentSameAtIs( announced );
       return false;
    }
@@ -45,7 +52,6 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
                 "lFibViaSetKey.viaType() == Mpls::viaTypeMplsIp_ || "
                 "lFibViaSetKey.viaType() == Mpls::viaTypeExternalFec_",
                 textOf( viaSetKey ) );
-   const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( viaSetKey );
    if ( !l3Adj->used() ) {
       deleteL3Adj( vrfState, index );
       return;
@@ -55,9 +61,17 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
       settleL3Adj( vrfState, *l3Adj );
       return;
    }
+   const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( viaSetKey );
+   const bool unread = viaSet.null() && in_.transitLfib->unread();
+   const std::optional< U64 > digest =
+      unread ? std::nullopt : parts_.viaSets.contentDigestOf( viaSet );
+   if ( !digest ) {
+      keepUnread( vrfState, *l3Adj );
+      return;
+   }
    const Ptr< L3Adjacency > backupBefore = l3Adj->backupAdj();
    const Ptr< ExternalFecInfo > fecBefore = l3Adj->extFecInfo();
-   l3Adj->contentDigestIs( parts_.viaSets.contentDigestOf( viaSet ) );
+   l3Adj->contentDigestIs( *digest );
    const bool hadOtherVias = l3Adj->otherVias();
    l3Adj->otherViasIs( false );
    const L3AdjOutcome outcome = programL3Adj( vrfState, *l3Adj, viaSet );
@@ -82,6 +96,14 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
                                                    : Protection::BackupNews::looked );
    if ( l3Adj->extFecInfo() != fecBefore ) {
       Protection::queueWaitingForOtherFec( vrfState, viaSetKey );
+   }
+}
+
+// The adjacency stays what it is, and follows its next hops.
+void L3Adjacencies::keepUnread( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
+   sm_.keepUnread( l3Adj.lFibViaSetKey() );
+   if ( followVias( vrfState, l3Adj ) ) {
+      settleL3Adj( vrfState, l3Adj );
    }
 }
 
@@ -139,6 +161,9 @@ L3Adjacencies::L3AdjOutcome L3Adjacencies::programMplsIpL3Adj( VrfMplsState& vrf
                                                                L3Adjacency& l3Adj,
                                                                const Mpls::LfibViaSet& viaSet ) {
    const Ptr< CachedLFibMplsViaColl > saneVias = parts_.viaSets.getSaneMplsIpLFibVias( viaSet );
+   if ( !saneVias && in_.transitLfib->unread() ) {
+      sm_.keepUnread( l3Adj.lFibViaSetKey() ); // a via that could be read a moment ago
+   }
    if ( !parts_.viaSets.validateMplsIpL3Adj( l3Adj, viaSet, saneVias ) ) {
       // An adjacency that is not programmed needs no backup.
       parts_.protection.stopWaitingForBackup( vrfState, l3Adj );

@@ -50,6 +50,7 @@ class L3Adjacencies : private Part {
                                     const Mpls::LfibViaSet& viaSet );
    L3AdjOutcome programMplsIpL3Adj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                     const Mpls::LfibViaSet& viaSet );
+   void keepUnread( VrfMplsState& vrfState, L3Adjacency& l3Adj );
    void programL3AdjWithHwConfig( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                   const Mpls::LfibViaSet& viaSet,
                                   const CachedLFibMplsViaColl& saneVias );

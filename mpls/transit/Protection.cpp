@@ -65,9 +65,16 @@ bool Protection::validateAndMaybeUpdateBackupAdjInfo( VrfMplsState& vrfState, L3
 BackupAwaits Protection::maybeLinkBackupAdj( VrfMplsState& vrfState, L3Adjacency& l3Adj,
                                              Mpls::LfibViaSetKey backupKey ) {
    if ( in_.transitLfib->lfibViaSet( backupKey ).null() ) {
-      MPLS_TRACE( 3, "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
-                  " missing from lfib" );
-      return BackupAwaits::viaSet;
+      const bool unread = in_.transitLfib->unread();
+      if ( unread ) {
+         sm_.keepUnread( backupKey );
+      }
+      // What cannot be read is still there for whom it protects.
+      if ( !unread || !vrfState.lFibViaSetToL3AdjHas( backupKey ) ) {
+         MPLS_TRACE( 3, "backup viaSet idx ", backupKey.index(), " viaType ", backupKey.viaType(),
+                     " missing from lfib" );
+         return BackupAwaits::viaSet;
+      }
    }
    if ( !vrfState.lFibViaSetToL3AdjHas( backupKey ) ) {
       if ( l3Adj.primaryAdjs() != 0 ) {

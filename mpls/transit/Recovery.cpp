@@ -102,6 +102,9 @@ double Recovery::staleShare( size_t stale ) const {
 bool Recovery::recoveredRouteWanted( Mpls::RouteKey routeKey ) const {
    const L3::VrfName& vrf = L3::VrfName::defaultVrf();
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+   if ( !lfibRoute && in_.transitLfib->unread() ) {
+      return true; // as far as anybody knows
+   }
    if ( !lfibRoute || !sm_.mplsRoutingEnabled( vrf ) ||
         !parts_.viaSets.routeSupported( lfibRoute ) ) {
       return false;
@@ -114,7 +117,8 @@ bool Recovery::recoveredRouteWanted( Mpls::RouteKey routeKey ) const {
    const L3Adjacency* const l3Adj = route ? route->l3Adj().get() : nullptr;
    const bool looked = l3Adj && !vrfState->isAdjPendingForReview( l3Adj->index() );
    return !( looked && awaitsNoFec( *l3Adj ) ) &&
-          parts_.viaSets.lFibViaSetFault( lfibRoute.viaSetKey ).empty();
+          ( parts_.viaSets.lFibViaSetFault( lfibRoute.viaSetKey ).empty() ||
+            in_.transitLfib->unread() );
 }
 
 bool Recovery::awaitsNoFec( const L3Adjacency& l3Adj ) const {

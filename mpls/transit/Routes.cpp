@@ -24,6 +24,10 @@ void Routes::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
       return;
    }
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
+   if ( !lfibRoute && in_.transitLfib->unread() ) {
+      keepUnread( vrfState, *route );
+      return;
+   }
    if ( !!lfibRoute && !parts_.viaSets.routeSupported( lfibRoute ) ) {
       // Another state machine handles the route by now; the announcement is still to come.
       sm_.mplsIpRouteKeyDel( routeKey );
@@ -37,6 +41,10 @@ void Routes::processRouteKey( VrfMplsState& vrfState, Mpls::RouteKey routeKey ) 
    }
    const Mpls::LfibViaSet viaSet =
       !lfibRoute ? Mpls::LfibViaSet() : in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey );
+   if ( !!lfibRoute && viaSet.null() && in_.transitLfib->unread() ) {
+      keepUnread( vrfState, *route );
+      return;
+   }
    if ( !lfibRoute || ( !viaSet.null() && !parts_.viaSets.isLFibViaSetSane( viaSet ) ) ) {
       MPLS_TRACE( 3, "route (", routeKey, ") ", "does not exist in system LFIB or via not sane " );
       if ( !!lfibRoute ) {
@@ -121,6 +129,14 @@ void Routes::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey vi
          routeMake( vrfState, routeKey );
          vrfState.routeKeyForReviewIs( routeKey );
       }
+   }
+}
+
+// The route goes on forwarding by the adjacency that it has, and follows it.
+void Routes::keepUnread( VrfMplsState& vrfState, MplsRoute& route ) {
+   sm_.keepUnread( route.routeKey() );
+   if ( L3Adjacency* const bound = route.l3Adj().get() ) {
+      parts_.routeWriter.writeRoute( vrfState, route, *bound );
    }
 }
 

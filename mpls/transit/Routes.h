@@ -31,6 +31,7 @@ class Routes : private Part {
    void queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey viaSetKey );
 
  private:
+   void keepUnread( VrfMplsState& vrfState, MplsRoute& route );
    void stayWithoutViaSet( VrfMplsState& vrfState, MplsRoute& route );
    void awaitViaSet( Mpls::LfibViaSetKey viaSetKey );
    void forgetUnusedViaSets();

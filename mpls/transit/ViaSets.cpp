@@ -190,17 +190,24 @@ std::string ViaSets::lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const {
    return {};
 }
 
-U64 ViaSets::contentDigestOf( const Mpls::LfibViaSet& viaSet ) const {
+std::optional< U64 > ViaSets::contentDigestOf( const Mpls::LfibViaSet& viaSet ) const {
    U64 digest = mixBits( viaSet.key().word() + ( viaSet.usableAsPrimaryVias() ? 1 : 0 ) );
    digest = mixBits( digest + viaSet.backupViaSetKey().word() );
    for ( U32 i = 0; i < viaSet.viaKeys(); ++i ) {
       const Mpls::LfibViaKey key = viaSet.viaKey( i );
       digest = mixBits( digest + key.word() );
       if ( key.viaType() == Mpls::viaTypeExternalFec ) {
-         digest = mixBits( digest + in_.transitLfib->lfibExtFecVia( key ).fecId.value() );
+         const Mpls::LfibExtFecVia via = in_.transitLfib->lfibExtFecVia( key );
+         if ( via.key.empty() && in_.transitLfib->unread() ) {
+            return std::nullopt;
+         }
+         digest = mixBits( digest + via.fecId.value() );
          continue;
       }
       const Mpls::LfibMplsVia via = in_.transitLfib->lfibMplsVia( key );
+      if ( via.null() && in_.transitLfib->unread() ) {
+         return std::nullopt;
+      }
       digest = mixBits( digest + via.nextHop.hash() );
       digest = mixBits( digest + via.intf.hash() + static_cast< U64 >( via.labelAction ) );
       digest = mixBits( digest + via.labelStack.hash() + static_cast< U64 >( via.payloadType ) * 8 +

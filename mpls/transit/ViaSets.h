@@ -7,6 +7,8 @@
 
 #pragma once
 
+#include <optional>
+
 #include "mpls/transit/Part.h"
 
 namespace Vel::Transit {
@@ -28,7 +30,8 @@ class ViaSets : private Part {
    Ptr< CachedLFibMplsViaColl > getSaneMplsIpLFibVias( const Mpls::LfibViaSet& viaSet ) const;
    /// Why a via set cannot be programmed, in words; empty when it can. For those who explain.
    std::string lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const;
-   U64 contentDigestOf( const Mpls::LfibViaSet& viaSet ) const;
+   /// Tells contents apart, the vias' included; nothing when a via cannot be read.
+   std::optional< U64 > contentDigestOf( const Mpls::LfibViaSet& viaSet ) const;
    /// By the LFIB as it is now, which may be ahead of what has been processed.
    bool stillUses( Mpls::RouteKey routeKey, const L3Adjacency& l3Adj ) const;
    bool validateMplsIpL3Adj( const L3Adjacency& l3Adj, const Mpls::LfibViaSet& viaSet,

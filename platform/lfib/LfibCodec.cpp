@@ -28,7 +28,66 @@ IpGenAddr addressOf( const AddressWords& words, U64 family ) {
    }
 }
 
+bool viaKeyFits( U64 word ) {
+   return word >> 56 == 0x80 && ( word >> 32 & 0xFF ) == 0;
+}
+bool routeKeyFits( U64 word, bool single ) {
+   constexpr U64 field = ( U64{ 1 } << 21 ) - 1;
+   const U64 top = word >> 42;
+   const U64 second = word >> 21 & field;
+   const U64 third = word & field;
+   return top <= MplsLabel::maxValue && second <= MplsLabel::nullValue &&
+          third <= ( second == MplsLabel::nullValue ? second : MplsLabel::nullValue ) &&
+          ( second != MplsLabel::nullValue || third == second ) &&
+          single == ( second == MplsLabel::nullValue );
+}
+
+constexpr Bridging::VlanId maxTag = 4095; // IEEE 802.1Q: 12 bits
+bool tagFits( U64 tag ) {
+   return tag <= maxTag || tag == lfibDot1qMap;
+}
+
+// Labels that a via puts on a packet.
+bool labelFits( U64 label, MplsLabelAction action ) {
+   const bool putOn = action == MplsLabelAction::swap || action == MplsLabelAction::push;
+   return label <= MplsLabel::maxValue && !( putOn && label == MplsLabel::implicitNull );
+}
+
 } // namespace
+
+bool keyFits( LfibTable table, const U64* words ) {
+   switch ( table ) {
+   case LfibTable::route:
+   case LfibTable::deepRoute:
+      return routeKeyFits( words[0], table == LfibTable::route );
+   case LfibTable::viaSet:
+      return viaSetKeyFits( words[0] );
+   case LfibTable::dot1q:
+      return words[0] != 0 && tagFits( words[1] );
+   default:
+      return viaKeyFits( words[0] ) &&
+             LfibViaKey::fromWord( words[0] ).viaType() == viaTypeOf( table );
+   }
+}
+
+bool changeFits( const LfibChange& change ) {
+   const std::array< U64, 2 > words{ change.keyWord, change.tag };
+   switch ( change.kind ) {
+   case LfibChange::Kind::route:
+      return keyFits( tableOf( RouteKey::fromWord( words[0] ) ), words.data() );
+   case LfibChange::Kind::viaSet:
+      return keyFits( LfibTable::viaSet, words.data() );
+   case LfibChange::Kind::via: {
+      const auto table = tableOf( LfibViaKey::fromWord( words[0] ).viaType() );
+      return table && keyFits( *table, words.data() );
+   }
+   case LfibChange::Kind::dot1q:
+      return keyFits( LfibTable::dot1q, words.data() );
+   case LfibChange::Kind::ready:
+      return true;
+   }
+   return false;
+}
 
 LfibViaType viaTypeOf( LfibTable table ) {
    switch ( table ) {
@@ -67,7 +126,7 @@ U32 encode( const LfibRoute& route, U64* words ) {
 bool decode( const U64* words, U32 length, LfibRoute& out ) {
    out = { RouteKey::fromWord( words[0] ), LfibViaSetKey::fromWord( words[1] ),
            static_cast< U32 >( words[2] ) };
-   return length == 3 && words[2] <= 0xFFFF'FFFF;
+   return length == 3 && viaSetKeyFits( words[1] ) && words[2] <= 0xFFFF'FFFF;
 }
 
 U32 encode( const LfibViaSet& viaSet, U64* words ) {
@@ -81,7 +140,9 @@ U32 encode( const LfibViaSet& viaSet, U64* words ) {
    return 3 + count;
 }
 bool decode( const U64* words, U32 length, LfibViaSet& out ) {
-   if ( length < 3 || length - 3 > LfibViaIndexRange::size || words[2] > 1 ) {
+   if ( length < 3 || length - 3 > LfibViaIndexRange::size || words[2] > 1 ||
+        ( words[1] != 0 && !viaSetKeyFits( words[1] ) ) ||
+        !std::all_of( words + 3, words + length, viaKeyFits ) ) {
       return false;
    }
    out = LfibViaSet( LfibViaSetKey::fromWord( words[0] ) );
@@ -118,6 +179,7 @@ bool decode( const U64* words, U32 length, LfibMplsVia& out ) {
    const U64 family = field( 0 );
    if ( labels > LabelStack::maxLabels || length != 5 + ( labels + 1 ) / 2 ||
         ( family != 0 && family != 4 && family != 6 ) ||
+        ( family != 6 && ( words[3] != 0 || words[2] > ( family == 4 ? 0xFFFF'FFFF : 0 ) ) ) ||
         field( 8 ) > static_cast< U64 >( MplsLabelAction::push ) ||
         field( 16 ) > static_cast< U64 >( PayloadType::autoDetect ) ||
         field( 24 ) > static_cast< U64 >( TtlMode::pipe ) ) {
@@ -131,7 +193,11 @@ bool decode( const U64* words, U32 length, LfibMplsVia& out ) {
    out.ttlMode = static_cast< TtlMode >( field( 24 ) );
    out.labelStack = LabelStack();
    for ( U32 i = 0; i < labels; ++i ) {
-      out.labelStack.push( static_cast< U32 >( words[5 + i / 2] >> 32 * ( i % 2 ) ) );
+      const auto label = static_cast< U32 >( words[5 + i / 2] >> 32 * ( i % 2 ) );
+      if ( !labelFits( label, out.labelAction ) ) {
+         return false;
+      }
+      out.labelStack.push( label );
    }
    return true;
 }

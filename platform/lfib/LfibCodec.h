@@ -1,9 +1,11 @@
 // LfibCodec: LFIB values as the words of a slot. Internal to the library.
 //
 // The form is canonical: equal values have equal words, so that the writer compares words to see
-// whether anything changes. The key's words come first. Decoding verifies what the type of a field
-// does not: numbers out of an enumeration, more labels than a stack has. Whole contents may still
-// come from a publisher with other ideas.
+// whether anything changes. The key's words come first. Whole contents may still come from a
+// publisher with other ideas, so decoding believes nothing: keys that are null or belong into
+// another table, numbers out of an enumeration, more labels than a stack has or more bits than a
+// label has, and a label that never is in a packet (implicit null, RFC 3032 section 2.1) where one
+// is put on. The writer refuses what would not be read.
 
 #pragma once
 
@@ -28,6 +30,15 @@ std::optional< LfibTable > tableOf( LfibViaType type );
 inline LfibTable tableOf( RouteKey key ) {
    return key.singleLabel() ? LfibTable::route : LfibTable::deepRoute;
 }
+
+/// Whether a word is the key of a via set: its top bit is set, and nothing where there is no field.
+inline bool viaSetKeyFits( U64 word ) {
+   return ( ( word >> 56 ^ 0x80 ) | ( word >> 33 & 0x7F ) ) == 0;
+}
+/// Whether the words begin with a key of that table.
+bool keyFits( LfibTable table, const U64* words );
+/// Whether a change on the ring names a key of one of the tables.
+bool changeFits( const LfibChange& change );
 
 /// Writes the words of a value, at most `lfibMaxWords`, and returns their number.
 U32 encode( const LfibRoute& route, U64* words );

@@ -12,10 +12,9 @@ constexpr U32 labelSpace = 1U << 20;
 constexpr U32 minSlots = 16; // two blocks of labels
 constexpr U32 wordsPerPlace = 3;
 constexpr U32 ringWord = lfibTables * wordsPerPlace; // behind the places
-constexpr U32 placeWords = ringWord + 2;
+constexpr U32 placeWords = ringWord + 3;
 constexpr U64 cacheLineWords = 8;
 static_assert( LfibHeader::places + placeWords <= LfibHeader::epoch );
-static_assert( LfibHeader::reach + lfibTables <= LfibHeader::ringHead );
 static_assert( LfibHeader::counters + 2 * lfibTables <= LfibHeader::words );
 
 std::array< U32, lfibTables > capacitiesByTable( const LfibCapacities& c ) {
@@ -54,6 +53,7 @@ std::array< U64, placeWords > wordsOf( const LfibLayout& layout ) {
    }
    words[ringWord] = layout.ring;
    words[ringWord + 1] = layout.ringEntries;
+   words[ringWord + 2] = layout.journal;
    return words;
 }
 
@@ -79,7 +79,8 @@ bool placesHold( const LfibLayout& layout ) {
       }
    }
    return layout.ringEntries <= layout.words && std::has_single_bit( layout.ringEntries ) &&
-          within( layout.ring, 2 * layout.ringEntries, layout.words );
+          within( layout.ring, 2 * layout.ringEntries, layout.words ) &&
+          within( layout.journal, lfibJournalWords, layout.words );
 }
 
 } // namespace
@@ -100,6 +101,7 @@ LfibLayout LfibLayout::of( const LfibCapacities& capacities ) {
    }
    made.ringEntries = std::bit_ceil( std::clamp( capacities.ringEntries, U32{ 8 }, maxCapacity ) );
    made.ring = takeWords( end, 2 * made.ringEntries );
+   made.journal = takeWords( end, lfibJournalWords );
    made.words = end;
    return made;
 }
@@ -148,6 +150,7 @@ std::string LfibLayout::read( std::span< const std::byte > region ) {
    }
    ring = placed[ringWord];
    ringEntries = placed[ringWord + 1];
+   journal = placed[ringWord + 2];
    return placesHold( *this ) ? std::string() : "a table does not lie within the region";
 }
 

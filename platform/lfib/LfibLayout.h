@@ -5,10 +5,14 @@
 // under a reader at any time; nothing in it is a pointer, and nothing that is read from it is used
 // before it has been checked.
 //
-// A table is an array of slots with open addressing and linear probing. The header holds how far
-// from its home any key of the table stands, which bounds every look-up. All zero bits are an empty
-// slot, so that fresh memory is an empty table; a bit for each 64 slots says where something has
-// ever been written, so that a walk leaves the rest untouched.
+// A table is an array of slots with open addressing and linear probing; a look-up ends at the first
+// empty slot. All zero bits are an empty slot, so that fresh memory is an empty table; a bit for
+// each 64 slots says where something has ever been written, so that a walk leaves the rest
+// untouched.
+//
+// The journal holds what the writer is about to write into one slot, before it marks that slot.
+// Readers that meet the slot half-written take the element from there, so a writer that is stopped
+// or killed in the middle of a write takes nothing away.
 //
 // Single labels stand in blocks of 8 neighbours, and from half of the label space on each label has
 // a home of its own: a look-up is then one cache line, present or absent, and neighbours share it.
@@ -52,7 +56,7 @@ constexpr size_t lfibTables = 12;
 
 /// What does not hold.
 enum class LfibCorruptionReason : uint8_t {
-   busy = 1,   ///< a slot that its writer did not finish in time
+   busy = 1,   ///< a slot that is being written, and could not be read in time
    check = 2,  ///< the contents are not the ones that were written
    length = 3, ///< more contents than the table's elements can have
    place = 4,  ///< an element where no look-up finds it
@@ -108,6 +112,7 @@ class LfibCheck {
       sum_ += ( word ^ factor_ >> 7 ) * factor_;
    }
    constexpr U32 value() const { return static_cast< U32 >( Vel::mixBits( sum_ ) >> 32 ); }
+   constexpr U64 digest() const { return Vel::mixBits( sum_ ); }
 
  private:
    U64 factor_ = 0x9E37'79B9'7F4A'7C15ULL;
@@ -126,6 +131,15 @@ inline U32 lfibCheck( U64 seed, U64 first, U64 second, U64 third ) {
    check.add( second );
    check.add( third );
    return check.value();
+}
+
+/// Tells contents apart: 64 bits over an element's words, its key included.
+inline U64 lfibDigest( const U64* words, U32 length ) {
+   LfibCheck check( length );
+   for ( U32 i = 0; i < length; ++i ) {
+      check.add( words[i] );
+   }
+   return check.digest();
 }
 
 // --- Geometry
@@ -152,6 +166,7 @@ constexpr std::array< LfibTableShape, lfibTables > lfibTableShapes{ {
 } };
 /// The most words of an element, with its key.
 constexpr U32 lfibMaxWords = 131;
+constexpr U64 lfibJournalWords = 2 + lfibMaxWords;
 
 /// Where one table lies. Offsets are in words from the start of the region.
 struct LfibTablePlace {
@@ -164,19 +179,20 @@ struct LfibTablePlace {
 /// Word offsets of the header.
 struct LfibHeader {
    static constexpr U64 magicValue = 0x314C'4249'464C'7056ULL;
-   static constexpr U64 versionValue = 1;
+   static constexpr U64 versionValue = 2;
    static constexpr U64 magic = 0; ///< 0 while the region is being laid out
    static constexpr U64 version = 1;
-   static constexpr U64 bytes = 2;  ///< of the whole region
-   static constexpr U64 check = 3;  ///< over words 1, 2 and the places
-   static constexpr U64 places = 8; ///< three words a table, then the ring's offset and size
-   static constexpr U64 epoch =
-      48; ///< counts publishers: a new one makes readers look at everything again
+   static constexpr U64 bytes = 2; ///< of the whole region
+   static constexpr U64 check = 3; ///< over words 1, 2 and the places
+   /// Three words a table, then the ring's offset and size, and the journal's offset.
+   static constexpr U64 places = 8;
+   /// Drawn anew by each publisher, never twice the same: another one makes readers look at
+   /// everything again.
+   static constexpr U64 epoch = 48;
    static constexpr U64 ready = 49; ///< the initial contents are complete
-   static constexpr U64 reach = 56; ///< a word a table: no key stands farther from its home
-   static constexpr U64 ringHead = 72;
-   static constexpr U64 counters = 80; ///< two words a table: elements, and changes
-   static constexpr U64 words = 104;
+   static constexpr U64 ringHead = 56;
+   static constexpr U64 counters = 64; ///< two words a table: elements, and changes
+   static constexpr U64 words = 88;
 };
 
 /// The places of everything. Read once from a header that holds, then trusted.
@@ -184,6 +200,7 @@ struct VEL_EXPORT LfibLayout {
    std::array< LfibTablePlace, lfibTables > table;
    U64 ring = 0;
    U64 ringEntries = 0; ///< a power of two; two words each
+   U64 journal = 0;     ///< table and slot, the head to come, the element
    U64 words = 0;       ///< of the whole region
 
    static LfibLayout of( const LfibCapacities& capacities );

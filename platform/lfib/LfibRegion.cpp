@@ -22,6 +22,7 @@ bool LfibReader::attach( std::span< const std::byte > region ) {
                          region.size() >= LfibHeader::words * sizeof( U64 );
    const U64* const words = reinterpret_cast< const U64* >( region.data() );
    epoch_ = readable ? lfibLoad( words + LfibHeader::epoch ) : 0;
+   patience_.forget();
    reason_ = layout_.read( region );
    if ( !reason_.empty() ) {
       return false;
@@ -30,7 +31,7 @@ bool LfibReader::attach( std::span< const std::byte > region ) {
    ring_ = LfibRing( region_, layout_ );
    for ( size_t i = 0; i < lfibTables; ++i ) {
       const auto table = static_cast< LfibTable >( i );
-      views_[i] = LfibTableView( table, region_, layout_.table[i] );
+      views_[i] = LfibTableView( table, region_, layout_, &patience_ );
    }
    return true;
 }
@@ -40,9 +41,13 @@ bool LfibReader::stale() const {
           lfibLoad( region_ + LfibHeader::epoch ) != epoch_;
 }
 
+// In a region that is being laid out anew nothing can be expected to hold. A slot that stays busy is
+// told once.
 void LfibReader::report( LfibTable table, U32 slot, U64 keyWord,
                          LfibCorruptionReason reason ) const {
-   if ( hook_ ) {
+   const bool busy = reason == LfibCorruptionReason::busy;
+   unread_ = unread_ || busy;
+   if ( hook_ && !stale() && !( busy && !patience_.givenUpAnew() ) ) {
       hook_( { lfibTableShapes[static_cast< size_t >( table )].name, slot, keyWord, reason } );
    }
 }
@@ -54,18 +59,37 @@ void LfibReader::reportRing( U64 position ) const {
    }
 }
 
+// The slot of the key, or none, and then `unread` says why.
+U32 LfibReader::find( LfibTable table, const LfibKey& key, U64* words, U32& length ) const {
+   unread_ = false;
+   if ( !attached() ) {
+      unread_ = true;
+      return LfibTableView::none;
+   }
+   const U32 slot =
+      view( table ).find( key, words, length, [&]( U32 rotten, LfibCorruptionReason reason ) {
+         report( table, rotten, key.first, reason );
+      } );
+   if ( slot == LfibTableView::none ) {
+      nullIs();
+   }
+   return slot;
+}
+
+// What is not found in a region that is not the one any more may be there.
+void LfibReader::nullIs() const {
+   unread_ = unread_ || stale();
+}
+
 template< class Value >
 Value LfibReader::valueAt( LfibTable table, U64 key ) const {
    Value value{};
-   if ( !attached() ) {
-      return value;
-   }
    std::array< U64, lfibMaxWords > words;
    U32 length = 0;
-   const U32 slot = view( table ).find(
-      { key }, words.data(), length,
-      [&]( U32 rotten, LfibCorruptionReason reason ) { report( table, rotten, key, reason ); } );
-   if ( slot != LfibTableView::none && !decode( words.data(), length, value ) ) [[unlikely]] {
+   const U32 slot = find( table, { key }, words.data(), length );
+   if ( slot != LfibTableView::none && !( keyFits( table, words.data() ) &&
+                                          decode( words.data(), length, value ) ) ) [[unlikely]] {
+      nullIs();
       report( table, slot, key, LfibCorruptionReason::value );
       value = Value();
    }
@@ -77,7 +101,8 @@ LfibRoute LfibReader::route( RouteKey key ) const {
       const LfibTableView& table = view( LfibTable::route );
       LfibTableView::Three words;
       if ( table.readThree( table.labelHome( key.topLabel().value() ), words ) &&
-           words.first == key.word() ) [[likely]] {
+           words.first == key.word() && viaSetKeyFits( words.second ) &&
+           words.third <= 0xFFFF'FFFF ) [[likely]] {
          return { key, LfibViaSetKey::fromWord( words.second ), static_cast< U32 >( words.third ) };
       }
    }
@@ -112,16 +137,9 @@ LfibEvpnVlanAwareFloodVia LfibReader::evpnVlanAwareFloodVia( LfibViaKey key ) co
 }
 
 bool LfibReader::has( LfibTable table, const LfibKey& key, U64& content ) const {
-   if ( !attached() ) {
-      return false;
-   }
    std::array< U64, lfibMaxWords > words;
    U32 length = 0;
-   const U32 slot = view( table ).find( key, words.data(), length,
-                                        [&]( U32 rotten, LfibCorruptionReason reason ) {
-                                           report( table, rotten, key.first, reason );
-                                        } );
-   if ( slot == LfibTableView::none ) {
+   if ( find( table, key, words.data(), length ) == LfibTableView::none ) {
       return false;
    }
    content = length > 2 ? words[2] : 0;
@@ -189,11 +207,17 @@ LfibReader::Met LfibReader::walkSlot( const LfibTableView& table, U32 slot, U64*
       state = table.read( slot, words, length, reason );
    }
    if ( state == LfibTableView::Slot::live ) [[likely]] {
-      if ( table.distance( table.homeOf( table.keyIn( words ) ), slot ) <= table.reach() )
-         [[likely]] {
+      const bool fits = keyFits( table.table(), words );
+      const U32 home = table.homeOf( table.keyIn( words ) );
+      if ( fits && table.reaches( home, slot ) ) [[likely]] {
          return Met::element;
       }
-      reason = LfibCorruptionReason::place;
+      const U64 key = words[0];
+      if ( fits && ( table.read( slot, words, length, reason ) != LfibTableView::Slot::live ||
+                     words[0] != key ) ) {
+         return Met::nothing; // it has been removed meanwhile, as what stood before it
+      }
+      reason = fits ? LfibCorruptionReason::place : LfibCorruptionReason::value;
    } else if ( state != LfibTableView::Slot::rotten ) {
       return Met::nothing;
    }
@@ -230,7 +254,7 @@ bool LfibReader::sliceNext( LfibTable which, U32& slot, size_t& budget, SliceKey
       --budget;
       if ( walkSlot( table, slot++, words.data(), length ) == Met::element ) {
          const U64 second = table.shape().keyWords == 2 ? words[1] : 0;
-         key = { words[0], static_cast< uint16_t >( second ) };
+         key = { words[0], static_cast< uint16_t >( second ), lfibDigest( words.data(), length ) };
          return true;
       }
    }

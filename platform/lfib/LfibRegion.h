@@ -9,9 +9,12 @@
 // A write that changes nothing is no change: nothing is written and the ring does not hear of it.
 //
 // What a reader finds not to hold is passed to its corruption hook and reads as the null value; a
-// walk over a table ends there, look-ups of everything else go on. A look-up of a slot that is
-// being written waits for the writer a bounded time, after which it counts as corrupt; when the
-// writer finishes, the ring tells of the change.
+// walk over a table ends there, look-ups of everything else go on. A slot that is being written
+// reads as what is being written.
+//
+// Null has two meanings, and `unread` says which: what is absent is not in the table, and what could
+// not be read may be. The latter is rare: a region that is being laid out anew or is no LFIB, a
+// writer that is faster than the reader for as long as the reader is patient.
 
 #pragma once
 
@@ -20,6 +23,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/lfib/LfibTable.h"
 #include "platform/values/LfibTypes.h"
@@ -40,12 +44,13 @@ enum class LfibWrite : uint8_t {
    unchanged, ///< the table holds this already, or did not hold what was to be removed
    changed,
    full,    ///< the table has as many elements as its capacity, or no free slot near the key's home
-   refused, ///< no region, a null key, or a key that does not belong into the table
+   refused, ///< no region, or what no reader would believe: a null key, a key of another table, a
+            ///< label of more than 20 bits, implicit null where a label is put on
 };
 
 /// What is known of the memory that is laid out.
 enum class LfibMemory : uint8_t {
-   used,  ///< may hold anything: every word is cleared
+   used,  ///< may hold anything: every word of the span is cleared
    zeroed ///< all zero bits, such as a fresh mapping: the pages of empty tables stay untouched
 };
 
@@ -58,8 +63,8 @@ class VEL_EXPORT LfibWriter {
    /// Lays the region out anew. Readers that are attached to it resynchronise.
    LfibWriter( std::span< std::byte > region, const LfibCapacities& capacities,
                LfibMemory memory = LfibMemory::used );
-   /// Takes over what an earlier publisher left. Slots that it was writing when it ended are
-   /// removed, and readers resynchronise.
+   /// Takes over what an earlier publisher left. The element that it was writing when it ended is
+   /// written to the end, what does not hold is removed (`dropped`), and readers resynchronise.
    explicit LfibWriter( std::span< std::byte > region );
    LfibWriter( const LfibWriter& ) = delete;
    LfibWriter& operator=( const LfibWriter& ) = delete;
@@ -67,6 +72,12 @@ class VEL_EXPORT LfibWriter {
    bool attached() const { return region_ != nullptr; }
    /// Why the region was refused; empty when it was not.
    const std::string& reason() const { return reason_; }
+
+   /// What did not hold and was removed, when the region was taken over or met later: the first
+   /// `mostDroppedKept` of it, and the count of all. The keys are those that stood in the slots.
+   const std::vector< LfibCorruption >& dropped() const { return dropped_; }
+   U64 droppedCount() const { return droppedCount_; }
+   static constexpr size_t mostDroppedKept = 1000;
 
    LfibWrite routeIs( const LfibRoute& route );
    LfibWrite routeDel( RouteKey key );
@@ -104,7 +115,6 @@ class VEL_EXPORT LfibWriter {
    struct Spot {
       U32 found = LfibTableView::none;
       U32 free = LfibTableView::none;
-      U32 freeDistance = 0;
       bool rotten = false; ///< a slot on the way does not hold
    };
 
@@ -112,14 +122,16 @@ class VEL_EXPORT LfibWriter {
    const LfibTableView& view( LfibTable table ) const {
       return views_[static_cast< size_t >( table )];
    }
-   void attach( std::span< std::byte > region );
+   bool attach( std::span< std::byte > region );
+   void epochDraw();
+   void finishJournal();
    void recover( LfibTable table );
    Spot spotOf( LfibTable table, const LfibKey& key, Words& present );
    static Spot spotIn( const LfibTableView& at, const LfibKey& key, Words& present );
+   template< class Value >
+   LfibWrite put( LfibTable table, const Value& value, LfibChange::Kind kind );
    LfibWrite put( LfibTable table, const Words& words, const LfibChange& change );
    LfibWrite take( LfibTable table, const LfibKey& key, LfibChange change );
-   template< class Via >
-   LfibWrite viaIs( LfibTable table, const Via& via );
    void slotWrite( const LfibTableView& at, U32 slot, LfibSlotHead::State state, const U64* words,
                    U32 length );
    void release( const LfibTableView& at, U32 slot );
@@ -134,13 +146,15 @@ class VEL_EXPORT LfibWriter {
    std::array< U64, lfibTables > counts_{};
    std::array< U64, lfibTables > changes_{};
    U64 ringHead_ = 0;
+   std::vector< LfibCorruption > dropped_;
+   U64 droppedCount_ = 0;
    std::string reason_;
 };
 
 /// What a walk does when it meets an element that does not hold.
 enum class LfibWalk : uint8_t { stop, skip };
 
-/// A reader's side. Cheap; holds no memory of its own.
+/// A reader's side. Holds no memory of its own but for its patience.
 class VEL_EXPORT LfibReader {
  public:
    LfibReader() = default;
@@ -155,6 +169,9 @@ class VEL_EXPORT LfibReader {
    const std::string& reason() const { return reason_; }
    /// Whether the region is no longer the one that was attached to: laid out anew, or taken over.
    bool stale() const;
+   /// Whether the last look-up that gave null could not read what is there. The key may be in the
+   /// table: what it stood for is to be kept, and looked up again. For a key that is absent, false.
+   bool unread() const { return unread_; }
    void corruptionHookIs( std::function< void( const LfibCorruption& ) > hook ) {
       hook_ = std::move( hook );
    }
@@ -204,6 +221,7 @@ class VEL_EXPORT LfibReader {
    struct SliceKey {
       U64 word = 0;
       uint16_t tag = 0;
+      U64 digest = 0; ///< `lfibDigest` of its words
    };
    /// Goes on from `slot` until it has met an element, or looked at `budget` slots. True when it
    /// met one; at the end `slot` is the number of slots. Skips what does not hold.
@@ -229,6 +247,8 @@ class VEL_EXPORT LfibReader {
    template< class Value >
    Value valueAt( LfibTable table, U64 key ) const;
    bool has( LfibTable table, const LfibKey& key, U64& content ) const;
+   U32 find( LfibTable table, const LfibKey& key, U64* words, U32& length ) const;
+   void nullIs() const;
    /// Reads one slot of a walk. What does not hold is reported.
    Met walkSlot( const LfibTableView& table, U32 slot, U64* words, U32& length ) const;
    bool countHolds( const LfibTableView& table, U64 changes, U64 met ) const;
@@ -271,13 +291,14 @@ class VEL_EXPORT LfibReader {
    }
 
    const U64* region_ = nullptr;
-   std::span< const std::byte > span_;
    U64 epoch_ = 0;
    LfibLayout layout_;
    LfibRing ring_;
    std::array< LfibTableView, lfibTables > views_;
    std::function< void( const LfibCorruption& ) > hook_;
    std::string reason_;
+   mutable LfibPatience patience_;
+   mutable bool unread_ = false;
 };
 
 } // namespace Mpls

@@ -2,7 +2,19 @@
 
 #include <limits>
 
+#include "platform/lfib/LfibCodec.h"
+
 namespace Mpls {
+
+namespace {
+
+template< class Value >
+U64 digestOfWords( const Value& value ) {
+   std::array< U64, lfibMaxWords > words;
+   return lfibDigest( words.data(), LfibCodec::encode( value, words.data() ) );
+}
+
+} // namespace
 
 LfibStatus::LfibStatus( std::string name, std::span< const std::byte > region )
    : statusName_( std::move( name ) ), region_( region ) {
@@ -12,16 +24,81 @@ LfibStatus::LfibStatus( std::string name, std::span< const std::byte > region )
          hook_( corruption );
       }
    } );
+   attach();
+}
+
+void LfibStatus::regionIs( std::span< const std::byte > region ) {
+   VEL_ASSERT_TEXT( !polling_, "!polling", "a handler moves the region", "LfibStatus",
+                    statusName_ );
+   region_ = region;
+   attach();
+}
+
+// What is found there is another publisher's, or another state of things.
+void LfibStatus::attach() {
+   started_ = false;
+   announcedBefore_ = announced_;
    reader_.attach( region_ );
 }
 
 bool LfibStatus::pollPending() const {
-   return attached() && ( !started_ || stage_ != Stage::done || reader_.stale() || ringLag() != 0 );
+   return !attached() || !started_ || stage_ != Stage::done || reader_.stale() || missed_ ||
+          walkedBlind_ || ringLag() != 0;
 }
 
 U64 LfibStatus::announced() const {
-   return attached() && !reader_.stale() ? reader_.ring().head() + 1 : 0;
+   if ( !attached() || reader_.stale() ) {
+      return 0;
+   }
+   announced_ = announcedBefore_ + reader_.ring().head() + 1;
+   return announced_;
 }
+
+// --- Look-ups
+
+U64 LfibStatus::digestOf( const LfibViaSet& viaSet ) {
+   return digestOfWords( viaSet );
+}
+
+LfibViaSet LfibStatus::lfibViaSet( LfibViaSetKey key ) const {
+   LfibViaSet viaSet = reader_.viaSet( key );
+   viaSet.null() ? learnNull( viaSets_, key ) : learn( viaSets_, key, digestOf( viaSet ) );
+   return viaSet;
+}
+
+template< class Via >
+Via LfibStatus::viaAt( Via ( LfibReader::*lookUp )( LfibViaKey ) const, LfibViaKey key ) const {
+   Via via = ( reader_.*lookUp )( key );
+   via.key.empty() ? learnNull( vias_, key ) : learn( vias_, key, digestOfWords( via ) );
+   return via;
+}
+
+LfibMplsVia LfibStatus::lfibMplsVia( LfibViaKey key ) const {
+   return viaAt( &LfibReader::mplsVia, key );
+}
+LfibExtFecVia LfibStatus::lfibExtFecVia( LfibViaKey key ) const {
+   return viaAt( &LfibReader::extFecVia, key );
+}
+LfibPwVia LfibStatus::lfibPwVia( LfibViaKey key ) const {
+   return viaAt( &LfibReader::pwVia, key );
+}
+LfibIpLookupVia LfibStatus::lfibIpLookupVia( LfibViaKey key ) const {
+   return viaAt( &LfibReader::ipLookupVia, key );
+}
+LfibVlanVia LfibStatus::lfibVlanVia( LfibViaKey key ) const {
+   return viaAt( &LfibReader::vlanVia, key );
+}
+LfibEvpnVlanAwareVia LfibStatus::lfibEvpnVlanAwareVia( LfibViaKey key ) const {
+   return viaAt( &LfibReader::evpnVlanAwareVia, key );
+}
+LfibEvpnVlanFloodVia LfibStatus::lfibEvpnVlanFloodVia( LfibViaKey key ) const {
+   return viaAt( &LfibReader::evpnVlanFloodVia, key );
+}
+LfibEvpnVlanAwareFloodVia LfibStatus::lfibEvpnVlanAwareFloodVia( LfibViaKey key ) const {
+   return viaAt( &LfibReader::evpnVlanAwareFloodVia, key );
+}
+
+// --- Polling
 
 U64 LfibStatus::ringLag() const {
    return attached() && started_ ? reader_.ring().head() - position_ : 0;
@@ -31,15 +108,20 @@ size_t LfibStatus::poll( size_t limit ) {
    VEL_ASSERT_TEXT( !polling_, "!polling", "a handler polls", "LfibStatus", statusName_ );
    const Vel::Ptr< LfibStatus > keep( this ); // a handler may release the last reference
    if ( reader_.stale() ) {
-      started_ = false;
-      if ( !reader_.attach( region_ ) ) {
+      attach();
+      if ( !attached() ) {
          return 0; // what has been announced stands until there is something to compare it with
       }
    }
-   if ( !started_ ) {
+   if ( !started_ || missed_ || walkedBlind_ ) {
       resyncStart();
    }
-   polling_ = true;
+   struct Polling {
+      explicit Polling( bool& now ) : polling( now ) { polling = true; }
+      ~Polling() { polling = false; }
+      bool& polling;
+   };
+   const Polling polling( polling_ );
    constexpr size_t most = std::numeric_limits< size_t >::max();
    size_t budget = limit > most / 32 ? most : 16 * limit + 4096;
    size_t announced = 0;
@@ -61,7 +143,6 @@ size_t LfibStatus::poll( size_t limit ) {
          ++announced;
       }
    }
-   polling_ = false;
    return announced;
 }
 
@@ -77,6 +158,11 @@ bool LfibStatus::fillBatch() {
       return true;
    }
    for ( size_t i = 0; i < batchEnd_; ++i ) {
+      if ( !LfibCodec::changeFits( batch_[i] ) ) {
+         reader_.reportRing( position_ + i );
+         resyncStart();
+         return true;
+      }
       if ( batch_[i].kind == LfibChange::Kind::route ) {
          reader_.prefetch( RouteKey::fromWord( batch_[i].keyWord ) );
       }
@@ -89,17 +175,17 @@ bool LfibStatus::fillBatch() {
 // A handler that is told of a removal may find the key in the region again already. Then its
 // look-up enters the key again, and if the ring loses what comes next, the key is not forgotten.
 void LfibStatus::announceRoute( RouteKey key, bool present ) {
-   present ? routes_.insert( key ) : routes_.erase( key );
+   announcedIs( routes_, key, present );
    notify< Reactor >( [&]( Reactor& reactor ) { reactor.onLfibRoute( key ); } );
 }
 
 void LfibStatus::announceViaSet( LfibViaSetKey key, bool present ) {
-   present ? viaSets_.insert( key ) : viaSets_.erase( key );
+   announcedIs( viaSets_, key, present );
    notify< Reactor >( [&]( Reactor& reactor ) { reactor.onLfibViaSet( key ); } );
 }
 
 void LfibStatus::announceVia( LfibViaKey key, bool present ) {
-   present ? vias_.insert( key ) : vias_.erase( key );
+   announcedIs( vias_, key, present );
    notify< Reactor >( [&]( Reactor& reactor ) { reactor.onLfibVia( key ); } );
 }
 
@@ -138,6 +224,8 @@ void LfibStatus::announce( const LfibChange& change ) {
 
 void LfibStatus::resyncStart() {
    started_ = true;
+   announceAll_ = announceAll_ || walkedBlind_;
+   missed_ = walkedBlind_ = false;
    resyncsInc();
    // In this order: a flag that is set later has an entry behind the position, and is announced
    // when it comes.
@@ -192,6 +280,7 @@ bool LfibStatus::resyncStep( size_t& budget ) {
       }
       stageIs( static_cast< Stage >( static_cast< uint8_t >( stage_ ) + 1 ) );
    }
+   announceAll_ = false;
    readyIs( resyncReady_ );
    return false;
 }
@@ -200,15 +289,17 @@ bool LfibStatus::stageStep( size_t& budget ) {
    switch ( stage_ ) {
    case Stage::goneRoutes:
       return sweep( *routePass_, budget, [this]( RouteKey key ) {
-         return !reader_.routeHas( key ) && ( announceRoute( key, false ), true );
+         return gone( routes_, key, reader_.routeHas( key ) ) &&
+                ( announceRoute( key, false ), true );
       } );
    case Stage::goneViaSets:
       return sweep( *viaSetPass_, budget, [this]( LfibViaSetKey key ) {
-         return !reader_.viaSetHas( key ) && ( announceViaSet( key, false ), true );
+         return gone( viaSets_, key, reader_.viaSetHas( key ) ) &&
+                ( announceViaSet( key, false ), true );
       } );
    case Stage::goneVias:
       return sweep( *viaPass_, budget, [this]( LfibViaKey key ) {
-         return !reader_.viaHas( key ) && ( announceVia( key, false ), true );
+         return gone( vias_, key, reader_.viaHas( key ) ) && ( announceVia( key, false ), true );
       } );
    case Stage::goneDot1q:
       sweepDot1q();
@@ -216,19 +307,25 @@ bool LfibStatus::stageStep( size_t& budget ) {
    case Stage::dot1q:
       return walk( LfibTable::dot1q, budget, [this]( const LfibReader::SliceKey& key ) {
          announceDot1q( LfibDot1qTagToVlanKey( key.word ), key.tag, true );
+         return true;
       } );
    case Stage::vias:
-      return walk( LfibTable::evpnVlanAwareFloodVia, budget,
-                   [this]( const LfibReader::SliceKey& key ) {
-                      announceVia( LfibViaKey::fromWord( key.word ), true );
-                   } );
+      return walk(
+         LfibTable::evpnVlanAwareFloodVia, budget, [this]( const LfibReader::SliceKey& key ) {
+            const LfibViaKey viaKey = LfibViaKey::fromWord( key.word );
+            return differs( vias_, viaKey, key.digest ) && ( announceVia( viaKey, true ), true );
+         } );
    case Stage::viaSets:
       return walk( LfibTable::viaSet, budget, [this]( const LfibReader::SliceKey& key ) {
-         announceViaSet( LfibViaSetKey::fromWord( key.word ), true );
+         const LfibViaSetKey viaSetKey = LfibViaSetKey::fromWord( key.word );
+         return differs( viaSets_, viaSetKey, key.digest ) &&
+                ( announceViaSet( viaSetKey, true ), true );
       } );
    case Stage::routes:
       return walk( LfibTable::deepRoute, budget, [this]( const LfibReader::SliceKey& key ) {
-         announceRoute( RouteKey::fromWord( key.word ), true );
+         const RouteKey routeKey = RouteKey::fromWord( key.word );
+         return differs( routes_, routeKey, key.digest ) &&
+                ( announceRoute( routeKey, true ), true );
       } );
    case Stage::done:
       break;
@@ -236,28 +333,43 @@ bool LfibStatus::stageStep( size_t& budget ) {
    return false;
 }
 
+// What could not be read is not gone; whoever looked for it meanwhile may have found nothing.
+template< class Known, class Key >
+bool LfibStatus::gone( Known& known, Key key, bool has ) const {
+   if ( has ) {
+      return false;
+   }
+   if ( reader_.unread() ) {
+      *known.find( key ) = unsure;
+      return false;
+   }
+   return true;
+}
+
 // Goes on over what has been announced until one key is gone.
 template< class Pass, class F >
-bool LfibStatus::sweep( Pass& pass, size_t& budget, const F& gone ) {
+bool LfibStatus::sweep( Pass& pass, size_t& budget, const F& announcedGone ) {
    for ( ; budget != 0; --budget ) {
       if ( !pass.next() ) {
          return false;
       }
-      if ( gone( pass.key() ) ) {
+      if ( announcedGone( pass.key() ) ) {
          return true;
       }
    }
    return false;
 }
 
-// Goes on over the tables from `table_` to `last` until there is a key.
+// Goes on over the tables from `table_` to `last` until a key has been announced.
 template< class F >
-bool LfibStatus::walk( LfibTable last, size_t& budget, const F& found ) {
+bool LfibStatus::walk( LfibTable last, size_t& budget, const F& announced ) {
    for ( ;; ) {
       LfibReader::SliceKey key;
       if ( reader_.sliceNext( table_, slot_, budget, key ) ) {
-         found( key );
-         return true;
+         if ( announced( key ) ) {
+            return true;
+         }
+         continue;
       }
       if ( budget == 0 || table_ == last ) {
          return false;
@@ -271,12 +383,14 @@ bool LfibStatus::walk( LfibTable last, size_t& budget, const F& found ) {
 void LfibStatus::sweepDot1q() {
    for ( const auto& [key, map] : dot1qTagToVlanColl() ) {
       if ( !reader_.dot1qTagToVlanCollHas( key ) ) {
-         dot1qTagToVlanCollDel( key );
+         if ( !reader_.unread() ) {
+            dot1qTagToVlanCollDel( key );
+         }
          continue;
       }
       const Vel::Ptr< LfibDot1qTagToVlan > kept = map;
       for ( const auto& [tag, vlan] : kept->dot1qTagToVlanId() ) {
-         if ( !reader_.dot1qTagToVlan( key, tag ) ) {
+         if ( !reader_.dot1qTagToVlan( key, tag ) && !reader_.unread() ) {
             kept->dot1qTagToVlanIdDel( tag );
          }
       }

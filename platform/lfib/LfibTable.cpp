@@ -1,19 +1,47 @@
 #include "platform/lfib/LfibTable.h"
 
 #include <algorithm>
-#include <thread>
 
 namespace Mpls {
 
-bool LfibTableView::retry( U32 attempt ) {
-   if ( attempt < quickRetries ) {
+bool LfibPatience::again( LfibTable table, U32 slot, U64 busyHead, U32 looks ) {
+   const U64 number = LfibSlotHead::place( table, slot );
+   Place& givenUp = givenUp_[Vel::mixBits( number ) % givenUp_.size()];
+   if ( busyHead != 0 && givenUp.slot == number && givenUp.head == busyHead ) {
+      givenUpAnew_ = false;
+      return false;
+   }
+   if ( looks < quickLooks ) {
       return true;
    }
-   if ( attempt < quickRetries + yieldingRetries ) {
-      std::this_thread::yield(); // the writer may be waiting for this processor
+   const Clock::time_point now = Clock::now();
+   left_ = looks == quickLooks
+              ? std::min< Clock::duration >( most, left_ + ( now - last_ ) / share )
+              : left_ - ( now - last_ );
+   last_ = now;
+   if ( left_ > Clock::duration::zero() ) {
       return true;
    }
+   left_ = Clock::duration::zero();
+   givenUp = { number, busyHead };
+   givenUpAnew_ = true;
    return false;
+}
+
+U64 LfibTableView::readJournal( U32 slot, U64 busyHead, U64* words ) const {
+   const U64* const journal = region_ + journal_;
+   const U64 head = lfibLoad( journal + 1 );
+   const auto state = static_cast< LfibSlotHead::State >( head & LfibSlotHead::stateMask );
+   const U32 length = LfibSlotHead::length( head );
+   const U64 low = head & LfibSlotHead::lowMask;
+   if ( lfibLoad( journal ) != LfibSlotHead::place( table_, slot ) || state == LfibSlotHead::busy ||
+        !fits( state, length ) || low != LfibSlotHead::next( busyHead, state, length ) ) {
+      return 0;
+   }
+   for ( U32 i = 0; i < length; ++i ) {
+      words[i] = lfibLoad( journal + 2 + i );
+   }
+   return LfibSlotHead::sealed( low, table_, slot, words ) == head ? head : 0;
 }
 
 U64 LfibRing::entryHead( U64 position, U64 low, U64 keyWord ) {

@@ -3,16 +3,24 @@
 //
 // A slot is word 0, the head, and the element behind it. The head holds the slot's state, the
 // element's length, a sequence number and a 32-bit check over all of that, the element and the
-// slot's place. A writer marks the head busy, writes the words and writes a new head. A reader
-// copies the words between two equal heads and verifies the check; it meets a busy slot again a
-// bounded number of times.
+// slot's place. A writer enters the head and the words to come into the journal, marks the slot's
+// head busy, writes the words and writes the new head. A reader copies the words between two equal
+// heads and verifies the check. Of a busy slot it takes what the journal says: the head there names
+// the table, the slot and the sequence number by its check, so that what it copies is either what is
+// being written or nothing. Then the writer has gone on, and the reader looks again.
+//
+// Looking again takes long only where the slot's writer is faster than the reader, or where a slot
+// is busy that the journal does not know, which no writer of this kind leaves behind. LfibPatience
+// bounds it by the clock.
 //
 // A removed slot stays a stone that probing steps over until it is used again; it becomes empty as
 // soon as the slot behind it is. Nothing ever moves, so a reader cannot miss a key that stays.
 
 #pragma once
 
+#include <array>
 #include <bit>
+#include <chrono>
 #include <span>
 
 #include "platform/lfib/LfibLayout.h"
@@ -40,6 +48,10 @@ struct LfibSlotHead {
       const U64 sequence = ( head & lowMask & ~( sequenceStep - 1 ) ) + sequenceStep;
       return ( sequence & lowMask ) | U64{ length } << lengthShift | state;
    }
+   /// A slot among those of all tables.
+   static U64 place( LfibTable table, U32 slot ) {
+      return U64{ slot } | static_cast< U64 >( table ) << 32;
+   }
    static U64 seed( U64 low, LfibTable table, U32 slot ) {
       return low ^ U64 { slot } << 32 ^ static_cast< U64 >( table ) << 58;
    }
@@ -48,25 +60,55 @@ struct LfibSlotHead {
    }
 };
 
-/// A table as a reader sees it.
+/// The time that all look-ups of a reader together spend on slots that cannot be read: 200
+/// microseconds at once, of which 2% of the time that passes come back. A slot that was given up on
+/// is answered at once until its head, or the epoch, is another. Nobody gives up the processor,
+/// which may take a scheduler's slice to come back.
+class VEL_EXPORT LfibPatience {
+ public:
+   static constexpr std::chrono::microseconds most{ 200 };
+   static constexpr int share = 50;
+   /// Looks that cost no reading of the clock.
+   static constexpr U32 quickLooks = 64;
+
+   /// Whether to look again. `busyHead` is 0 for a slot that is not busy but changes at each look.
+   bool again( LfibTable table, U32 slot, U64 busyHead, U32 looks );
+   /// Whether the slot that was given up on last had not been given up on before.
+   bool givenUpAnew() const { return givenUpAnew_; }
+   /// Another epoch.
+   void forget() { givenUp_ = {}; }
+
+ private:
+   using Clock = std::chrono::steady_clock;
+   struct Place {
+      U64 slot = ~U64{ 0 };
+      U64 head = 0;
+   };
+   std::array< Place, 64 > givenUp_; // by the slot's number
+   Clock::time_point last_;
+   Clock::duration left_ = most;
+   bool givenUpAnew_ = false;
+};
+
+/// A table as a reader sees it. Without patience, as its writer sees it: what is busy is left over.
 class LfibTableView {
  public:
-   /// No look-up goes farther from a key's home.
+   /// No key stands farther from its home.
    static constexpr U32 maxReach = 1023;
-   /// How often a busy slot is met again: at once, then giving up the processor in between.
-   static constexpr U32 quickRetries = 64;
-   static constexpr U32 yieldingRetries = 512;
 
    static constexpr U32 none = 0xFFFF'FFFF;
 
    enum class Slot : uint8_t { empty, live, removed, rotten };
 
    LfibTableView() = default;
-   LfibTableView( LfibTable table, const U64* region, const LfibTablePlace& place )
+   LfibTableView( LfibTable table, const U64* region, const LfibLayout& layout,
+                  LfibPatience* patience = nullptr )
       : region_( region ),
         table_( table ),
-        place_( place ),
-        shape_( lfibTableShapes[static_cast< size_t >( table )] ) {}
+        place_( layout.table[static_cast< size_t >( table )] ),
+        shape_( lfibTableShapes[static_cast< size_t >( table )] ),
+        journal_( layout.journal ),
+        patience_( patience ) {}
 
    LfibTable table() const { return table_; }
    const LfibTableShape& shape() const { return shape_; }
@@ -100,10 +142,12 @@ class LfibTableView {
       const U64 block = label / 8 * 0x9E37'79B9'7F4A'7C15ULL >> ( 67 - std::bit_width( mask() ) );
       return static_cast< U32 >( block ) * 8 + label % 8;
    }
+   /// How far from its home a key may stand. Where all labels fit, each has a home of its own.
    U32 reach() const {
-      const U64 stored = lfibLoad( region_ + LfibHeader::reach + static_cast< U64 >( table_ ) );
-      const U32 most = place_.slotCount - 1 < maxReach ? place_.slotCount - 1 : maxReach;
-      return stored < most ? static_cast< U32 >( stored ) : most;
+      if ( table_ == LfibTable::route && place_.slotCount >= labelSpace ) {
+         return 0;
+      }
+      return place_.slotCount - 1 < maxReach ? place_.slotCount - 1 : maxReach;
    }
    U64 elements() const { return lfibLoad( region_ + counter() ); }
    U64 changes() const { return lfibLoad( region_ + counter() + 1 ); }
@@ -132,16 +176,18 @@ class LfibTableView {
    /// A consistent copy of a slot's words, verified. `words` takes `shape().slotWords - 1` words.
    Slot read( U32 slot, U64* words, U32& length, LfibCorruptionReason& reason ) const {
       const U64* const at = slotAt( slot );
-      for ( U32 attempt = 0;; ++attempt ) {
+      for ( U32 looks = 1;; ++looks ) {
          const U64 head = lfibLoad( at );
          if ( head == 0 ) {
             return Slot::empty;
          }
-         const auto state = static_cast< LfibSlotHead::State >( head & LfibSlotHead::stateMask );
-         length = LfibSlotHead::length( head );
-         const bool fits = length < shape_.slotWords &&
-                           ( state != LfibSlotHead::live || length >= shape_.keyWords );
-         if ( state != LfibSlotHead::busy && fits ) [[likely]] {
+         const U64 state = head & LfibSlotHead::stateMask;
+         if ( state != LfibSlotHead::busy ) [[likely]] {
+            length = LfibSlotHead::length( head );
+            if ( !fits( state, length ) ) {
+               reason = LfibCorruptionReason::length;
+               return Slot::rotten;
+            }
             for ( U32 i = 0; i < length; ++i ) {
                words[i] = lfibLoad( at + 1 + i );
             }
@@ -151,20 +197,33 @@ class LfibTableView {
                   reason = LfibCorruptionReason::check;
                   return Slot::rotten;
                }
-               return state == LfibSlotHead::live      ? Slot::live
-                      : state == LfibSlotHead::removed ? Slot::removed
-                                                       : Slot::empty;
+               return slotOf( state );
             }
-         } else if ( state != LfibSlotHead::busy ) {
-            reason = LfibCorruptionReason::length;
-            return Slot::rotten;
+         } else if ( const U64 coming = readJournal( slot, head, words ); coming != 0 ) {
+            length = LfibSlotHead::length( coming );
+            return slotOf( coming & LfibSlotHead::stateMask );
          }
-         if ( !retry( attempt ) ) {
+         if ( !lookAgain( slot, state == LfibSlotHead::busy ? head : 0, looks ) ) {
             reason = LfibCorruptionReason::busy;
             return Slot::rotten;
          }
       }
    }
+
+   /// Whether a look-up that begins at `home` comes as far as `slot`.
+   bool reaches( U32 home, U32 slot ) const {
+      if ( distance( home, slot ) > reach() ) {
+         return false;
+      }
+      while ( home != slot && !ends( home ) ) {
+         home = after( home );
+      }
+      return home == slot;
+   }
+
+   /// The head and the words that are being written into a slot with that busy head; 0 when the
+   /// journal does not hold them.
+   VEL_EXPORT U64 readJournal( U32 slot, U64 busyHead, U64* words ) const;
 
    /// Finds a key and copies its element: the slot, or `none`. What does not hold on the way is
    /// passed to `rotten` and stepped over.
@@ -208,14 +267,33 @@ class LfibTableView {
  private:
    static constexpr U32 labelSpace = 1U << 20;
    U32 mask() const { return place_.slotCount - 1; }
-   /// Waits a little; false when that has been done often enough.
-   VEL_EXPORT static bool retry( U32 attempt );
+   bool fits( U64 state, U32 length ) const {
+      return length < shape_.slotWords &&
+             ( state != LfibSlotHead::live || length >= shape_.keyWords );
+   }
+   static Slot slotOf( U64 state ) {
+      return state == LfibSlotHead::live      ? Slot::live
+             : state == LfibSlotHead::removed ? Slot::removed
+                                              : Slot::empty;
+   }
+   /// Whether a look-up ends at the slot: nothing stands behind it.
+   bool ends( U32 slot ) const {
+      const U64 head = lfibLoad( slotAt( slot ) );
+      const U64 low = head & LfibSlotHead::lowMask;
+      return head == 0 || ( ( low & ( LfibSlotHead::sequenceStep - 1 ) ) == LfibSlotHead::empty &&
+                            LfibSlotHead::sealed( low, table_, slot, nullptr ) == head );
+   }
+   bool lookAgain( U32 slot, U64 busyHead, U32 looks ) const {
+      return patience_ ? patience_->again( table_, slot, busyHead, looks ) : false;
+   }
    U64 counter() const { return LfibHeader::counters + 2 * static_cast< U64 >( table_ ); }
 
    const U64* region_ = nullptr;
    LfibTable table_ = LfibTable::route;
    LfibTablePlace place_;
    LfibTableShape shape_{ {}, 1, 4 };
+   U64 journal_ = 0;
+   LfibPatience* patience_ = nullptr;
 };
 
 // --- The ring

@@ -64,8 +64,12 @@ LfibTrackingSm::LfibTrackingSm( std::string name, Vel::Ptr< const LfibStatus > l
 
 LfibTrackingSm::~LfibTrackingSm() = default;
 
+// Of what cannot be read, what was read before stands: it is announced again when it can.
 void LfibTrackingSm::handleRoute( RouteKey key ) {
-   routeIs( key, lfib_->lfibRoute( key ) );
+   const LfibRoute route = lfib_->lfibRoute( key );
+   if ( !!route || !lfib_->unread() ) {
+      routeIs( key, route );
+   }
 }
 
 void LfibTrackingSm::routeIs( RouteKey key, const LfibRoute& route ) {
@@ -76,7 +80,10 @@ void LfibTrackingSm::routeIs( RouteKey key, const LfibRoute& route ) {
 }
 
 void LfibTrackingSm::handleViaSet( LfibViaSetKey key ) {
-   viasOfViaSetIs( key, lfib_->lfibViaSet( key ) );
+   const LfibViaSet viaSet = lfib_->lfibViaSet( key );
+   if ( !viaSet.null() || !lfib_->unread() ) {
+      viasOfViaSetIs( key, viaSet );
+   }
    backlogIs( key );
 }
 

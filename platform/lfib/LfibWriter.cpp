@@ -1,4 +1,7 @@
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <random>
 
 #include "platform/lfib/LfibCodec.h"
 #include "platform/lfib/LfibRegion.h"
@@ -13,6 +16,20 @@ constexpr Bridging::VlanId maxTag = 4095; // IEEE 802.1Q: 12 bits
 
 LfibChange changeOf( LfibChange::Kind kind, U64 keyWord, uint16_t tag = 0 ) {
    return { kind, false, tag, keyWord };
+}
+
+// A number that no publisher has drawn before, on this machine or after its next start: a count
+// would come back to what a reader knows when the region is cleared.
+U64 epochUnlike( U64 before ) {
+   static std::atomic< U64 > drawn = 0;
+   std::random_device random; // where it is not random, the clock and the count still differ
+   const auto now = std::chrono::system_clock::now().time_since_epoch().count();
+   U64 epoch = Vel::mixBits( static_cast< U64 >( now ) + Vel::mixBits( ++drawn ) ) ^
+               ( U64{ random() } << 32 | random() );
+   while ( epoch == before || epoch == 0 ) {
+      ++epoch;
+   }
+   return epoch;
 }
 
 } // namespace
@@ -41,41 +58,71 @@ LfibWriter::LfibWriter( std::span< std::byte > region, const LfibCapacities& cap
       return;
    }
    U64* const words = reinterpret_cast< U64* >( region.data() );
-   const U64 epoch = lfibLoad( words + LfibHeader::epoch );
+   const U64 before = lfibLoad( words + LfibHeader::epoch );
    if ( memory == LfibMemory::used ) {
-      for ( U64 i = LfibHeader::magic; i < layout.words; ++i ) {
+      // All of the span: readers that still know a larger layout must not find its elements.
+      for ( U64 i = LfibHeader::magic; i < region.size() / sizeof( U64 ); ++i ) {
          lfibStore( words + i, 0 );
       }
    }
    layout.write( words );
-   lfibStore( words + LfibHeader::epoch, epoch ); // attaching counts it up
+   lfibStore( words + LfibHeader::epoch, epochUnlike( before ) );
    lfibStore( words + LfibHeader::magic, LfibHeader::magicValue );
    attach( region );
 }
 
 LfibWriter::LfibWriter( std::span< std::byte > region ) {
-   attach( region );
-   if ( attached() ) {
+   if ( attach( region ) ) {
+      finishJournal();
       for ( size_t i = 0; i < lfibTables; ++i ) {
          recover( static_cast< LfibTable >( i ) );
       }
+      epochDraw();
    }
 }
 
-void LfibWriter::attach( std::span< std::byte > region ) {
+bool LfibWriter::attach( std::span< std::byte > region ) {
    reason_ = layout_.read( region );
    if ( !reason_.empty() ) {
-      return;
+      return false;
    }
    region_ = reinterpret_cast< U64* >( region.data() );
    ring_ = LfibRing( region_, layout_ );
    ringHead_ = ring_.head();
    for ( size_t i = 0; i < lfibTables; ++i ) {
       const auto table = static_cast< LfibTable >( i );
-      views_[i] = LfibTableView( table, region_, layout_.table[i] );
+      views_[i] = LfibTableView( table, region_, layout_ );
       changes_[i] = views_[i].changes() & ~U64{ 1 };
    }
-   lfibStore( region_ + LfibHeader::epoch, lfibLoad( region_ + LfibHeader::epoch ) + 1 );
+   return true;
+}
+
+// Readers look at everything again.
+void LfibWriter::epochDraw() {
+   lfibStore( region_ + LfibHeader::epoch, epochUnlike( lfibLoad( region_ + LfibHeader::epoch ) ) );
+}
+
+// Readers have taken the element that an ended publisher was writing for written.
+void LfibWriter::finishJournal() {
+   const U64 place = lfibLoad( region_ + layout_.journal );
+   const U64 table = place >> 32;
+   const auto slot = static_cast< U32 >( place );
+   if ( table >= lfibTables || slot >= views_[table].place().slotCount ) {
+      return;
+   }
+   const LfibTableView& at = views_[table];
+   U64* const to = region_ + at.place().slots + U64{ slot } * at.shape().slotWords;
+   const U64 busy = lfibLoad( to );
+   Words words;
+   const U64 head = ( busy & LfibSlotHead::stateMask ) == LfibSlotHead::busy
+                       ? at.readJournal( slot, busy, words.at.data() )
+                       : 0;
+   if ( head != 0 ) {
+      for ( U32 i = 0; i < LfibSlotHead::length( head ); ++i ) {
+         lfibStore( to + 1 + i, words.at[i] );
+      }
+      lfibStore( to, head );
+   }
 }
 
 // Removes what does not hold, and counts anew.
@@ -84,21 +131,21 @@ void LfibWriter::recover( LfibTable table ) {
    Words words;
    LfibCorruptionReason reason{};
    U64 count = 0;
-   U64 reach = 0;
    changeBegins( table );
    for ( U32 slot = at.nextUsed( 0 ); slot < at.place().slotCount;
          slot = at.nextUsed( slot + 1 ) ) {
+      words.at[0] = 0;
       const auto state = at.read( slot, words.at.data(), words.length, reason );
       if ( state == LfibTableView::Slot::live ) {
          ++count;
-         reach =
-            std::max< U64 >( reach, at.distance( at.homeOf( at.keyIn( words.at.data() ) ), slot ) );
       } else if ( state == LfibTableView::Slot::rotten ) {
+         if ( ++droppedCount_ <= mostDroppedKept ) {
+            dropped_.push_back( { at.shape().name, slot, words.at[0], reason } );
+         }
          slotWrite( at, slot, LfibSlotHead::removed, nullptr, 0 );
       }
    }
    counts_[static_cast< size_t >( table )] = count;
-   lfibStore( region_ + LfibHeader::reach + static_cast< U64 >( table ), reach );
    changeEnds( table, 0 );
 }
 
@@ -107,13 +154,20 @@ void LfibWriter::recover( LfibTable table ) {
 void LfibWriter::slotWrite( const LfibTableView& at, U32 slot, LfibSlotHead::State state,
                             const U64* words, U32 length ) {
    U64* const to = region_ + at.place().slots + U64{ slot } * at.shape().slotWords;
+   U64* const journal = region_ + layout_.journal;
    const U64 busy = LfibSlotHead::next( lfibLoad( to ), LfibSlotHead::busy, 0 );
+   const U64 low = LfibSlotHead::next( busy, state, length );
+   const U64 head = LfibSlotHead::sealed( low, at.table(), slot, words );
+   lfibStore( journal, LfibSlotHead::place( at.table(), slot ) );
+   lfibStore( journal + 1, head );
+   for ( U32 i = 0; i < length; ++i ) {
+      lfibStore( journal + 2 + i, words[i] );
+   }
    lfibStore( to, busy );
    for ( U32 i = 0; i < length; ++i ) {
       lfibStore( to + 1 + i, words[i] );
    }
-   const U64 low = LfibSlotHead::next( busy, state, length );
-   lfibStore( to, LfibSlotHead::sealed( low, at.table(), slot, words ) );
+   lfibStore( to, head );
 }
 
 void LfibWriter::ringAdd( const LfibChange& change ) {
@@ -137,6 +191,7 @@ LfibWriter::Spot LfibWriter::spotOf( LfibTable table, const LfibKey& key, Words&
    Spot spot = spotIn( view( table ), key, present );
    if ( spot.rotten ) [[unlikely]] {
       recover( table ); // it may have been the key
+      epochDraw();      // or another one that readers know
       spot = spotIn( view( table ), key, present );
    }
    return spot;
@@ -144,14 +199,10 @@ LfibWriter::Spot LfibWriter::spotOf( LfibTable table, const LfibKey& key, Words&
 
 LfibWriter::Spot LfibWriter::spotIn( const LfibTableView& at, const LfibKey& key, Words& present ) {
    const U32 home = at.homeOf( key );
-   const U32 reach = at.reach();
-   const U32 last = std::min( at.place().slotCount - 1, LfibTableView::maxReach );
+   const U32 last = at.reach();
    Spot spot;
    U32 slot = home;
    for ( U32 probe = 0; probe <= last; ++probe, slot = at.after( slot ) ) {
-      if ( probe > reach && spot.free != LfibTableView::none ) {
-         break;
-      }
       LfibCorruptionReason reason{};
       const auto state = at.read( slot, present.at.data(), present.length, reason );
       if ( state == LfibTableView::Slot::live ) {
@@ -163,7 +214,6 @@ LfibWriter::Spot LfibWriter::spotIn( const LfibTableView& at, const LfibKey& key
       }
       if ( spot.free == LfibTableView::none ) {
          spot.free = slot;
-         spot.freeDistance = probe;
       }
       if ( state == LfibTableView::Slot::rotten ) {
          spot.rotten = true;
@@ -195,9 +245,6 @@ LfibWrite LfibWriter::put( LfibTable table, const Words& words, const LfibChange
       return LfibWrite::full;
    }
    changeBegins( table );
-   if ( spot.freeDistance > at.reach() ) {
-      lfibStore( region_ + LfibHeader::reach + static_cast< U64 >( table ), spot.freeDistance );
-   }
    U64* const used = region_ + at.place().used + spot.free / 4096;
    const U64 bit = U64{ 1 } << spot.free / 64 % 64;
    if ( const U64 groups = lfibLoad( used ); ( groups & bit ) == 0 ) {
@@ -246,13 +293,20 @@ void LfibWriter::release( const LfibTableView& at, U32 slot ) {
 
 // --- Writer: values
 
-LfibWrite LfibWriter::routeIs( const LfibRoute& route ) {
-   if ( !route ) {
+// Refuses what no reader would believe.
+template< class Value >
+LfibWrite LfibWriter::put( LfibTable table, const Value& value, LfibChange::Kind kind ) {
+   Words words;
+   words.length = encode( value, words.at.data() );
+   Value read;
+   if ( !keyFits( table, words.at.data() ) || !decode( words.at.data(), words.length, read ) ) {
       return LfibWrite::refused;
    }
-   Words words;
-   words.length = encode( route, words.at.data() );
-   return put( tableOf( route.routeKey ), words, changeOf( LfibChange::Kind::route, words.at[0] ) );
+   return put( table, words, changeOf( kind, words.at[0] ) );
+}
+
+LfibWrite LfibWriter::routeIs( const LfibRoute& route ) {
+   return put( tableOf( route.routeKey ), route, LfibChange::Kind::route );
 }
 
 LfibWrite LfibWriter::routeDel( RouteKey key ) {
@@ -260,12 +314,7 @@ LfibWrite LfibWriter::routeDel( RouteKey key ) {
 }
 
 LfibWrite LfibWriter::viaSetIs( const LfibViaSet& viaSet ) {
-   if ( viaSet.null() ) {
-      return LfibWrite::refused;
-   }
-   Words words;
-   words.length = encode( viaSet, words.at.data() );
-   return put( LfibTable::viaSet, words, changeOf( LfibChange::Kind::viaSet, words.at[0] ) );
+   return put( LfibTable::viaSet, viaSet, LfibChange::Kind::viaSet );
 }
 
 LfibWrite LfibWriter::viaSetDel( LfibViaSetKey key ) {
@@ -273,39 +322,29 @@ LfibWrite LfibWriter::viaSetDel( LfibViaSetKey key ) {
                 changeOf( LfibChange::Kind::viaSet, key.word() ) );
 }
 
-template< class Via >
-LfibWrite LfibWriter::viaIs( LfibTable table, const Via& via ) {
-   if ( via.key.empty() || via.key.viaType() != viaTypeOf( table ) ) {
-      return LfibWrite::refused;
-   }
-   Words words;
-   words.length = encode( via, words.at.data() );
-   return put( table, words, changeOf( LfibChange::Kind::via, words.at[0] ) );
-}
-
 LfibWrite LfibWriter::mplsViaIs( const LfibMplsVia& via ) {
-   return viaIs( LfibTable::mplsVia, via );
+   return put( LfibTable::mplsVia, via, LfibChange::Kind::via );
 }
 LfibWrite LfibWriter::extFecViaIs( const LfibExtFecVia& via ) {
-   return viaIs( LfibTable::extFecVia, via );
+   return put( LfibTable::extFecVia, via, LfibChange::Kind::via );
 }
 LfibWrite LfibWriter::pwViaIs( const LfibPwVia& via ) {
-   return viaIs( LfibTable::pwVia, via );
+   return put( LfibTable::pwVia, via, LfibChange::Kind::via );
 }
 LfibWrite LfibWriter::ipLookupViaIs( const LfibIpLookupVia& via ) {
-   return viaIs( LfibTable::ipLookupVia, via );
+   return put( LfibTable::ipLookupVia, via, LfibChange::Kind::via );
 }
 LfibWrite LfibWriter::vlanViaIs( const LfibVlanVia& via ) {
-   return viaIs( LfibTable::vlanVia, via );
+   return put( LfibTable::vlanVia, via, LfibChange::Kind::via );
 }
 LfibWrite LfibWriter::evpnVlanAwareViaIs( const LfibEvpnVlanAwareVia& via ) {
-   return viaIs( LfibTable::evpnVlanAwareVia, via );
+   return put( LfibTable::evpnVlanAwareVia, via, LfibChange::Kind::via );
 }
 LfibWrite LfibWriter::evpnVlanFloodViaIs( const LfibEvpnVlanFloodVia& via ) {
-   return viaIs( LfibTable::evpnVlanFloodVia, via );
+   return put( LfibTable::evpnVlanFloodVia, via, LfibChange::Kind::via );
 }
 LfibWrite LfibWriter::evpnVlanAwareFloodViaIs( const LfibEvpnVlanAwareFloodVia& via ) {
-   return viaIs( LfibTable::evpnVlanAwareFloodVia, via );
+   return put( LfibTable::evpnVlanAwareFloodVia, via, LfibChange::Kind::via );
 }
 
 LfibWrite LfibWriter::viaDel( LfibViaKey key ) {

@@ -306,5 +306,43 @@ TEST_F( Route, inACorruptSlotReadsAsAbsentAndTheRestGoesOn ) {
    EXPECT_EQ( rig.hardware->routes(), 32U );
 }
 
+/// The region goes away under the state machine, as when a publisher is stopped while it lays it
+/// out. What is in hardware stays, follows its next hop, and the LFIB when that is back.
+TEST( RouteUnread, staysUntilTheLfibCanBeReadAgain ) {
+   for ( const bool withFecs : { false, true } ) {
+      SCOPED_TRACE( withFecs );
+      LabelRig rig( { .withFecs = withFecs } );
+      addRoutes( rig, 3 );
+      rig.settle();
+      ASSERT_EQ( rig.hardware->routes(), 3U );
+      const auto macOf = [&]( U32 label ) {
+         const auto frames = rig.hardware->forward( LabelRig::vrfId, frameOf( label ) ).frames;
+         return frames.empty() ? 0 : frames[0].bytes[5];
+      };
+      const std::byte magic = std::exchange( rig.memory[0], std::byte{ 0 } );
+      rig.l3.neighborIs( "10.0.0.1", 1, 0x020000000009 );
+      rig.sm->doForceRouteReprogramming();
+      rig.sm->handleLFibRoute( key( 17 ) );
+      rig.sm->handleLFibViaSet( viaSetKey( 2 ) );
+      for ( int i = 0; i < 3; ++i ) {
+         rig.settle( 2 );
+         EXPECT_EQ( rig.hardware->routes(), 3U );
+         EXPECT_EQ( rig.leavesBy( 16 ), "1/100" );
+         EXPECT_EQ( rig.leavesBy( 17 ), "1/101" );
+         EXPECT_EQ( macOf( 16 ), 9 );
+      }
+      EXPECT_NE( rig.sm->counters()->lfibUnread(), 0U );
+      EXPECT_NE( rig.sm->unreadRoutes(), 0U );
+      rig.viaSetIs( 1, { swapVia( 1, "10.0.0.1", 1, 200 ) } );
+      rig.routeDel( 18 );
+      rig.memory[0] = magic;
+      rig.settle( 2 );
+      EXPECT_EQ( rig.leavesBy( 16 ), "1/200" );
+      EXPECT_EQ( rig.leavesBy( 17 ), "1/101" );
+      EXPECT_EQ( rig.hardware->routes(), 2U );
+      EXPECT_EQ( rig.sm->unreadRoutes() + rig.sm->unreadViaSets(), 0U );
+   }
+}
+
 } // namespace
 } // namespace Vel::Test

@@ -49,9 +49,7 @@ struct Region {
       reader.corruptionHookIs( [this]( const LfibCorruption& c ) { corruptions.push_back( c ); } );
    }
    std::span< std::byte > bytes() { return std::as_writable_bytes( std::span( words ) ); }
-   LfibTableView view( LfibTable table ) {
-      return { table, words.data(), layout.table[static_cast< size_t >( table )] };
-   }
+   LfibTableView view( LfibTable table ) { return { table, words.data(), layout }; }
    /// The slot in which the key stands.
    U32 slotOf( LfibTable table, U64 key ) {
       std::array< U64, lfibMaxWords > element;
@@ -69,6 +67,15 @@ struct Region {
       const U64 low =
          LfibSlotHead::next( at[0], LfibSlotHead::live, static_cast< U32 >( element.size() ) );
       at[0] = LfibSlotHead::sealed( low, table, slot, element.data() );
+   }
+
+   /// The slot as the writer leaves it when it is killed after so many words of what it has written
+   /// into the slot last; `before` is what stood there.
+   void killedAfter( LfibTable table, U32 slot, const std::vector< U64 >& before, size_t done ) {
+      U64* const at = slotAt( table, slot );
+      std::copy( before.begin() + static_cast< ptrdiff_t >( 1 + done ), before.end(),
+                 at + 1 + done );
+      at[0] = LfibSlotHead::next( before[0], LfibSlotHead::busy, 0 );
    }
 
    std::vector< U64 > words;

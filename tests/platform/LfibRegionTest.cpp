@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <set>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/Seed.h"
@@ -106,6 +108,16 @@ TEST( LfibRegion, refusesWhatDoesNotBelong ) {
    EXPECT_EQ( region.writer.viaDel( viaKey( 1, viaTypeEvpnEthernetSegment ) ), LfibWrite::refused );
    EXPECT_EQ( region.writer.dot1qTagToVlanIs( LfibDot1qTagToVlanKey( 1 ), 4096, {} ),
               LfibWrite::refused );
+   LfibMplsVia via = mplsViaOf( 1, 1 );
+   for ( const auto& [action, label] :
+         { std::pair( MplsLabelAction::swap, MplsLabel::implicitNull ),
+           std::pair( MplsLabelAction::push, MplsLabel::implicitNull ),
+           std::pair( MplsLabelAction::swap, MplsLabel::nullValue ) } ) {
+      via.labelAction = action;
+      via.labelStack = { label };
+      EXPECT_EQ( region.writer.mplsViaIs( via ), LfibWrite::refused ) << label;
+   }
+   EXPECT_EQ( region.writer.routeIs( { RouteKey( 16 ), {}, 0 } ), LfibWrite::refused );
    EXPECT_EQ( region.reader.ring().head(), 0 );
 }
 
@@ -271,6 +283,34 @@ TEST( LfibRegion, damagedSlotReadsNullAndOthersGoOn ) {
         []( Region& r, LfibTable t, U32 s ) {
            r.forge( t, s, { viaKey( 3 ).word(), 0, 0, 0, 4U << 8 } );
         } },
+      { "via: whole, swap to implicit null", via, value,
+        []( Region& r, LfibTable t, U32 s ) {
+           r.forge( t, s, { viaKey( 3 ).word(), 0, 0, 0, 2U << 8 | U64{ 1 } << 32, 3 } );
+        } },
+      { "via: whole, a label of 21 bits", via, value,
+        []( Region& r, LfibTable t, U32 s ) {
+           r.forge( t, s, { viaKey( 3 ).word(), 0, 0, 0, 3U << 8 | U64{ 1 } << 32, 1U << 20 } );
+        } },
+      { "via: whole, an IPv4 next hop of 33 bits", via, value,
+        []( Region& r, LfibTable t, U32 s ) {
+           r.forge( t, s, { viaKey( 3 ).word(), 0, U64{ 1 } << 32, 0, 4 } );
+        } },
+      { "route: whole, without a via set", route, value,
+        []( Region& r, LfibTable t, U32 s ) {
+           r.forge( t, s, { RouteKey( 300 ).word(), 0, 1 } );
+        } },
+      { "route: whole, a metric of 33 bits", route, value,
+        []( Region& r, LfibTable t, U32 s ) {
+           r.forge( t, s, { RouteKey( 300 ).word(), viaSetKey( 3 ).word(), U64{ 1 } << 32 } );
+        } },
+      { "via set: whole, names a null via", viaSet, value,
+        []( Region& r, LfibTable t, U32 s ) {
+           r.forge( t, s, { viaSetKey( 3 ).word(), 0, 1, viaKey( 1 ).word(), 0 } );
+        } },
+      { "via set: whole, its backup is no via set", viaSet, value,
+        []( Region& r, LfibTable t, U32 s ) {
+           r.forge( t, s, { viaSetKey( 3 ).word(), 5, 1, viaKey( 1 ).word() } );
+        } },
    };
    for ( const Case& one : cases ) {
       SCOPED_TRACE( one.name );
@@ -370,7 +410,7 @@ TEST( LfibRegion, headerThatDoesNotHoldIsRefused ) {
    EXPECT_TRUE( refused( good.bytes().first( 64 ) ) );
    EXPECT_TRUE( refused( good.bytes().first( size - 8 ) ) );
    EXPECT_TRUE( refused( good.bytes().subspan( 4, size - 8 ) ) );
-   for ( U64 word = 0; word < LfibHeader::places + 3 * lfibTables + 2; ++word ) {
+   for ( U64 word = 0; word < LfibHeader::places + 3 * lfibTables + 3; ++word ) {
       if ( word > LfibHeader::check && word < LfibHeader::places ) {
          continue; // unused
       }
@@ -406,6 +446,8 @@ TEST( LfibRegion, nextPublisherTakesOverWhatTheLastOneLeft ) {
    ASSERT_TRUE( next.attached() );
    EXPECT_TRUE( region.reader.stale() );
    EXPECT_EQ( next.routes(), 19 );
+   ASSERT_EQ( next.dropped().size(), 1 );
+   EXPECT_EQ( next.dropped()[0].slot, slot );
    EXPECT_TRUE( next.ready() );
    region.corruptions.clear();
    size_t walked = 0;
@@ -416,6 +458,57 @@ TEST( LfibRegion, nextPublisherTakesOverWhatTheLastOneLeft ) {
    EXPECT_EQ( next.routeDel( RouteKey( 35 ) ), LfibWrite::changed );
    EXPECT_EQ( region.reader.routes(), 19 );
    EXPECT_TRUE( region.corruptions.empty() );
+}
+
+/// Wherever a writer is killed in the middle of a write: readers have the element as it was to be,
+/// nobody waits, and the next publisher writes it to the end.
+TEST( LfibRegion, aWriteThatWasCutShortIsTakenForDone ) {
+   for ( const bool removal : { false, true } ) {
+      for ( size_t done = 0; done <= 7; ++done ) {
+         SCOPED_TRACE( done );
+         Region region;
+         region.writer.viaSetIs( viaSetOf( 1, 4, 10 ) );
+         region.writer.viaSetIs( viaSetOf( 2, 4, 20 ) );
+         const U32 slot = region.slotOf( LfibTable::viaSet, viaSetKey( 1 ).word() );
+         const U64* const at = region.slotAt( LfibTable::viaSet, slot );
+         const std::vector< U64 > before( at, at + 8 );
+         const LfibViaSet meant = removal ? LfibViaSet() : viaSetOf( 1, 4, 30 );
+         removal ? region.writer.viaSetDel( viaSetKey( 1 ) ) : region.writer.viaSetIs( meant );
+         region.killedAfter( LfibTable::viaSet, slot, before, removal ? 0 : done );
+         EXPECT_EQ( region.reader.viaSet( viaSetKey( 1 ) ), meant );
+         EXPECT_FALSE( region.reader.unread() );
+         LfibWriter next( region.bytes() );
+         EXPECT_EQ( next.droppedCount(), 0 );
+         EXPECT_EQ( next.viaSets(), removal ? 1 : 2 );
+         EXPECT_EQ( region.reader.viaSet( viaSetKey( 1 ) ), meant );
+         EXPECT_EQ( region.reader.viaSet( viaSetKey( 2 ) ), viaSetOf( 2, 4, 20 ) );
+         EXPECT_EQ( next.viaSetIs( viaSetOf( 1, 4, 40 ) ), LfibWrite::changed );
+         EXPECT_EQ( region.reader.viaSet( viaSetKey( 1 ) ), viaSetOf( 1, 4, 40 ) );
+         EXPECT_TRUE( region.corruptions.empty() );
+      }
+   }
+}
+
+/// Slots that stay busy, which no writer leaves behind, cost all look-ups together little.
+TEST( LfibRegion, aSlotThatStaysBusyStallsNobody ) {
+   Region region;
+   region.writer.viaSetIs( viaSetOf( 1, 4, 10 ) );
+   region.writer.viaSetIs( viaSetOf( 2, 4, 10 ) );
+   const U32 slot = region.slotOf( LfibTable::viaSet, viaSetKey( 1 ).word() );
+   U64* const at = region.slotAt( LfibTable::viaSet, slot );
+   const U64 head = std::exchange( at[0], at[0] | LfibSlotHead::busy );
+   const auto begin = std::chrono::steady_clock::now();
+   for ( int i = 0; i < 1000; ++i ) {
+      ASSERT_TRUE( region.reader.viaSet( viaSetKey( 1 ) ).null() );
+      ASSERT_TRUE( region.reader.unread() );
+   }
+   EXPECT_LT( std::chrono::steady_clock::now() - begin, std::chrono::milliseconds( 100 ) );
+   EXPECT_EQ( region.corruptions.size(), 1 ); // not once a look-up
+   ASSERT_FALSE( region.reader.viaSet( viaSetKey( 2 ) ).null() );
+   ASSERT_TRUE( region.reader.viaSet( viaSetKey( 5 ) ).null() );
+   EXPECT_FALSE( region.reader.unread() ) << "absent";
+   at[0] = head;
+   EXPECT_EQ( region.reader.viaSet( viaSetKey( 1 ) ), viaSetOf( 1, 4, 10 ) );
 }
 
 /// A writer and a reader at once: every value that is read is one that was written, and nothing

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -342,6 +343,128 @@ TEST_F( LfibStatusTest, damagedSlotIsCountedToldAndLeftOut ) {
    EXPECT_TRUE( !status->lfibRoute( RouteKey( 20 ) ) );
 }
 
+/// Another publisher over the same table is no news, however it came to write it; what differs is.
+TEST_F( LfibStatusTest, aNewPublisherAnnouncesOnlyWhatDiffers ) {
+   Mirror mirror( status ); // looks at what it hears of
+   const auto write = []( LfibWriter& writer, U32 nextHop ) {
+      writer.mplsViaIs( mplsViaOf( 1, nextHop ) );
+      writer.viaSetIs( viaSetOf( 2, 1, 1 ) );
+      writer.routeIs( { RouteKey( 16 ), viaSetKey( 2 ), 0 } );
+      writer.routeIs( { RouteKey( MplsLabel( 16 ), MplsLabel( 17 ) ), viaSetKey( 2 ), 0 } );
+   };
+   write( region.writer, 9 );
+   poll();
+   log.take();
+   const U64 announced = status->announced();
+   {
+      LfibWriter next( region.bytes() );
+      poll();
+      EXPECT_THAT( log.take(), IsEmpty() );
+      EXPECT_GT( status->announced(), announced );
+      next.routeIs( { RouteKey( 18 ), viaSetKey( 2 ), 0 } );
+      poll();
+      EXPECT_THAT( log.take(), ElementsAre( "route 18" ) );
+   }
+   {
+      LfibWriter next( region.bytes(), tiny );
+      write( next, 9 );
+      poll();
+      EXPECT_THAT( log.take(), ElementsAre( "route 18" ) );
+   }
+   LfibWriter next( region.bytes(), tiny );
+   write( next, 10 );
+   poll();
+   EXPECT_THAT( log.take(), ElementsAre( "via 1" ) );
+   // What a user saw ahead of its announcement, which then never came.
+   next.mplsViaIs( mplsViaOf( 1, 11 ) );
+   EXPECT_EQ( status->lfibMplsVia( viaKey( 1 ) ).nextHop.v4(), 11 );
+   next.mplsViaIs( mplsViaOf( 1, 10 ) );
+   LfibWriter last( region.bytes() );
+   poll();
+   EXPECT_THAT( log.take(), ElementsAre( "via 1" ) );
+}
+
+/// The region is cleared and laid out by a process that knows nothing of the ones before.
+TEST_F( LfibStatusTest, aClearedRegionIsNoticedEachTime ) {
+   Mirror mirror( status );
+   for ( U32 round = 1; round < 20; ++round ) {
+      std::ranges::fill( region.words, 0 );
+      LfibWriter writer( region.bytes(), tiny, LfibMemory::zeroed );
+      for ( U32 i = 0; i < 8; ++i ) {
+         writer.routeIs( { RouteKey( 4 * round + i ), viaSetKey( 2 ), 0 } );
+      }
+      poll();
+      EXPECT_THAT( mirror.routes, SizeIs( 8 ) );
+      EXPECT_EQ( mirror.routes.begin()->first, RouteKey( 4 * round ) );
+   }
+}
+
+/// What has been announced stands while the region is away; nobody is told that it is gone.
+TEST_F( LfibStatusTest, whatCannotBeReadIsNotGone ) {
+   Mirror mirror( status );
+   region.writer.routeIs( { RouteKey( 16 ), viaSetKey( 2 ), 0 } );
+   region.writer.readyIs( true );
+   poll();
+   log.take();
+   U64& magic = region.words[LfibHeader::magic];
+   const U64 there = std::exchange( magic, 0 );
+   for ( int i = 0; i < 3; ++i ) {
+      EXPECT_TRUE( status->pollPending() );
+      EXPECT_TRUE( !status->lfibRoute( RouteKey( 17 ) ) );
+      EXPECT_TRUE( status->unread() );
+      EXPECT_FALSE( status->readable() );
+      EXPECT_EQ( status->poll( all ), 0 );
+   }
+   EXPECT_TRUE( status->ready() );
+   EXPECT_EQ( status->unreads(), 3 );
+   magic = there;
+   poll();
+   EXPECT_THAT( log.take(), IsEmpty() );
+   EXPECT_TRUE( !status->lfibRoute( RouteKey( 17 ) ) );
+   EXPECT_FALSE( status->unread() );
+}
+
+TEST_F( LfibStatusTest, movesToALargerRegionWithoutALoss ) {
+   Mirror mirror( status );
+   region.writer.routeIs( { RouteKey( 16 ), viaSetKey( 2 ), 0 } );
+   region.writer.routeIs( { RouteKey( 17 ), viaSetKey( 2 ), 0 } );
+   poll();
+   log.take();
+   LfibCapacities more = tiny;
+   more.routes = 4000;
+   Region larger( more );
+   for ( U32 label = 17; label < 20; ++label ) {
+      larger.writer.routeIs( { RouteKey( label ), viaSetKey( 2 ), 0 } );
+   }
+   status->regionIs( larger.bytes().first( 64 ) );
+   EXPECT_FALSE( status->attached() );
+   EXPECT_TRUE( status->pollPending() );
+   EXPECT_EQ( status->poll( all ), 0 );
+   status->regionIs( larger.bytes() );
+   std::ranges::fill( region.words, 0 );
+   poll();
+   EXPECT_THAT( log.take(), ElementsAre( "route 16", "route 18", "route 19" ) );
+   EXPECT_THAT( mirror.routes, SizeIs( 3 ) );
+}
+
+TEST_F( LfibStatusTest, aHandlerMayThrow ) {
+   struct Thrower : LfibStatus::Reactor {
+      void onLfibRoute( RouteKey key ) override {
+         if ( key == RouteKey( 17 ) ) {
+            throw std::runtime_error( "no room" );
+         }
+      }
+   };
+   Thrower thrower;
+   thrower.notifierIs( status.get() );
+   for ( U32 label = 16; label < 19; ++label ) {
+      region.writer.routeIs( { RouteKey( label ), viaSetKey( 2 ), 0 } );
+   }
+   EXPECT_THROW( status->poll( all ), std::runtime_error );
+   poll();
+   EXPECT_THAT( log.take(), ElementsAre( "route 16", "route 17", "route 18" ) );
+}
+
 TEST( LfibStatusAttach, regionMayBeLaidOutLater ) {
    std::vector< U64 > words( LfibWriter::bytesNeeded( tiny ) / sizeof( U64 ) );
    const auto bytes = std::as_writable_bytes( std::span( words ) );
@@ -350,7 +473,8 @@ TEST( LfibStatusAttach, regionMayBeLaidOutLater ) {
    EXPECT_FALSE( status->attached() );
    EXPECT_THAT( status->refusedReason(), HasSubstr( "magic" ) );
    EXPECT_EQ( status->poll( all ), 0 );
-   EXPECT_FALSE( status->pollPending() );
+   EXPECT_TRUE( status->pollPending() );
+   EXPECT_TRUE( !status->lfibRoute( RouteKey( 16 ) ) && status->unread() );
    LfibWriter writer( bytes, tiny, LfibMemory::zeroed );
    writer.routeIs( { RouteKey( 16 ), viaSetKey( 2 ), 0 } );
    EXPECT_EQ( status->poll( all ), 1 );
