@@ -115,6 +115,7 @@ class VEL_EXPORT TimerTask : public WatchedEntity {
 
  private:
    friend class Scheduler;
+   friend class Made< TimerTask >;
    TimerTask( Scheduler* scheduler, std::string name, TaskPriority priority );
    ~TimerTask() override;
    bool yieldCheck() const;
@@ -146,6 +147,7 @@ class VEL_EXPORT Scheduler : public WatchedEntity {
 
  public:
    explicit Scheduler( Ptr< Clock > clock );
+   ~Scheduler() override;
 
    std::string name() const override { return "scheduler"; }
    Clock* clock() const { return clock_.get(); }
@@ -171,7 +173,6 @@ class VEL_EXPORT Scheduler : public WatchedEntity {
    friend class TimerTask;
    class Run;
 
-   ~Scheduler() override;
    void schedule( TimerTask& task, double expiry );
    double readClock();
    TimerTask* mostUrgentDue( double now ) const;

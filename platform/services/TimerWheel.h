@@ -46,6 +46,7 @@ class VEL_EXPORT TimerWheel : public WatchedEntity {
 
  public:
    explicit TimerWheel( Ptr< Scheduler > scheduler, TaskPriority priority = TaskPriority::high );
+   ~TimerWheel() override;
 
    std::string name() const override { return "timerWheel"; }
    Clock* clock() const { return scheduler_->clock(); }
@@ -80,7 +81,6 @@ class VEL_EXPORT TimerWheel : public WatchedEntity {
       TimerWheel& wheel_;
    };
 
-   ~TimerWheel() override;
    U32 find( TimerId id ) const;
    U32 takeEntry();
    Callback release( U32 entry );
