@@ -107,6 +107,7 @@ class VEL_EXPORT MplsSm : public Entity {
    VEL_READ_ONLY( Ptr< TimerTask >, vrfTask )
    VEL_READ_ONLY( Ptr< TimerTask >, unprogrammedRouteTask )
    VEL_READ_ONLY( Ptr< TimerTask >, routePublishTask )
+   VEL_READ_ONLY( Ptr< TimerTask >, startTask )                                  // scheduled while the start waits and nobody has been told
    VEL_READ_ONLY( Ptr< Mpls::LfibTrackingStatus >, lfibTrackingStatus )
    VEL_READ_ONLY( Ptr< Mpls::LfibTrackingSm >, lfibTrackingSm )
    VEL_READ_ONLY( Ptr< NumAllocatorConfig >, numAllocatorConfig )                // of FEC indices, none before the state machine is initialized
@@ -177,6 +178,10 @@ class VEL_EXPORT MplsSm : public Entity {
    void handleInputStatusSummaryReady();
    void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
    void handleSyncDone();
+   /// Something that the start may have waited for has been written.
+   void watchStart();
+   /// Tells the operator what the start waits for.
+   void sayWhatStartWaitsFor();
    /// An operator's word that the stale routes may be dropped, however many they are.
    void approveStaleSweep();
 
@@ -224,17 +229,19 @@ class VEL_EXPORT MplsSm : public Entity {
    void numAllocatorConfigDel() { numAllocatorConfig_ = nullptr; }
    void numAllocatorStatusDel() { numAllocatorStatus_ = nullptr; }
    void clearOutputs();
+   std::string startWaitsFor() const;
    void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBacklogNotification );
 
    const MplsSmInputs in_;
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
-   bool walksLfib_ = false; // over all of its routes
+   bool walksLfib_ = false;    // over all of its routes
+   bool startAwaited_ = false; // the operator has been told, and it has not begun since
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    const std::unique_ptr< Transit::Parts > parts_;
    std::unique_ptr< MplsSmReactors > reactors_;
 };
 
-#undef MPLS_SM_INPUT
+#undef VEL_MPLS_SM_INPUT
 
 /// Makes the state machine, which starts at once.
 VEL_EXPORT Ptr< MplsSm > MplsSmIs( MplsSmInputs inputs ); // NOLINT(readability-identifier-naming)
