@@ -150,7 +150,7 @@ class VEL_EXPORT MplsSm : public Entity {
    const MplsSmInputs& inputs() const { return in_; }
    const Ptr< MplsSmCounters >& counters() const { return counters_; }
    MplsSmStartupStatus mplsSmStartupStatus() const { return mplsSmStartupStatus_; }
-   void mplsSmStartupStatusIs( MplsSmStartupStatus status );
+   VEL_HIDDEN void mplsSmStartupStatusIs( MplsSmStartupStatus status );
 
    // --- Capabilities
 
@@ -174,33 +174,33 @@ class VEL_EXPORT MplsSm : public Entity {
 
    // --- The start (VelMplsSm.cpp, VelMplsStartup.cpp)
 
-   void doInitialize();
-   void handleInputStatusSummaryReady();
-   void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
-   void handleSyncDone();
+   VEL_HIDDEN void doInitialize();
+   VEL_HIDDEN void handleInputStatusSummaryReady();
+   VEL_HIDDEN void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
+   VEL_HIDDEN void handleSyncDone();
    /// Something that the start may have waited for has been written.
-   void watchStart();
+   VEL_HIDDEN void watchStart();
    /// Tells the operator what the start waits for.
-   void sayWhatStartWaitsFor();
+   VEL_HIDDEN void sayWhatStartWaitsFor();
    /// An operator's word that the stale routes may be dropped, however many they are.
    void approveStaleSweep();
 
    // --- What the LFIB announces (VelMplsLfibEvents.cpp)
 
-   void handleLFibRoute( Mpls::RouteKey routeKey );
+   VEL_HIDDEN void handleLFibRoute( Mpls::RouteKey routeKey );
    /// All of its routes.
-   void handleLFibRoute();
-   void handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey );
+   VEL_HIDDEN void handleLFibRoute();
+   VEL_HIDDEN void handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey );
    /// All that wait in the backlog.
-   void handleLFibViaSet();
+   VEL_HIDDEN void handleLFibViaSet();
 
    // --- The VRF, and label forwarding in it (VelMplsVrfEvents.cpp)
 
-   void handleMplsRouting( bool enabled );
-   void handleVrfName( VrfId vrfId );
+   VEL_HIDDEN void handleMplsRouting( bool enabled );
+   VEL_HIDDEN void handleVrfName( VrfId vrfId );
    /// The VRF's number has come, gone or changed.
-   void handleVrfNumber( const L3::VrfName& vrf );
-   void handleHwRoutingEnabled( VrfId vrfId, bool routing );
+   VEL_HIDDEN void handleVrfNumber( const L3::VrfName& vrf );
+   VEL_HIDDEN void handleHwRoutingEnabled( VrfId vrfId, bool routing );
 
    // --- For those who ask from outside
 
@@ -219,18 +219,19 @@ class VEL_EXPORT MplsSm : public Entity {
    Transit::Parts& parts() const { return *parts_; }
 
  private:
-   void handleInitialized();
-   void handleMplsRouteSyncMap();
+   VEL_HIDDEN void handleInitialized();
+   VEL_HIDDEN void handleMplsRouteSyncMap();
    // The allocator of FEC indices is made of its range, of what is in use, and of the clock.
-   void numAllocatorConfigIs( U64 min, U64 max );
-   void numAllocatorStatusIs();
-   void numAllocatorIs();
+   VEL_HIDDEN void numAllocatorConfigIs( U64 min, U64 max );
+   VEL_HIDDEN void numAllocatorStatusIs();
+   VEL_HIDDEN void numAllocatorIs();
    void numAllocatorDel() { numAllocator_ = nullptr; }
    void numAllocatorConfigDel() { numAllocatorConfig_ = nullptr; }
    void numAllocatorStatusDel() { numAllocatorStatus_ = nullptr; }
-   void clearOutputs();
-   std::string startWaitsFor() const;
-   void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBacklogNotification );
+   VEL_HIDDEN void clearOutputs();
+   VEL_HIDDEN std::string startWaitsFor() const;
+   VEL_HIDDEN void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey,
+                                           bool fromBacklogNotification );
 
    const MplsSmInputs in_;
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();

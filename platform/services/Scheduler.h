@@ -116,7 +116,7 @@ class VEL_EXPORT TimerTask : public WatchedEntity {
  private:
    friend class Scheduler;
    friend class Made< TimerTask >;
-   TimerTask( Scheduler* scheduler, std::string name, TaskPriority priority );
+   VEL_HIDDEN TimerTask( Scheduler* scheduler, std::string name, TaskPriority priority );
    ~TimerTask() override;
    bool yieldCheck() const;
 
@@ -173,12 +173,12 @@ class VEL_EXPORT Scheduler : public WatchedEntity {
    friend class TimerTask;
    class Run;
 
-   void schedule( TimerTask& task, double expiry );
-   double readClock();
-   TimerTask* mostUrgentDue( double now ) const;
-   double moreUrgentExpiry() const;
-   uint32_t grantedQueries();
-   bool yieldCheck( const TimerTask& task );
+   VEL_HIDDEN void schedule( TimerTask& task, double expiry );
+   VEL_HIDDEN double readClock();
+   VEL_HIDDEN TimerTask* mostUrgentDue( double now ) const;
+   VEL_HIDDEN double moreUrgentExpiry() const;
+   VEL_HIDDEN uint32_t grantedQueries();
+   VEL_HIDDEN bool yieldCheck( const TimerTask& task );
    static void visitTasks( AttributeVisitor& visitor, std::string_view name,
                            const std::vector< TimerTask* >& tasks );
    static void visitHistory( AttributeVisitor& visitor, std::string_view name,

@@ -82,14 +82,14 @@ class VEL_EXPORT TimerWheel : public WatchedEntity {
    };
 
    U32 find( TimerId id ) const;
-   U32 takeEntry();
-   Callback release( U32 entry );
-   void link( U32 entry, U32 list );
-   void unlink( U32 entry );
+   VEL_HIDDEN U32 takeEntry();
+   VEL_HIDDEN Callback release( U32 entry );
+   VEL_HIDDEN void link( U32 entry, U32 list );
+   VEL_HIDDEN void unlink( U32 entry );
    bool listEmpty( U32 list ) const { return entries_[list].next == list; }
-   void collectDue( U64 tick );
-   void run();
-   void wakeForNext();
+   VEL_HIDDEN void collectDue( U64 tick );
+   VEL_HIDDEN void run();
+   VEL_HIDDEN void wakeForNext();
 
    Ptr< Scheduler > scheduler_;
    Ptr< TimerTask > task_;
