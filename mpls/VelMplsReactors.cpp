@@ -25,6 +25,7 @@ class MplsSmReactors::MplsRoutingInfoReactor : public Mpls::RoutingInfo::Reactor
       if ( vrf == L3::VrfName::defaultVrf() ) { // no other VRF carries label forwarding
          sm_.handleMplsRouting( sm_.mplsRoutingEnabled( vrf ) );
       }
+      sm_.watchStart();
    }
 
  private:
@@ -35,7 +36,10 @@ class MplsSmReactors::MplsRoutingInfoReactor : public Mpls::RoutingInfo::Reactor
 class MplsSmReactors::RouteStatusReactor : public Routing::Hardware::RouteStatus::Reactor {
  public:
    explicit RouteStatusReactor( MplsSm& sm ) : sm_( sm ) {}
-   void onVrfStatus( L3::VrfName vrf ) override { sm_.handleVrfNumber( vrf ); }
+   void onVrfStatus( L3::VrfName vrf ) override {
+      sm_.handleVrfNumber( vrf );
+      sm_.watchStart();
+   }
 
  private:
    MplsSm& sm_;
@@ -44,11 +48,15 @@ class MplsSmReactors::RouteStatusReactor : public Routing::Hardware::RouteStatus
 class MplsSmReactors::TransitLfibReactor : public Mpls::LfibStatus::Reactor {
  public:
    explicit TransitLfibReactor( MplsSm& sm ) : sm_( sm ) {}
-   void onLfibRoute( Mpls::RouteKey key ) override { sm_.handleLFibRoute( key ); }
+   void onLfibRoute( Mpls::RouteKey key ) override {
+      sm_.handleLFibRoute( key );
+      sm_.watchStart();
+   }
    void onReady() override {
       if ( sm_.initialized() ) { // a start may have waited for nothing else
          sm_.maybeTransitionToWaitingForSync( L3::VrfName::defaultVrf() );
       }
+      sm_.watchStart();
    }
 
  private:
@@ -71,16 +79,18 @@ class MplsSmReactors::LfibTrackingStatusReactor : public Mpls::LfibTrackingStatu
 
 class MplsSmReactors::MplsHwStatusReactor : public MplsHwStatus::Reactor {
  public:
-   MplsHwStatusReactor( MplsSm&, MplsSmReactors& all ) : all_( all ) {}
+   MplsHwStatusReactor( MplsSm& sm, MplsSmReactors& all ) : sm_( sm ), all_( all ) {}
    void onVrfStatus( VrfId vrfId ) override {
       if ( MplsHwVrfStatus* const status = notifier()->vrfStatus( vrfId ) ) {
          all_.mplsHwVrfStatusIs( status );
       } else {
          all_.mplsHwVrfStatusDel( vrfId );
       }
+      sm_.watchStart();
    }
 
  private:
+   MplsSm& sm_;
    MplsSmReactors& all_;
 };
 
@@ -230,6 +240,7 @@ MplsSmReactors::MplsSmReactors( MplsSm& sm ) : sm_( sm ) {
    bind< TaskReactor >( Ptr( sm.routePublishTask() ),
                         [&sm] { sm.parts().publisher.runPublishRouteKeysTask(); } );
    bind< TaskReactor >( Ptr( sm.unreadTask() ), [&sm] { sm.handleUnread(); } );
+   bind< TaskReactor >( Ptr( sm.startTask() ), [&sm] { sm.sayWhatStartWaitsFor(); } );
    bind< ClockReactor >( in.clock );
 }
 

@@ -23,6 +23,7 @@ constinit CachedFeatureToggle nonStopForwardingToggle( "MplsNonStopForwarding", 
 constinit CachedFeatureToggle inPlaceAdjacencyUpdateToggle( "InPlaceMplsAdjacencyUpdate", true );
 
 constexpr TaskPriority taskPriority = TaskPriority::normal; // priority value 2
+constexpr double patienceAtStartSeconds = 5.0;
 constexpr U64 maxFecIndex = 0xFFFF'FFFF;
 constexpr double fecIndexExpirySeconds = 10.0;
 constexpr U64 minMcastGroupId = 1;
@@ -52,6 +53,8 @@ MplsSm::MplsSm( MplsSmInputs inputs )
    unprogrammedRouteTask_ = in_.scheduler->taskIs( "reviewUnprogrammedRoute", taskPriority );
    routePublishTask_ = in_.scheduler->taskIs( "publishReviewRoutes", taskPriority );
    unreadTask_ = in_.scheduler->taskIs( "lookForUnread", taskPriority );
+   startTask_ = in_.scheduler->taskIs( "watchStart", TaskPriority::low );
+   startTask_->runAfter( patienceAtStartSeconds );
    lfibTrackingStatus_ = make< Mpls::LfibTrackingStatus >( "MplsSm-trackingStatus" );
    // What was listed for an earlier run was counted there. Nobody hears of it yet.
    for ( const auto& [vrfId, status] : in_.mplsHwStatus->vrfStatus() ) {
@@ -64,6 +67,7 @@ MplsSm::MplsSm( MplsSmInputs inputs )
    reactors_->mplsHwVrfStatusReconcile();
    reactors_->adjHwStatusIs();
    handleInitialized();
+   watchStart();
 }
 
 // Reactors go first, so that nothing calls in while the records go; tasks go with their last
@@ -113,6 +117,7 @@ void MplsSm::mplsSmStartupStatusIs( MplsSmStartupStatus status ) {
    }
    mplsSmStartupStatus_ = status;
    mplsSmStartupRecord()->updateMplsSmStartupRecord( status );
+   watchStart();
 }
 
 void MplsSm::doInitialize() {

@@ -110,6 +110,7 @@ class VEL_EXPORT MplsSm : public Entity {
    VEL_READ_ONLY( Ptr< TimerTask >, unprogrammedRouteTask )
    VEL_READ_ONLY( Ptr< TimerTask >, routePublishTask )
    VEL_READ_ONLY( Ptr< TimerTask >, unreadTask )
+   VEL_READ_ONLY( Ptr< TimerTask >, startTask )                                  // scheduled while the start waits and nobody has been told
    VEL_READ_ONLY( Ptr< Mpls::LfibTrackingStatus >, lfibTrackingStatus )
    VEL_READ_ONLY( Ptr< Mpls::LfibTrackingSm >, lfibTrackingSm )
    VEL_READ_ONLY( Ptr< NumAllocatorConfig >, numAllocatorConfig )                // of FEC indices, none before the state machine is initialized
@@ -152,7 +153,7 @@ class VEL_EXPORT MplsSm : public Entity {
    const MplsSmInputs& inputs() const { return in_; }
    const Ptr< MplsSmCounters >& counters() const { return counters_; }
    MplsSmStartupStatus mplsSmStartupStatus() const { return mplsSmStartupStatus_; }
-   void mplsSmStartupStatusIs( MplsSmStartupStatus status );
+   VEL_HIDDEN void mplsSmStartupStatusIs( MplsSmStartupStatus status );
 
    // --- Capabilities
 
@@ -176,36 +177,40 @@ class VEL_EXPORT MplsSm : public Entity {
 
    // --- The start (VelMplsSm.cpp, VelMplsStartup.cpp)
 
-   void doInitialize();
-   void handleInputStatusSummaryReady();
-   void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
-   void handleSyncDone();
+   VEL_HIDDEN void doInitialize();
+   VEL_HIDDEN void handleInputStatusSummaryReady();
+   VEL_HIDDEN void maybeTransitionToWaitingForSync( const L3::VrfName& vrf );
+   VEL_HIDDEN void handleSyncDone();
+   /// Something that the start may have waited for has been written.
+   VEL_HIDDEN void watchStart();
+   /// Tells the operator what the start waits for.
+   VEL_HIDDEN void sayWhatStartWaitsFor();
    /// An operator's word that the stale routes may be dropped, however many they are.
    void approveStaleSweep();
 
    // --- What the LFIB announces (VelMplsLfibEvents.cpp)
 
-   void handleLFibRoute( Mpls::RouteKey routeKey );
+   VEL_HIDDEN void handleLFibRoute( Mpls::RouteKey routeKey );
    /// All of its routes.
-   void handleLFibRoute();
-   void handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey );
+   VEL_HIDDEN void handleLFibRoute();
+   VEL_HIDDEN void handleLFibViaSet( Mpls::LfibViaSetKey viaSetKey );
    /// All that wait in the backlog.
-   void handleLFibViaSet();
+   VEL_HIDDEN void handleLFibViaSet();
    /// The LFIB could not be read. What is there of the route, or of the via set and its users, stays
    /// as it is and is looked at again when it can be read, at the latest after `unreadInterval`.
-   void keepUnread( Mpls::RouteKey routeKey );
-   void keepUnread( Mpls::LfibViaSetKey viaSetKey );
+   VEL_HIDDEN void keepUnread( Mpls::RouteKey routeKey );
+   VEL_HIDDEN void keepUnread( Mpls::LfibViaSetKey viaSetKey );
    /// Looks again at what could not be read.
-   void handleUnread();
+   VEL_HIDDEN void handleUnread();
    static constexpr double unreadInterval = 1; // seconds
 
    // --- The VRF, and label forwarding in it (VelMplsVrfEvents.cpp)
 
-   void handleMplsRouting( bool enabled );
-   void handleVrfName( VrfId vrfId );
+   VEL_HIDDEN void handleMplsRouting( bool enabled );
+   VEL_HIDDEN void handleVrfName( VrfId vrfId );
    /// The VRF's number has come, gone or changed.
-   void handleVrfNumber( const L3::VrfName& vrf );
-   void handleHwRoutingEnabled( VrfId vrfId, bool routing );
+   VEL_HIDDEN void handleVrfNumber( const L3::VrfName& vrf );
+   VEL_HIDDEN void handleHwRoutingEnabled( VrfId vrfId, bool routing );
 
    // --- For those who ask from outside
 
@@ -224,21 +229,24 @@ class VEL_EXPORT MplsSm : public Entity {
    Transit::Parts& parts() const { return *parts_; }
 
  private:
-   void handleInitialized();
-   void handleMplsRouteSyncMap();
+   VEL_HIDDEN void handleInitialized();
+   VEL_HIDDEN void handleMplsRouteSyncMap();
    // The allocator of FEC indices is made of its range, of what is in use, and of the clock.
-   void numAllocatorConfigIs( U64 min, U64 max );
-   void numAllocatorStatusIs();
-   void numAllocatorIs();
+   VEL_HIDDEN void numAllocatorConfigIs( U64 min, U64 max );
+   VEL_HIDDEN void numAllocatorStatusIs();
+   VEL_HIDDEN void numAllocatorIs();
    void numAllocatorDel() { numAllocator_ = nullptr; }
    void numAllocatorConfigDel() { numAllocatorConfig_ = nullptr; }
    void numAllocatorStatusDel() { numAllocatorStatus_ = nullptr; }
-   void clearOutputs();
-   void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey, bool fromBacklogNotification );
+   VEL_HIDDEN void clearOutputs();
+   VEL_HIDDEN std::string startWaitsFor() const;
+   VEL_HIDDEN void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey,
+                                           bool fromBacklogNotification );
 
    const MplsSmInputs in_;
    const Ptr< MplsSmCounters > counters_ = make< MplsSmCounters >();
-   bool walksLfib_ = false; // over all of its routes
+   bool walksLfib_ = false;    // over all of its routes
+   bool startAwaited_ = false; // the operator has been told, and it has not begun since
    MplsSmStartupStatus mplsSmStartupStatus_ = MplsSmStartupStatus::mplsSmUnknown;
    const std::unique_ptr< Transit::Parts > parts_;
    std::unique_ptr< MplsSmReactors > reactors_;

@@ -19,10 +19,104 @@
 // Cost: the replay is one look-up a route.
 
 #include "mpls/VelMplsSm.h"
+
+#include <utility>
+
 #include "mpls/VelMplsTrace.h"
 #include "mpls/transit/Parts.h"
+#include "platform/services/SystemLog.h"
 
 namespace Vel {
+
+namespace {
+
+SystemLogHandle startWaits( {
+   .name = "ROUTING_MPLS_START_WAITS",
+   .severity = 5,
+   .minIntervalSeconds = 1.0,
+   .format = "Label forwarding has not started: something that it needs is not written.",
+   .explanation = "Label routes are not programmed before each neighbouring layer has written what "
+                  "the message names.",
+   .recommendedAction = "Where label forwarding is not in use there is nothing to do. Else look at "
+                        "the agents that write what is missing.",
+} );
+SystemLogHandle startGoesOn( {
+   .name = "ROUTING_MPLS_START_GOES_ON",
+   .severity = 5,
+   .minIntervalSeconds = 1.0,
+   .format = "All that the start of label forwarding waited for has been written.",
+   .explanation = "Label routes are programmed from now on.",
+   .recommendedAction = "",
+} );
+
+} // namespace
+
+// A start that waits looks like one that has nothing to do.
+void MplsSm::sayWhatStartWaitsFor() {
+   const std::string missing = startWaitsFor();
+   if ( missing.empty() ) {
+      return;
+   }
+   startAwaited_ = true;
+   if ( startWaits.allowed() ) {
+      startWaits.log( joinText( "Label forwarding has not started. It waits for ", missing, "." ) );
+   }
+}
+
+void MplsSm::watchStart() {
+   if ( ( !startTask_->scheduled() && !startAwaited_ ) ||
+        mplsSmStartupStatus_ != MplsSmStartupStatus::mplsSmNormal || !startWaitsFor().empty() ) {
+      return;
+   }
+   startTask_->cancel();
+   if ( std::exchange( startAwaited_, false ) && startGoesOn.allowed() ) {
+      startGoesOn.log();
+   }
+}
+
+// What can be written now and is not; nothing where label forwarding is not wanted.
+std::string MplsSm::startWaitsFor() const {
+   std::string missing;
+   const auto waitsFor = [&missing]( const auto&... what ) {
+      missing += joinText( missing.empty() ? "" : ", ", what... );
+   };
+   const L3::VrfName& vrf = L3::VrfName::defaultVrf();
+   const Mpls::LfibStatus* const lfib = in_.transitLfib.get();
+   if ( !lfib || !in_.mplsRoutingInfo ) {
+      return missing; // asserted when the start needs them
+   }
+   if ( !in_.mplsRoutingInfo->mplsRoutingHas( vrf ) ) {
+      waitsFor( "mplsRouting of Mpls::RoutingInfo" );
+   } else if ( !mplsRoutingEnabled( vrf ) ) {
+      return missing;
+   }
+   if ( !in_.routingHwRouteStatus->vrfStatusHas( vrf ) ) {
+      waitsFor( "vrfStatus of Routing::Hardware::RouteStatus" );
+   } else if ( !forwardingIntoExternalFecsSupported() && !velMplsHwVrfStatus( vrf ) ) {
+      waitsFor( "vrfStatus of MplsHwStatus, from the driver" );
+   }
+   if ( !lfib->attached() ) {
+      waitsFor( "the region of Mpls::LfibStatus, from the publisher: ", lfib->refusedReason() );
+   } else if ( lfib->resyncs() == 0 ) {
+      waitsFor( "the first poll of Mpls::LfibStatus" );
+   }
+   const MplsSmStartupStatus stage = mplsSmStartupStatus_;
+   if ( stage == MplsSmStartupStatus::mplsSmUninitialized ) {
+      waitsFor( in_.mplsRouteSyncMap && !in_.mplsRouteSyncMap->ready()
+                   ? "ready of MplsRouteSyncMap, from the hardware layer"
+                   : "systemLfibReady of MplsSmInputStatusSm" );
+   } else if ( stage == MplsSmStartupStatus::mplsSmProcessingSyncMap && !lfib->ready() ) {
+      waitsFor( "ready of Mpls::LfibStatus, from the publisher" );
+   } else if ( stage == MplsSmStartupStatus::mplsSmWaitingForSyncResponses ) {
+      if ( in_.velL3StartupStagePrereqs && !in_.velL3StartupStagePrereqs->adjSyncDone() ) {
+         waitsFor( "adjSyncDone of L3StartupStagePrerequisitesStatus, from the hardware layer" );
+      }
+      if ( recoveredRoutes() != 0 && !parts_->vrfs.mayNameRoutes( vrf ) ) {
+         waitsFor( "vrfName of VelL3Status" );
+      }
+   }
+   return missing;
+}
 
 void MplsSm::handleInputStatusSummaryReady() {
    MPLS_TRACE_CALL( 3, ": " );

@@ -5,6 +5,7 @@
 //
 //   class VEL_EXPORT Foo { ... };   member functions, virtual table and type information
 //   VEL_EXPORT void foo();          a free function
+//   VEL_HIDDEN void foo();          a member function that only the library's own sources call
 //
 // A class that is thrown, or that users derive from or cast to, needs the mark even when all its
 // functions are inline: without it each side has a type of its own. Templates and plain inline
@@ -17,6 +18,8 @@
 
 #if defined( VEL_STATIC )
 #define VEL_EXPORT
+#define VEL_HIDDEN
 #else
 #define VEL_EXPORT __attribute__( ( visibility( "default" ) ) )
+#define VEL_HIDDEN __attribute__( ( visibility( "hidden" ) ) )
 #endif

@@ -66,10 +66,25 @@ class Ptr {
    T* object_ = nullptr;
 };
 
+/// What `make` makes of an entity type, which is abstract so that nothing else can make one.
+template< class T >
+class Made final : public T {
+ public:
+   template< class... Args >
+   explicit Made( Args&&... args ) : T( std::forward< Args >( args )... ) {}
+
+ private:
+   void isMadeByMake() const override {}
+};
+
 /// Makes an entity, owned by the returned pointer.
 template< class T, class... Args >
 Ptr< T > make( Args&&... args ) {
-   return Ptr< T >( new T( std::forward< Args >( args )... ) );
+   if constexpr ( std::is_abstract_v< T > ) {
+      return Ptr< T >( new Made< T >( std::forward< Args >( args )... ) );
+   } else {
+      return Ptr< T >( new T( std::forward< Args >( args )... ) );
+   }
 }
 
 } // namespace Vel

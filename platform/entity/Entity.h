@@ -162,6 +162,10 @@ class VEL_EXPORT Entity {
    Ptr< const Entity > kept() const { return references_ != 0 ? this : nullptr; }
 
  private:
+   /// The last Ptr deletes the entity, so none can be a variable or a member: only `make` makes one
+   /// that has this.
+   virtual void isMadeByMake() const = 0;
+
    mutable uint32_t references_ = 0;
    uint16_t parentAttribute_ = 0;
    Entity* parent_ = nullptr;

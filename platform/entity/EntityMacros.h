@@ -210,12 +210,11 @@
       if ( Type* const there = foo( key ) ) {                                                      \
          return there;                                                                             \
       }                                                                                            \
-      Type* const made = new Type( key, std::forward< Args_ >( args )... );                        \
-      const ::Vel::Ptr< Type > keep( made );                                                       \
-      made->parentIs( this, foo##Number_ );                                                        \
+      const auto keep = ::Vel::make< Type >( key, std::forward< Args_ >( args )... );              \
+      keep->parentIs( this, foo##Number_ );                                                        \
       foo##_.set( key, keep );                                                                     \
       VEL_CALL_( ( key ), __VA_ARGS__ )                                                            \
-      return keep->references() > 1 ? made : nullptr;                                              \
+      return keep->references() > 1 ? keep.get() : nullptr;                                        \
    }                                                                                               \
    VEL_VISIT_( foo, ::Vel::visitChildren )                                                         \
  private:                                                                                          \

@@ -16,6 +16,8 @@
 
 namespace Mpls::LfibCodec {
 
+static_assert( std::atomic_ref< U64 >::is_always_lock_free, "a lock would be of one process only" );
+
 /// The tables of vias, and which via type each holds.
 inline constexpr std::array viaTables{ LfibTable::mplsVia,
                                        LfibTable::extFecVia,

@@ -111,12 +111,12 @@ class VEL_EXPORT LfibTrackingSm : public Vel::Entity {
       LfibTrackingSm& sm_;
    };
 
-   void handleRoute( RouteKey key );
-   void handleViaSet( LfibViaSetKey key );
-   void handleVia( LfibViaKey key );
-   void routeIs( RouteKey key, const LfibRoute& route );
-   void viasOfViaSetIs( LfibViaSetKey key, const LfibViaSet& viaSet );
-   void backlogIs( LfibViaSetKey key );
+   VEL_HIDDEN void handleRoute( RouteKey key );
+   VEL_HIDDEN void handleViaSet( LfibViaSetKey key );
+   VEL_HIDDEN void handleVia( LfibViaKey key );
+   VEL_HIDDEN void routeIs( RouteKey key, const LfibRoute& route );
+   VEL_HIDDEN void viasOfViaSetIs( LfibViaSetKey key, const LfibViaSet& viaSet );
+   VEL_HIDDEN void backlogIs( LfibViaSetKey key );
 
    /// The via sets that name a via: nearly always one.
    class ViaUsers {

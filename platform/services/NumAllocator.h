@@ -92,8 +92,8 @@ class VEL_EXPORT NumAllocator : public Entity {
       U64 number;
       double since;
    };
-   U64 takeRested();
-   U64 takeFresh();
+   VEL_HIDDEN U64 takeRested();
+   VEL_HIDDEN U64 takeFresh();
 
    Ptr< Clock > clock_;
    std::deque< Resting > resting_; // in the order of release

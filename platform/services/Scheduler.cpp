@@ -99,7 +99,7 @@ Scheduler::~Scheduler() {
 }
 
 Ptr< TimerTask > Scheduler::taskIs( std::string name, TaskPriority priority ) {
-   return Ptr< TimerTask >( new TimerTask( this, std::move( name ), priority ) );
+   return make< TimerTask >( this, std::move( name ), priority );
 }
 
 double Scheduler::readClock() {

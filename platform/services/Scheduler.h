@@ -115,7 +115,8 @@ class VEL_EXPORT TimerTask : public WatchedEntity {
 
  private:
    friend class Scheduler;
-   TimerTask( Scheduler* scheduler, std::string name, TaskPriority priority );
+   friend class Made< TimerTask >;
+   VEL_HIDDEN TimerTask( Scheduler* scheduler, std::string name, TaskPriority priority );
    ~TimerTask() override;
    bool yieldCheck() const;
 
@@ -146,6 +147,7 @@ class VEL_EXPORT Scheduler : public WatchedEntity {
 
  public:
    explicit Scheduler( Ptr< Clock > clock );
+   ~Scheduler() override;
 
    std::string name() const override { return "scheduler"; }
    Clock* clock() const { return clock_.get(); }
@@ -171,13 +173,12 @@ class VEL_EXPORT Scheduler : public WatchedEntity {
    friend class TimerTask;
    class Run;
 
-   ~Scheduler() override;
-   void schedule( TimerTask& task, double expiry );
-   double readClock();
-   TimerTask* mostUrgentDue( double now ) const;
-   double moreUrgentExpiry() const;
-   uint32_t grantedQueries();
-   bool yieldCheck( const TimerTask& task );
+   VEL_HIDDEN void schedule( TimerTask& task, double expiry );
+   VEL_HIDDEN double readClock();
+   VEL_HIDDEN TimerTask* mostUrgentDue( double now ) const;
+   VEL_HIDDEN double moreUrgentExpiry() const;
+   VEL_HIDDEN uint32_t grantedQueries();
+   VEL_HIDDEN bool yieldCheck( const TimerTask& task );
    static void visitTasks( AttributeVisitor& visitor, std::string_view name,
                            const std::vector< TimerTask* >& tasks );
    static void visitHistory( AttributeVisitor& visitor, std::string_view name,

@@ -46,6 +46,7 @@ class VEL_EXPORT TimerWheel : public WatchedEntity {
 
  public:
    explicit TimerWheel( Ptr< Scheduler > scheduler, TaskPriority priority = TaskPriority::high );
+   ~TimerWheel() override;
 
    std::string name() const override { return "timerWheel"; }
    Clock* clock() const { return scheduler_->clock(); }
@@ -80,16 +81,15 @@ class VEL_EXPORT TimerWheel : public WatchedEntity {
       TimerWheel& wheel_;
    };
 
-   ~TimerWheel() override;
    U32 find( TimerId id ) const;
-   U32 takeEntry();
-   Callback release( U32 entry );
-   void link( U32 entry, U32 list );
-   void unlink( U32 entry );
+   VEL_HIDDEN U32 takeEntry();
+   VEL_HIDDEN Callback release( U32 entry );
+   VEL_HIDDEN void link( U32 entry, U32 list );
+   VEL_HIDDEN void unlink( U32 entry );
    bool listEmpty( U32 list ) const { return entries_[list].next == list; }
-   void collectDue( U64 tick );
-   void run();
-   void wakeForNext();
+   VEL_HIDDEN void collectDue( U64 tick );
+   VEL_HIDDEN void run();
+   VEL_HIDDEN void wakeForNext();
 
    Ptr< Scheduler > scheduler_;
    Ptr< TimerTask > task_;

@@ -152,7 +152,7 @@ TEST( Audit, FindsRoutesAndAdjacenciesThatAreWrittenOtherwise ) {
    for ( const uint32_t unwanted : { 99U, 400U, 700U } ) {
       made.writtenWith( unwanted, 300 );
    }
-   const Ptr< L2Adj > idle( new L2Adj( 1000 ) );
+   const Ptr< L2Adj > idle = make< L2Adj >( 1000U );
    idle->l2ViaSetIs( made.adjacencyOf( 300 )->l2ViaSet() );
    made.config().l2AdjacencyIs( idle, 1 );
    made.settle();
@@ -190,7 +190,7 @@ TEST( Audit, FindsWhatTheDriverReportsOtherwise ) {
    route.version += 7;
    made.status().routeIs( route );
    made.status().routeIs( { RouteKey( 99 ), made.adjacencyOf( 100 ), 3 } );
-   made.status().l2AdjacencyIs( Ptr< L2Adj >( new L2Adj( 1000 ) ), 3 );
+   made.status().l2AdjacencyIs( make< L2Adj >( 1000U ), 3 );
    made.settle();
    made.status().unprogrammedReasonIs( UnprogrammedReason::RouteFull );
    made.status().unprogrammedRouteIs( RouteKey( 200 ) );

@@ -15,7 +15,7 @@ class Port : public Vel::Entity {
 };
 
 int main() {
-   const Vel::Ptr< Port > port( new Port( 7 ) );
+   const Vel::Ptr< Port > port = Vel::make< Port >( 7 );
    port->upIs( true );
    const std::string text = Vel::printText( *port );
    std::printf( "%s\n", text.c_str() );

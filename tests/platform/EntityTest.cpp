@@ -41,6 +41,9 @@ class Leaf : public Vel::Entity {
    ~Leaf() override { --alive; }
 };
 
+// A variable of it would be deleted with the last Ptr, and again at the end of its block.
+static_assert( !std::is_constructible_v< Leaf, U32 > );
+
 class Tree : public Vel::WatchedEntity {
  public:
    class Reactor : public Vel::ReactorOf< Tree > {

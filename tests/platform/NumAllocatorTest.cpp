@@ -71,7 +71,7 @@ TEST_F( NumAllocatorTest, misuseIsAnAssertion ) {
    EXPECT_THROW( numbers->releaseNumber( number ), VelTest::AssertionThrown );
    EXPECT_THROW( numbers->releaseNumber( 50 ), VelTest::AssertionThrown );
    EXPECT_EQ( numbers->resting(), 1U );
-   EXPECT_THROW( NumAllocatorConfig( 2, 1 ), VelTest::AssertionThrown );
+   EXPECT_THROW( Vel::make< NumAllocatorConfig >( 2U, 1U ), VelTest::AssertionThrown );
 }
 
 // Against the plain meaning: what is handed out is in range, nobody's and rested; and only when

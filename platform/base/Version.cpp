@@ -1,0 +1,9 @@
+#include "platform/base/Version.h"
+
+namespace Vel {
+
+int mplsVersion() {
+   return VEL_MPLS_VERSION;
+}
+
+} // namespace Vel
