@@ -96,7 +96,7 @@ void fuzzRegion( ByteView bytes ) {
          break;
       }
    }
-   for ( int polls = 0; lfib->pollPending(); ++polls ) {
+   for ( int polls = 0; lfib->attached() && lfib->pollPending(); ++polls ) {
       VEL_ASSERT( polls < 1000 );
       lfib->poll( 64 );
    }

@@ -215,6 +215,7 @@ void checkRecordsAtRest( const World& world ) {
    expectNone( state->l2AdjForReviews(), "L2 adjacencies for review" );
    expectNone( state->routeKeyForReviews(), "routes for review" );
    expectNone( state->routeKeyForPublishs(), "routes for publishing" );
+   expectNone( world.sm().unreadRoutes() + world.sm().unreadViaSets(), "keys to be read again" );
    size_t watched = 0;
    for ( const auto& [key, nextHop] : state->mplsNextHop() ) {
       expect( nextHop->resolvedByRRs() + nextHop->resolvedByMNHs() != 0, "next hop ", textOf( key ),

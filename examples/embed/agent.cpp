@@ -222,7 +222,8 @@ int main( int argc, char** argv ) {
    while ( !ended ) {
       lfib->poll( 1000 );
       in.scheduler->runDue( 1000 );
-      const double idle = lfib->pollPending() ? 0 : in.scheduler->nextExpiry() - in.clock->now();
+      const bool more = lfib->attached() && lfib->pollPending();
+      const double idle = more ? 0 : in.scheduler->nextExpiry() - in.clock->now();
       usleep( static_cast< useconds_t >( std::clamp( idle, 0.0, 0.010 ) * 1e6 ) );
    }
    for ( const auto& [key, info] : in.lfibHwStatus->unprogrammedRoute() ) {
