@@ -1,4 +1,4 @@
-// publisher FILE: keeps the label routes that it reads from standard input in the shared memory FILE.
+// publisher FILE: keeps the label routes of its standard input in the shared memory FILE.
 //
 //    LABEL NEXT-HOP INTERFACE OUT-LABEL ...   forward the label, over all of these
 //    LABEL                                    forward it no more
