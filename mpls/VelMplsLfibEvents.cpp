@@ -137,22 +137,36 @@ void MplsSm::handleUnread() {
       unreadTask_->runWithLowestDelay( unreadInterval );
       return;
    }
-   walksLfib_ = true; // it has been announced before
-   for ( auto pass = unreadRouteWork().workPass();
-         !parts_->review.shouldTaskYield( *unreadTask_ ) && pass.next(); ) {
-      const Mpls::RouteKey routeKey = pass.key();
-      unreadRouteDel( routeKey );
-      handleLFibRoute( routeKey );
-   }
-   walksLfib_ = false;
-   for ( auto pass = unreadViaSetWork().workPass();
-         !parts_->review.shouldTaskYield( *unreadTask_ ) && pass.next(); ) {
+   bool stopped = false;
+   const auto goOn = [&]( size_t left ) {
+      stopped = stopped || ( left != 0 && parts_->review.shouldTaskYield( *unreadTask_ ) );
+      return left != 0 && !stopped;
+   };
+   for ( auto pass = unreadViaSetWork().workPass(); goOn( unreadViaSets() ) && pass.next(); ) {
       const Mpls::LfibViaSetKey viaSetKey = pass.key();
       unreadViaSetDel( viaSetKey );
       handleLFibViaSetHelper( viaSetKey, false );
    }
+   walksLfib_ = true; // it has been announced before
+   for ( auto pass = unreadRouteWork().workPass(); goOn( unreadRoutes() ) && pass.next(); ) {
+      const Mpls::RouteKey routeKey = pass.key();
+      unreadRouteDel( routeKey );
+      handleLFibRoute( routeKey );
+      reviewIfThere( routeKey );
+   }
+   walksLfib_ = false;
    if ( unreadRoutes() + unreadViaSets() != 0 ) {
-      unreadTask_->runWithLowestDelay( unreadInterval );
+      unreadTask_->runWithLowestDelay( stopped ? reviewInterval() : unreadInterval );
+   }
+}
+
+// Of a route whose end was announced, only the review could not be finished.
+void MplsSm::reviewIfThere( Mpls::RouteKey routeKey ) {
+   const L3::VrfName& vrf = L3::VrfName::defaultVrf();
+   VrfMplsState* const vrfState = mplsState( vrf );
+   if ( vrfState && vrfState->routeHas( routeKey ) && !unreadRouteHas( routeKey ) ) {
+      vrfState->routeKeyForReviewIs( routeKey );
+      parts_->review.doMaybeScheduleReview( vrf );
    }
 }
 

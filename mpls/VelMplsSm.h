@@ -240,6 +240,7 @@ class VEL_EXPORT MplsSm : public Entity {
    void numAllocatorStatusDel() { numAllocatorStatus_ = nullptr; }
    VEL_HIDDEN void clearOutputs();
    VEL_HIDDEN std::string startWaitsFor() const;
+   VEL_HIDDEN void reviewIfThere( Mpls::RouteKey routeKey );
    VEL_HIDDEN void handleLFibViaSetHelper( Mpls::LfibViaSetKey viaSetKey,
                                            bool fromBacklogNotification );
 
