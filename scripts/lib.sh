@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 libraryFolders=(platform mpls decap pw mcast inspect)
-sourceFolders=("${libraryFolders[@]}" driver sim agent tests bench)
+sourceFolders=("${libraryFolders[@]}" driver sim agent tests fuzz bench)
 jobs=$(nproc)
 
 say() { printf '%s\n' "$*"; }
