@@ -190,6 +190,9 @@ Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
    }
    Driver::HwState state;
    state.nextHwId = natural( fieldOf( in, "nextHwId" ), largestHwId );
+   if ( state.nextHwId == 0 ) { // 0 names no FEC
+      throw Unsound( "the next FEC cannot get the number 0" );
+   }
    for ( const json& vrf : fieldOf( in, "mplsRouting" ) ) {
       state.mplsRouting.push_back( static_cast< VrfId >( natural( vrf, 0 ) ) );
    }
