@@ -128,7 +128,7 @@ void HostileRegion::writeOtherVia( Input& input ) {
 void HostileRegion::forgeElement( Input& input ) {
    const size_t table = input.below( lfibTables );
    const LfibTablePlace& place = layout_.table[table];
-   const LfibTableView view( static_cast< LfibTable >( table ), words(), place );
+   const LfibTableView view( static_cast< LfibTable >( table ), words(), layout_ );
    const U32 length = input.below( view.shape().slotWords );
    std::array< U64, lfibMaxWords > element{};
    for ( U32 i = 0; i < length; ++i ) {
@@ -161,7 +161,7 @@ void HostileRegion::forgeChange( Input& input ) {
 void HostileRegion::forgeLayout( Input& input ) {
    LfibLayout forged = layout_;
    LfibTablePlace& place = forged.table[input.below( lfibTables )];
-   switch ( input.below( 7 ) ) {
+   switch ( input.below( 8 ) ) {
    case 0:
       place.used = input.word();
       break;
@@ -182,6 +182,9 @@ void HostileRegion::forgeLayout( Input& input ) {
       break;
    case 6:
       forged.words = input.word();
+      break;
+   case 7:
+      forged.journal = forged.journal + input.byte() - 128;
       break;
    }
    forged.write( words() );

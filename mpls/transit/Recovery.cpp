@@ -103,6 +103,7 @@ bool Recovery::recoveredRouteWanted( Mpls::RouteKey routeKey ) const {
    const L3::VrfName& vrf = L3::VrfName::defaultVrf();
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
    if ( !lfibRoute && in_.transitLfib->unread() ) {
+      sm_.keepUnread( routeKey );
       return true; // as far as anybody knows
    }
    if ( !lfibRoute || !sm_.mplsRoutingEnabled( vrf ) ||
@@ -116,9 +117,17 @@ bool Recovery::recoveredRouteWanted( Mpls::RouteKey routeKey ) const {
    const MplsRoute* const route = vrfState ? vrfState->route( routeKey ) : nullptr;
    const L3Adjacency* const l3Adj = route ? route->l3Adj().get() : nullptr;
    const bool looked = l3Adj && !vrfState->isAdjPendingForReview( l3Adj->index() );
-   return !( looked && awaitsNoFec( *l3Adj ) ) &&
-          ( parts_.viaSets.lFibViaSetFault( lfibRoute.viaSetKey ).empty() ||
-            in_.transitLfib->unread() );
+   if ( looked && awaitsNoFec( *l3Adj ) ) {
+      return false;
+   }
+   if ( parts_.viaSets.lFibViaSetFault( lfibRoute.viaSetKey ).empty() ) {
+      return true;
+   }
+   const bool unread = in_.transitLfib->unread();
+   if ( unread ) {
+      sm_.keepUnread( routeKey );
+   }
+   return unread;
 }
 
 bool Recovery::awaitsNoFec( const L3Adjacency& l3Adj ) const {

@@ -132,10 +132,12 @@ void Routes::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey vi
    }
 }
 
-// The route goes on forwarding by the adjacency that it has, and follows it.
+// The route goes on forwarding by the adjacency that it is in hardware by, and follows it. Into
+// another one it is not written: it may be meant for a third by now.
 void Routes::keepUnread( VrfMplsState& vrfState, MplsRoute& route ) {
    sm_.keepUnread( route.routeKey() );
-   if ( L3Adjacency* const bound = route.l3Adj().get() ) {
+   L3Adjacency* const bound = route.l3Adj().get();
+   if ( bound && route.inHardware() && !vrfState.carrierOf( route.routeKey() ) ) {
       parts_.routeWriter.writeRoute( vrfState, route, *bound );
    }
 }
