@@ -145,7 +145,7 @@ void MplsSm::handleMplsRouteSyncMap() {
    for ( const auto& [routeKey, syncId] : in_.mplsRouteSyncMap->adjSyncId() ) {
       const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
       recoveredRouteIs( routeKey );
-      if ( !lfibRoute && in_.transitLfib->unread() ) {
+      if ( !lfibRoute && in_.transitLfib->unread() && mplsRoutingEnabled( vrf ) ) {
          keepUnread( routeKey );
       } else if ( !lfibRoute || !parts_->viaSets.routeSupported( lfibRoute ) ||
                   !mplsRoutingEnabled( vrf ) ) {

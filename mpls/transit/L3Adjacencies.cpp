@@ -99,11 +99,16 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
    }
 }
 
-// The adjacency stays what it is, and follows its next hops.
+// The adjacency stays what it is, and follows its next hops with the routes that are in hardware by
+// it: their review may find that they cannot be read either.
 void L3Adjacencies::keepUnread( VrfMplsState& vrfState, L3Adjacency& l3Adj ) {
    sm_.keepUnread( l3Adj.lFibViaSetKey() );
+   const std::vector< Mpls::RouteKey > routes = routesInHardware( vrfState, l3Adj, true );
    if ( followVias( vrfState, l3Adj ) ) {
       settleL3Adj( vrfState, l3Adj );
+      for ( const Mpls::RouteKey routeKey : routes ) {
+         parts_.routeWriter.writeRoute( vrfState, *vrfState.route( routeKey ), l3Adj );
+      }
    }
 }
 

@@ -101,13 +101,15 @@ double Recovery::staleShare( size_t stale ) const {
 
 bool Recovery::recoveredRouteWanted( Mpls::RouteKey routeKey ) const {
    const L3::VrfName& vrf = L3::VrfName::defaultVrf();
+   if ( !sm_.mplsRoutingEnabled( vrf ) ) {
+      return false;
+   }
    const Mpls::LfibRoute lfibRoute = in_.transitLfib->lfibRoute( routeKey );
    if ( !lfibRoute && in_.transitLfib->unread() ) {
       sm_.keepUnread( routeKey );
       return true; // as far as anybody knows
    }
-   if ( !lfibRoute || !sm_.mplsRoutingEnabled( vrf ) ||
-        !parts_.viaSets.routeSupported( lfibRoute ) ) {
+   if ( !lfibRoute || !parts_.viaSets.routeSupported( lfibRoute ) ) {
       return false;
    }
    if ( in_.transitLfib->lfibViaSet( lfibRoute.viaSetKey ).null() ) {

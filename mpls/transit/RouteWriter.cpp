@@ -207,7 +207,8 @@ void RouteWriter::leaveRouteUnprogrammed( VrfMplsState& vrfState, MplsRoute& rou
    }
    if ( sm_.recoveredRouteHas( routeKey ) &&
         ( parts_.recovery.awaitsNoFec( l3Adj ) ||
-          !parts_.viaSets.lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() ) ) {
+          ( !parts_.viaSets.lFibViaSetFault( l3Adj.lFibViaSetKey() ).empty() &&
+            !in_.transitLfib->unread() ) ) ) {
       // Else it waits for its FEC in hardware.
       parts_.recovery.dropRecoveredRoute( vrfState.vrfName(), routeKey );
    }

@@ -137,7 +137,9 @@ void Routes::queueRoutesOfViaSet( VrfMplsState& vrfState, Mpls::LfibViaSetKey vi
 void Routes::keepUnread( VrfMplsState& vrfState, MplsRoute& route ) {
    sm_.keepUnread( route.routeKey() );
    L3Adjacency* const bound = route.l3Adj().get();
-   if ( bound && route.inHardware() && !vrfState.carrierOf( route.routeKey() ) ) {
+   if ( vrfState.carrierOf( route.routeKey() ) ) {
+      parts_.routeWriter.stayInHardware( vrfState, route );
+   } else if ( bound && route.inHardwareBy( *bound ) ) {
       parts_.routeWriter.writeRoute( vrfState, route, *bound );
    }
 }

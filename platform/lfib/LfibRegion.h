@@ -122,22 +122,22 @@ class VEL_EXPORT LfibWriter {
    const LfibTableView& view( LfibTable table ) const {
       return views_[static_cast< size_t >( table )];
    }
-   bool attach( std::span< std::byte > region );
-   void epochDraw();
-   void finishJournal();
-   void recover( LfibTable table );
-   Spot spotOf( LfibTable table, const LfibKey& key, Words& present );
-   static Spot spotIn( const LfibTableView& at, const LfibKey& key, Words& present );
+   VEL_HIDDEN bool attach( std::span< std::byte > region );
+   VEL_HIDDEN void epochDraw();
+   VEL_HIDDEN void finishJournal();
+   VEL_HIDDEN void recover( LfibTable table );
+   VEL_HIDDEN Spot spotOf( LfibTable table, const LfibKey& key, Words& present );
+   VEL_HIDDEN static Spot spotIn( const LfibTableView& at, const LfibKey& key, Words& present );
    template< class Value >
    LfibWrite put( LfibTable table, const Value& value, LfibChange::Kind kind );
-   LfibWrite put( LfibTable table, const Words& words, const LfibChange& change );
-   LfibWrite take( LfibTable table, const LfibKey& key, LfibChange change );
-   void slotWrite( const LfibTableView& at, U32 slot, LfibSlotHead::State state, const U64* words,
-                   U32 length );
-   void release( const LfibTableView& at, U32 slot );
-   void changeBegins( LfibTable table );
-   void changeEnds( LfibTable table, int delta );
-   void ringAdd( const LfibChange& change );
+   VEL_HIDDEN LfibWrite put( LfibTable table, const Words& words, const LfibChange& change );
+   VEL_HIDDEN LfibWrite take( LfibTable table, const LfibKey& key, LfibChange change );
+   VEL_HIDDEN void slotWrite( const LfibTableView& at, U32 slot, LfibSlotHead::State state,
+                              const U64* words, U32 length );
+   VEL_HIDDEN void release( const LfibTableView& at, U32 slot );
+   VEL_HIDDEN void changeBegins( LfibTable table );
+   VEL_HIDDEN void changeEnds( LfibTable table, int delta );
+   VEL_HIDDEN void ringAdd( const LfibChange& change );
 
    U64* region_ = nullptr;
    LfibLayout layout_;
@@ -246,9 +246,9 @@ class VEL_EXPORT LfibReader {
    void report( LfibTable table, U32 slot, U64 keyWord, LfibCorruptionReason reason ) const;
    template< class Value >
    Value valueAt( LfibTable table, U64 key ) const;
-   bool has( LfibTable table, const LfibKey& key, U64& content ) const;
-   U32 find( LfibTable table, const LfibKey& key, U64* words, U32& length ) const;
-   void nullIs() const;
+   VEL_HIDDEN bool has( LfibTable table, const LfibKey& key, U64& content ) const;
+   VEL_HIDDEN U32 find( LfibTable table, const LfibKey& key, U64* words, U32& length ) const;
+   VEL_HIDDEN void nullIs() const;
    /// Reads one slot of a walk. What does not hold is reported.
    Met walkSlot( const LfibTableView& table, U32 slot, U64* words, U32& length ) const;
    bool countHolds( const LfibTableView& table, U64 changes, U64 met ) const;

@@ -240,22 +240,22 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
    bool gone( Known& known, Key key, bool has ) const;
    template< class Via >
    Via viaAt( Via ( LfibReader::*lookUp )( LfibViaKey ) const, LfibViaKey key ) const;
-   void attach();
-   bool fillBatch();
-   void announce( const LfibChange& change );
-   void announceRoute( RouteKey key, bool present );
-   void announceViaSet( LfibViaSetKey key, bool present );
-   void announceVia( LfibViaKey key, bool present );
-   void announceDot1q( LfibDot1qTagToVlanKey key, uint16_t tag, bool present );
-   void resyncStart();
-   void stageIs( Stage stage );
-   bool resyncStep( size_t& budget );
-   bool stageStep( size_t& budget );
+   VEL_HIDDEN void attach();
+   VEL_HIDDEN bool fillBatch();
+   VEL_HIDDEN void announce( const LfibChange& change );
+   VEL_HIDDEN void announceRoute( RouteKey key, bool present );
+   VEL_HIDDEN void announceViaSet( LfibViaSetKey key, bool present );
+   VEL_HIDDEN void announceVia( LfibViaKey key, bool present );
+   VEL_HIDDEN void announceDot1q( LfibDot1qTagToVlanKey key, uint16_t tag, bool present );
+   VEL_HIDDEN void resyncStart();
+   VEL_HIDDEN void stageIs( Stage stage );
+   VEL_HIDDEN bool resyncStep( size_t& budget );
+   VEL_HIDDEN bool stageStep( size_t& budget );
    template< class Pass, class F >
    bool sweep( Pass& pass, size_t& budget, const F& announcedGone );
    template< class F >
    bool walk( LfibTable last, size_t& budget, const F& announced );
-   void sweepDot1q();
+   VEL_HIDDEN void sweepDot1q();
 
    LfibReader reader_;
    std::span< const std::byte > region_;
