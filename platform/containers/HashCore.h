@@ -67,7 +67,6 @@ class HashCore {
    /// a walk over the elements that are there.
    void reserve( size_t count ) {
       if ( count > indexFrom && count > buckets_ - buckets_ / 4 ) {
-         old_.reset();
          rebuildIndex( bucketsFor( count ) );
       }
    }
@@ -130,27 +129,36 @@ class HashCore {
       return position == none ? nullptr : &const_cast< HashCore* >( this )->node( position ).value;
    }
 
-   /// The value under the key, made when absent. The flag tells which.
+   /// The value under the key, made when absent. The flag tells which. When memory runs out, or the
+   /// value's constructor throws, the collection is as before.
    template< class... Args >
    std::pair< V*, bool > emplace( const K& key, Args&&... args ) {
       if ( const uint32_t position = positionOf( key ); position != none ) {
          return { &node( position ).value, false };
       }
       VEL_ASSERT( size_ < none );
+      if ( index_ ) {
+         growIfFull();
+      } else if ( size_ + 1 > indexFrom ) {
+         rebuildIndex( bucketsFor( size_ + 1 ) );
+      }
       const uint32_t position = takePosition();
-      Node& made = *::new ( static_cast< void* >( &node( position ) ) )
-                      Node{ key, V( std::forward< Args >( args )... ), tail_, none };
+      Node* made = nullptr;
+      try {
+         made = ::new ( static_cast< void* >( &node( position ) ) )
+            Node{ key, V( std::forward< Args >( args )... ), tail_, none };
+      } catch ( ... ) {
+         giveBack( position );
+         throw;
+      }
       ( tail_ == none ? head_ : node( tail_ ).next ) = position;
       tail_ = position;
       ++size_;
       if ( index_ ) {
-         growIfFull();
          place( position );
          migrate();
-      } else if ( size_ > indexFrom ) {
-         rebuildIndex( bucketsFor( size_ ) );
       }
-      return { &made.value, true };
+      return { &made->value, true };
    }
 
  private:
@@ -177,7 +185,7 @@ class HashCore {
       /// Whether there is room for that many elements.
       bool reaches( uint32_t count ) const { return count <= ( firstChunk << size_ ) - firstChunk; }
       void grow() {
-         if ( size_ == 1 ) {
+         if ( size_ == 1 && table_ == &first_ ) {
             table_ = new Node*[mostChunks];
             table_[0] = first_;
          }
@@ -208,11 +216,14 @@ class HashCore {
          std::memcpy( &free_, static_cast< void* >( &node( position ) ), sizeof free_ );
          return position;
       }
-      const uint32_t position = used_++;
-      if ( !chunks_.reaches( used_ ) ) {
+      if ( !chunks_.reaches( used_ + 1 ) ) {
          chunks_.grow();
       }
-      return position;
+      return used_++;
+   }
+   void giveBack( uint32_t position ) {
+      std::memcpy( static_cast< void* >( &node( position ) ), &free_, sizeof free_ );
+      free_ = position;
    }
 
    void erasePosition( uint32_t position ) {
@@ -229,8 +240,7 @@ class HashCore {
       [[maybe_unused]] K lastKey = std::move( gone.key );
       [[maybe_unused]] V lastValue = std::move( gone.value );
       std::destroy_at( &gone );
-      std::memcpy( static_cast< void* >( &gone ), &free_, sizeof free_ );
-      free_ = position;
+      giveBack( position );
       --size_;
    }
 
@@ -335,10 +345,12 @@ class HashCore {
       index_[hole] = 0;
    }
 
+   // Makes room for one element more.
    void growIfFull() {
-      if ( size_ <= buckets_ - buckets_ / 4 ) {
+      if ( size_ + 1 <= buckets_ - buckets_ / 4 ) {
          return;
       }
+      Index larger = makeIndex( buckets_ * 2 );
       while ( old_ ) {
          migrate();
       }
@@ -346,7 +358,7 @@ class HashCore {
       oldBuckets_ = buckets_;
       migrated_ = 0;
       buckets_ *= 2;
-      index_ = makeIndex( buckets_ );
+      index_ = std::move( larger );
    }
 
    void migrate() {
@@ -371,8 +383,9 @@ class HashCore {
    }
 
    void rebuildIndex( uint32_t buckets ) {
+      index_ = makeIndex( buckets );
       buckets_ = buckets;
-      index_ = makeIndex( buckets_ );
+      old_.reset();
       for ( uint32_t at = head_; at != none; at = node( at ).next ) {
          place( at );
       }

@@ -41,11 +41,15 @@ class LabelBits {
 
    uint64_t word( uint32_t page ) const { return data_ ? data_->words[page] : 0; }
    bool test( uint32_t label ) const { return word( label / 64 ) >> ( label % 64 ) & 1; }
-   /// True when the bit was not set.
-   bool set( uint32_t label ) {
+   /// Has the memory that `set` needs.
+   void prepare() {
       if ( !data_ ) [[unlikely]] {
          data_ = std::make_unique< Data >();
       }
+   }
+   /// True when the bit was not set.
+   bool set( uint32_t label ) {
+      prepare();
       uint64_t& word = data_->words[label / 64];
       const uint64_t bit = uint64_t{ 1 } << ( label % 64 );
       if ( word & bit ) {
@@ -238,6 +242,7 @@ class LabelIndexed {
       if ( !page ) {
          page.reset( new Page ); // not value-initialised: slots are made one by one
       }
+      bits_.prepare();
       V* const made = std::construct_at( page->slot( label ), std::forward< Args >( args )... );
       bits_.set( label );
       ++size_;
