@@ -607,7 +607,9 @@ std::string World::settle() {
          continue;
       }
       const double next = scheduler.nextExpiry();
-      if ( next == neverExpires || inputs_.clogged || inputs_.away ) {
+      // What cannot be read is looked for again for ever; a damaged region may be refused.
+      const bool unread = inputs_.away || ( inputs_.corrupt && sm().unreadTask()->scheduled() );
+      if ( next == neverExpires || inputs_.clogged || unread ) {
          return {};
       }
       const VrfMplsState* const vrfState = state();
