@@ -28,10 +28,8 @@ bool L3Adjacencies::maybeQueueStaleL3Adj( VrfMplsState& vrfState, Mpls::LfibViaS
         vrfState.isAdjPendingForReview( l3Adj.index() ) ) {
       return false;
    }
-   const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( viaSetKey );
-   const bool unread = viaSet.null() && in_.transitLfib->unread();
    const std::optional< U64 > digest =
-      unread ? std::nullopt : parts_.viaSets.contentDigestOf( viaSet );
+      parts_.viaSets.contentDigestOf( in_.transitLfib->lfibViaSet( viaSetKey ) );
    if ( !digest ) {
       return false; // nothing can be said of it now
    }
@@ -62,9 +60,7 @@ void L3Adjacencies::processL3Adj( VrfMplsState& vrfState, U64 index ) {
       return;
    }
    const Mpls::LfibViaSet viaSet = in_.transitLfib->lfibViaSet( viaSetKey );
-   const bool unread = viaSet.null() && in_.transitLfib->unread();
-   const std::optional< U64 > digest =
-      unread ? std::nullopt : parts_.viaSets.contentDigestOf( viaSet );
+   const std::optional< U64 > digest = parts_.viaSets.contentDigestOf( viaSet );
    if ( !digest ) {
       keepUnread( vrfState, *l3Adj );
       return;

@@ -191,6 +191,9 @@ std::string ViaSets::lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const {
 }
 
 std::optional< U64 > ViaSets::contentDigestOf( const Mpls::LfibViaSet& viaSet ) const {
+   if ( viaSet.null() && in_.transitLfib->unread() ) {
+      return std::nullopt;
+   }
    U64 digest = mixBits( viaSet.key().word() + ( viaSet.usableAsPrimaryVias() ? 1 : 0 ) );
    digest = mixBits( digest + viaSet.backupViaSetKey().word() );
    for ( U32 i = 0; i < viaSet.viaKeys(); ++i ) {

@@ -30,7 +30,8 @@ class ViaSets : private Part {
    Ptr< CachedLFibMplsViaColl > getSaneMplsIpLFibVias( const Mpls::LfibViaSet& viaSet ) const;
    /// Why a via set cannot be programmed, in words; empty when it can. For those who explain.
    std::string lFibViaSetFault( Mpls::LfibViaSetKey viaSetKey ) const;
-   /// Tells contents apart, the vias' included; nothing when a via cannot be read.
+   /// Tells contents apart, the vias' included; nothing when the via set that was just looked up, or
+   /// one of its vias, cannot be read.
    std::optional< U64 > contentDigestOf( const Mpls::LfibViaSet& viaSet ) const;
    /// By the LFIB as it is now, which may be ahead of what has been processed.
    bool stillUses( Mpls::RouteKey routeKey, const L3Adjacency& l3Adj ) const;

@@ -36,13 +36,11 @@ bool routeKeyFits( U64 word, bool single ) {
    const U64 top = word >> 42;
    const U64 second = word >> 21 & field;
    const U64 third = word & field;
-   return top <= MplsLabel::maxValue && second <= MplsLabel::nullValue &&
-          third <= ( second == MplsLabel::nullValue ? second : MplsLabel::nullValue ) &&
-          ( second != MplsLabel::nullValue || third == second ) &&
-          single == ( second == MplsLabel::nullValue );
+   const bool oneLabel = second == MplsLabel::nullValue;
+   return single == oneLabel && top <= MplsLabel::maxValue && second <= MplsLabel::nullValue &&
+          third <= MplsLabel::nullValue && ( !oneLabel || third == MplsLabel::nullValue );
 }
 
-constexpr Bridging::VlanId maxTag = 4095; // IEEE 802.1Q: 12 bits
 bool tagFits( U64 tag ) {
    return tag <= maxTag || tag == lfibDot1qMap;
 }

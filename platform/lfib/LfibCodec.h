@@ -61,6 +61,7 @@ bool decode( const U64* words, U32 length, LfibIpLookupVia& out );
 bool decode( const U64* words, U32 length, LfibVlanVia& out );
 bool decode( const U64* words, U32 length, LfibEvpnVlanAwareVia& out );
 
+inline constexpr Bridging::VlanId maxTag = 4095; // IEEE 802.1Q: 12 bits
 /// The content of a tag's element: the VLAN, and that there is one.
 inline constexpr U64 vlanPresentBit = 1U << 16;
 

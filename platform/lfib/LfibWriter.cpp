@@ -12,8 +12,6 @@ using namespace LfibCodec;
 
 namespace {
 
-constexpr Bridging::VlanId maxTag = 4095; // IEEE 802.1Q: 12 bits
-
 LfibChange changeOf( LfibChange::Kind kind, U64 keyWord, uint16_t tag = 0 ) {
    return { kind, false, tag, keyWord };
 }
