@@ -135,6 +135,7 @@ size_t LfibStatus::poll( size_t limit ) {
          continue;
       }
       if ( batchAt_ == batchEnd_ && !fillBatch() ) {
+         walkedAhead_ = false;
          break;
       }
       if ( batchAt_ != batchEnd_ ) {
@@ -224,7 +225,7 @@ void LfibStatus::announce( const LfibChange& change ) {
 
 void LfibStatus::resyncStart() {
    started_ = true;
-   announceAll_ = announceAll_ || walkedBlind_;
+   announceAll_ = announceAll_ || walkedBlind_ || walkedAhead_;
    missed_ = walkedBlind_ = false;
    resyncsInc();
    // In this order: a flag that is set later has an entry behind the position, and is announced

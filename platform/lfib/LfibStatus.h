@@ -142,7 +142,7 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
             call( route );
          },
          walk );
-      walkedBlind_ = walkedBlind_ || reader_.stale();
+      walked();
       return whole;
    }
    /// The same of via sets.
@@ -154,7 +154,7 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
             call( viaSet );
          },
          walk );
-      walkedBlind_ = walkedBlind_ || reader_.stale();
+      walked();
       return whole;
    }
 
@@ -224,6 +224,12 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
          missed_ = missed_ || reader_.stale();
       }
    }
+   /// Somebody has walked over a table. A walk ahead of the announcements may have missed a key that
+   /// is back, as it was, before its end is announced.
+   void walked() const {
+      walkedBlind_ = walkedBlind_ || reader_.stale();
+      walkedAhead_ = walkedAhead_ || pollPending();
+   }
    /// A key has been announced.
    template< class Known, class Key >
    static void announcedIs( Known& known, Key key, bool present ) {
@@ -274,6 +280,7 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
    // While the region could not be read, somebody has looked a key up, or walked over a table.
    mutable bool missed_ = false;
    mutable bool walkedBlind_ = false;
+   mutable bool walkedAhead_ = false; // since everything was announced
    U64 announcedBefore_ = 0; // in regions and by publishers of before
    mutable U64 announced_ = 0;
    mutable U64 unreads_ = 0;
