@@ -44,7 +44,7 @@ void foreignChanges( Driver::FecUnit& unit, Input& input ) {
    const IntfId tunnel( IntfId::Kind::dynamicTunnel, form % 4 );
    const Fib::FecId fecId = Fib::FecId::fecIdForAdjType( Fib::AdjType::nexthopGroupAdj, form % 4 );
    const std::vector< Fib::FecVia > vias{
-      { Input::linkAddress( number ), link( number ), {}, {} } };
+      { Input::linkAddress( number ), link( number ), MplsLabelAction::push, { 100 + number } } };
    switch ( form >> 6 ) {
    case 0:
       return unit.foreignFecIs( fecId, vias );
@@ -101,7 +101,11 @@ void fuzzStateMachine( ByteView bytes ) {
    }
    rig.settle( 30 );
    for ( U32 label = 0; label < Input::labels; ++label ) {
-      rig.leavesBy( Input::firstLabel + label );
+      // What no switch could carry out is not written to it.
+      const Driver::ForwardResult left =
+         rig.hardware->forward( rig.vrfId, Test::frameOf( Input::firstLabel + label ) );
+      VEL_ASSERT_TEXT( left.drop != Driver::DropReason::badVia, "drop != badVia", left.text, "fuzz",
+                       "" );
    }
 }
 

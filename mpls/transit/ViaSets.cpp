@@ -56,6 +56,27 @@ std::string_view intfFault( const Mpls::LfibMplsVia& via, bool inPlaceAdjacencyU
    return via.nextHop.empty() ? "nexthop is not set, via is invalid" : std::string_view();
 }
 
+// Why no frame could be rewritten by one of the vias, or nothing. A next-hop group rewrites by
+// itself.
+std::string_view operationFault( const CachedLFibMplsViaColl& vias ) {
+   for ( const auto& [index, via] : vias.via() ) {
+      const bool hasLabel = via.labelStack.stackSize() != 0;
+      const bool putsLabelOn =
+         via.labelAction == MplsLabelAction::swap || via.labelAction == MplsLabelAction::push;
+      const bool intoGroup = Fib::FecIdIntfId::isNexthopGroupIdIntfId( via.intf );
+      if ( intoGroup && ( hasLabel || putsLabelOn ) ) {
+         return "a next-hop group has its own label operation, only a pop may come before it";
+      }
+      if ( via.labelAction == MplsLabelAction::none && !intoGroup ) {
+         return "the via has no label action";
+      }
+      if ( hasLabel != putsLabelOn ) {
+         return hasLabel ? "the via pops and has a label" : "the via has no outgoing label";
+      }
+   }
+   return {};
+}
+
 // In what the vias of a dynamic tunnel differ, or nothing.
 std::string dynamicTunnelFault( const CachedLFibMplsViaColl& vias ) {
    const Mpls::LfibMplsVia* first = nullptr;
@@ -144,10 +165,12 @@ std::string ViaSets::collectMplsIpLFibVias( const Mpls::LfibViaSet& viaSet,
    if ( seen.nexthopGroup && vias.vias() > 1 ) {
       return "Only one NHG via is supported now";
    }
-   if ( seen.nexthopGroup && ( *vias.via().begin() ).value.labelStack.stackSize() != 0 ) {
-      return "a next-hop group has its own label operation, only a pop may come before it";
+   if ( seen.dynamicTunnel ) {
+      if ( std::string fault = dynamicTunnelFault( vias ); !fault.empty() ) {
+         return fault;
+      }
    }
-   return seen.dynamicTunnel ? dynamicTunnelFault( vias ) : std::string();
+   return std::string( operationFault( vias ) );
 }
 
 Ptr< CachedLFibMplsViaColl >

@@ -190,6 +190,14 @@ TEST_F( Adjacency, saysWhyAViaSetCannotBeProgrammed ) {
    dynPop.labelAction = MplsLabelAction::pop;
    auto dynPayload = with( swapVia( 6, "10.0.0.1", 1, 5 ), tunnel );
    dynPayload.payloadType = Mpls::PayloadType::ipv4;
+   const auto operating = []( uint16_t index, MplsLabelAction action, bool hasLabel ) {
+      auto via = swapVia( index, "10.0.0.1", 1, 5 );
+      via.labelAction = action;
+      if ( !hasLabel ) {
+         via.labelStack = {};
+      }
+      return via;
+   };
    const struct {
       std::vector< Mpls::LfibMplsVia > vias;
       const char* fault;
@@ -211,6 +219,10 @@ TEST_F( Adjacency, saysWhyAViaSetCannotBeProgrammed ) {
       { { dyn }, "Unsupported lFib Adj adjTypeDynamicTunnel" },
       { { nhg }, "a next-hop group has its own label operation, only a pop may come before it" },
       { { nhgOnly }, "Unsupported lFib Adj adjTypeNexthopGroup" },
+      { { operating( 10, MplsLabelAction::none, false ) }, "the via has no label action" },
+      { { good, operating( 11, MplsLabelAction::swap, false ) }, "the via has no outgoing label" },
+      { { operating( 12, MplsLabelAction::push, false ) }, "the via has no outgoing label" },
+      { { operating( 13, MplsLabelAction::pop, true ) }, "the via pops and has a label" },
    };
    U32 viaSet = 1;
    for ( const auto& each : cases ) {
