@@ -29,6 +29,14 @@ void OperationQueue::pushAdjacency( Operation operation ) {
    push( std::move( operation ) );
 }
 
+void OperationQueue::latenessIs( Lateness lateness ) {
+   VEL_ASSERT( lateness );
+   for ( size_t waiting = lateness_ ? 0 : waiting_.size(); waiting != 0; --waiting ) {
+      dueAt_.push( now() );
+   }
+   lateness_ = std::move( lateness );
+}
+
 // The queue was empty: the hardware starts on the first operation now.
 void OperationQueue::begin() {
    if ( serviceTimeSeconds_ > 0 ) {

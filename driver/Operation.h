@@ -141,8 +141,8 @@ class OperationQueue {
          begin();
       }
    }
-   /// Sets the lateness of what is written from now on; the queue must be empty.
-   void latenessIs( Lateness lateness ) { lateness_ = std::move( lateness ); }
+   /// Sets the lateness of what is written from now on.
+   void latenessIs( Lateness lateness );
    /// Adds the writing of an adjacency, with its L2 vias as they are now.
    void pushAdjacency( Operation operation );
 

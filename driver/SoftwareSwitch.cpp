@@ -98,10 +98,7 @@ SoftwareSwitch::SoftwareSwitch( Ptr< MplsHwConfig > config, Ptr< MplsHwStatus > 
    taskReactor_ = std::make_unique< TaskReactor >( *this, task_.get(), &SoftwareSwitch::run );
    faultTaskReactor_ =
       std::make_unique< TaskReactor >( *this, faultTask_.get(), &SoftwareSwitch::faultsChanged );
-   settings_.faults.startIs( now() );
-   if ( !settings_.faults.empty() ) {
-      queue_.latenessIs( [this]( double at ) { return settings_.faults.lateness( at ); } );
-   }
+   faultsStart();
    faultTask_->runAfter( settings_.faults.nextChange( now() ) - now() );
    const Ptr< VelHelper::MplsRouteSyncMap > routeSyncMap = fecPlatform.routeSyncMap;
    status_->resolve_ = fecPlatform.resolve;
@@ -225,8 +222,16 @@ void SoftwareSwitch::capacityIs( size_t routes, size_t adjacencies ) {
 
 void SoftwareSwitch::faultsAre( FaultPlan faults ) {
    settings_.faults = std::move( faults );
-   settings_.faults.startIs( now() );
+   faultsStart();
    faultsChanged();
+}
+
+// Without a plan no operation has a time of its own.
+void SoftwareSwitch::faultsStart() {
+   settings_.faults.startIs( now() );
+   if ( !settings_.faults.empty() ) {
+      queue_.latenessIs( [this]( double at ) { return settings_.faults.lateness( at ); } );
+   }
 }
 
 void SoftwareSwitch::linkIs( IntfId intf, bool up ) {

@@ -143,6 +143,7 @@ class SoftwareSwitch {
    UnprogrammedReason fecRouteRefusal( const HwVrf& vrf, Mpls::RouteKey key, HwFec* fec );
    bool someVrfHas( Mpls::RouteKey key ) const;
    void routeMoved( HwRoute& route, Ptr< HwAdjacency > adjacency, Ptr< HwFec > fec );
+   void faultsStart();
    void faultsChanged();
    void linksChanged();
    void countMost();

@@ -56,19 +56,6 @@ class VEL_EXPORT CachedLFibMplsViaColl : public Entity {
    // clang-format on
 };
 
-/// Route keys that pop into one VRF.
-class VEL_EXPORT VrfRouteKeySet : public Entity {
-   // clang-format off
-   VEL_ENTITY( VrfRouteKeySet )
-   VEL_KEY( L3::VrfName, vrfName )
-   VEL_SET( HashSet, Mpls::RouteKey, routeKeySet )
-   VEL_ENTITY_END_IN_SOURCE
-   // clang-format on
-
- public:
-   explicit VrfRouteKeySet( L3::VrfName vrf ) : vrfName_( vrf ) {}
-};
-
 /// One label route that the state machine handles.
 class VEL_EXPORT MplsRoute : public Entity {
    // clang-format off

@@ -11,7 +11,7 @@ namespace {
 
 using C = MplsSmCounters;
 
-constexpr std::array< CounterName, 17 > counters{ {
+constexpr std::array< CounterName, 18 > counters{ {
    { "received", "routes_received", "Routes and removals announced by the LFIB.",
      &C::routesReceived },
    { "accepted", "routes_accepted", "Announced routes that are to be forwarded.",
@@ -41,6 +41,8 @@ constexpr std::array< CounterName, 17 > counters{ {
      "L2 adjacencies that became listed as unprogrammed.", &C::adjacenciesRefused },
    { "adjacenciesRetried", "adjacencies_retried", "Unprogrammed L2 adjacencies tried again.",
      &C::adjacenciesRetried },
+   { "lfibUnread", "lfib_unread", "Times that the LFIB could not be read, and was read again.",
+     &C::lfibUnread },
 } };
 
 /// One metric after the other.

@@ -189,7 +189,7 @@ Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
                      " is unknown; this program reads version 1" );
    }
    Driver::HwState state;
-   state.nextHwId = natural( fieldOf( in, "nextHwId" ), largestHwId );
+   state.nextHwId = natural( fieldOf( in, "nextHwId" ), largestHwId / 2 ); // numbers are left
    if ( state.nextHwId == 0 ) { // 0 names no FEC
       throw Unsound( "the next FEC cannot get the number 0" );
    }

@@ -85,6 +85,9 @@ VEL_ENTITY_SOURCE( LfibHwStatus )
 
 void appendText( std::string& out, const RouteInfo& info ) {
    Vel::appendText( out, info.statusCode );
+   if ( info.reason != LfibHwProgrammingReturnCode::success ) {
+      out += Vel::joinText( " reason ", info.reason );
+   }
 }
 
 void appendText( std::string& out, const LfibHwViaSet& viaSet ) {

@@ -190,6 +190,8 @@ enum class RouteStatusCode : uint8_t {
 struct RouteInfo {
    RouteKey routeKey;
    RouteStatusCode statusCode = RouteStatusCode::programmed;
+   /// Of a label that ends here: why it is not programmed.
+   LfibHwProgrammingReturnCode reason = LfibHwProgrammingReturnCode::success;
    friend bool operator==( const RouteInfo&, const RouteInfo& ) = default;
 };
 VEL_EXPORT void appendText( std::string& out, const RouteInfo& info );

@@ -50,4 +50,21 @@ void appendText( std::string& out, const LfibExtFecVia& via ) {
    }
 }
 
+// "pop ipv4 vrf red"
+void appendText( std::string& out, const LfibIpLookupVia& via ) {
+   out += "pop ";
+   if ( via.payloadType != PayloadType::undefined ) {
+      out += Vel::joinText( via.payloadType, " " );
+   }
+   out += Vel::joinText( "vrf ", via.vrfName.vrfName() );
+}
+
+void appendText( std::string& out, const LfibVlanVia& via ) {
+   out += Vel::joinText( "pop vlan ", via.vlanId );
+}
+
+void appendText( std::string& out, const LfibEvpnVlanAwareVia& via ) {
+   out += Vel::joinText( "pop dot1qTagToVlan ", via.dot1qTagToVlanKey );
+}
+
 } // namespace Mpls

@@ -47,6 +47,15 @@ constexpr bool isTransit( LfibViaType type ) {
 /// How the vias of a set are used together.
 enum class LfibViaSetType : uint8_t { unicast = 0, multicast = 1 };
 
+/// What became of a label that ends here, as whoever programs the hardware says. Only these are
+/// known; a higher code says that the label is not for this hardware at all.
+enum class LfibHwProgrammingReturnCode : uint8_t {
+   success = 0,
+   tableFull = 1,    ///< tried again later, like the next two
+   notSupported = 2, ///< by this platform as it is; also of an agent without hardware
+   notReady = 3,     ///< what it leads to is not there
+};
+
 /// The routing protocol that made a via set or via.
 enum class LfibSource : uint8_t {
    unknown = 0,
@@ -262,6 +271,8 @@ struct LfibIpLookupVia {
    friend bool operator==( const LfibIpLookupVia&, const LfibIpLookupVia& ) = default;
 };
 
+VEL_EXPORT void appendText( std::string& out, const LfibIpLookupVia& via );
+
 /// Pop, then bridge in a VLAN.
 struct LfibVlanVia {
    LfibViaKey key;
@@ -269,6 +280,7 @@ struct LfibVlanVia {
    friend bool operator==( const LfibVlanVia&, const LfibVlanVia& ) = default;
 };
 using LfibEvpnVlanFloodVia = LfibVlanVia;
+VEL_EXPORT void appendText( std::string& out, const LfibVlanVia& via );
 
 /// Key of a map from 802.1Q tag to VLAN.
 class LfibDot1qTagToVlanKey {
@@ -296,6 +308,7 @@ struct LfibEvpnVlanAwareVia {
    friend bool operator==( const LfibEvpnVlanAwareVia&, const LfibEvpnVlanAwareVia& ) = default;
 };
 using LfibEvpnVlanAwareFloodVia = LfibEvpnVlanAwareVia;
+VEL_EXPORT void appendText( std::string& out, const LfibEvpnVlanAwareVia& via );
 
 /// Pop, then hand over to a pseudowire.
 struct LfibPwVia {
@@ -319,6 +332,15 @@ struct Vel::EnumNames< Mpls::LfibViaType > {
         { Mpls::viaTypeEvpnVlanFlood, "viaTypeEvpnVlanFlood" },
         { Mpls::viaTypeEvpnVlanAwareFlood, "viaTypeEvpnVlanAwareFlood" },
         { Mpls::viaTypeExternalFec, "viaTypeExternalFec" } } };
+};
+template<>
+struct Vel::EnumNames< Mpls::LfibHwProgrammingReturnCode > {
+   using enum Mpls::LfibHwProgrammingReturnCode;
+   static constexpr std::array< std::pair< Mpls::LfibHwProgrammingReturnCode, std::string_view >, 4 >
+      names{ { { success, "success" },
+               { tableFull, "tableFull" },
+               { notSupported, "notSupported" },
+               { notReady, "notReady" } } };
 };
 template<>
 struct Vel::EnumNames< Mpls::LfibViaSetType > {

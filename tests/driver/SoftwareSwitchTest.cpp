@@ -172,6 +172,14 @@ TEST_F( SwitchTest, eachOperationTakesTheServiceTime ) {
    remove( 16 );
    EXPECT_EQ( operationsAt( 54.9 ), 4U );
    EXPECT_EQ( operationsAt( 55 ), 5U );
+   remove( 17 );
+   FaultPlan late;
+   ASSERT_FALSE( late.parse( "late 100", {} ) );
+   hardware->faultsAre( late ); // holds for what is written from now on
+   write( 18, a );
+   EXPECT_EQ( operationsAt( 65 ), 6U );
+   EXPECT_EQ( operationsAt( 154.9 ), 6U );
+   EXPECT_EQ( operationsAt( 155 ), 7U );
 }
 
 TEST_F( SwitchTest, aLongQueueIsCarriedOutInSlices ) {
