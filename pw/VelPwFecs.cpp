@@ -13,7 +13,7 @@ void PwLFibSm::addHwFecIdRequest( MplsLabel label, IntfId pwIntfId ) {
    const Fib::DecapConnector connector = pwStatus_->localConnectorInfo( pwIntfId );
    PW_TRACE( 7, "vlan pw decapConnector", connector );
    fecIdToDecapInfoIs( labelFecId, { label, pwIntfId, connector, {} } );
-   fecIdToFirstVersionIs( labelFecId, requestVersion_ + 1 );
+   fecIdToFirstVersionIs( labelFecId, hwFecIdRequest_->pwRequestVersion() + 1 );
    decapLabelToVlanPwIntfIdIs( label, pwIntfId );
    PW_TRACE( 7, "intfIdToFecIdCol->fecIdIs, pwIntfId: ", pwIntfId, ", labelFecId: ", labelFecId );
    pwIntfIdToFecIdIs( pwIntfId )->fecIdIs( labelFecId );
@@ -27,7 +27,9 @@ void PwLFibSm::writeHwFecIdRequest( Fib::FecId fecId, const Fib::DecapConnector&
    fec.fecId = fecId;
    fec.decapConnector = connector;
    hwFecIdRequest_->fecIs( fec );
-   hwFecIdRequest_->hwFecIdRequestIs( { fecId, L3::VrfName::defaultVrf(), ++requestVersion_ } );
+   const U64 version = hwFecIdRequest_->pwRequestVersion() + 1;
+   hwFecIdRequest_->pwRequestVersionIs( version );
+   hwFecIdRequest_->hwFecIdRequestIs( { fecId, L3::VrfName::defaultVrf(), version } );
    if ( hwFecIdResponse_->hwFecIdHas( fecId ) ) {
       handleHwFecIdResponse( fecId );
    }

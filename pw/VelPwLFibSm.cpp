@@ -112,15 +112,14 @@ void PwLFibSm::handleInitialized() {
    handleLFibRoute();
 }
 
-// Requests of this instance have versions above all of an earlier one: what is still answered to
-// that one cannot be taken for an answer to this.
+// Requests of this instance have versions above all of an earlier one, and above what hardware has
+// answered should the request table be a new one: nothing of that is taken for an answer to this.
 void PwLFibSm::clearTablesOfBefore() {
-   for ( const auto& [fecId, request] : hwFecIdRequest_->hwFecIdRequest() ) {
-      requestVersion_ = std::max( requestVersion_, request.version );
-   }
+   U64 last = hwFecIdRequest_->pwRequestVersion();
    for ( const auto& [fecId, answer] : hwFecIdResponse_->hwFecId() ) {
-      requestVersion_ = std::max( requestVersion_, answer.version );
+      last = std::max( last, answer.version );
    }
+   hwFecIdRequest_->pwRequestVersionIs( last );
    decapInfoTable_->labelToPwDecapInfoDelAll();
    hwFecIdRequest_->fecDelAll();
    hwFecIdRequest_->hwFecIdRequestDelAll();
@@ -167,7 +166,7 @@ void PwLFibSm::handleReadRoute( Mpls::RouteKey routeKey, const Mpls::LfibRoute& 
    }
 }
 
-// The routes with fewer labels come first, which are the last in the order of keys.
+// The last in the order of keys comes first: the single label before all that stand on others.
 void PwLFibSm::decideLabel( PwDecapLabel& routes ) {
    std::vector< Mpls::RouteKey > routeKeys;
    for ( const Mpls::RouteKey routeKey : routes.routeKey() ) {

@@ -23,14 +23,13 @@
 // pseudowire by way of none, under a new FEC id.
 //
 // Several routes may have a label on top, with different labels below. They share its FEC id and
-// its record. The one with the fewest labels that has the shape decides, so that the outcome does
-// not depend on the order of events; when it goes, the next one takes over, without interruption
-// where it leads into the same pseudowire.
+// its record. Of those that have the shape the last in the order of keys decides, which is the
+// single label if it is there: the outcome does not depend on the order of events. When it goes,
+// the next one takes over, without interruption where it leads into the same pseudowire.
 //
 // An id is free when it has neither a request nor an answer left. Answers come late, so one counts
 // only for a request of the present life of the id: a request's version grows with each change of
-// its content, from above all that the tables of an earlier instance held, and an answer names the
-// version that it carries out.
+// its content, through all lives and instances, and an answer names the version that it carries out.
 //
 // What cannot be read in the LFIB stays as it is, and is looked at again when it is announced, or
 // after a second.
@@ -109,7 +108,6 @@ class VEL_EXPORT PwLFibSm : public Entity {
    VEL_COLLECTION( Hash, MplsLabel, IntfId, decapLabelToVlanPwIntfId )
    VEL_ENTITY_COLLECTION( Hash, IntfId, PwIntfIdToFecIdCollection, pwIntfIdToFecId )
    VEL_SET( HashSet, Mpls::RouteKey, unreadRouteKey )                  // to be looked at again
-   VEL_READ_ONLY( U64, requestVersion )                                // the last one written
    VEL_READ_ONLY( Ptr< const Mpls::LfibStatus >, pwLfib )
    VEL_READ_ONLY( Ptr< VelPw::DecapInfoTable >, decapInfoTable )
    VEL_READ_ONLY( Ptr< const Pseudowire::Status >, pwStatus )
