@@ -153,8 +153,8 @@ void PwLFibSm::handleReadRoute( Mpls::RouteKey routeKey, const Mpls::LfibRoute& 
    const bool ours = route.viaSetKey.viaType() == Mpls::viaTypeMplsPseudowire;
    const MplsLabel label = routeKey.topLabel();
    PwDecapLabel* const routes = ours ? decapLabelIs( label ) : decapLabel( label );
-   if ( !ours && !!route ) {
-      pwIntfIdOfRoute( routeKey ); // for the trace to say why
+   if ( !ours && !!route && velPwLFibSmTrace.enabled( 7 ) ) {
+      pwIntfIdOfRoute( routeKey ); // says why not
    }
    if ( routes == nullptr ) {
       return;
