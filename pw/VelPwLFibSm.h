@@ -29,7 +29,8 @@
 //
 // An id is free when it has neither a request nor an answer left. Answers come late, so one counts
 // only for a request of the present life of the id: a request's version grows with each change of
-// its content, through all lives and instances, and an answer names the version that it carries out.
+// its content, through all lives and instances, and an answer names the version that is carried
+// out.
 //
 // What cannot be read in the LFIB stays as it is, and is looked at again when it is announced, or
 // after a second.
@@ -38,7 +39,7 @@
 // VLAN pseudowire with FECs; all others are values, and mirror each other:
 //    dstPortFecRequested ─ fecIdToDecapInfo ─ fecIdToFirstVersion   a label and its FEC id
 //    decapLabelToVlanPwIntfId ─ pwIntfIdToFecId                     a label and its pseudowire
-// Holds its inputs and outputs, the tracker, the allocator, and one timer while something is unread.
+// Holds its inputs and outputs, the tracker, the allocator, and a timer while something is unread.
 //
 // Invariants. An entry of labelToPwDecapInfo that names a hardware FEC is there only while its
 // request is. `allocatedFecId` holds the ids with a request, and those that wait for their answer
@@ -46,8 +47,8 @@
 //
 // Yield points: none, a handler does its work at once; the LFIB's poll bounds how much comes at a
 // time. Threads: one.
-// Cost: an event takes a constant number of look-ups for each route of its label, or for each FEC of
-// its pseudowire.
+// Cost: an event takes a constant number of look-ups for each route of its label, or for each FEC
+// of its pseudowire.
 
 #pragma once
 

@@ -161,8 +161,8 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
    // Made with the adjacency that forwards into the FEC; removed when no adjacency, no route and no
    // FEC that it protects is left. There is no refusal: what cannot be made is not answered.
    VEL_VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
-   // The last version of the pseudowire requests, from which their writer's successor goes on: answers
-   // to requests that are long withdrawn may still be on their way.
+   // The last version of the pseudowire requests, from which their writer's successor goes on:
+   // answers to requests that are long withdrawn may still be on their way.
    VEL_ATTRIBUTE( U64, pwRequestVersion )
    // What a FEC was before the restart, for the hardware layer to find it again. Written while the
    // routes of the process before are taken over, cleared when that has ended.
