@@ -20,6 +20,9 @@ void appendText( std::string& out, const Fec& fec ) {
       separator = "; ";
    }
    out += Vel::joinText( "} backup ", fec.backupFecId );
+   if ( !fec.decapConnector.empty() ) {
+      out += Vel::joinText( " connector ", fec.decapConnector );
+   }
 }
 
 } // namespace Fib

@@ -43,7 +43,23 @@ class ViaIndex {
    U32 value_;
 };
 
-/// A FEC: its vias in via-index order, and the FEC that protects it, if any. Empty without vias.
+/// Where the frames of a pseudowire leave the switch, and how: the interface, the tag that they get
+/// there, and the VLAN that stands for the two inside. Empty while the pseudowire's layer does not
+/// know it.
+struct DecapConnector {
+   IntfId parentIntfId;
+   Bridging::VlanIdOrNone dot1qTag;
+   Bridging::VlanId internalVlanId = 0;
+   bool empty() const { return *this == DecapConnector(); }
+   friend bool operator==( const DecapConnector&, const DecapConnector& ) = default;
+};
+inline void appendText( std::string& out, const DecapConnector& connector ) {
+   out += Vel::joinText( "(parent=", connector.parentIntfId, ", dot1q=", connector.dot1qTag,
+                         ", intVlan=", connector.internalVlanId, ")" );
+}
+
+/// A FEC: its vias in via-index order, and the FEC that protects it, if any; or, without vias, the
+/// connector in which a pseudowire's frames end. Empty without either.
 ///
 /// A protected FEC's last via leads into its backup; frames take it while the others are down or
 /// drop.
@@ -51,6 +67,7 @@ struct Fec {
    FecId fecId;
    std::vector< FecVia > via;
    FecId backupFecId;
+   DecapConnector decapConnector{};
    /// Appends a via. A 129th raises the range error of `ViaIndex`.
    void viaAdd( const FecVia& added ) {
       [[maybe_unused]] const ViaIndex index( static_cast< U32 >( via.size() ) );
@@ -68,7 +85,7 @@ struct Fec {
       return std::span( via ).first( via.size() -
                                      ( backupFecId == FecId() || via.empty() ? 0 : 1 ) );
    }
-   bool empty() const { return via.empty(); }
+   bool empty() const { return via.empty() && decapConnector.empty(); }
    friend bool operator==( const Fec&, const Fec& ) = default;
 };
 VEL_EXPORT void appendText( std::string& out, const Fec& fec );
@@ -144,6 +161,9 @@ class VEL_EXPORT FecIdToHwFecIdRequest : public WatchedEntity {
    // Made with the adjacency that forwards into the FEC; removed when no adjacency, no route and no
    // FEC that it protects is left. There is no refusal: what cannot be made is not answered.
    VEL_VALUES( Hash, Fib::FecId, HwFecIdRequest, fecId, hwFecIdRequest, onHwFecIdRequest )
+   // The last version of the pseudowire requests, from which their writer's successor goes on:
+   // answers to requests that are long withdrawn may still be on their way.
+   VEL_ATTRIBUTE( U64, pwRequestVersion )
    // What a FEC was before the restart, for the hardware layer to find it again. Written while the
    // routes of the process before are taken over, cleared when that has ended.
    VEL_VALUES( Hash, Fib::FecId, AdjSyncIdEntry, fecId, adjSyncIdMap )

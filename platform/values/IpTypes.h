@@ -178,6 +178,9 @@ struct PseudowireIntfId {
    static constexpr bool isPortPseudowireIntfId( IntfId intf ) {
       return intf.kind() == IntfId::Kind::portPseudowire;
    }
+   static constexpr bool isVlanPseudowireIntfId( IntfId intf ) {
+      return intf.kind() == IntfId::Kind::vlanPseudowire;
+   }
 };
 
 } // namespace Vel

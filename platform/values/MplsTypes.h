@@ -32,6 +32,7 @@ class MplsLabel {
    constexpr explicit MplsLabel( U32 value ) : value_( value ) {}
    constexpr U32 value() const { return value_; }
    constexpr bool null() const { return value_ >= nullValue; }
+   constexpr U64 hash() const { return mixBits( value_ ); }
    friend constexpr auto operator<=>( const MplsLabel&, const MplsLabel& ) = default;
 
  private:
