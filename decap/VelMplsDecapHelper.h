@@ -41,9 +41,6 @@ class VEL_EXPORT VelBaseHelper : public WatchedEntity {
    VEL_ENTITY_END_IN_SOURCE
    // clang-format on
 
- public:
-   virtual bool hasBackupSupport() const { return false; }
-
  protected:
    explicit VelBaseHelper( std::string name ) : helperName_( std::move( name ) ) {}
 };

@@ -241,7 +241,7 @@ class VEL_EXPORT MplsDecapSm : public Entity {
 };
 
 /// Makes the machine; it is inert until `handleInitialized`.
-Ptr< MplsDecapSm >
+Ptr< MplsDecapSm > // NOLINTNEXTLINE(readability-identifier-naming)
    VEL_EXPORT MplsDecapSmIs( Ptr< VelHelper::MplsDecapHelper > helper,
                              Ptr< const Mpls::LfibStatus > lfibStatus, Ptr< Scheduler > scheduler,
                              Ptr< Mpls::LfibTrackingStatus > lfibTrackingStatus,

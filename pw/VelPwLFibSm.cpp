@@ -99,7 +99,7 @@ void PwLFibSm::handleInitialized() {
    PW_ASSERT( pwStatus_ && hwFecIdRequest_ && hwFecIdResponse_ && timerWheel_,
               "pwStatus() && hwFecIdRequest() && hwFecIdResponse() && timerWheel()", "", name() );
    clearTablesOfBefore();
-   numAllocatorConfig_ = make< NumAllocatorConfig >( 0, 0xFFFF'FFFF );
+   numAllocatorConfig_ = make< NumAllocatorConfig >( U64{ 0 }, U64{ 0xFFFF'FFFF } );
    numAllocatorConfig_->expiryTimeIs( 10.0 );
    numAllocatorStatus_ = make< NumAllocatorStatus >();
    numAllocator_ = make< NumAllocator >( numAllocatorConfig_, numAllocatorStatus_,

@@ -171,7 +171,7 @@ class VEL_EXPORT PwLFibSm : public Entity {
 };
 
 /// Makes the state machine, which starts at once.
-VEL_EXPORT Ptr< PwLFibSm >
+VEL_EXPORT Ptr< PwLFibSm > // NOLINTNEXTLINE(readability-identifier-naming)
 PwLFibSmIs( Ptr< const Mpls::LfibStatus > lfibStatus, Ptr< VelPw::DecapInfoTable > decapInfoTable,
             Ptr< const Pseudowire::Status > pwStatus, Ptr< FecIdToHwFecIdRequest > request,
             Ptr< const FecIdToHwFecIdResponse > response, Ptr< TimerWheel > timerWheel );

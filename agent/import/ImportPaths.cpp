@@ -1,6 +1,7 @@
 // What becomes of a label on all ways through the groups, tunnels and FECs of other agents, each of
 // which may take labels off and put others on. A route whose frames would lose a label that is not
-// its own is refused when the table is read, since hardware could only drop the frames.
+// its own, or keep the one that was for this router, is refused when the table is read, since
+// hardware could only drop the frames.
 
 #include "agent/import/ImportChecks.h"
 
@@ -93,6 +94,11 @@ std::string faultOf( const Paths::Effects& ways, const std::string& into ) {
                 " more than the label of the route would come off: only one of them may take a "
                 "label "
                 "off";
+      }
+      if ( way == Effect() ) {
+         return "on a way through " + into +
+                " nothing would happen to the label: the route or one of the definitions needs an "
+                "action";
       }
       if ( way.on > maxOutgoingLabels ) {
          return "on a way through " + into + " more than " + std::to_string( maxOutgoingLabels ) +

@@ -336,7 +336,8 @@ struct Vel::EnumNames< Mpls::LfibViaType > {
 template<>
 struct Vel::EnumNames< Mpls::LfibHwProgrammingReturnCode > {
    using enum Mpls::LfibHwProgrammingReturnCode;
-   static constexpr std::array< std::pair< Mpls::LfibHwProgrammingReturnCode, std::string_view >, 4 >
+   static constexpr std::array< std::pair< Mpls::LfibHwProgrammingReturnCode, std::string_view >,
+                                4 >
       names{ { { success, "success" },
                { tableFull, "tableFull" },
                { notSupported, "notSupported" },

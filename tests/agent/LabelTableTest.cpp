@@ -217,6 +217,10 @@ TEST( LabelTable, tellsWhatIsWrongWithABadTable ) {
                       defined( "externalFecs", "x", // of the three, one takes its own off
                                R"({"action":"push","outLabels":[17],"tunnel":"r"})" ) ),
         "label 16: on a way through external FEC \"x\" more than the label" },
+      { tableText( { R"({"label":16,"externalFec":"x"})" },
+                   R"("tunnels":[{"name":"t","vias":[{"interface":"x"}]}],)" +
+                      defined( "externalFecs", "x", goodVia + R"(,{"tunnel":"t"})" ) ),
+        "label 16: on a way through external FEC \"x\" nothing would happen to the label" },
       { tableText( { routeOf( 16, { goodVia }, R"(,"usableAsPrimaryVias":1)" ) } ),
         "the field \"usableAsPrimaryVias\" is 1, not true or false" },
       { nativeRoute( R"("label":16,"externalFec":"x","vias":[])" ),
