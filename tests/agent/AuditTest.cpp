@@ -50,7 +50,8 @@ LabelTable plainTable() {
 /// Protected, with the pop in the routes, IPv6, in part unresolved, into what other agents have, by
 /// the backup alone, and unsound.
 LabelTable fecTable() {
-   const std::string out = R"({"nextHop":"10.0.0.1","interface":"a"})";
+   const std::string out =
+      R"({"action":"push","outLabels":[99],"nextHop":"10.0.0.1","interface":"a"})";
    const std::string byB = swapVia( 22, "10.0.0.2", "b" );
    return tableOf(
       { guardedRoute( 100, { swapVia( 21, "10.0.0.1", "a" ) }, byB ),

@@ -59,7 +59,8 @@ Asked small() {
 /// is meant to leave by its backup on b; the rest leaves on d by what other agents have.
 Asked guarded() {
    const std::string byB = swapVia( 22, "10.0.0.2", "b" );
-   const std::string byD = R"({"nextHop":"10.0.0.5","interface":"d"})";
+   const std::string byD =
+      R"({"action":"push","outLabels":[99],"nextHop":"10.0.0.5","interface":"d"})";
    return {
       tableOf(
          { guardedRoute( 100, { swapVia( 21, "10.0.0.1", "a" ) }, byB ),

@@ -54,7 +54,7 @@ Programmed everyStateWithFecs() {
    const std::string definitions =
       R"("nextHopGroups":[{"name":"g1","vias":[{"action":"swap","outLabels":[500],
             "nextHop":"10.0.1.2"},{"action":"pop","tunnel":"t1"}]},
-           {"name":"g2","vias":[{"nextHop":"10.0.1.3","interface":"eth1"}]}],
+           {"name":"g2","vias":[{"action":"push","outLabels":[99],"nextHop":"10.0.1.3","interface":"eth1"}]}],
          "tunnels":[{"name":"t1","vias":[{"nextHop":"fe80::2","interface":"eth3"}]},
            {"name":"loop","vias":[{"tunnel":"loop"}]}],
          "externalFecs":[{"name":"x1","vias":[{"action":"pop","nextHop":"10.0.1.2"}]}],)";
