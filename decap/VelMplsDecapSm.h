@@ -169,20 +169,20 @@ class VEL_EXPORT MplsDecapSm : public Entity {
    void handleDot1qTagToVlanColl( Mpls::LfibDot1qTagToVlanKey key );
    /// One entry of a map has come, changed or gone.
    void handleDot1qTagToVlan( Mpls::LfibDot1qTagToVlanKey key, Bridging::VlanId dot1qTag );
-   void doReviewRouteKeyBacklog();
-   void doReviewUnprogrammed();
-   void handleUnread();
-
-   // --- Steps
-
-   void processRouteKey( Mpls::RouteKey routeKey );
-   /// Takes down what is programmed for the route.
-   void deleteRoute( Mpls::RouteKey routeKey );
 
  private:
    class Reactors;
    using ReturnCode = Mpls::LfibHwProgrammingReturnCode;
 
+   // Tasks.
+   VEL_HIDDEN void doReviewRouteKeyBacklog();
+   VEL_HIDDEN void doReviewUnprogrammed();
+   VEL_HIDDEN void handleUnread();
+
+   // Steps.
+   VEL_HIDDEN void processRouteKey( Mpls::RouteKey routeKey );
+   /// Takes down what is programmed for the route.
+   VEL_HIDDEN void deleteRoute( Mpls::RouteKey routeKey );
    VEL_HIDDEN void processRouteKeyBacklog( Mpls::RouteKey routeKey );
    VEL_HIDDEN void processViaSet( Mpls::RouteKey routeKey, const Mpls::LfibViaSet& viaSet );
    VEL_HIDDEN void processIpLookupVia( Mpls::RouteKey routeKey, Mpls::LfibViaKey viaKey );
