@@ -189,8 +189,9 @@ Driver::HwState stateFromJson( const json& in, Interfaces& interfaces ) {
                      " is unknown; this program reads version 1" );
    }
    Driver::HwState state;
-   state.nextHwId = natural( fieldOf( in, "nextHwId" ), largestHwId / 2 ); // numbers are left
-   if ( state.nextHwId == 0 ) { // 0 names no FEC
+   // Numbers are left to give out, and 0 names no FEC.
+   state.nextHwId = natural( fieldOf( in, "nextHwId" ), largestHwId / 2 );
+   if ( state.nextHwId == 0 ) {
       throw Unsound( "the next FEC cannot get the number 0" );
    }
    for ( const json& vrf : fieldOf( in, "mplsRouting" ) ) {

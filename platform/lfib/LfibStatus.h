@@ -281,7 +281,7 @@ class VEL_EXPORT LfibStatus : public Vel::WatchedEntity {
    mutable bool missed_ = false;
    mutable bool walkedBlind_ = false;
    mutable bool walkedAhead_ = false; // since everything was announced
-   U64 announcedBefore_ = 0; // in regions and by publishers of before
+   U64 announcedBefore_ = 0;          // in regions and by publishers of before
    mutable U64 announced_ = 0;
    mutable U64 unreads_ = 0;
    // What has been announced or found by a look-up, and not been announced as gone since.
