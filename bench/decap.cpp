@@ -67,12 +67,12 @@ struct Rig {
       tracking = make< Mpls::LfibTrackingStatus >( "tracking" );
       trackingSm = make< Mpls::LfibTrackingSm >( "trackingSm", lfib, tracking,
                                                  Mpls::LfibTrackingMode::routes );
+      while ( lfib->pollPending() ) { // the machine starts when all has been announced
+         lfib->poll( 1U << 16 );
+      }
       sm = MplsDecapSmIs( helper, lfib, scheduler, tracking, hwStatus, routeStatus );
       sm->handleInitialized();
-      do {
-         lfib->poll( 1U << 16 );
-         runUntilIdle( *scheduler, *clock, clock->now() + 1.0, 1U << 30 );
-      } while ( lfib->pollPending() );
+      runUntilIdle( *scheduler, *clock, clock->now() + 1.0, 1U << 30 );
    }
 
    std::vector< U64 > memory;

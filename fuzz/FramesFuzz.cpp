@@ -57,7 +57,9 @@ std::unique_ptr< LabelAgent > agentWith( bool fecs ) {
 
 /// What is read of a frame can be written again.
 void checkHeaders( ByteView frame ) {
-   if ( const auto header = Driver::ethernetRead( frame ) ) {
+   // A tag behind a tag for priority only, which is not written, would be taken for the first.
+   if ( const auto header = Driver::ethernetRead( frame );
+        header && ( header->vlanId != 0 || header->etherType != Driver::etherTypeDot1q ) ) {
       Driver::Bytes written;
       Driver::ethernetAppend( written, *header );
       const auto again = Driver::ethernetRead( written );
