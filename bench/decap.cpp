@@ -6,11 +6,10 @@
 //    BM_vrfChange/N/M     one VRF's status changes: its N / M labels are programmed again
 
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
-#include <chrono>
 #include <memory>
 
+#include "bench/Measure.h"
 #include "decap/VelMplsDecapSm.h"
 
 namespace Vel {
@@ -87,17 +86,6 @@ struct Rig {
    Ptr< IdleHelper > helper = make< IdleHelper >();
    Ptr< MplsDecapSm > sm;
 };
-
-double secondsOf( const std::function< void() >& work ) {
-   const auto begin = std::chrono::steady_clock::now();
-   work();
-   return std::chrono::duration< double >( std::chrono::steady_clock::now() - begin ).count();
-}
-
-size_t heapBytes() {
-   const auto info = mallinfo2();
-   return info.uordblks + info.hblkhd;
-}
 
 void BM_decapTable( benchmark::State& state ) {
    const auto labels = static_cast< U32 >( state.range( 0 ) );

@@ -17,13 +17,12 @@
 // is not).
 
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
+#include "bench/Measure.h"
 #include "tests/LabelRig.h"
 
 namespace Vel {
@@ -33,17 +32,6 @@ constexpr U32 firstLabel = 16;
 constexpr U32 viasPerSet = 4;
 constexpr U32 nextHops = 512;
 constexpr U32 interfaces = 64;
-
-double secondsOf( const std::function< void() >& work ) {
-   const auto begin = std::chrono::steady_clock::now();
-   work();
-   return std::chrono::duration< double >( std::chrono::steady_clock::now() - begin ).count();
-}
-
-size_t heapBytes() {
-   const auto info = mallinfo2();
-   return info.uordblks + info.hblkhd;
-}
 
 Test::RigSettings settingsFor( U32 routes, U32 viaSets ) {
    Test::RigSettings settings;
